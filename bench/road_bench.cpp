@@ -1,0 +1,231 @@
+// The whole road, from the log port to files, against its limit: the same bytes through bare
+// snappy_compress and bare write, in turn and in one process.
+//
+// Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]     (in a box)
+#include <android/log.h>
+#include <fcntl.h>
+#include <snappy-c.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/quarn.h"
+#include "sim/modem.h"
+
+namespace fs = std::filesystem;
+
+// Every allocation of the process is counted; those of the bare run are the compressor's own.
+static std::atomic<uint64_t> allocations{0};
+
+void* operator new(size_t size) {
+    allocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* const memory = malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, size_t) noexcept { free(memory); }
+
+namespace {
+
+constexpr size_t kBlockSize = 256 * 1024;    // what the writer takes at once
+constexpr size_t kBufferSize = 1024 * 1024;  // what the storage channel writes at once
+constexpr size_t kPortRead = 64 * 1024;
+
+// The port's bytes, from memory.
+class MemorySource : public sim::LogSource {
+  public:
+    explicit MemorySource(const std::vector<uint8_t>& stream) : bytes(stream) {}
+    size_t Read(uint8_t* out, size_t len) override {
+        len = std::min(len, bytes.size() - at);
+        memcpy(out, bytes.data() + at, len);
+        at += len;
+        return len;
+    }
+
+  private:
+    const std::vector<uint8_t>& bytes;
+    size_t at = 0;
+};
+
+struct Cost {
+    double wall, cpu;  // seconds
+    double allocations_per_block;
+};
+
+double CpuSeconds() {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+template <typename Run>
+Cost Measure(size_t blocks, const Run& run) {
+    const uint64_t allocated = allocations;
+    const double cpu = CpuSeconds();
+    const auto start = std::chrono::steady_clock::now();
+    run();
+    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
+    return {wall.count(), CpuSeconds() - cpu,
+            static_cast<double>(allocations - allocated) / static_cast<double>(blocks)};
+}
+
+void WriteAll(int fd, const char* buf, size_t len) {
+    while (len > 0) {
+        const ssize_t written = write(fd, buf, len);
+        if (written < 0) {
+            perror("road_bench: write");
+            exit(1);
+        }
+        buf += written;
+        len -= static_cast<size_t>(written);
+    }
+}
+
+// The limit: compress into a buffer of the same size, write it out when full, a new file every 50
+// MiB.
+void Bare(const std::vector<uint8_t>& bytes, const std::string& folder) {
+    std::vector<char> buffer(kBufferSize);
+    const size_t most = snappy_max_compressed_length(kBlockSize);
+    size_t used = 0;
+    const uint64_t file_size = static_cast<uint64_t>(g_file_io.get_file_size()) << 20;
+    uint64_t in_file = file_size;
+    int fd = -1;
+    int number = 0;
+    const auto flush = [&] {
+        if (in_file >= file_size) {
+            if (fd >= 0) close(fd);
+            fd = open((folder + "/" + std::to_string(number++)).c_str(),
+                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            in_file = 0;
+        }
+        WriteAll(fd, buffer.data(), used);
+        in_file += used;
+        used = 0;
+    };
+    for (size_t at = 0; at < bytes.size(); at += kBlockSize) {
+        if (used + most > buffer.size()) flush();
+        size_t length = buffer.size() - used;
+        snappy_compress(reinterpret_cast<const char*>(bytes.data()) + at,
+                        std::min(kBlockSize, bytes.size() - at), buffer.data() + used, &length);
+        used += length;
+    }
+    flush();
+    close(fd);
+}
+
+// Until the last byte is in a file and the capture closed.
+void Road(const std::vector<uint8_t>& bytes) {
+    sim::Modem& modem = sim::Modem::Instance();
+    const uint64_t before = modem.bytes_delivered();
+    modem.SetSource(std::make_unique<MemorySource>(bytes));
+    modem.StartStream();
+    while (modem.bytes_delivered() - before < bytes.size() || g_ring.current_size() > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    g_writer.stop();
+}
+
+std::vector<uint8_t> Stream(const std::string& input, size_t size) {
+    const auto source = input.empty() ? sim::MakeGeneratedSource(1) : sim::MakeReplaySource(input);
+    if (!source) {
+        perror(("road_bench: " + input).c_str());
+        exit(2);
+    }
+    std::vector<uint8_t> bytes(size);
+    size_t filled = 0;
+    while (filled < size) {
+        const size_t n = source->Read(bytes.data() + filled, size - filled);
+        if (n == 0) break;
+        filled += n;
+    }
+    // Whole reads of the port, so that no chunk waits for a time-out at the end.
+    bytes.resize(filled / kPortRead * kPortRead);
+    return bytes;
+}
+
+void Print(const char* what, const Cost& cost, size_t size) {
+    printf("%-6s %8.3f s wall %8.3f s cpu %8.1f MB/s %7.2f allocations/block\n", what, cost.wall,
+           cost.cpu, static_cast<double>(size) / 1e6 / cost.wall, cost.allocations_per_block);
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::string input;
+    size_t mib = 1024;
+    int rounds = 5;
+    for (int i = 1; i < argc; ++i) {
+        const std::string option = argv[i];
+        const char* const value = i + 1 < argc ? argv[++i] : nullptr;
+        if (option == "--input" && value != nullptr) {
+            input = value;
+        } else if (option == "--size" && value != nullptr && atol(value) > 0) {
+            mib = static_cast<size_t>(atol(value));
+        } else if (option == "--rounds" && value != nullptr && atoi(value) > 0) {
+            rounds = atoi(value);
+        } else if (option == "--file-size" && value != nullptr &&
+                   g_file_io.set_file_size(atoi(value)) == 0) {
+            continue;
+        } else {
+            fprintf(stderr,
+                    "Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]\n");
+            return 2;
+        }
+    }
+    if (!fs::exists("/box")) {
+        fprintf(stderr, "run this in a box: sim/box %s\n", argv[0]);
+        return 2;
+    }
+    fs::create_directories("/data/vendor/radio");
+    fs::create_directories("/data/bare");
+    sim::Modem::Instance();
+    __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
+
+    const std::vector<uint8_t> bytes = Stream(input, mib << 20);
+    const size_t blocks = bytes.size() / kBlockSize;
+    g_file_io.create_top_folder();
+    g_writer.init();
+    mcl_init();
+    g_reader.start();
+
+    std::vector<double> wall_ratios, cpu_ratios;
+    for (int round = 0; round < rounds; ++round) {
+        const Cost bare = Measure(blocks, [&] { Bare(bytes, "/data/bare"); });
+        g_file_io.io_open();
+        g_writer.start();
+        const Cost road = Measure(blocks, [&] { Road(bytes); });
+        Print("bare", bare, bytes.size());
+        Print("road", road, bytes.size());
+        wall_ratios.push_back(bare.wall / road.wall);
+        cpu_ratios.push_back(bare.cpu / road.cpu);
+        for (const char* folder : {"/data/bare", "/data/vendor/radio/quarn/logs"}) {
+            for (const auto& entry : fs::directory_iterator(folder)) fs::remove_all(entry);
+        }
+    }
+    g_reader.stop();
+    mcl_deinit();
+    printf("road as a share of the bare limit, median of %d: wall %.3f, cpu %.3f\n", rounds,
+           Median(wall_ratios), Median(cpu_ratios));
+    return 0;
+}

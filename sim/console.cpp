@@ -1,0 +1,396 @@
+#include "sim/console.h"
+
+#include <android/log.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "platform/system_properties.h"
+#include "sim/modem.h"
+#include "sim/replay_place.h"
+
+namespace sim {
+
+namespace {
+
+using Words = std::span<const std::string>;
+
+Reply Ok(std::string text = "") { return {true, std::move(text)}; }
+Reply Refuse(std::string why) { return {false, std::move(why)}; }
+
+// --- values ---
+
+// A whole number, with k, M or G for powers of a thousand and Ki, Mi or Gi for powers of 1,024.
+std::optional<uint64_t> Number(std::string_view word, uint64_t max) {
+    static constexpr std::array<std::pair<std::string_view, uint64_t>, 7> kUnits = {
+        {{"", 1},
+         {"k", 1000},
+         {"M", 1000'000},
+         {"G", 1000'000'000},
+         {"Ki", 1 << 10},
+         {"Mi", 1 << 20},
+         {"Gi", 1 << 30}}};
+    uint64_t value = 0;
+    const char* const end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, value);
+    if (error != std::errc()) return std::nullopt;
+    const std::string_view unit(stop, static_cast<size_t>(end - stop));
+    for (const auto& [name, factor] : kUnits) {
+        if (unit == name && value <= max / factor) return value * factor;
+    }
+    return std::nullopt;
+}
+
+Reply BadNumber(std::string_view what, const std::string& word, uint64_t max) {
+    return Refuse(std::string(what) + " is not a number from 0 to " + std::to_string(max) + ": " +
+                  word);
+}
+
+// An errno number, by number or by one of the names that a port knows; 0 for "zero".
+std::optional<int> ErrorNumber(std::string_view word) {
+    static constexpr std::array<std::pair<std::string_view, int>, 7> kNames = {{{"zero", 0},
+                                                                                {"EAGAIN", EAGAIN},
+                                                                                {"EBADF", EBADF},
+                                                                                {"EINTR", EINTR},
+                                                                                {"EIO", EIO},
+                                                                                {"ENODEV", ENODEV},
+                                                                                {"ENXIO", ENXIO}}};
+    for (const auto& [name, value] : kNames) {
+        if (word == name) return value;
+    }
+    const auto value = Number(word, 4095);
+    return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
+}
+
+bool HexBytes(std::string_view word, std::vector<uint8_t>* bytes) {
+    if (word.size() % 2 != 0) return false;
+    for (size_t i = 0; i < word.size(); i += 2) {
+        uint8_t byte = 0;
+        const char* const end = word.data() + i + 2;
+        const auto [stop, error] = std::from_chars(word.data() + i, end, byte, 16);
+        if (error != std::errc() || stop != end) return false;
+        bytes->push_back(byte);
+    }
+    return true;
+}
+
+Reply NotAbsolute(const std::string& path) {
+    return Refuse("not an absolute path (as it is inside the box): " + path);
+}
+
+// --- commands ---
+
+Reply Replay(const Console& console, Words words) {
+    const std::string& path = words[2];
+    if (!path.starts_with('/')) return NotAbsolute(path);
+    uint64_t offset = 0;
+    if (words.size() > 3) {
+        const auto value = Number(words[3], LLONG_MAX);
+        if (!value) return BadNumber("OFFSET", words[3], LLONG_MAX);
+        offset = *value;
+    } else if (!console.folder().empty()) {
+        offset = ReadReplayPlace(console.folder(), path);
+    }
+    auto source = console.folder().empty() ? MakeReplaySource(path, offset)
+                                           : MakeKeptReplaySource(console.folder(), path, offset);
+    if (!source) return Refuse("cannot replay " + path + ": " + strerror(errno));
+    Modem::Instance().SetSource(std::move(source));
+    return Ok();
+}
+
+Reply Source(const Console& console, Words words) {
+    if (words[1] == "replay" && words.size() >= 3) return Replay(console, words);
+    if (words[1] == "none" && words.size() == 2) {
+        Modem::Instance().SetSource(nullptr);
+        return Ok();
+    }
+    if (words[1] != "generated" || words.size() != 3) {
+        return Refuse("a source is generated SEED, replay FILE [OFFSET] or none");
+    }
+    const auto seed = Number(words[2], UINT64_MAX);
+    if (!seed) return BadNumber("SEED", words[2], UINT64_MAX);
+    Modem::Instance().SetSource(MakeGeneratedSource(*seed));
+    return Ok();
+}
+
+Reply Stream(const Console&, Words words) {
+    if (words[1] == "start") {
+        Modem::Instance().StartStream();
+    } else if (words[1] == "stop") {
+        Modem::Instance().StopStream();
+    } else {
+        return Refuse("neither start nor stop: " + words[1]);
+    }
+    return Ok();
+}
+
+Reply Rate(const Console&, Words words) {
+    constexpr uint64_t kMax = 1'000'000'000'000;
+    const auto rate = Number(words[1], kMax);
+    if (!rate) return BadNumber("RATE", words[1], kMax);
+    Modem::Instance().SetRate(*rate);
+    return Ok();
+}
+
+Reply Limit(const Console&, Words words) {
+    const auto limit = Number(words[1], INT_MAX);
+    if (!limit) return BadNumber("BYTES", words[1], INT_MAX);
+    Modem::Instance().SetReadLimit(*limit);
+    return Ok();
+}
+
+Reply Tap(const Console&, Words words) {
+    if (words[1] == "off") {
+        Modem::Instance().SetTap("");
+        return Ok();
+    }
+    if (!words[1].starts_with('/')) return NotAbsolute(words[1]);
+    if (!Modem::Instance().SetTap(words[1])) {
+        return Refuse("cannot write to " + words[1] + ": " + strerror(errno));
+    }
+    return Ok();
+}
+
+Reply Fail(const Console&, Words words) {
+    const std::string& what = words[1];
+    const auto count = Number(words.back(), INT_MAX);
+    if (!count) return BadNumber("COUNT", words.back(), INT_MAX);
+    const int times = static_cast<int>(*count);
+    Modem& modem = Modem::Instance();
+    if (words.size() == 3 && what == "init") {
+        modem.FailInit(times);
+    } else if (words.size() == 3 && what == "open") {
+        modem.FailOpens(times);
+    } else if (words.size() == 3 && what == "write") {
+        modem.FailWrites(times);
+    } else if (words.size() == 4 && what == "read") {
+        const auto error = ErrorNumber(words[2]);
+        if (!error) return Refuse("no error number or name that is known here: " + words[2]);
+        modem.FailReads(*error, times);
+    } else if (words.size() == 4 && what == "poll") {
+        if (words[2] != "timeout" && words[2] != "failure") {
+            return Refuse("neither timeout nor failure: " + words[2]);
+        }
+        modem.FailPolls(words[2] == "timeout" ? -2 : -1, times);
+    } else {
+        return Refuse(
+            "what can fail is init COUNT, open COUNT, write COUNT, read ERROR COUNT and "
+            "poll timeout|failure COUNT");
+    }
+    return Ok();
+}
+
+Reply Sprinkle(const Console&, Words words) {
+    const auto per_mille = Number(words[1], 1000);
+    if (!per_mille) return BadNumber("PER_MILLE", words[1], 1000);
+    const auto seed = words.size() > 2 ? Number(words[2], UINT64_MAX) : 1;
+    if (!seed) return BadNumber("SEED", words[2], UINT64_MAX);
+    Modem::Instance().SprinkleFaults(*seed, static_cast<int>(*per_mille));
+    return Ok();
+}
+
+Reply Notify(const Console&, Words words) {
+    const auto code = Number(words[1], INT_MAX);
+    if (!code) return BadNumber("CODE", words[1], INT_MAX);
+    std::vector<uint8_t> payload;
+    if (words.size() > 2 && !HexBytes(words[2], &payload)) {
+        return Refuse("PAYLOAD is not bytes in hexadecimal: " + words[2]);
+    }
+    Modem::Instance().Notify(static_cast<MCL_NTFY_CODE>(*code),
+                             payload.empty() ? nullptr : payload.data(), payload.size());
+    return Ok();
+}
+
+Reply Property(const Console&, Words words) {
+    if (words.size() == 2) {
+        char value[PROP_VALUE_MAX];
+        __system_property_get(words[1].c_str(), value);
+        return Ok(std::string(value) + "\n");
+    }
+    if (__system_property_set(words[1].c_str(), words[2].c_str()) != 0) {
+        return Refuse("no name, or a value of more than " + std::to_string(PROP_VALUE_MAX - 1) +
+                      " bytes");
+    }
+    return Ok();
+}
+
+Reply Log(const Console&, Words words) {
+    static constexpr std::array<std::pair<std::string_view, android_LogPriority>, 4> kPriorities = {
+        {{"debug", ANDROID_LOG_DEBUG},
+         {"info", ANDROID_LOG_INFO},
+         {"warning", ANDROID_LOG_WARN},
+         {"error", ANDROID_LOG_ERROR}}};
+    for (const auto& [name, priority] : kPriorities) {
+        if (words[1] != name) continue;
+        __android_log_set_minimum_priority(priority);
+        return Ok();
+    }
+    return Refuse("not debug, info, warning or error: " + words[1]);
+}
+
+Reply State(const Console&, Words) {
+    const Modem::Status s = Modem::Instance().status();
+    std::string text;
+    const auto line = [&text](std::string_view key, const std::string& value) {
+        text.append(key).append(": ").append(value).append("\n");
+    };
+    const auto number = [](auto value) { return std::to_string(value); };
+    const auto yes_no = [](bool value) { return std::string(value ? "yes" : "no"); };
+    line("pid", number(getpid()));
+    line("layer up", yes_no(s.up));
+    line("port open", yes_no(s.port_open));
+    line("stream", s.streaming ? "started" : "stopped");
+    line("source", s.source.empty() ? "none" : s.source);
+    line("at its end", yes_no(s.exhausted));
+    line("rate", s.rate == 0 ? "as read" : number(s.rate) + " bytes/s");
+    line("read limit", s.read_limit == 0 ? "none" : number(s.read_limit) + " bytes");
+    line("tap", s.tap.empty() ? "off" : s.tap);
+    line("delivered", number(s.delivered) + " bytes");
+    line("written to the port", number(s.written) + " bytes");
+    line("notifications", number(s.notified) + " handled, " + number(s.notify_queue) + " waiting");
+    line("sprinkled faults", number(s.sprinkle_per_mille) + " per mille");
+    line("calls", "init " + number(s.calls.init) + ", open " + number(s.calls.open) + ", close " +
+                      number(s.calls.close) + ", read " + number(s.calls.read) + ", poll " +
+                      number(s.calls.poll) + ", write " + number(s.calls.write));
+    return Ok(std::move(text));
+}
+
+Reply Exit(const Console&, Words) {
+    Reply reply = Ok();
+    reply.exit = true;
+    return reply;
+}
+
+Reply Help(const Console&, Words words);
+
+struct Command {
+    std::string_view name;
+    size_t min_words;  // the name counts
+    size_t max_words;
+    std::string_view arguments;
+    std::string_view help;
+    Reply (*run)(const Console&, Words);
+};
+
+constexpr Command kCommands[] = {
+    {"source", 2, 4, "generated SEED | replay FILE [OFFSET] | none",
+     "where the log stream comes from; a replay of the file that was replayed last goes on where "
+     "it stopped, a restart of the process included, unless OFFSET says otherwise",
+     Source},
+    {"stream", 2, 2, "start | stop", "lets the log stream flow or stand still", Stream},
+    {"rate", 2, 2, "BYTES", "bytes a second (4M, 512k, 1Gi, ...); 0: as fast as they are read",
+     Rate},
+    {"limit", 2, 2, "BYTES", "most bytes one read of the port gives; 0: what it asks for", Limit},
+    {"tap", 2, 2, "FILE | off", "appends all that is handed over at the port to a file", Tap},
+    {"fail", 3, 4,
+     "init COUNT | open COUNT | write COUNT | read ERROR COUNT | poll timeout|failure COUNT",
+     "makes the next COUNT calls fail; ERROR: EAGAIN, EBADF, EINTR, EIO, ENODEV, ENXIO, a number, "
+     "or zero for reads of zero bytes; a COUNT of 0 takes it back",
+     Fail},
+    {"sprinkle", 2, 3, "PER_MILLE [SEED]", "makes so many of all reads and polls fail; 0: none",
+     Sprinkle},
+    {"notify", 2, 3, "CODE [PAYLOAD]", "raises a notification, its payload in hexadecimal", Notify},
+    {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
+    {"log", 2, 2, "debug | info | warning | error",
+     "lowest priority of the Android log that is shown", Log},
+    {"state", 1, 1, "", "shows how the modem stands", State},
+    {"exit", 1, 1, "",
+     "ends the daemon's process at once but in order: its static objects end as at every exit, so "
+     "that open files are flushed and closed; what is still in its ring is lost",
+     Exit},
+    {"help", 1, 2, "[COMMAND]", "shows this", Help},
+};
+
+const Command* Find(std::string_view name) {
+    const auto* const found = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                           [&](const Command& c) { return c.name == name; });
+    return found != std::end(kCommands) ? found : nullptr;
+}
+
+std::string Usage(const Command& command) {
+    std::string usage(command.name);
+    if (!command.arguments.empty()) usage.append(" ").append(command.arguments);
+    return usage;
+}
+
+Reply Help(const Console&, Words words) {
+    std::string text;
+    for (const Command& command : kCommands) {
+        if (words.size() > 1 && words[1] != command.name) continue;
+        text += Usage(command) + "\n    " + std::string(command.help) + "\n";
+    }
+    return text.empty() ? Refuse("no such command: " + words[1]) : Ok(std::move(text));
+}
+
+}  // namespace
+
+bool SplitLine(std::string_view line, std::vector<std::string>* words, std::string* error) {
+    if (line.size() > kMaxLine) {
+        *error = "line of more than " + std::to_string(kMaxLine) + " bytes";
+        return false;
+    }
+    bool in_word = false;
+    bool in_quotes = false;
+    for (const char c : line) {
+        if (static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r') {
+            *error = "control character in the line";
+            return false;
+        }
+        if (!in_quotes && (c == ' ' || c == '\t' || c == '\r')) {
+            in_word = false;
+            continue;
+        }
+        if (!in_word) words->emplace_back();
+        in_word = true;
+        if (c == '"') {
+            in_quotes = !in_quotes;
+        } else {
+            words->back() += c;
+        }
+    }
+    if (in_quotes) *error = "quotes are not closed";
+    if (words->size() > kMaxWords) *error = "more than " + std::to_string(kMaxWords) + " words";
+    return error->empty();
+}
+
+Reply Console::Execute(std::string_view line) const {
+    std::vector<std::string> words;
+    std::string error;
+    if (!SplitLine(line, &words, &error)) return Refuse(error);
+    if (words.empty() || words[0].starts_with('#')) return Ok();
+    const Command* const command = Find(words[0]);
+    if (command == nullptr) {
+        return Refuse("no such command: " + words[0] + " (help lists them)");
+    }
+    if (words.size() < command->min_words || words.size() > command->max_words) {
+        return Refuse("use: " + Usage(*command));
+    }
+    Reply reply = command->run(*this, words);
+    if (!reply.ok) reply.text.insert(0, words[0] + ": ");
+    return reply;
+}
+
+void Console::RunScenario(const std::string& path) const {
+    std::ifstream in(path, std::ios::binary);
+    std::string line;
+    for (int number = 1; std::getline(in, line); ++number) {
+        Reply reply = Execute(line);
+        if (reply.exit) reply = Refuse("exit: not in a scenario");
+        if (reply.ok) continue;
+        __android_log_print(ANDROID_LOG_ERROR, "SIM", "%s, line %d: %s", path.c_str(), number,
+                            reply.text.c_str());
+    }
+}
+
+}  // namespace sim

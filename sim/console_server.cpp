@@ -1,0 +1,119 @@
+#include "sim/console_server.h"
+
+#include <android/log.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "sim/socket_address.h"
+
+namespace sim {
+
+namespace {
+
+constexpr time_t kClientPatience = 5;  // seconds
+
+bool SendAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t sent = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent <= 0) return false;
+        text.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
+std::string Wire(const Reply& reply) {
+    if (reply.ok) return reply.text + std::string(kOkMark) + "\n";
+    return std::string(kErrorMark) + reply.text + "\n";
+}
+
+}  // namespace
+
+ConsoleServer::ConsoleServer(const Console& console) : console_(console) {
+    const SocketAddress address(console.folder(), kConsoleSocketName);
+    if (!address.ok()) return;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd == -1) return;
+    unlink(address.path());  // of a process that was killed
+    if (bind(fd, address.address(), address.size()) != 0 || chmod(address.path(), 0600) != 0 ||
+        listen(fd, 8) != 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return;
+    }
+    listen_fd_ = fd;
+    thread_ = std::thread(&ConsoleServer::Serve, this);
+}
+
+ConsoleServer::~ConsoleServer() {
+    if (!ok()) return;
+    shutdown(listen_fd_, SHUT_RDWR);
+    thread_.join();
+    close(listen_fd_);
+}
+
+void ConsoleServer::Serve() {
+    pthread_setname_np(pthread_self(), "sim_console");
+    while (true) {
+        const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd == -1) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno != EMFILE && errno != ENFILE) return;  // shut down
+            usleep(100'000);
+            continue;
+        }
+        const timeval patience = {kClientPatience, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+        ServeClient(fd);
+        close(fd);
+    }
+}
+
+void ConsoleServer::ServeClient(int fd) {
+    std::string pending;
+    char piece[4096];
+    while (true) {
+        const ssize_t got = recv(fd, piece, sizeof(piece), 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return;
+        pending.append(piece, static_cast<size_t>(got));
+        for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
+            const Reply reply = console_.Execute(std::string_view(pending).substr(0, end));
+            pending.erase(0, end + 1);
+            const bool sent = SendAll(fd, Wire(reply));
+            if (reply.exit) exit(0);
+            if (!sent) return;
+        }
+        if (pending.size() > kMaxLine) {
+            SendAll(fd, Wire(console_.Execute(pending)));  // which refuses it for its length
+            return;
+        }
+    }
+}
+
+void StartPhone() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        const char* const folder = getenv("QUARN_SIM_DIR");
+        if (folder == nullptr || *folder == '\0') return;
+        // Both live until the process is gone, whatever thread ends it.
+        const auto& console = *new Console(folder);
+        console.RunScenario(console.folder() + "/scenario");
+        if (!(new ConsoleServer(console))->ok()) {
+            __android_log_print(ANDROID_LOG_ERROR, "SIM", "no console in %s: %s", folder,
+                                strerror(errno));
+        }
+    });
+}
+
+}  // namespace sim

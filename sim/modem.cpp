@@ -1,0 +1,435 @@
+#include "sim/modem.h"
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+namespace sim {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds kTick = 10ms;
+constexpr uint64_t kTicksPerSecond = 1s / kTick;
+constexpr size_t kWrittenKept = 1 << 20;
+
+}  // namespace
+
+Modem& Modem::Instance() {
+    static Modem& modem = *new Modem;
+    return modem;
+}
+
+Modem::Modem() {
+    // Said outright, since a liblog that was told nothing has a default of its own per platform;
+    // whoever set a priority before keeps it.
+    if (__android_log_get_minimum_priority() == ANDROID_LOG_DEFAULT) {
+        __android_log_set_minimum_priority(ANDROID_LOG_INFO);
+    }
+}
+
+// --- the layer and its port ---
+
+int Modem::Init() {
+    std::lock_guard lifecycle(lifecycle_mutex_);
+    std::lock_guard lock(mutex_);
+    ++calls_.init;
+    if (init_faults_ > 0) {
+        --init_faults_;
+        return -1;
+    }
+    if (up_) return 0;
+    up_ = true;
+    port_open_ = true;
+    RestartRateClock();
+    notifier_ = std::thread(&Modem::NotifyThread, this);
+    return 0;
+}
+
+int Modem::Deinit() {
+    std::lock_guard lifecycle(lifecycle_mutex_);
+    {
+        std::lock_guard lock(mutex_);
+        if (!up_) return 0;
+        up_ = false;
+        port_open_ = false;
+        notifications_.clear();
+    }
+    port_cond_.notify_all();
+    notify_cond_.notify_all();
+    notifier_.join();
+    idle_cond_.notify_all();
+    return 0;
+}
+
+int Modem::OpenPort() {
+    std::lock_guard lock(mutex_);
+    ++calls_.open;
+    if (!up_) return -1;
+    if (open_faults_ > 0) {
+        --open_faults_;
+        return -1;
+    }
+    port_open_ = true;
+    return 0;
+}
+
+int Modem::ClosePort() {
+    {
+        std::lock_guard lock(mutex_);
+        ++calls_.close;
+        port_open_ = false;
+    }
+    port_cond_.notify_all();
+    return 0;
+}
+
+int Modem::PollPort(int timeout_ms) {
+    constexpr auto kForEver = std::chrono::hours(24);
+    const Clock::time_point deadline =
+        Clock::now() + (timeout_ms < 0 ? kForEver : std::chrono::milliseconds(timeout_ms));
+    std::unique_lock lock(mutex_);
+    ++calls_.poll;
+    int result = 0;
+    if (port_open_ && (TakeFault(poll_faults_, &result) || SprinklePoll(&result))) return result;
+    while (true) {
+        if (!port_open_) return -1;
+        if (Available() != 0) return 1;
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline) return -2;
+        const bool ticks = rate_ != 0 && streaming_ && source_ && !exhausted_;
+        port_cond_.wait_until(lock, ticks ? std::min(deadline, last_tick_ + kTick) : deadline);
+    }
+}
+
+int Modem::ReadPort(void* buf, size_t len, int* err) {
+    std::lock_guard lock(mutex_);
+    ++calls_.read;
+    int error = 0;
+    if (!port_open_) {
+        error = EBADF;
+    } else if (TakeFault(read_faults_, &error) || SprinkleRead(&error)) {
+        if (error == 0) return 0;
+    } else {
+        size_t want = std::min({len, Available(), static_cast<size_t>(INT_MAX)});
+        if (read_limit_ != 0) want = std::min(want, read_limit_);
+        const size_t got = want == 0 ? 0 : source_->Read(static_cast<uint8_t*>(buf), want);
+        if (got != 0) {
+            delivered_ += got;
+            credit_ -= rate_ != 0 ? got * kTicksPerSecond : 0;
+            WriteTap(static_cast<const uint8_t*>(buf), got);
+            return static_cast<int>(got);
+        }
+        if (want != 0) exhausted_ = true;
+        error = EAGAIN;
+    }
+    if (err != nullptr) *err = error;
+    return -1;
+}
+
+int Modem::WritePort(const void* buf, size_t len) {
+    std::lock_guard lock(mutex_);
+    ++calls_.write;
+    if (!port_open_) return -1;
+    if (write_faults_ > 0) {
+        --write_faults_;
+        return -1;
+    }
+    written_.append(static_cast<const char*>(buf), len);
+    if (written_.size() > kWrittenKept) written_.erase(0, written_.size() - kWrittenKept);
+    written_total_ += len;
+    return static_cast<int>(len);
+}
+
+void Modem::RegisterCallback(mcl_ntfy_callback callback, void* user) {
+    std::lock_guard lock(mutex_);
+    callback_ = callback;
+    callback_user_ = user;
+}
+
+// --- the stream ---
+
+void Modem::SetSource(std::unique_ptr<LogSource> source) {
+    {
+        std::lock_guard lock(mutex_);
+        source_.swap(source);
+        exhausted_ = false;
+        RestartRateClock();
+    }
+    port_cond_.notify_all();
+}
+
+void Modem::StartStream() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!streaming_) RestartRateClock();
+        streaming_ = true;
+    }
+    port_cond_.notify_all();
+}
+
+void Modem::StopStream() {
+    std::lock_guard lock(mutex_);
+    streaming_ = false;
+}
+
+void Modem::SetRate(uint64_t bytes_per_second) {
+    {
+        std::lock_guard lock(mutex_);
+        rate_ = bytes_per_second;
+        RestartRateClock();
+    }
+    port_cond_.notify_all();
+}
+
+void Modem::SetReadLimit(size_t bytes) {
+    std::lock_guard lock(mutex_);
+    read_limit_ = bytes;
+}
+
+void Modem::RestartRateClock() {
+    credit_ = 0;
+    last_tick_ = Clock::now();
+}
+
+size_t Modem::Available() {
+    if (!streaming_ || !source_ || exhausted_) return 0;
+    if (rate_ == 0) return SIZE_MAX;
+    const auto ticks = static_cast<uint64_t>((Clock::now() - last_tick_) / kTick);
+    last_tick_ += ticks * kTick;
+    const uint64_t one_second = rate_ * kTicksPerSecond;
+    credit_ = ticks >= kTicksPerSecond ? one_second : std::min(one_second, credit_ + ticks * rate_);
+    return credit_ / kTicksPerSecond;
+}
+
+bool Modem::SetTap(const std::string& path) {
+    int fd = -1;
+    if (!path.empty()) fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    const int error = errno;
+    {
+        std::lock_guard lock(mutex_);
+        CloseTap();
+        tap_ = {fd, fd != -1 ? path : ""};
+    }
+    errno = error;
+    return path.empty() || fd != -1;
+}
+
+void Modem::CloseTap() {
+    if (tap_.fd != -1) close(tap_.fd);
+    tap_ = {};
+}
+
+void Modem::WriteTap(const uint8_t* bytes, size_t len) {
+    while (tap_.fd != -1 && len > 0) {
+        const ssize_t put = write(tap_.fd, bytes, len);
+        if (put < 0 && errno == EINTR) continue;
+        if (put < 0) {
+            const std::string why = tap_.text + ": given up, " + strerror(errno);
+            CloseTap();
+            tap_.text = why;
+            return;
+        }
+        bytes += put;
+        len -= static_cast<size_t>(put);
+    }
+}
+
+uint64_t Modem::bytes_delivered() const {
+    std::lock_guard lock(mutex_);
+    return delivered_;
+}
+
+bool Modem::source_exhausted() const {
+    std::lock_guard lock(mutex_);
+    return exhausted_;
+}
+
+// --- faults ---
+
+void Modem::FailInit(int count) {
+    std::lock_guard lock(mutex_);
+    init_faults_ = count;
+}
+
+void Modem::FailOpens(int count) {
+    std::lock_guard lock(mutex_);
+    open_faults_ = count;
+}
+
+void Modem::FailReads(int error, int count) {
+    std::lock_guard lock(mutex_);
+    AddFault(read_faults_, error, count);
+}
+
+void Modem::FailPolls(int result, int count) {
+    std::lock_guard lock(mutex_);
+    AddFault(poll_faults_, result, count);
+}
+
+void Modem::FailWrites(int count) {
+    std::lock_guard lock(mutex_);
+    write_faults_ = count;
+}
+
+void Modem::SprinkleFaults(uint64_t seed, int per_mille) {
+    std::lock_guard lock(mutex_);
+    sprinkle_random_.seed(seed);
+    sprinkle_per_mille_ = per_mille;
+    sprinkle_ebadf_left_ = 0;
+}
+
+void Modem::AddFault(std::deque<Fault>& faults, int value, int count) {
+    if (count <= 0) {
+        faults.clear();
+    } else {
+        faults.push_back({value, count});
+    }
+}
+
+bool Modem::TakeFault(std::deque<Fault>& faults, int* value) {
+    if (faults.empty()) return false;
+    *value = faults.front().value;
+    if (--faults.front().count == 0) faults.pop_front();
+    return true;
+}
+
+bool Modem::SprinkleHits() {
+    return sprinkle_per_mille_ > 0 &&
+           sprinkle_random_() % 1000 < static_cast<uint64_t>(sprinkle_per_mille_);
+}
+
+bool Modem::SprinkleRead(int* error) {
+    if (sprinkle_ebadf_left_ > 0) {
+        --sprinkle_ebadf_left_;
+        *error = EBADF;
+        return true;
+    }
+    if (!SprinkleHits()) return false;
+    // A reader pauses for a good part of a second after the later ones, so they are rare.
+    const uint64_t dice = sprinkle_random_() % 100;
+    if (dice < 40) {
+        *error = EAGAIN;
+    } else if (dice < 65) {
+        *error = EINTR;
+    } else if (dice < 90) {
+        *error = 0;
+    } else if (dice < 95) {
+        *error = ENODEV;
+    } else if (dice < 98) {
+        *error = EIO;
+    } else {
+        *error = EBADF;
+        sprinkle_ebadf_left_ = static_cast<int>(sprinkle_random_() % 12);
+    }
+    return true;
+}
+
+bool Modem::SprinklePoll(int* result) {
+    if (!SprinkleHits()) return false;
+    *result = sprinkle_random_() % 5 == 0 ? -1 : -2;
+    return true;
+}
+
+// --- notifications ---
+
+void Modem::Notify(MCL_NTFY_CODE code, const void* payload, size_t payload_size) {
+    const auto* bytes = static_cast<const uint8_t*>(payload);
+    Notification notification{code, payload != nullptr, {}};
+    if (payload != nullptr) notification.payload.assign(bytes, bytes + payload_size);
+    {
+        std::lock_guard lock(mutex_);
+        notifications_.push_back(std::move(notification));
+    }
+    notify_cond_.notify_one();
+}
+
+void Modem::WaitForNotifications() {
+    std::unique_lock lock(mutex_);
+    idle_cond_.wait(lock, [this] { return !up_ || (notifications_.empty() && !notifying_); });
+}
+
+void Modem::NotifyThread() {
+    pthread_setname_np(pthread_self(), "mcl_notify");
+    std::unique_lock lock(mutex_);
+    while (true) {
+        notify_cond_.wait(lock, [this] { return !up_ || !notifications_.empty(); });
+        if (!up_) return;
+        Notification notification = std::move(notifications_.front());
+        notifications_.pop_front();
+        notifying_ = true;
+        const mcl_ntfy_callback callback = callback_;
+        void* const user = callback_user_;
+        lock.unlock();
+        if (callback != nullptr) {
+            callback(user, notification.code,
+                     notification.has_payload ? notification.payload.data() : nullptr);
+        }
+        lock.lock();
+        notifying_ = false;
+        ++notified_;
+        idle_cond_.notify_all();
+    }
+}
+
+// --- looking at it ---
+
+std::string Modem::written() const {
+    std::lock_guard lock(mutex_);
+    return written_;
+}
+
+Modem::Calls Modem::calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+}
+
+Modem::Status Modem::status() const {
+    std::lock_guard lock(mutex_);
+    Status status = {};
+    status.up = up_;
+    status.port_open = port_open_;
+    status.streaming = streaming_;
+    status.exhausted = exhausted_;
+    if (source_) status.source = source_->Describe();
+    status.rate = rate_;
+    status.read_limit = read_limit_;
+    status.tap = tap_.text;
+    status.delivered = delivered_;
+    status.written = written_total_;
+    status.notified = notified_;
+    status.notify_queue = notifications_.size() + (notifying_ ? 1 : 0);
+    status.sprinkle_per_mille = sprinkle_per_mille_;
+    status.calls = calls_;
+    return status;
+}
+
+void Modem::Reset() {
+    Deinit();
+    SetSource(nullptr);
+    SetTap("");
+    std::lock_guard lock(mutex_);
+    streaming_ = false;
+    rate_ = 0;
+    read_limit_ = 0;
+    delivered_ = 0;
+    init_faults_ = open_faults_ = write_faults_ = 0;
+    read_faults_.clear();
+    poll_faults_.clear();
+    sprinkle_per_mille_ = sprinkle_ebadf_left_ = 0;
+    calls_ = {};
+    written_.clear();
+    written_total_ = 0;
+    notifications_.clear();
+    notified_ = 0;
+}
+
+}  // namespace sim

@@ -1,0 +1,109 @@
+// The daemon's life, from the first handle's `init` to the last one's `stop`.
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "core/quarn.h"
+#include "platform/mcl.h"
+#include "platform/quarn_log.h"
+#include "storage/custom_header.h"
+
+namespace {
+
+// Results of `init` and `start` are ignored: a handle that failed does not work, the rest goes on.
+void init_handles() {
+    g_writer.init();
+    g_reader.init();
+    g_command.init();
+    g_tool.init();
+    g_notify.init();
+    g_event_detect.init();
+    g_md_time_sync.init();
+    g_log_filter_manager.init();
+    QUARN_LOGI("init all handle done");
+}
+
+void wait_for_modem_layer() {
+    while (mcl_init() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+// From here on modem bytes flow into the ring, which nobody drains yet.
+void start_first_group() {
+    g_reader.start();
+    g_tool.start();
+    g_notify.start();
+    g_event_detect.start();
+    g_md_time_sync.start();
+}
+
+void install_signal_handlers() {
+    struct sigaction action = {};
+    sigemptyset(&action.sa_mask);
+    action.sa_handler = SIG_IGN;
+    if (sigaction(SIGPIPE, &action, nullptr) != 0) {
+        QUARN_LOGE("ignore SIGPIPE failed, errno=%s", strerror(errno));
+    }
+    action.sa_handler = quarn_sighandler;  // without SA_RESTART: it is there to interrupt
+    if (sigaction(SIGUSR1, &action, nullptr) != 0) {
+        QUARN_LOGE("register signal handler failed, errno=%s", strerror(errno));
+    }
+}
+
+// These start only once the configuration is in force.
+void start_second_group() {
+    g_writer.start();
+    g_command.start();
+    g_log_filter_manager.start();
+    QUARN_LOGI("start all handler done");
+    g_quarn.is_started = true;
+}
+
+void supervise() {
+    constexpr int kReportPeriod = 8;  // seconds
+    int seconds = 0;
+    while (!g_quarn.is_close) {
+        ++seconds;
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        if (seconds == kReportPeriod) {
+            quarn_report_statistics();
+            seconds = 0;
+        }
+    }
+    QUARN_LOGI("quarn.is_close is set");
+}
+
+void stop_handles() {
+    g_log_filter_manager.stop();
+    g_md_time_sync.stop();
+    g_event_detect.stop();
+    g_notify.stop();
+    g_tool.stop();
+    g_command.stop();
+    g_reader.stop();
+    g_writer.stop();
+}
+
+}  // namespace
+
+int main() {
+    QUARN_LOGI("start init quarn");
+    quarn_property_set("vendor.quarn.qrx.restart", "0");
+    init_handles();
+    wait_for_modem_layer();
+    g_file_io.create_top_folder();
+    // GAP power-on log: its initialisation.
+    quarn::zorvex::CustomHeaderInfoInit();
+    start_first_group();
+    install_signal_handlers();
+    // GAP modem IPC: opening the channel and, if that worked, the configuration and modem clock.
+    start_second_group();
+    supervise();
+    stop_handles();
+    // GAP modem IPC: closing the channel.
+    QUARN_LOGI("stop all handler done");
+    // GAP power-on log: its de-initialisation.
+    mcl_deinit();
+    return 0;
+}

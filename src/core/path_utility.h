@@ -1,0 +1,15 @@
+// Path texts. Purely textual: nothing is resolved or looked up.
+#pragma once
+
+#include <string>
+
+namespace quarn::zorvex {
+
+// Every run of slashes becomes one.
+std::string NormalizePathSlash(const std::string& path);
+
+// Whether `path` is `base` itself or lies directly in it, runs of slashes and one trailing slash
+// aside. "." and ".." are names like any other, so "<base>/.." passes; this is meant.
+bool IsUnderFirstLevelSubfolder(const std::string& path, const std::string& base);
+
+}  // namespace quarn::zorvex

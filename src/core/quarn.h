@@ -1,0 +1,38 @@
+// The daemon's global objects, and small system utilities.
+#pragma once
+
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
+#include "datapath/quarn_reader.h"
+#include "datapath/quarn_ring.h"
+#include "datapath/quarn_writer.h"
+#include "storage/quarn_file_io.h"
+
+// In construction order. A callback of a closed library may come while the process exits, so
+// `g_quarn`, whose mutex each one takes first, is never destroyed.
+extern QUARN_GLOBAL& g_quarn;
+extern QUARN_FILE_IO g_file_io;
+extern QUARN_RING g_ring;
+extern QUARN_READER_HANDLE g_reader;
+extern QUARN_WRITER_HANDLER g_writer;
+extern QUARN_HANDLE g_notify;
+extern QUARN_HANDLE g_tool;
+extern QUARN_HANDLE g_command;
+extern QUARN_HANDLE g_event_detect;
+extern QUARN_HANDLE g_md_time_sync;
+extern QUARN_HANDLE g_log_filter_manager;
+
+// Sets a system property; 0 on success, else the property service's own code.
+int32_t quarn_property_set(const char* name, const char* value);
+
+// Whether `path` can be looked at and has the directory bit in its mode. Only that one bit is
+// tested, so a socket file counts as a directory too; this is meant.
+bool quarn_check_dir_exist(const char* path);
+
+// The SIGUSR1 handler: does nothing, but lets the signal interrupt a blocked system call.
+void quarn_sighandler(int);
+
+// Logs the rates of the past eight seconds and the reader's counters, and starts each afresh. Waits
+// for `stats_mutex`: as a rule for one poll of the port at most (500 ms), for a few of them when
+// bytes only trickle, since the reader takes the mutex again at once.
+void quarn_report_statistics();

@@ -1,0 +1,61 @@
+// Handles: the daemon's eight long-lived components, and the one way to send them a request.
+#pragma once
+
+#include <cstdint>
+
+enum QUARN_HANDLE_ID : int32_t {
+    HANDLE_WRITER = 0,
+    HANDLE_READER = 1,
+    HANDLE_COMMAND = 2,
+    HANDLE_TOOL = 3,
+    HANDLE_NOTIFY = 4,
+    HANDLE_EVENT_DETECT = 5,
+    HANDLE_MD_TIME_SYNC = 6,
+    HANDLE_LOG_FILTER_MANAGER = 7,
+    HANDLE_MAX = 8,
+};
+
+// Requests. 1 to 7 carry the modem notification of the same number and its payload as argument.
+enum QUARN_EXEC_ID : int32_t {
+    EXEC_MD_LOG_START = 1,
+    EXEC_MD_LOG_STOP = 2,
+    EXEC_MD_LOG_REOPEN = 3,
+    EXEC_MD_LOG_CLOSE = 4,
+    EXEC_MD_LOG_FLUSH_CLOSE = 5,
+    EXEC_MD_EXCEPTION = 6,
+    EXEC_MD_LOG_END = 7,
+    EXEC_RESERVED_8 = 8,
+    EXEC_TOOL_CONNECTED = 9,
+    EXEC_TOOL_DISCONNECTED = 10,
+    EXEC_SET_SAVE_MODE = 11,  // arg: QUARN_SAVE_MODE*
+    EXEC_START = 12,
+    EXEC_TOOL_WAKEUP = 13,
+    EXEC_RESERVED_14 = 14,
+    EXEC_SET_LOG_LEVEL = 15,   // arg: int32_t*, level index
+    EXEC_SET_LOG_FILTER = 16,  // arg: char*, filter name
+    EXEC_LOGGING_STATE_NORMAL = 17,
+    EXEC_FLUSH_RING = 18,
+};
+
+// Base of every handle. All operations return 0 on success; here they do nothing. `stop` leaves the
+// handle fit for another `start`.
+class QUARN_HANDLE {
+  public:
+    explicit QUARN_HANDLE(QUARN_HANDLE_ID handle_id) : id(handle_id) {}
+    virtual ~QUARN_HANDLE() = default;
+    QUARN_HANDLE(const QUARN_HANDLE&) = delete;
+    QUARN_HANDLE& operator=(const QUARN_HANDLE&) = delete;
+
+    virtual int32_t init() { return 0; }
+    virtual int32_t start() { return 0; }
+    virtual int32_t stop() { return 0; }
+    // Serves a request; ids that the handle does not know are ignored.
+    virtual int32_t exec(QUARN_EXEC_ID /*exec_id*/, void* /*arg*/) { return 0; }
+
+    const QUARN_HANDLE_ID id;
+};
+
+// Hands a request to a handle and returns its result; 1 when there is no such handle. A negative id
+// aborts the process. Takes no lock: the caller holds `QUARN_GLOBAL::exec_mutex` around its whole
+// group of requests, so that groups never interleave; only the exit path does without.
+int32_t quarn_runHandleExec(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg);

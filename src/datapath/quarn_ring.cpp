@@ -1,0 +1,72 @@
+#include "datapath/quarn_ring.h"
+
+#include <chrono>
+
+static_assert((QUARN_RING::kSize & (QUARN_RING::kSize - 1)) == 0);
+
+// The storage is left uninitialised: untouched pages cost no memory.
+QUARN_RING::QUARN_RING(size_t ring_size)
+    : buf(new uint8_t[ring_size + kTailSize]), size(ring_size) {}
+
+uint8_t* QUARN_RING::get_buf_ptr() {
+    std::lock_guard lock(mutex);
+    return buf.get();
+}
+
+uint64_t QUARN_RING::get_buf_write_idx() {
+    std::lock_guard lock(mutex);
+    return write_idx;
+}
+
+uint64_t QUARN_RING::get_buf_read_idx() {
+    std::lock_guard lock(mutex);
+    return read_idx;
+}
+
+void QUARN_RING::set_buf_write_idx(uint64_t idx) {
+    std::lock_guard lock(mutex);
+    write_idx = idx;
+}
+
+void QUARN_RING::set_buf_read_idx(uint64_t idx) {
+    std::lock_guard lock(mutex);
+    read_idx = idx;
+}
+
+void QUARN_RING::reset() {
+    std::lock_guard lock(mutex);
+    read_idx = write_idx;
+}
+
+uint64_t QUARN_RING::current_size() {
+    std::lock_guard lock(mutex);
+    return used();
+}
+
+uint64_t QUARN_RING::remain_size() {
+    std::lock_guard lock(mutex);
+    return size - 1 - used();
+}
+
+// A wake-up without a notification starts the full wait anew. The count tells a waiter that it was
+// notified even when the other side has taken the flag before the waiter got to run: else both
+// could come to wait at once, with the ring empty, until one times out.
+void QUARN_RING::wait_for(unsigned int ms) {
+    std::unique_lock lock(mutex);
+    const uint64_t count_before = notify_count;
+    while (!notified && notify_count == count_before &&
+           cond.wait_for(lock, std::chrono::milliseconds(ms)) == std::cv_status::no_timeout) {
+    }
+    notified = false;
+}
+
+void QUARN_RING::notify() {
+    std::lock_guard lock(mutex);
+    notified = true;
+    ++notify_count;
+    cond.notify_all();
+}
+
+uint64_t QUARN_RING::used() const {
+    return write_idx >= read_idx ? write_idx - read_idx : size - (read_idx - write_idx);
+}

@@ -1,0 +1,320 @@
+#include "datapath/quarn_writer.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "core/quarn.h"
+#include "datapath/quarn_socket_io.h"
+#include "datapath/quarn_usb_io.h"
+#include "platform/quarn_log.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr uint64_t kChunkLimit = 256 * 1024;
+constexpr unsigned int kIdleWaitMs = 2000;
+constexpr milliseconds kFailedWritePause(200);
+
+constexpr milliseconds kDrainFirstPause(1500);
+constexpr unsigned int kDrainStepMs = 200;
+constexpr unsigned int kDrainLimitMs = 2000;
+constexpr unsigned int kSwitchDrainLimitMs = 200;
+
+constexpr milliseconds kWakeInterval(100);
+
+void pause_after_failed_write() { std::this_thread::sleep_for(kFailedWritePause); }
+
+// The start notification's payload: its second word tells whether a new file is wanted.
+bool asks_for_new_file(const void* payload) {
+    if (payload == nullptr) return false;
+    uint32_t words[2];
+    memcpy(words, payload, sizeof(words));
+    return words[1] == 1;
+}
+
+}  // namespace
+
+QUARN_WRITER_HANDLER::QUARN_WRITER_HANDLER(QUARN_RING* log_ring, QUARN_HANDLE_ID handle_id)
+    : QUARN_HANDLE(handle_id), ring(log_ring) {}
+
+QUARN_WRITER_HANDLER::~QUARN_WRITER_HANDLER() {
+    is_running = false;
+    if (writer_thread == 0) return;
+    wake_thread();
+    join_thread();
+}
+
+int32_t QUARN_WRITER_HANDLER::init() {
+    io = quarn_getSaveModeIo(g_quarn.transfer_type);
+    return 0;
+}
+
+int32_t QUARN_WRITER_HANDLER::start() {
+    std::lock_guard lock(lifecycle_mutex);
+    if (is_running.exchange(true)) {
+        QUARN_LOGI("writer_handler: already start");
+        return 0;
+    }
+    join_thread();  // one that ended by itself
+    auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
+    if (usb != nullptr) usb->io_resume();
+    {
+        std::lock_guard ended_lock(ended_mutex);
+        ended = false;
+    }
+    pthread_t created;
+    const int error = pthread_create(&created, nullptr, quarn_writer_thread, this);
+    if (error != 0) {
+        QUARN_LOGE("writer_handler: create thread fail, errno=%d(%s)", error, strerror(error));
+        if (usb != nullptr) usb->io_pause();
+        is_running = false;
+        return 1;
+    }
+    writer_thread = created;
+    QUARN_LOGI("writer_handler: start success");
+    return 0;
+}
+
+int32_t QUARN_WRITER_HANDLER::stop() {
+    std::lock_guard lock(lifecycle_mutex);
+    if (!is_running.exchange(false)) {
+        QUARN_LOGI("writer_handler: already stop");
+        return 0;
+    }
+    wake_thread();
+    QUARN_LOGI("writer_handler: join");
+    join_thread();
+    if (QUARN_FILE_IO* const file = storage()) file->io_close();
+    QUARN_LOGI("writer_handler: stop success");
+    return 0;
+}
+
+// Gets the thread out of whatever it may wait in, so that it sees that it shall end.
+void QUARN_WRITER_HANDLER::wake_thread() {
+    if (ring != nullptr) ring->notify();
+    if (QUARN_IO* const channel = channel_of(IO_TYPE_SOCKET)) {
+        auto* const host = static_cast<QUARN_SOCKET_IO*>(channel);
+        if (!host->is_connected()) host->stop_wait_connect();
+    }
+    if (QUARN_IO* const channel = channel_of(IO_TYPE_USB)) {
+        static_cast<QUARN_USB_IO*>(channel)->io_pause();
+        std::lock_guard lock(
+            ended_mutex);  // a thread that has not ended stays there while it is held
+        if (writer_thread == 0 || ended) return;
+        if (const int error = pthread_kill(writer_thread, SIGUSR1); error != 0) {
+            QUARN_LOGE("writer_handler: pthread_kill=%lu fail, errno=%s",
+                       static_cast<unsigned long>(writer_thread), strerror(error));
+        }
+    }
+}
+
+bool QUARN_WRITER_HANDLER::thread_ended_within(milliseconds limit) {
+    std::unique_lock lock(ended_mutex);
+    return ended_cond.wait_for(lock, limit, [this] { return ended; });
+}
+
+// Joins the thread, if there is one. A wake-up that comes just before the thread begins to wait is
+// lost, so it is given again until the thread has ended.
+void QUARN_WRITER_HANDLER::join_thread() {
+    if (writer_thread == 0) return;
+    while (!thread_ended_within(kWakeInterval)) wake_thread();
+    if (const int error = pthread_join(writer_thread, nullptr); error != 0) {
+        QUARN_LOGE("writer_handler: pthread_join=%lu fail, errno=%s",
+                   static_cast<unsigned long>(writer_thread), strerror(error));
+    }
+    writer_thread = 0;
+}
+
+void* QUARN_WRITER_HANDLER::quarn_writer_thread(void* self) {
+    pthread_setname_np(pthread_self(), "quarn_writer");
+    auto* const handler = static_cast<QUARN_WRITER_HANDLER*>(self);
+    handler->quarn_writer_thread_func();
+    std::lock_guard lock(handler->ended_mutex);
+    handler->ended = true;
+    handler->ended_cond.notify_all();
+    return nullptr;
+}
+
+void QUARN_WRITER_HANDLER::quarn_writer_thread_func() {
+    if (ring == nullptr) {
+        QUARN_LOGE("writer_handler: cur_used_buf is NULL");
+        is_running = false;
+        return;
+    }
+    QUARN_LOGI("writer_handler: quarn_writer_thread start");
+    const uint8_t* const buf = ring->get_buf_ptr();
+    const uint64_t mask = ring->capacity();
+    while (is_running) drain_once(buf, mask);
+    QUARN_LOGI("writer_handler: quarn_writer_thread terminate");
+}
+
+void QUARN_WRITER_HANDLER::drain_once(const uint8_t* buf, uint64_t mask) {
+    const uint64_t available = held();
+    if (available == 0) {
+        ring->wait_for(kIdleWaitMs);
+        return;
+    }
+    const uint64_t chunk = std::min(available, kChunkLimit);
+    const uint64_t read_idx = ring->get_buf_read_idx();
+    if (read_idx + chunk <= mask + 1) {
+        drain_straight(buf, read_idx, chunk, mask);
+    } else {
+        drain_wrapped(buf, read_idx, chunk, mask);
+    }
+    ring->notify();
+}
+
+void QUARN_WRITER_HANDLER::drain_straight(const uint8_t* buf, uint64_t read_idx, uint64_t chunk,
+                                          uint64_t mask) {
+    const int written = io_write_with_retry(buf + read_idx, static_cast<int>(chunk));
+    if (written < 1) {
+        pause_after_failed_write();
+        return;
+    }
+    const auto taken = static_cast<uint64_t>(written);
+    g_quarn.write_bytes += taken;
+    ring->set_buf_read_idx((read_idx + taken) & mask);
+}
+
+void QUARN_WRITER_HANDLER::drain_wrapped(const uint8_t* buf, uint64_t read_idx, uint64_t chunk,
+                                         uint64_t mask) {
+    const uint64_t first = mask + 1 - read_idx;
+    const int written = io_write_with_retry(buf + read_idx, static_cast<int>(first));
+    if (written < 1) {
+        pause_after_failed_write();
+        return;
+    }
+    const auto taken = static_cast<uint64_t>(written);
+    g_quarn.write_bytes += taken;
+    if (taken < first) {
+        ring->set_buf_read_idx((read_idx + taken) & mask);
+        return;
+    }
+    const int rest = io_write_with_retry(buf, static_cast<int>(chunk - first));
+    const auto rest_taken = static_cast<uint64_t>(std::max(rest, 0));
+    g_quarn.write_bytes += rest_taken;
+    ring->set_buf_read_idx(rest_taken);
+}
+
+int QUARN_WRITER_HANDLER::io_write_with_retry(const void* buf, int len) {
+    QUARN_IO* const channel = io;
+    if (channel == nullptr) return -1;
+    const int rc = channel->io_write(buf, len);
+    if (rc >= 0) return rc;
+    QUARN_FILE_IO* const file = storage();
+    if (file == nullptr || file->check_io_open()) return rc;
+    QUARN_LOGE("writer_handler: file_io is closed, try reopen");
+    if (file->io_open() != 0) return rc;
+    return file->io_write(buf, len);
+}
+
+void QUARN_WRITER_HANDLER::wait_buffer_clean(unsigned int timeout_ms) {
+    const auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
+    const uint64_t count_before = usb != nullptr ? usb->get_write_count() : 0;
+    std::this_thread::sleep_for(kDrainFirstPause);
+    if (usb != nullptr && usb->get_write_count() == count_before) return;
+    const auto* const host = static_cast<QUARN_SOCKET_IO*>(channel_of(IO_TYPE_SOCKET));
+    if (host != nullptr && !host->is_connected()) return;
+    for (unsigned int remaining = timeout_ms; remaining > 0 && held() != 0;) {
+        const unsigned int step = std::min(remaining, kDrainStepMs);
+        std::this_thread::sleep_for(milliseconds(step));
+        remaining -= step;
+    }
+}
+
+int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
+    QUARN_LOGI("writer_handler: handle exec_id=%d", exec_id);
+    switch (exec_id) {
+        case EXEC_MD_LOG_START:
+            if (asks_for_new_file(arg)) open_storage();
+            break;
+        case EXEC_MD_LOG_REOPEN:
+            open_storage();
+            break;
+        case EXEC_MD_LOG_STOP:
+        case EXEC_MD_LOG_CLOSE:
+        case EXEC_MD_LOG_END:
+            wait_buffer_clean(kDrainLimitMs);
+            close_storage();
+            break;
+        case EXEC_MD_LOG_FLUSH_CLOSE:
+            wait_buffer_clean(kDrainLimitMs);
+            if (QUARN_FILE_IO* const file = storage(); file != nullptr && file->check_io_open()) {
+                file->close_log_file_with_flush();
+            }
+            break;
+        case EXEC_MD_EXCEPTION:
+            mark_exception();
+            break;
+        case EXEC_TOOL_CONNECTED:
+            was_running = is_running.load();
+            if (was_running) stop();
+            break;
+        case EXEC_TOOL_DISCONNECTED:
+            if (was_running) start();
+            break;
+        case EXEC_SET_SAVE_MODE:
+            set_save_mode(static_cast<const QUARN_SAVE_MODE*>(arg));
+            break;
+        case EXEC_START:
+            start();
+            break;
+        case EXEC_FLUSH_RING:
+            wait_buffer_clean(kDrainLimitMs);
+            if (QUARN_FILE_IO* const file = storage()) file->flush_ringBuf();
+            break;
+        default:
+            break;
+    }
+    QUARN_LOGI("writer_handler: handle exec_id=%d done", exec_id);
+    return 0;
+}
+
+size_t QUARN_WRITER_HANDLER::held() const { return ring != nullptr ? ring->current_size() : 0; }
+
+// The current channel when it is of that kind, else null.
+QUARN_IO* QUARN_WRITER_HANDLER::channel_of(QUARN_IO_TYPE type) const {
+    QUARN_IO* const channel = io;
+    return channel != nullptr && channel->io_type == type ? channel : nullptr;
+}
+
+QUARN_FILE_IO* QUARN_WRITER_HANDLER::storage() const {
+    return static_cast<QUARN_FILE_IO*>(channel_of(IO_TYPE_FILE));
+}
+
+void QUARN_WRITER_HANDLER::open_storage() {
+    if (QUARN_FILE_IO* const file = storage()) {
+        file->set_file_suffix("");
+        file->io_open();
+    }
+}
+
+void QUARN_WRITER_HANDLER::close_storage() {
+    if (QUARN_FILE_IO* const file = storage()) file->io_close();
+}
+
+void QUARN_WRITER_HANDLER::mark_exception() {
+    if (QUARN_FILE_IO* const file = storage()) {
+        file->set_file_suffix("_EE");
+        file->rename_folder_ee();
+        if (!file->check_io_open()) file->io_open();
+    }
+}
+
+// Leaves the writer stopped, with an empty ring and the channel of the new mode.
+void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
+    if (mode == nullptr) {
+        QUARN_LOGE("write_handler: arg is NULL");
+        return;
+    }
+    wait_buffer_clean(kSwitchDrainLimitMs);
+    stop();
+    if (const size_t left = held(); left != 0) {
+        QUARN_LOGW("write_handler: drop %zu bytes data from cur_used_buf", left);
+        ring->reset();
+    }
+    io = quarn_getSaveModeIo(*mode);
+}

@@ -1,0 +1,77 @@
+// The writer: drains the ring into the current output channel.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+
+#include "core/quarn_handle.h"
+#include "datapath/quarn_io.h"
+#include "datapath/quarn_ring.h"
+
+class QUARN_FILE_IO;
+
+// Owns the one writer thread. It takes at most 256 KiB at a time; data whose write failed stays in
+// the ring and is offered again. `start` and `stop` may be called from any thread; `exec` runs on
+// the caller's thread, one at a time. `stop` joins the writer thread, which first ends the write
+// that it is in.
+class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
+  public:
+    // The ring is not owned and must outlive the handle.
+    QUARN_WRITER_HANDLER(QUARN_RING* log_ring, QUARN_HANDLE_ID handle_id);
+    ~QUARN_WRITER_HANDLER() override;
+
+    // Takes the channel of the current transfer type.
+    int32_t init() override;
+    // 0 once the thread runs, 1 when it could not be created.
+    int32_t start() override;
+    int32_t stop() override;
+    int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
+
+    // Waits 1.5 s, and then up to `timeout_ms` for the ring to drain, unless the channel's host is
+    // not there to drain it.
+    void wait_buffer_clean(unsigned int timeout_ms);
+
+  protected:
+    // The current channel; null until `init` and after the switch to a mode that has none. Not
+    // owned.
+    std::atomic<QUARN_IO*> io{nullptr};
+
+  private:
+    static void* quarn_writer_thread(void* self);
+    void quarn_writer_thread_func();
+    // One pass of the thread: waits on an empty ring, else offers what the ring holds.
+    void drain_once(const uint8_t* buf, uint64_t mask);
+    void drain_straight(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
+    void drain_wrapped(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
+    // The channel's `io_write`, after one reopening of a storage channel that was found closed.
+    int io_write_with_retry(const void* buf, int len);
+
+    void wake_thread();
+    bool thread_ended_within(std::chrono::milliseconds limit);
+    void join_thread();
+
+    size_t held() const;  // bytes in the ring
+    QUARN_IO* channel_of(QUARN_IO_TYPE type) const;
+    QUARN_FILE_IO* storage() const;
+    void open_storage();
+    void close_storage();
+    void mark_exception();
+    void set_save_mode(const QUARN_SAVE_MODE* mode);
+
+    // Held for the whole of `start` and `stop`; guards `writer_thread`. The thread never takes it.
+    std::mutex lifecycle_mutex;
+    pthread_t writer_thread = 0;  // 0: none to join
+    std::atomic<bool> is_running{false};
+    std::atomic<bool> was_running{false};  // when the host tool connected
+    QUARN_RING* const ring;
+
+    std::mutex ended_mutex;
+    std::condition_variable ended_cond;
+    bool ended = false;  // the thread does nothing more; guarded by `ended_mutex`
+};

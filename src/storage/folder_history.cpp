@@ -1,0 +1,107 @@
+#include "storage/folder_history.h"
+
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "platform/quarn_log.h"
+
+namespace quarn::zorvex {
+
+namespace {
+
+using android::base::unique_fd;
+
+constexpr const char* kHistoryPath = "/data/vendor/radio/quarn/log_folder_history";
+constexpr off_t kMaxHistorySize = 102400;  // bytes; above it the file is cut
+constexpr mode_t kHistoryMode = 0644;
+
+std::mutex history_mutex;  // around every open of the file
+
+// Reads what may hold the last `n` records: a record is a path, so no more than that much of the
+// file's end is ever looked at, however large the file is.
+std::string ReadHistoryTail(int fd, int n) {
+    const off_t tail_size = static_cast<off_t>(n) * (PATH_MAX + 1);
+    const off_t size = lseek(fd, 0, SEEK_END);
+    const off_t start = std::max<off_t>(0, size - tail_size);
+    lseek(fd, start, SEEK_SET);
+    std::string tail(static_cast<size_t>(size - start), '\0');
+    const bool complete = android::base::ReadFully(fd, tail.data(), tail.size());
+    if (!complete) tail.clear();
+    if (start > 0) tail.erase(0, std::min(tail.size(), tail.find('\n') + 1));
+    return tail;
+}
+
+void TruncateFolderHistory(off_t size) {
+    QUARN_LOGD("CopyLogFile: truncate file due to size %ld over %ld", static_cast<long>(size),
+               static_cast<long>(kMaxHistorySize));
+    std::string kept;
+    for (const std::string& record : GetLatestHistoryRecord(kHistoryRecords)) kept += record + '\n';
+
+    std::lock_guard lock(history_mutex);
+    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (fd < 0) {
+        QUARN_LOGE("%s: Error opening file: %s", "TruncateFolderHistory", strerror(errno));
+        return;
+    }
+    if (!android::base::WriteStringToFd(kept, fd)) {
+        QUARN_LOGE("%s: Error writing file: %s", "TruncateFolderHistory", strerror(errno));
+        return;
+    }
+    QUARN_LOGD("CopyLogFile: finish truncating file to keep last %d records", kHistoryRecords);
+}
+
+}  // namespace
+
+int32_t UpdateFolderHistory(const std::string& folder_path) {
+    struct stat status;
+    const bool existed = stat(kHistoryPath, &status) == 0;
+    // Cut and append take the mutex one after the other; a reader in between finds the shorter
+    // file.
+    if (existed && status.st_size > kMaxHistorySize) TruncateFolderHistory(status.st_size);
+
+    std::lock_guard lock(history_mutex);
+    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kHistoryMode));
+    if (fd < 0) {
+        QUARN_LOGE("%s: Error opening or creating file: %s", "UpdateFolderHistory",
+                   strerror(errno));
+        return -1;
+    }
+    const bool recorded = android::base::WriteStringToFd(folder_path + '\n', fd);
+    if (recorded) {
+        QUARN_LOGD("CopyLogFile: record %s in the history file", folder_path.c_str());
+    } else {
+        QUARN_LOGE("%s: Error writing file: %s", "UpdateFolderHistory", strerror(errno));
+    }
+    if (!existed && fchmod(fd, kHistoryMode) != 0) {
+        QUARN_LOGE("%s: Error setting permission: %s\n", "UpdateFolderHistory", strerror(errno));
+    }
+    return recorded ? 0 : -1;
+}
+
+std::deque<std::string> GetLatestHistoryRecord(int n) {
+    std::lock_guard lock(history_mutex);
+    const unique_fd fd(open(kHistoryPath, O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
+        QUARN_LOGE("%s: Error opening file: %s", "GetLatestHistoryRecord", strerror(errno));
+        return {};
+    }
+    const std::string tail = ReadHistoryTail(fd, n);
+    std::deque<std::string> records;
+    for (size_t start = 0; start < tail.size();) {
+        const size_t end = std::min(tail.find('\n', start), tail.size());
+        records.push_back(tail.substr(start, end - start));
+        if (records.size() > static_cast<size_t>(n)) records.pop_front();
+        start = end + 1;
+    }
+    return records;
+}
+
+}  // namespace quarn::zorvex

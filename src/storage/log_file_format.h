@@ -1,0 +1,45 @@
+// The framing of a log file; docs/log-file-format.md is the page beside it.
+//
+//   file  = header, block*, and at most one stray byte
+//   block = raw length 3 + packed length 3 + one Snappy raw block (packed length)
+//
+// The header is the log-format library's. Both lengths are little-endian. A block holds the bytes
+// of one write to the storage channel. The stray byte is what a flushed close adds; a reader stops
+// where fewer than `kBlockHeaderSize` bytes remain.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace quarn::log_file {
+
+constexpr size_t kLengthSize = 3;
+constexpr size_t kBlockHeaderSize = kLengthSize + kLengthSize;
+constexpr uint32_t kMaxLength = (1u << (8 * kLengthSize)) - 1;  // most that a length can say
+
+struct BlockHeader {
+    uint32_t raw_length;     // bytes when unpacked
+    uint32_t packed_length;  // bytes of the Snappy block that follows
+};
+
+inline void PutLength(uint8_t* out, uint32_t length) {
+    out[0] = static_cast<uint8_t>(length);
+    out[1] = static_cast<uint8_t>(length >> 8);
+    out[2] = static_cast<uint8_t>(length >> 16);
+}
+
+inline uint32_t GetLength(const uint8_t* in) {
+    return in[0] | static_cast<uint32_t>(in[1]) << 8 | static_cast<uint32_t>(in[2]) << 16;
+}
+
+// Both lengths must be at most `kMaxLength`.
+inline void PutBlockHeader(uint8_t* out, BlockHeader header) {
+    PutLength(out, header.raw_length);
+    PutLength(out + kLengthSize, header.packed_length);
+}
+
+inline BlockHeader GetBlockHeader(const uint8_t* in) {
+    return {GetLength(in), GetLength(in + kLengthSize)};
+}
+
+}  // namespace quarn::log_file

@@ -1,0 +1,274 @@
+#include "storage/log_file_recycler.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include "core/path_utility.h"
+#include "core/quarn.h"
+#include "platform/quarn_log.h"
+#include "storage/folder_history.h"
+#include "storage/log_names.h"
+#include "storage/recycle_config.h"
+
+namespace quarn::zorvex {
+
+namespace {
+
+constexpr int kKbShift = 10;  // bytes to KiB, and MB to KiB the other way
+
+std::string LastComponent(std::string path) {
+    while (path.ends_with('/')) path.pop_back();
+    return path.substr(path.rfind('/') + 1);
+}
+
+// Calls `visit` with the name and status of each entry that can be examined, under `function`'s
+// name in the messages; false when the folder cannot be opened.
+bool ForEachEntry(const std::string& path, const char* function,
+                  const std::function<void(const std::string& name, const struct stat&)>& visit) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path.c_str()), closedir);
+    if (!dir) {
+        QUARN_LOGE("%s: Error opening directory %s: %s", function, path.c_str(), strerror(errno));
+        return false;
+    }
+    while (const dirent* entry = readdir(dir.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        const std::string entry_path = path + "/" + name;
+        struct stat status;
+        if (stat(entry_path.c_str(), &status) != 0) {
+            QUARN_LOGE("%s: Error stating entry %s: %s", function, entry_path.c_str(),
+                       strerror(errno));
+            continue;
+        }
+        visit(name, status);
+    }
+    return true;
+}
+
+}  // namespace
+
+LogFileRecycler* LogFileRecycler::GetInstance() {
+    static LogFileRecycler recycler;
+    return &recycler;
+}
+
+int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config) {
+    QUARN_LOGI("LogFileRecycler: start to check and recycle");
+    recycle_kb = int64_t{config.recycle_size} << kKbShift;
+    keep_ee_kb = int64_t{config.keep_ee_size} << kKbShift;
+    clear_ee = config.clear_ee ? 1 : 0;
+    BuildLogFolderHistoryIndex();
+
+    folder_list.clear();
+    total_kb = 0;
+    if (!TraverseAndBuildFolderList(root)) {
+        QUARN_LOGE("LogFileRecycler: failed to traverse, skip recycle");
+        return -1;
+    }
+    const auto mb = [](int64_t kb) { return static_cast<long>(kb >> kKbShift); };
+    if (IsWithinBudget()) {
+        QUARN_LOGI("LogFileRecycler: total log file size=%ldMB, skip recycle (recycle=%ldMB)",
+                   mb(total_kb), mb(recycle_kb));
+    } else {
+        QUARN_LOGI(
+            "LogFileRecycler: total log file size=%ldMB, do recycle (recycle=%ldMB, keep_ee=%ldMB, "
+            "clear_ee=%d)",
+            mb(total_kb), mb(recycle_kb), mb(keep_ee_kb), clear_ee);
+        OrderFolderList();
+        RecycleByFolderList();
+        if (!IsWithinBudget()) {
+            QUARN_LOGE("LogFileRecycler: still remain %ldKB not cleared",
+                       static_cast<long>(total_kb - recycle_kb));
+            return -1;
+        }
+    }
+    QUARN_LOGI("LogFileRecycler: success to check and recycle");
+    return 0;
+}
+
+void LogFileRecycler::BuildLogFolderHistoryIndex() {
+    std::string current = g_file_io.get_latest_folder_path();
+    if (current == latest_folder) {
+        QUARN_LOGI("LogFileRecycler: the latest folder is same, skip reading history file");
+        return;
+    }
+    latest_folder = std::move(current);
+    history_index.clear();
+    uint64_t position = 0;
+    for (const std::string& record : GetLatestHistoryRecord(kHistoryRecords)) {
+        history_index.emplace(LastComponent(record), ++position);
+    }
+}
+
+bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path) {
+    return ForEachEntry(path, "TraverseAndBuildFolderList",
+                        [&](const std::string& name, const struct stat& status) {
+                            if (S_ISREG(status.st_mode)) {
+                                if (IsLogFileName(name)) {
+                                    total_kb += status.st_size >> kKbShift;
+                                } else if (std::find(known_files.begin(), known_files.end(),
+                                                     name) == known_files.end()) {
+                                    QUARN_LOGW("%s: Unexpected file in log folder %s",
+                                               "TraverseAndBuildFolderList",
+                                               (path + "/" + name).c_str());
+                                }
+                            } else if (S_ISDIR(status.st_mode)) {
+                                LogFolderInfo info;
+                                if (IsLogFolderName(name) && GetLogFolderInfo(path, name, info)) {
+                                    folder_list.push_back(std::move(info));
+                                }
+                                TraverseAndBuildFolderList(path + "/" + name);
+                            }
+                        });
+}
+
+bool LogFileRecycler::IsLogFolderName(const std::string& name) {
+    return log_names::ParseFolder(name).has_value();
+}
+
+bool LogFileRecycler::IsLogFileName(const std::string& name) {
+    return log_names::ParseFile(name).has_value();
+}
+
+bool LogFileRecycler::GetLogFolderInfo(const std::string& parent_path, const std::string& name,
+                                       LogFolderInfo& info) const {
+    const auto parsed = log_names::ParseFolder(name);
+    if (!parsed) {
+        QUARN_LOGE("LogFileRecycler: Could not parse folder name %s", name.c_str());
+        return false;
+    }
+    info.name = name;
+    info.parent = parent_path == root ? "" : LastComponent(parent_path);
+    info.time = parsed->time;
+    info.is_ee = parsed->suffix.ends_with(log_names::kException);
+    // The history holds the names that folders bear once finished, exception mark apart.
+    const auto record = history_index.find(name.substr(0, name.size() - parsed->suffix.size()));
+    info.index = record == history_index.end() ? 0 : record->second;
+    info.path = parent_path + "/" + name;
+    return true;
+}
+
+void LogFileRecycler::OrderFolderList() {
+    std::sort(folder_list.begin(), folder_list.end(),
+              [](const LogFolderInfo& a, const LogFolderInfo& b) {
+                  if (a.is_ee != b.is_ee) return b.is_ee;
+                  if (a.index == 0 && b.index == 0) return a.time < b.time;
+                  return a.index < b.index;
+              });
+}
+
+void LogFileRecycler::RecycleByFolderList() {
+    const auto begin = folder_list.begin();
+    const auto end = folder_list.end();
+    const auto first_ee =
+        std::find_if(begin, end, [](const LogFolderInfo& folder) { return folder.is_ee; });
+    const auto recycle = [&](auto first, auto last, std::string_view current_suffix, int64_t keep) {
+        for (auto folder = first; folder != last && !IsWithinBudget(); ++folder) {
+            const bool is_current = IsBeingWritten(*folder) ||
+                                    (folder + 1 == last && folder->name.ends_with(current_suffix));
+            RecycleFolder(*folder, is_current, keep);
+        }
+    };
+    recycle(begin, first_ee, log_names::kUnfinished, 0);
+    if (keep_ee_kb >= 1) recycle(first_ee, end, log_names::kUnfinishedException, keep_ee_kb);
+    if (clear_ee == 1) recycle(first_ee, end, log_names::kUnfinishedException, 0);
+}
+
+bool LogFileRecycler::IsBeingWritten(const LogFolderInfo& folder) const {
+    return NormalizePathSlash(folder.path) == NormalizePathSlash(latest_folder);
+}
+
+void LogFileRecycler::RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb) {
+    std::vector<LogFileInfo> files;
+    if (!BuildLogFileList(folder.path, files)) {
+        QUARN_LOGE("LogFileRecycler: failed to build file list, skip recycle");
+        return;
+    }
+    OrderFileListByIndex(files);
+
+    int64_t folder_kb = 0;
+    for (const LogFileInfo& file : files) folder_kb += file.size_kb;
+    size_t removed = 0;
+    for (const LogFileInfo& file : files) {
+        if (IsWithinBudget()) break;
+        if (keep_kb >= 1 && folder_kb <= keep_kb) break;
+        if (is_current && &file == &files.back()) {
+            QUARN_LOGD("LogFileRecycler: skip current file %s", file.name.c_str());
+            continue;
+        }
+        const std::string path = folder.path + "/" + file.name;
+        if (unlink(path.c_str()) != 0) {
+            QUARN_LOGW("%s: Error removing file %s: %s", "RecycleFolder", path.c_str(),
+                       strerror(errno));
+            continue;
+        }
+        QUARN_LOGI("LogFileRecycler: remove file %s", path.c_str());
+        total_kb -= file.size_kb;
+        folder_kb -= file.size_kb;
+        ++removed;
+    }
+    if (!is_current && keep_kb < 1 && removed == files.size()) RemoveFolder(folder);
+}
+
+void LogFileRecycler::RemoveFolder(const LogFolderInfo& folder) const {
+    constexpr const char* kFunction = "RecycleFolder";
+    constexpr const char* kFailure = "%s: Error removing folder %s: %s";
+    constexpr const char* kSuccess = "LogFileRecycler: remove folder %s";
+    if (rmdir(folder.path.c_str()) != 0) {
+        QUARN_LOGE(kFailure, kFunction, folder.path.c_str(), strerror(errno));
+        return;
+    }
+    QUARN_LOGI(kSuccess, folder.path.c_str());
+    if (folder.parent.empty()) return;
+
+    // Goes with its last capture; while it holds others this fails, which is expected.
+    const std::string parent_path = folder.path.substr(0, folder.path.rfind('/'));
+    if (rmdir(parent_path.c_str()) != 0) {
+        QUARN_LOGW(kFailure, kFunction, parent_path.c_str(), strerror(errno));
+    } else {
+        QUARN_LOGI(kSuccess, parent_path.c_str());
+    }
+}
+
+bool LogFileRecycler::BuildLogFileList(const std::string& folder_path,
+                                       std::vector<LogFileInfo>& files) {
+    return ForEachEntry(folder_path, "BuildLogFileList",
+                        [&](const std::string& name, const struct stat& status) {
+                            uint32_t index;
+                            if (S_ISREG(status.st_mode) && GetLogFileIndex(name, index)) {
+                                files.push_back({name, index, status.st_size >> kKbShift});
+                            } else {
+                                QUARN_LOGW("%s: Unexpected entry in log folder %s",
+                                           "BuildLogFileList", (folder_path + "/" + name).c_str());
+                            }
+                        });
+}
+
+bool LogFileRecycler::GetLogFileIndex(const std::string& name, uint32_t& index) {
+    const auto parsed = log_names::ParseFile(name);
+    const auto number = parsed ? log_names::ParseIndex(parsed->index) : std::nullopt;
+    if (!number) return false;
+    index = *number;
+    return true;
+}
+
+void LogFileRecycler::OrderFileListByIndex(std::vector<LogFileInfo>& files) {
+    if (files.size() < 2) return;
+    std::sort(files.begin(), files.end(),
+              [](const LogFileInfo& a, const LogFileInfo& b) { return a.index < b.index; });
+    if (files.front().index != 0 || files.back().index != UINT32_MAX) return;
+    // The counter wrapped: the run that starts at 0 is the newest.
+    const auto run_end = std::adjacent_find(
+        files.begin(), files.end(),
+        [](const LogFileInfo& a, const LogFileInfo& b) { return a.index + 1 != b.index; });
+    if (run_end != files.end()) std::rotate(files.begin(), run_end + 1, files.end());
+}
+
+}  // namespace quarn::zorvex

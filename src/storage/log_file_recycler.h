@@ -1,0 +1,79 @@
+// The recycler: keeps the log tree within its size, oldest captures first.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "storage/log_names.h"
+
+struct RECYCLE_CONFIG;
+
+namespace quarn::zorvex {
+
+// A capture folder of the tree.
+struct LogFolderInfo {
+    std::string name;
+    std::string parent;  // name of the folder directly around it; empty when that is the root
+    std::string time;
+    bool is_ee;      // holds an exception capture
+    uint64_t index;  // place in the folder history, 1 the oldest; 0: not in it
+    std::string path;
+};
+
+// A log file of the folder being recycled.
+struct LogFileInfo {
+    std::string name;
+    uint32_t index;   // serial number in its folder
+    int64_t size_kb;  // whole KiB
+};
+
+// Sizes are counted in whole KiB. Age is the place in the folder history, not a file time. Ordinary
+// folders go before exception folders, and the newest file of the capture being written never goes.
+//
+// Runs on the thread that holds the storage channel's `io_mutex`; takes no lock of its own.
+class LogFileRecycler {
+  public:
+    static LogFileRecycler* GetInstance();
+
+    // 0 when the tree is within `config.recycle_size` MB afterwards, -1 when it could not be read
+    // or still holds more.
+    int32_t CheckAndRecycle(const RECYCLE_CONFIG& config);
+
+  private:
+    LogFileRecycler() = default;
+
+    void BuildLogFolderHistoryIndex();
+    bool TraverseAndBuildFolderList(const std::string& path);
+    static bool IsLogFolderName(const std::string& name);
+    static bool IsLogFileName(const std::string& name);
+    bool GetLogFolderInfo(const std::string& parent_path, const std::string& name,
+                          LogFolderInfo& info) const;
+    void OrderFolderList();
+    void RecycleByFolderList();
+    // Deletes the folder's files, oldest first, until the tree is within its budget or only
+    // `keep_kb` remain; of the current folder the newest file stays.
+    void RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb);
+    void RemoveFolder(const LogFolderInfo& folder) const;
+    bool IsWithinBudget() const { return total_kb <= recycle_kb; }
+    // Whether it is the capture of the moment, wherever the sort put it: one that the history could
+    // not record sorts as the oldest.
+    bool IsBeingWritten(const LogFolderInfo& folder) const;
+    static bool BuildLogFileList(const std::string& folder_path, std::vector<LogFileInfo>& files);
+    static bool GetLogFileIndex(const std::string& name, uint32_t& index);
+    static void OrderFileListByIndex(std::vector<LogFileInfo>& files);
+
+    // May lie in the tree without being log files of a capture.
+    const std::vector<std::string> known_files{std::string(log_names::kPowerOnLog)};
+    const std::string root{"/data/vendor/radio/quarn/logs/"};
+    int64_t total_kb = 0;
+    std::vector<LogFolderInfo> folder_list;
+    int64_t recycle_kb = 0;
+    int64_t keep_ee_kb = 0;
+    int32_t clear_ee = 0;
+    std::string latest_folder;
+    std::unordered_map<std::string, uint64_t> history_index;
+};
+
+}  // namespace quarn::zorvex

@@ -1,0 +1,662 @@
+#include "storage/quarn_file_io.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <snappy-c.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <thread>
+
+#include "core/path_utility.h"
+#include "core/quarn.h"
+#include "platform/qrx_log_format.h"
+#include "platform/quarn_log.h"
+#include "storage/custom_header.h"
+#include "storage/folder_history.h"
+#include "storage/log_file_format.h"
+#include "storage/log_file_recycler.h"
+#include "storage/log_names.h"
+
+namespace {
+
+using quarn::log_file::kBlockHeaderSize;
+using quarn::log_names::kException;
+using quarn::log_names::kOpenEnding;
+
+constexpr mode_t kMode = 0775;  // of folders and files
+constexpr int kOpenAttempts = 3;
+constexpr auto kOpenPause = std::chrono::seconds(1);
+constexpr int kBytesPerMbShift = 20;
+constexpr int kMaxFileSizeMb = 4095;
+constexpr unsigned int kMaxRecycleSizeMb = 4194303;
+
+std::string local_time_text(time_t time) {
+    std::array<char, 32> text;
+    struct tm local;
+    localtime_r(&time, &local);
+    return {text.data(), strftime(text.data(), text.size(), quarn::log_names::kTimeFormat, &local)};
+}
+
+// "QRXMDLog_<idx>_<time>"
+std::string indexed_name(uint32_t idx, const std::string& time_text) {
+    return std::string(quarn::log_names::kPrefix) + std::to_string(idx) + "_" + time_text;
+}
+
+// Marks in a path are looked for in its last component only: the folders above may be named freely.
+size_t name_start(const std::string& path) { return path.rfind('/') + 1; }
+
+bool name_contains(const std::string& path, std::string_view mark) {
+    return path.find(mark, name_start(path)) != std::string::npos;
+}
+
+// What a capture folder is called once no more is written to it.
+std::string finished_folder_path(const std::string& path) {
+    if (name_contains(path, kException)) {
+        const size_t mark = path.rfind(kException);
+        const size_t kept = mark > name_start(path) ? mark - 1 : mark;  // drops the "t"
+        return path.substr(0, kept) + std::string(kException);
+    }
+    if (path.ends_with(quarn::log_names::kUnfinished)) return path.substr(0, path.size() - 1);
+    return path;
+}
+
+std::string finished_file_path(const std::string& path) {
+    std::string finished = path;
+    const size_t mark = finished.find(kOpenEnding, name_start(path));
+    if (mark != std::string::npos) finished.erase(mark, kOpenEnding.size());
+    return finished;
+}
+
+// Creates a folder and says so under `who`.
+int create_folder(const char* who, const std::string& path) {
+    if (mkdir(path.c_str(), kMode) != 0) {
+        QUARN_LOGE("file_io: create folder %s fail, errno=%s", path.c_str(), strerror(errno));
+        return -1;
+    }
+    QUARN_LOGI("%s: create folder %s", who, path.c_str());
+    return 0;
+}
+
+// A folder that is being read; closed, with a message on failure, at the end.
+class OpenFolder {
+  public:
+    explicit OpenFolder(const std::string& folder_path)
+        : path(folder_path), dir(opendir(path.c_str())) {
+        if (dir == nullptr) {
+            QUARN_LOGE("file_io: open dir=%s fail, errno=%s", path.c_str(), strerror(errno));
+        }
+    }
+    ~OpenFolder() {
+        if (dir != nullptr && closedir(dir) != 0) {
+            QUARN_LOGE("file_io: close dir=%s fail, errno=%s", path.c_str(), strerror(errno));
+        }
+    }
+    OpenFolder(const OpenFolder&) = delete;
+    OpenFolder& operator=(const OpenFolder&) = delete;
+
+    // The next entry's name, null at the end or when the folder could not be opened.
+    const char* next() {
+        const dirent* const entry = dir != nullptr ? readdir(dir) : nullptr;
+        return entry != nullptr ? entry->d_name : nullptr;
+    }
+
+  private:
+    const std::string path;
+    DIR* const dir;
+};
+
+// The number between the first and the second "_" of a folder's name.
+bool folder_index(std::string_view name, uint32_t& idx) {
+    const size_t first = name.find('_');
+    if (first == std::string_view::npos) {
+        QUARN_LOGE("file_io: not found first _");
+        return false;
+    }
+    const size_t second = name.find('_', first + 1);
+    if (second == std::string_view::npos) {
+        QUARN_LOGE("file_io: not found second _");
+        return false;
+    }
+    idx = quarn::log_names::ParseIndex(name.substr(first + 1, second - first - 1)).value_or(0);
+    return true;
+}
+
+}  // namespace
+
+// The buffer always keeps room for the byte that a flushed close adds, and its blocks' lengths fit.
+QUARN_FILE_IO::QUARN_FILE_IO(std::string base_folder)
+    : QUARN_IO(IO_TYPE_FILE),
+      base_path(std::move(base_folder)),
+      config_path(base_path + "config/"),
+      top_log_folder(base_path + "logs/"),
+      log_folder(top_log_folder) {
+    static_assert(kCompressBufSize <= quarn::log_file::kMaxLength);
+}
+
+QUARN_FILE_IO::~QUARN_FILE_IO() { io_closeDtor(); }
+
+int QUARN_FILE_IO::create_top_folder() {
+    std::lock_guard lock(io_mutex);
+    umask(0);
+    if (!quarn_check_dir_exist(base_path.c_str())) {
+        if (mkdir(base_path.c_str(), kMode) != 0) {
+            QUARN_LOGE("file_io: create folder %s fail, errno=%s", base_path.c_str(),
+                       strerror(errno));
+            return -1;
+        }
+        for (const std::string& folder : {config_path, log_folder}) {
+            if (quarn_check_dir_exist(folder.c_str())) continue;
+            if (create_folder("file_io", folder) != 0) return -1;
+        }
+        QUARN_LOGI("file_io: create folder %s", base_path.c_str());
+        next_folder_idx = 0;
+        latest_folder_path.clear();
+        return 0;
+    }
+
+    QUARN_LOGE("file_io: folder already created");
+    for (const std::string& folder : {config_path, log_folder}) {
+        if (quarn_check_dir_exist(folder.c_str())) {
+            QUARN_LOGE("file_io: %s folder already created", folder.c_str());
+        } else if (create_folder("file_io", folder) != 0) {
+            return -1;
+        }
+    }
+    OpenFolder check(config_path);  // says so when it cannot be opened
+    return 0;
+}
+
+int QUARN_FILE_IO::io_open() {
+    std::lock_guard lock(io_mutex);
+    if (!cur_folder_path.empty()) {
+        QUARN_LOGI("file_io: cur_folder_path=%s is already exist\n", cur_folder_path.c_str());
+        return 0;
+    }
+    if (quarn_check_dir_exist(base_path.c_str())) {
+        pick_next_index();
+    } else if (create_base_folders() != 0) {
+        return -1;
+    }
+    if (ensure_log_folder() != 0) return -1;
+
+    cur_folder_time = time(nullptr);
+    const std::string finished_path =
+        log_folder + "/" + indexed_name(next_folder_idx, local_time_text(cur_folder_time));
+    cur_folder_path = finished_path + std::string(quarn::log_names::kUnfinished) + file_suffix;
+    if (mkdir(cur_folder_path.c_str(), kMode) != 0) {
+        QUARN_LOGE("file_io: create cur_folder_path=%s fail, errno=%s", cur_folder_path.c_str(),
+                   strerror(errno));
+        cur_folder_path.clear();
+        return -1;
+    }
+    QUARN_LOGI("file_io: create cur_folder_path=%s", cur_folder_path.c_str());
+    quarn::zorvex::UpdateFolderHistory(finished_path);
+    finalise_latest_folder();
+
+    latest_folder_path = cur_folder_path;
+    recycle_config.cur_folder_idx = static_cast<int32_t>(next_folder_idx);
+    recycle_config.folder_created = true;
+    ++next_folder_idx;
+    file_idx = 0;
+    // GAP power-on log: its capture starts here.
+    is_closed = false;
+    return 0;
+}
+
+// The base folder vanished while the daemon ran: whatever was in it is forgotten.
+int QUARN_FILE_IO::create_base_folders() {
+    if (create_folder("file_io", base_path) != 0) return -1;
+    if (create_folder("file_io", config_path) != 0) return -1;
+    if (ensure_log_folder() != 0) return -1;
+    latest_folder_path.clear();
+    last_file_path.clear();
+    return 0;
+}
+
+int QUARN_FILE_IO::ensure_log_folder() {
+    for (const std::string& folder : {top_log_folder, log_folder}) {
+        if (quarn_check_dir_exist(folder.c_str())) continue;
+        if (create_folder("file_io io_open", folder) != 0) return -1;
+    }
+    return 0;
+}
+
+void QUARN_FILE_IO::pick_next_index() {
+    uint32_t idx = 0;
+    if (!latest_folder_path.empty()) {
+        std::string found;
+        find_latest_folder(found, idx);
+        next_folder_idx = found.empty() ? 0 : idx + 1;
+        if (found.empty()) {
+            QUARN_LOGI("file_io: latest folder idx not found");
+        } else {
+            QUARN_LOGI("file_io: find latest idx=%u", idx);
+        }
+        return;
+    }
+    find_latest_folder(latest_folder_path, idx);
+    next_folder_idx = latest_folder_path.empty() ? 0 : idx + 1;
+    if (latest_folder_path.empty()) {
+        QUARN_LOGI("file_io: latest folder not found");
+    } else {
+        QUARN_LOGI("file_io: find latest folder=%s, idx=%u", latest_folder_path.c_str(), idx);
+    }
+}
+
+void QUARN_FILE_IO::find_latest_folder(std::string& path, uint32_t& idx) const {
+    path.clear();
+    idx = 0;
+    std::string fallback;
+    uint32_t fallback_idx = 0;
+    OpenFolder folder(log_folder);
+    while (const char* const entry = folder.next()) {
+        const std::string_view name = entry;
+        uint32_t entry_idx;
+        if (name.find(quarn::log_names::kPrefix) == std::string_view::npos ||
+            !folder_index(name, entry_idx)) {
+            continue;
+        }
+        if (fallback.empty() || entry_idx >= fallback_idx) {
+            fallback = log_folder + "/" + entry;
+            fallback_idx = entry_idx;
+        }
+        if (quarn::log_names::IsUnfinished(name) && entry_idx >= idx) {
+            path = log_folder + "/" + entry;
+            idx = entry_idx;
+        }
+    }
+    if (path.empty()) {
+        path = std::move(fallback);
+        idx = fallback_idx;
+    }
+}
+
+// Leaves `path` alone when there is none: an older file may still wait for its final name.
+void QUARN_FILE_IO::find_latest_file(const std::string& folder_path, std::string& path) const {
+    QUARN_LOGI("file_io: latest foler path=%s", folder_path.c_str());
+    OpenFolder folder(folder_path);
+    while (const char* const entry = folder.next()) {
+        if (std::string_view(entry).find(kOpenEnding) == std::string_view::npos) continue;
+        path = folder_path + "/" + entry;
+        QUARN_LOGI("file_io: find latest file=%s", path.c_str());
+        return;
+    }
+    QUARN_LOGW("file_io: cannot find latest file");
+}
+
+void QUARN_FILE_IO::finalise_latest_folder() {
+    // The same name: somebody deleted the folder before, and the new one took its place.
+    if (latest_folder_path.empty() || latest_folder_path == cur_folder_path) return;
+    const std::string finished = finished_folder_path(latest_folder_path);
+    if (rename_folder(latest_folder_path, finished)) {
+        QUARN_LOGI("file_io: rename log folder %s to %s", latest_folder_path.c_str(),
+                   finished.c_str());
+        latest_folder_path = finished;
+    }
+    find_latest_file(latest_folder_path, last_file_path);
+}
+
+bool QUARN_FILE_IO::rename_folder(const std::string& from, const std::string& to) {
+    acquire_folder_name_lock();
+    const bool renamed = rename(from.c_str(), to.c_str()) == 0;
+    release_folder_name_lock();
+    if (!renamed) {
+        QUARN_LOGE("file_io: rename log folder %s to %s fail", from.c_str(), to.c_str());
+    }
+    return renamed;
+}
+
+void QUARN_FILE_IO::acquire_folder_name_lock() {
+    folder_name_mutex.lock();
+    QUARN_LOGD("file_io: lock the change of folder name");
+}
+
+void QUARN_FILE_IO::release_folder_name_lock() {
+    QUARN_LOGD("file_io: unlock the change of folder name");
+    folder_name_mutex.unlock();
+}
+
+int QUARN_FILE_IO::io_write(const void* buf, int len) {
+    std::lock_guard lock(io_mutex);
+    if (is_closed) {
+        QUARN_LOGE("file_io: already close");
+        return -1;
+    }
+    if (len < 0) return -1;
+    const size_t raw_length = static_cast<size_t>(len);
+    const size_t needed = kBlockHeaderSize + snappy_max_compressed_length(raw_length);
+    if (needed >= kCompressBufSize) return -1;  // would not fit an empty buffer either
+    if (compress_used + needed >= kCompressBufSize) {
+        if (save_to_log_file(compress_buf.data(), compress_used, false) != 0) return -1;
+        compress_used = 0;
+    }
+
+    char* const block = compress_buf.data() + compress_used;
+    size_t packed_length = kCompressBufSize - compress_used - kBlockHeaderSize;
+    if (snappy_compress(static_cast<const char*>(buf), raw_length, block + kBlockHeaderSize,
+                        &packed_length) != SNAPPY_OK) {
+        return -1;
+    }
+    const auto packed = static_cast<uint32_t>(packed_length);
+    quarn::log_file::PutBlockHeader(reinterpret_cast<uint8_t*>(block),
+                                    {static_cast<uint32_t>(raw_length), packed});
+    compress_used += static_cast<uint32_t>(kBlockHeaderSize) + packed;
+    return len;
+}
+
+int QUARN_FILE_IO::io_close() {
+    std::lock_guard lock(io_mutex);
+    close_capture_files(Flush::kExact);
+    forget_capture();
+    return 0;
+}
+
+int QUARN_FILE_IO::io_closeDtor() {
+    std::lock_guard lock(io_mutex);
+    close_capture_files(Flush::kWithStrayByte);
+    if (wants_ee_name()) {
+        const std::string ee_path = cur_folder_path + file_suffix;
+        if (rename_folder(cur_folder_path, ee_path)) {
+            QUARN_LOGI("file_io: rename log folder %s to %s", cur_folder_path.c_str(),
+                       ee_path.c_str());
+            latest_folder_path = ee_path;
+        }
+    }
+    forget_capture();
+    return 0;
+}
+
+void QUARN_FILE_IO::close_capture_files(Flush how) {
+    flush_compress_buf(how);
+    if (fd >= 0) close_log_file();
+    is_closed = true;
+}
+
+void QUARN_FILE_IO::forget_capture() {
+    cur_folder_time = 0;
+    cur_folder_path.clear();
+    file_suffix.clear();
+}
+
+bool QUARN_FILE_IO::check_io_open() {
+    std::lock_guard lock(io_mutex);
+    return !is_closed;
+}
+
+int QUARN_FILE_IO::close_log_file_with_flush() {
+    std::lock_guard lock(io_mutex);
+    if (is_closed) {
+        QUARN_LOGE("file_io: already close");
+        return -1;
+    }
+    flush_compress_buf(Flush::kWithStrayByte);
+    if (fd >= 0) close_log_file();
+    return 0;
+}
+
+int QUARN_FILE_IO::flush_ringBuf() {
+    std::lock_guard lock(io_mutex);
+    if (is_closed) {
+        QUARN_LOGE("file_io: already close");
+        return -1;
+    }
+    flush_compress_buf(Flush::kExact);
+    return 0;
+}
+
+// Whatever does not reach the file now is given up: these are the ends of files and captures.
+void QUARN_FILE_IO::flush_compress_buf(Flush how) {
+    if (compress_used == 0) return;
+    const bool last = how == Flush::kWithStrayByte;
+    if (save_to_log_file(compress_buf.data(), compress_used + (last ? 1 : 0), last) == 0) {
+        QUARN_LOGI("file_io: flush compress_buf data to log file");
+    } else {
+        QUARN_LOGE("file_io: flush compress_buf data to log file fail");
+    }
+    compress_used = 0;
+}
+
+int QUARN_FILE_IO::save_to_log_file(const char* buf, unsigned int len, [[maybe_unused]] bool last) {
+    if (ready_file() != 0) {
+        give_up_vanished_capture();
+        return -1;
+    }
+    // GAP power-on log: it gets these bytes too, and `last`.
+    if (append_whole(buf, static_cast<int>(len)) < 0) return -1;
+    file_written += len;
+    return 0;
+}
+
+int QUARN_FILE_IO::ready_file() {
+    if (fd < 0) return recycle() == 0 ? open_new_log_file() : -1;
+    if (file_written < file_size) return 0;
+    return rotate() == 0 ? open_new_log_file() : -1;
+}
+
+// A capture whose folder somebody deleted would refuse every write for ever. Closed, it is reopened
+// by the writer as a new one, which goes on with what is buffered.
+void QUARN_FILE_IO::give_up_vanished_capture() {
+    if (cur_folder_path.empty() || quarn_check_dir_exist(cur_folder_path.c_str())) return;
+    if (fd >= 0) close_log_file();
+    is_closed = true;
+    forget_capture();
+}
+
+int QUARN_FILE_IO::recycle() {
+    std::lock_guard lock(recycle_mutex);
+    return make_room();
+}
+
+int QUARN_FILE_IO::rotate() {
+    std::lock_guard lock(recycle_mutex);
+    QUARN_LOGI("file_io: file_size exceed %d", static_cast<int>(file_size));
+    if (make_room() != 0) return -1;
+    close_log_file();
+    return 0;
+}
+
+int QUARN_FILE_IO::make_room() {
+    if (g_quarn.recycler->CheckAndRecycle(recycle_config) == 0) return 0;
+    QUARN_LOGE("file_io: recycle fail (memory not enough)");
+    return -1;
+}
+
+// A write that fails after a part of it went out is undone, so that its retry appends whole blocks.
+// Where it cannot be undone the file ends with it.
+int QUARN_FILE_IO::append_whole(const char* buf, int len) {
+    const off_t length_before = lseek(fd, 0, SEEK_END);
+    const int written = common_write(buf, len);
+    if (written >= 0) return written;
+    if (length_before < 0 || ftruncate(fd, length_before) != 0) {
+        QUARN_LOGE("file_io: cut log_file=%s fail, errno=%s", cur_file_path.c_str(),
+                   strerror(errno));
+        close_log_file();
+    }
+    return -1;
+}
+
+int QUARN_FILE_IO::open_new_log_file() {
+    if (cur_folder_path.empty()) {
+        QUARN_LOGE("file_io: open log_file fail, cur_folder_path is empty");
+        return -1;
+    }
+    if (!quarn_check_dir_exist(cur_folder_path.c_str())) {
+        QUARN_LOGE("file_io: open log_file fail, cur_folder_path=%s not exist",
+                   cur_folder_path.c_str());
+        return -1;
+    }
+    cur_file_path = cur_folder_path + "/" + indexed_name(file_idx, local_time_text(time(nullptr))) +
+                    file_suffix + std::string(quarn::log_names::kFileEnding) +
+                    std::string(kOpenEnding);
+    if (open_cur_file() != 0) return -1;
+    if (write_header() != 0) {
+        QUARN_LOGE("file_io: write log_file=%s header fail", cur_file_path.c_str());
+        // Nothing may stand in front of the header that the next attempt writes.
+        unlink(cur_file_path.c_str());
+        close_log_file();
+        return -1;
+    }
+    finalise_last_file();
+    last_file_path = cur_file_path;
+    ++file_idx;
+    return 0;
+}
+
+int QUARN_FILE_IO::open_cur_file() {
+    for (int attempt = 1;; ++attempt) {
+        fd = open(cur_file_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kMode);
+        if (fd >= 0) break;
+        if (attempt == kOpenAttempts) {
+            QUARN_LOGE("file_io: open log_file=%s fail, errno=%s", cur_file_path.c_str(),
+                       strerror(errno));
+            return -1;
+        }
+        std::this_thread::sleep_for(kOpenPause);
+    }
+    QUARN_LOGI("file_io: open log_file=%s (fd=%d)", cur_file_path.c_str(), fd.load());
+    return 0;
+}
+
+int QUARN_FILE_IO::write_header() {
+    QRX_LOG_FORMAT_AP ap = {};
+    ap.compress_buf_size = kCompressBufSize;
+    ap.folder_time = static_cast<uint32_t>(cur_folder_time);
+    ap.file_idx = file_idx;
+    quarn::zorvex::GetCustomHeaderInfo(ap.custom_header);
+
+    std::lock_guard lock(g_quarn.md_info_mutex);
+    QRX_LOG_FORMAT_MODEM modem = {};
+    modem.md_info = &g_quarn.md_info;
+    modem.md_info_word_b = g_quarn.md_info.md_info_word_b;
+    modem.md_info_word_a = g_quarn.md_info_word_a;
+    modem.md_info_time = static_cast<uint32_t>(g_quarn.md_info_time);
+    if (g_quarn.md_info_time == 0) {
+        QUARN_LOGE("file_io: no modem info");
+        modem.md_info_time = static_cast<uint32_t>(time(nullptr));
+    }
+    return qrx_log_format_writeHeader(fd, modem, ap);
+}
+
+void QUARN_FILE_IO::finalise_last_file() {
+    if (last_file_path.empty()) return;
+    const std::string finished = finished_file_path(last_file_path);
+    if (rename(last_file_path.c_str(), finished.c_str()) == 0) {
+        QUARN_LOGI("file_io: rename log file %s to %s", last_file_path.c_str(), finished.c_str());
+    } else {
+        QUARN_LOGE("file_io: rename log file %s to %s fail", last_file_path.c_str(),
+                   finished.c_str());
+    }
+}
+
+int QUARN_FILE_IO::close_log_file() {
+    if (fd < 0) {
+        QUARN_LOGE("file_io: log_file=%s is not open!",
+                   cur_file_path.empty() ? "null" : cur_file_path.c_str());
+    } else {
+        if (close(fd) == 0) {
+            QUARN_LOGI("file_io: close log_file=%s (fd=%d)", cur_file_path.c_str(), fd.load());
+        } else {
+            QUARN_LOGE("file_io: close log_file=%s (fd=%d) failed, errno=%s", cur_file_path.c_str(),
+                       fd.load(), strerror(errno));
+        }
+        fd = -1;
+    }
+    file_written = 0;
+    cur_file_path.clear();
+    return 0;
+}
+
+bool QUARN_FILE_IO::wants_ee_name() const {
+    return !cur_folder_path.empty() && file_suffix.find(kException) != std::string::npos &&
+           !name_contains(cur_folder_path, kException);
+}
+
+int QUARN_FILE_IO::rename_folder_ee() {
+    std::lock_guard lock(io_mutex);
+    if (!wants_ee_name()) return 0;
+    const std::string old_path = cur_folder_path;
+    const std::string ee_path = old_path + file_suffix;
+    if (!rename_folder(old_path, ee_path)) return 0;
+    if (!latest_folder_path.empty()) latest_folder_path = ee_path;
+    cur_folder_path = ee_path;
+    // The file that waits for its final name may still be one of the capture before.
+    if (last_file_path.starts_with(old_path + "/")) {
+        last_file_path.replace(0, old_path.size(), ee_path);
+    }
+    QUARN_LOGI("file_io: rename log folder to %s", ee_path.c_str());
+    return 0;
+}
+
+void QUARN_FILE_IO::set_file_suffix(std::string suffix) {
+    std::lock_guard lock(io_mutex);
+    file_suffix = std::move(suffix);
+}
+
+int QUARN_FILE_IO::set_file_size(int mb) {
+    if (mb < 1 || mb > kMaxFileSizeMb) return -1;
+    std::lock_guard lock(io_mutex);
+    file_size = static_cast<uint32_t>(mb) << kBytesPerMbShift;
+    return 0;
+}
+
+int QUARN_FILE_IO::get_file_size() const { return static_cast<int>(file_size >> kBytesPerMbShift); }
+
+int QUARN_FILE_IO::set_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int value) {
+    std::lock_guard lock(recycle_mutex);
+    switch (opt) {
+        case RECYCLE_OPT_SIZE:
+            if (value < 1 || value > kMaxRecycleSizeMb) return -1;
+            recycle_config.recycle_size = value;
+            return 0;
+        case RECYCLE_OPT_EE:
+            recycle_config.clear_ee = value != 0;
+            return 0;
+        case RECYCLE_OPT_KEEP_EE_SIZE:
+            if (value > kMaxRecycleSizeMb) return -1;
+            recycle_config.keep_ee_size = value;
+            return 0;
+    }
+    return -1;
+}
+
+int QUARN_FILE_IO::get_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int* value) const {
+    switch (opt) {
+        case RECYCLE_OPT_SIZE:
+            *value = recycle_config.recycle_size;
+            return 0;
+        case RECYCLE_OPT_EE:
+            *value = recycle_config.clear_ee ? 1 : 0;
+            return 0;
+        case RECYCLE_OPT_KEEP_EE_SIZE:
+            *value = recycle_config.keep_ee_size;
+            return 0;
+    }
+    return -1;
+}
+
+int QUARN_FILE_IO::set_log_folder(std::string path) {
+    std::lock_guard lock(io_mutex);
+    QUARN_LOGI("file_io: set log folder = %s", path.c_str());
+    if (!quarn::zorvex::IsUnderFirstLevelSubfolder(path, top_log_folder)) {
+        QUARN_LOGE("file_io: set log folder %s fail, reason=not allowed path", path.c_str());
+        return -1;
+    }
+    if (!quarn_check_dir_exist(path.c_str()) && create_folder("file_io io_open", path) != 0) {
+        return -1;
+    }
+    log_folder = std::move(path);
+    return 0;
+}
+
+std::string QUARN_FILE_IO::get_log_folder() {
+    std::lock_guard lock(io_mutex);
+    QUARN_LOGI("file_io: get log folder = %s", log_folder.c_str());
+    return log_folder;
+}

@@ -1,0 +1,149 @@
+// The daemon's own process on the simulated phone: start-up, orderly end, sudden end.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "storage/log_names.h"
+#include "support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kModem = "/data/modem";
+const std::string kLogs = "/data/vendor/radio/quarn/logs/";
+
+// One run of the unchanged daemon; its Android log goes to a file.
+class Daemon {
+  public:
+    Daemon(const std::string& name, const std::string& scenario) : log_path("/data/log." + name) {
+        fs::create_directories("/data/vendor/radio");
+        test::WriteFile(kModem + "/scenario", scenario);
+        pid = fork();
+        if (pid == 0) {
+            const int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(log, STDERR_FILENO);
+            setenv("QUARN_SIM_DIR", kModem.c_str(), 1);
+            execl(QUARN_PROGRAM, "quarn", nullptr);
+            _exit(127);
+        }
+    }
+    ~Daemon() { Kill(); }
+
+    std::string Log() const { return test::ReadFile(log_path); }
+    bool WaitFor(const std::string& text) const {
+        return test::WaitUntil([&] { return Log().find(text) != std::string::npos; });
+    }
+    void Kill() {
+        if (pid > 0) kill(pid, SIGKILL);
+        Wait();
+    }
+    // The exit status, or minus the signal.
+    int Wait() {
+        int status = 0;
+        if (pid > 0) waitpid(pid, &status, 0);
+        pid = -1;
+        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+    }
+
+  private:
+    const std::string log_path;
+    pid_t pid;
+};
+
+// What a command on the phone's console prints.
+std::string Console(const std::string& command) {
+    std::string text;
+    FILE* const out = popen((SIMCTL_PROGRAM " --box /data " + command).c_str(), "re");
+    char buf[4096];
+    while (const size_t n = fread(buf, 1, sizeof(buf), out)) text.append(buf, n);
+    EXPECT_EQ(pclose(out), 0) << command;
+    return text;
+}
+
+uint64_t Polls() {
+    const std::string state = Console("state");
+    return std::stoull(state.substr(state.find("poll ") + 5));
+}
+
+}  // namespace
+
+TEST(Daemon, StartsInOrderOnceTheModemLayerIsUp) {
+    Daemon daemon("start", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
+    ASSERT_TRUE(daemon.WaitFor("start all handler done"));
+    const std::string log = daemon.Log();
+    size_t at = 0;
+    for (const char* line : {
+             "start init quarn",
+             "quarn_property_set: rc 0",
+             "init all handle done",
+             "file_io: create folder /data/vendor/radio/quarn/",
+             "Custom header: initialize successfully",
+             "reader_handler: start success",
+             "writer_handler: start success",
+             "start all handler done",
+         }) {
+        at = log.find(line, at);
+        ASSERT_NE(at, std::string::npos) << line << " is missing or out of order in\n" << log;
+    }
+}
+
+TEST(Daemon, KeepsTryingWhileTheModemLayerIsDown) {
+    Daemon daemon("down", "fail init 1000000\n");
+    ASSERT_TRUE(daemon.WaitFor("init all handle done"));
+    EXPECT_FALSE(fs::exists("/data/vendor/radio/quarn"));
+    EXPECT_EQ(daemon.Log().find("start success"), std::string::npos);
+}
+
+// Asked to exit in order, the daemon keeps everything that it took from the port.
+TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
+    Daemon daemon("exit", "tap /data/tap\nsource generated 3\nrate 20M\nstream start\n");
+    ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 3'000'000; }));
+    Console("stream stop");
+    // A chunk that is not full is committed when the port has been quiet for one poll.
+    const uint64_t polls = Polls();
+    ASSERT_TRUE(test::WaitUntil([&] { return Polls() >= polls + 3; }));
+    const auto handed_over = fs::file_size("/data/tap");
+    ASSERT_GT(handed_over, 6'000'000u);
+    Console("exit");
+    EXPECT_EQ(daemon.Wait(), 0);
+    EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
+}
+
+// After any sudden end every block that reached a file decodes, and the next start goes on.
+TEST(Daemon, SuddenEndsTearNothingButTheLastBlock) {
+    constexpr int kRuns = 8;
+    uintmax_t torn = 0;
+    for (int run = 0; run < kRuns; ++run) {
+        const std::string number = std::to_string(run);
+        const uintmax_t stored = test::TreeSize(kLogs);
+        Daemon daemon(number, "tap /data/tap." + number + "\nsource generated " + number +
+                                  "\nrate 0\nstream start\n");
+        ASSERT_TRUE(test::WaitUntil([&] {
+            return test::TreeSize(kLogs) >
+                   stored + 1'000'000 + static_cast<uintmax_t>(run) * 700'000;
+        }));
+    }
+    const auto folders = test::List(kLogs);
+    ASSERT_EQ(folders.size(), static_cast<size_t>(kRuns));
+    for (int run = 0; run < kRuns; ++run) {
+        SCOPED_TRACE(folders[static_cast<size_t>(run)]);
+        const std::string folder = folders[static_cast<size_t>(run)];
+        EXPECT_TRUE(folder.starts_with("QRXMDLog_" + std::to_string(run) + "_"));
+        const bool last = run + 1 == kRuns;
+        EXPECT_EQ(quarn::log_names::IsUnfinished(folder), last);
+        for (const auto& file : test::List(kLogs + folder)) EXPECT_EQ(file.ends_with(".tmp"), last);
+        const test::Decoded decoded = test::Decode(kLogs + folder);
+        torn += decoded.torn.size();
+        EXPECT_GT(decoded.bytes.size(), 1'000'000u);
+        EXPECT_TRUE(test::ReadFile("/data/tap." + std::to_string(run)).starts_with(decoded.bytes));
+    }
+    EXPECT_LE(torn, static_cast<uintmax_t>(kRuns));
+}

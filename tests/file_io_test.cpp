@@ -1,0 +1,428 @@
+// The storage channel: folders, files, their names, and what is in them.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "core/quarn.h"
+#include "storage/custom_header.h"
+#include "support.h"
+
+namespace fs = std::filesystem;
+using test::List;
+
+namespace {
+
+const std::string kBase = "/data/vendor/radio/quarn/";
+const std::string kLogs = kBase + "logs/";
+const std::string kTime = R"(\d{4}_\d{4}_\d{6})";
+
+class FileIo : public testing::Test {
+  protected:
+    FileIo() { fs::create_directories("/data/vendor/radio"); }
+
+    // What a restart of the daemon does to the channel.
+    void Restart() {
+        io = std::make_unique<QUARN_FILE_IO>(kBase);
+        io->create_top_folder();
+    }
+    void SetUp() override { Restart(); }
+
+    // Writes `bytes` as the writer does, 256 KiB at a time; false at the first refusal.
+    bool Write(const std::string& bytes) {
+        for (size_t at = 0; at < bytes.size(); at += kChunk) {
+            const auto len = static_cast<int>(std::min(kChunk, bytes.size() - at));
+            if (io->io_write(bytes.data() + at, len) != len) return false;
+        }
+        return true;
+    }
+    std::string OnlyFolder() const {
+        const auto folders = List(kLogs);
+        EXPECT_EQ(folders.size(), 1u);
+        return folders.empty() ? "" : kLogs + folders[0];
+    }
+
+    static constexpr size_t kChunk = 262144;
+    test::LogCapture log;
+    std::unique_ptr<QUARN_FILE_IO> io;
+};
+
+void ExpectName(const std::string& name, const std::string& pattern) {
+    EXPECT_TRUE(std::regex_match(name, std::regex(pattern))) << name << " is not " << pattern;
+}
+
+mode_t Mode(const std::string& path) {
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+}  // namespace
+
+TEST_F(FileIo, CreatesTheTopFoldersOnceWithTheirModes) {
+    for (const auto& folder : {kBase, kBase + "config", kLogs}) EXPECT_EQ(Mode(folder), 0775u);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: create folder " + kLogs));
+    EXPECT_EQ(umask(022), 0u);
+    log.Clear();
+    fs::remove(kBase + "config");
+    EXPECT_EQ(io->create_top_folder(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: folder already created"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: create folder " + kBase + "config/"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: " + kLogs + " folder already created"));
+
+    fs::remove_all("/data/vendor/radio");
+    EXPECT_EQ(io->create_top_folder(), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: create folder " + kBase +
+                                               " fail, errno=No such file or directory"));
+}
+
+TEST_F(FileIo, ACaptureHoldsWhatWasWritten) {
+    const std::string bytes = test::StreamBytes(5 * kChunk + 12345);
+    EXPECT_EQ(io->io_write(bytes.data(), 10), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: already close"));
+    ASSERT_EQ(io->io_open(), 0);
+    EXPECT_TRUE(io->check_io_open());
+    ASSERT_EQ(io->io_open(), 0);  // an open capture goes on
+    ExpectName(fs::path(OnlyFolder()).filename(), "QRXMDLog_0_" + kTime + "t");
+    EXPECT_EQ(Mode(OnlyFolder()), 0775u);
+    EXPECT_TRUE(List(OnlyFolder()).empty());  // the first flushed block opens the file
+
+    quarn::zorvex::CustomHeaderInfoInit();
+    ASSERT_TRUE(Write(bytes));
+    const std::string too_large(1024 * 1024, 'x');
+    EXPECT_EQ(io->io_write(too_large.data(), static_cast<int>(too_large.size())), -1);
+    EXPECT_EQ(io->io_close(), 0);
+    EXPECT_FALSE(io->check_io_open());
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: flush compress_buf data to log file"));
+
+    const auto files = List(OnlyFolder());
+    ASSERT_EQ(files.size(), 1u);
+    ExpectName(files[0], "QRXMDLog_0_" + kTime + R"(\.muxz\.tmp)");
+    EXPECT_EQ(Mode(OnlyFolder() + "/" + files[0]), 0775u);
+    EXPECT_EQ(test::DecodeTree(kLogs), bytes);
+    // The history has the name that the folder will bear once finished.
+    const std::string folder = OnlyFolder();
+    EXPECT_EQ(test::ReadFile(kBase + "log_folder_history"),
+              kLogs + "/" +
+                  fs::path(folder).filename().string().substr(0, folder.size() - kLogs.size() - 1) +
+                  "\n");
+}
+
+TEST_F(FileIo, RotatesBySizeAndFinishesFilesOneLate) {
+    ASSERT_EQ(io->set_file_size(1), 0);
+    ASSERT_EQ(io->io_open(), 0);
+    const std::string bytes = test::StreamBytes(24 * kChunk);
+    ASSERT_TRUE(Write(bytes));
+    io->io_close();
+
+    const auto files = List(OnlyFolder());
+    ASSERT_GE(files.size(), 2u);
+    for (size_t i = 0; i < files.size(); ++i) {
+        const std::string ending = i + 1 == files.size() ? R"(\.muxz\.tmp)" : R"(\.muxz)";
+        ExpectName(files[i], "QRXMDLog_" + std::to_string(i) + "_" + kTime + ending);
+        // A file passes the limit by at most one flush of the 1 MiB buffer (and its header).
+        EXPECT_LE(fs::file_size(OnlyFolder() + "/" + files[i]), 2u * 1024 * 1024 + 1024);
+    }
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: file_size exceed 1048576"));
+    EXPECT_EQ(test::DecodeTree(kLogs), bytes);
+}
+
+// What stands in the tree when a capture opens, what the folder before is called afterwards, and
+// the new capture's index.
+TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
+    struct {
+        std::vector<std::string> left;
+        std::string finished;
+        int next_idx;
+    } const cases[] = {
+        {{"QRXMDLog_7_2024_0101_000000t_EE"}, "QRXMDLog_7_2024_0101_000000_EE", 8},
+        {{"QRXMDLog_7_2024_0101_000000t"}, "QRXMDLog_7_2024_0101_000000", 8},
+        {{"QRXMDLog_7_2024_0101_000000"}, "QRXMDLog_7_2024_0101_000000", 8},
+        // A finished exception folder loses a digit: the character before the mark always goes.
+        {{"QRXMDLog_7_2024_0101_000000_EE"}, "QRXMDLog_7_2024_0101_00000_EE", 8},
+        // Unfinished folders win over higher indexes.
+        {{"QRXMDLog_3_2024_0101_000000t", "QRXMDLog_9_2024_0101_000000"},
+         "QRXMDLog_3_2024_0101_000000",
+         4},
+        {{"QRXMDLog_10_2024_0101_000000t", "QRXMDLog_9_2024_0101_000000t"},
+         "QRXMDLog_10_2024_0101_000000",
+         11},
+        {{"QRXMDLog_5", "unrelated"}, "", 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.left[0]);
+        fs::remove_all(kLogs);
+        fs::create_directories(kLogs);
+        for (const auto& folder : c.left) {
+            test::WriteFile(kLogs + folder + "/QRXMDLog_2_2024_0101_000001.muxz.tmp", "x");
+        }
+        Restart();
+        ASSERT_EQ(io->io_open(), 0);
+        ASSERT_TRUE(Write("abc"));
+        io->flush_ringBuf();
+        const auto folders = List(kLogs);
+        ASSERT_EQ(folders.size(), c.left.size() + 1);
+        EXPECT_EQ(fs::path(io->get_latest_folder_path())
+                      .filename()
+                      .string()
+                      .rfind("QRXMDLog_" + std::to_string(c.next_idx) + "_", 0),
+                  0u);
+        if (c.finished.empty()) continue;
+        EXPECT_EQ(List(kLogs + c.finished),
+                  std::vector<std::string>{"QRXMDLog_2_2024_0101_000001.muxz"});
+    }
+}
+
+TEST_F(FileIo, MarksAreSoughtInTheLastPathComponentOnly) {
+    ASSERT_EQ(io->set_log_folder(kLogs + "a_EE.tmpt"), 0);
+    for (int capture = 0; capture < 3; ++capture) {
+        ASSERT_EQ(io->io_open(), 0);
+        ASSERT_TRUE(Write("capture " + std::to_string(capture) + "\n"));
+        if (capture == 1) {
+            io->set_file_suffix("_EE");
+            io->rename_folder_ee();
+        }
+        io->io_close();
+    }
+    const auto folders = List(kLogs + "a_EE.tmpt");
+    ASSERT_EQ(folders.size(), 3u);
+    ExpectName(folders[0], "QRXMDLog_0_" + kTime);
+    ExpectName(folders[1], "QRXMDLog_1_" + kTime + "_EE");
+    ExpectName(folders[2], "QRXMDLog_2_" + kTime + "t");
+    for (size_t i = 0; i < 3; ++i) {
+        const auto files = List(kLogs + "a_EE.tmpt/" + folders[i]);
+        ASSERT_EQ(files.size(), 1u);
+        EXPECT_EQ(files[0].ends_with(".tmp"), i == 2) << files[0];
+    }
+    EXPECT_EQ(test::DecodeTree(kLogs), "capture 0\ncapture 1\ncapture 2\n");
+}
+
+TEST_F(FileIo, AnExceptionMarksFolderAndFilesAndLosesNothing) {
+    ASSERT_EQ(io->set_file_size(1), 0);
+    ASSERT_EQ(io->io_open(), 0);
+    const std::string bytes = test::StreamBytes(30 * kChunk);
+    ASSERT_TRUE(Write(bytes.substr(0, 14 * kChunk)));
+    const std::string before = OnlyFolder();
+    io->rename_folder_ee();  // without the suffix: nothing
+    EXPECT_EQ(OnlyFolder(), before);
+    io->set_file_suffix("_EE");
+    io->rename_folder_ee();
+    EXPECT_EQ(OnlyFolder(), before + "_EE");
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: rename log folder to " + kLogs + "/" +
+                                              fs::path(before).filename().string() + "_EE"));
+    io->rename_folder_ee();  // once only
+    EXPECT_EQ(OnlyFolder(), before + "_EE");
+    ASSERT_TRUE(Write(bytes.substr(14 * kChunk)));
+    io->io_close();
+    EXPECT_EQ(test::DecodeTree(kLogs), bytes);
+    const auto files = List(before + "_EE");
+    ExpectName(files.front(), "QRXMDLog_0_" + kTime + R"(\.muxz)");
+    ExpectName(files.back(), R"(QRXMDLog_\d+_)" + kTime + R"(_EE\.muxz\.tmp)");
+
+    ASSERT_EQ(io->io_open(), 0);
+    ASSERT_TRUE(Write("next"));
+    io->io_close();
+    const std::string finished = before.substr(0, before.size() - 1) + "_EE";
+    ASSERT_TRUE(fs::exists(finished));
+    for (const auto& file : List(finished)) EXPECT_TRUE(file.ends_with(".muxz")) << file;
+}
+
+// The file that waits for its final name still lies in the capture before when the exception comes
+// before the new capture has a file.
+TEST_F(FileIo, AnExceptionLeavesTheCaptureBeforeAlone) {
+    ASSERT_EQ(io->io_open(), 0);
+    ASSERT_TRUE(Write("first"));
+    io->io_close();
+    ASSERT_EQ(io->io_open(), 0);
+    io->set_file_suffix("_EE");
+    io->rename_folder_ee();
+    ASSERT_TRUE(Write("second"));
+    io->io_close();
+    const auto folders = List(kLogs);
+    ASSERT_EQ(folders.size(), 2u);
+    ExpectName(List(kLogs + folders[0]).at(0), "QRXMDLog_0_" + kTime + R"(\.muxz)");
+    ExpectName(folders[1], "QRXMDLog_1_" + kTime + "t_EE");
+    EXPECT_EQ(test::DecodeTree(kLogs), "firstsecond");
+}
+
+TEST_F(FileIo, AFlushedCloseAddsOneByteAndKeepsTheCapture) {
+    EXPECT_EQ(io->close_log_file_with_flush(), -1);
+    EXPECT_EQ(io->flush_ringBuf(), -1);
+    ASSERT_EQ(io->io_open(), 0);
+    ASSERT_TRUE(Write("one "));
+    EXPECT_EQ(io->flush_ringBuf(), 0);
+    const std::string first = OnlyFolder() + "/" + List(OnlyFolder()).at(0);
+    const auto flushed_size = fs::file_size(first);
+    ASSERT_TRUE(Write("two "));
+    EXPECT_EQ(io->close_log_file_with_flush(), 0);
+    const auto block_size = fs::file_size(first) - flushed_size - 1;
+    EXPECT_EQ(block_size, 6u + 1 + 1 + 4);  // lengths, Snappy's length and literal mark, the text
+    EXPECT_EQ(io->close_log_file_with_flush(), 0);  // nothing buffered, no file: nothing to do
+    ASSERT_TRUE(Write("three"));
+    io->io_close();
+    EXPECT_EQ(List(OnlyFolder()).size(), 2u);
+    EXPECT_EQ(test::DecodeTree(kLogs), "one two three");
+}
+
+TEST_F(FileIo, TheDestructorFlushesAndMarksTheExceptionFolder) {
+    ASSERT_EQ(io->io_open(), 0);
+    ASSERT_TRUE(Write("last words"));
+    io->set_file_suffix("_EE");
+    io.reset();
+    EXPECT_TRUE(OnlyFolder().ends_with("t_EE"));
+    EXPECT_EQ(test::DecodeTree(kLogs), "last words");
+}
+
+TEST_F(FileIo, AFullDiskTearsNoBlockAndLosesNothing) {
+    constexpr const char* kRoom = "size=6m";
+    fs::create_directories(kLogs);
+    ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", 0, kRoom), 0);
+    test::WriteFile(kLogs + "ballast", std::string(3 << 20, 'b'));
+    ASSERT_EQ(io->set_file_size(1), 0);
+    ASSERT_EQ(io->io_open(), 0);
+    const std::string bytes = test::StreamBytes(64 * kChunk);
+    size_t taken = 0;
+    const auto offer = [&] {
+        return io->io_write(bytes.data() + taken, kChunk) == static_cast<int>(kChunk);
+    };
+    while (taken < bytes.size() && offer()) taken += kChunk;
+    ASSERT_LT(taken, bytes.size());
+    EXPECT_FALSE(offer());
+    EXPECT_FALSE(offer());
+    const std::string on_disk = test::DecodeTree(kLogs);  // fails the test at a torn block
+    EXPECT_TRUE(bytes.starts_with(on_disk));
+
+    fs::remove(kLogs + "ballast");
+    ASSERT_TRUE(offer());
+    taken += kChunk;
+    io->io_close();
+    EXPECT_EQ(test::DecodeTree(kLogs), bytes.substr(0, taken));
+    // No file without its header was left behind either.
+    for (const auto& entry : fs::recursive_directory_iterator(kLogs)) {
+        EXPECT_TRUE(entry.is_directory() || entry.file_size() > 260) << entry.path();
+    }
+}
+
+TEST_F(FileIo, AVanishedTreeIsMadeAgain) {
+    ASSERT_EQ(io->io_open(), 0);
+    io->io_close();
+    fs::remove_all(kBase);
+    ASSERT_EQ(io->io_open(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io io_open: create folder " + kLogs));
+    ASSERT_TRUE(Write("again"));
+    io->io_close();
+    EXPECT_EQ(test::DecodeTree(kLogs), "again");
+
+    // So is the folder of a capture that has no file open; what was buffered goes to the new one.
+    ASSERT_EQ(io->set_file_size(1), 0);
+    ASSERT_EQ(io->io_open(), 0);
+    fs::remove_all(kLogs);
+    const std::string bytes = test::StreamBytes(16 * kChunk);
+    size_t taken = 0;
+    while (io->io_write(bytes.data() + taken, kChunk) > 0) taken += kChunk;
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: recycle fail (memory not enough)"));
+    ASSERT_FALSE(io->check_io_open());
+    ASSERT_EQ(io->io_open(), 0);
+    ASSERT_TRUE(Write(bytes.substr(taken)));
+    io->io_close();
+    EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
+}
+
+TEST_F(FileIo, SettingsKeepTheirBounds) {
+    EXPECT_EQ(io->get_file_size(), 50);
+    for (const int refused : {0, -1, 4096}) EXPECT_EQ(io->set_file_size(refused), -1);
+    EXPECT_EQ(io->get_file_size(), 50);
+    EXPECT_EQ(io->set_file_size(4095), 0);
+    EXPECT_EQ(io->get_file_size(), 4095);
+
+    const auto get = [&](QUARN_RECYCLE_OPT opt) {
+        unsigned int value = 99;
+        EXPECT_EQ(io->get_recycle_option(opt, &value), 0);
+        return value;
+    };
+    EXPECT_EQ(get(RECYCLE_OPT_SIZE), 2500u);
+    EXPECT_EQ(get(RECYCLE_OPT_EE), 1u);
+    EXPECT_EQ(get(RECYCLE_OPT_KEEP_EE_SIZE), 0u);
+    struct {
+        QUARN_RECYCLE_OPT opt;
+        unsigned int value;
+        int rc;
+        unsigned int kept;
+    } const cases[] = {
+        {RECYCLE_OPT_SIZE, 0, -1, 2500},
+        {RECYCLE_OPT_SIZE, 4194304, -1, 2500},
+        {RECYCLE_OPT_SIZE, 4194303, 0, 4194303},
+        {RECYCLE_OPT_EE, 7, 0, 1},
+        {RECYCLE_OPT_EE, 0, 0, 0},
+        {RECYCLE_OPT_KEEP_EE_SIZE, 4194304, -1, 0},
+        {RECYCLE_OPT_KEEP_EE_SIZE, 4194303, 0, 4194303},
+        {RECYCLE_OPT_KEEP_EE_SIZE, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(io->set_recycle_option(c.opt, c.value), c.rc) << c.opt << " " << c.value;
+        EXPECT_EQ(get(c.opt), c.kept) << c.opt << " " << c.value;
+    }
+    EXPECT_EQ(io->set_recycle_option(static_cast<QUARN_RECYCLE_OPT>(3), 1), -1);
+
+    EXPECT_EQ(io->set_log_folder("/sdcard/x"), -1);
+    EXPECT_EQ(io->set_log_folder(kLogs + "x/y"), -1);
+    EXPECT_EQ(io->get_log_folder(), kLogs);
+    EXPECT_EQ(io->set_log_folder("/data/vendor/radio/quarn//logs//run1/"), 0);
+    EXPECT_EQ(io->get_log_folder(), "/data/vendor/radio/quarn//logs//run1/");
+    EXPECT_TRUE(fs::is_directory(kLogs + "run1"));
+}
+
+// Requests come from other threads while the writer writes.
+TEST_F(FileIo, RequestsFromOtherThreadsLoseNothing) {
+    ASSERT_EQ(io->set_file_size(1), 0);
+    ASSERT_EQ(io->io_open(), 0);
+    std::atomic<bool> done{false};
+    std::thread requests([&] {
+        for (int i = 0; !done; ++i) {
+            switch (i % 6) {
+                case 0:
+                    io->close_log_file_with_flush();
+                    break;
+                case 1:
+                    io->set_file_suffix("_EE");
+                    break;
+                case 2:
+                    io->rename_folder_ee();
+                    break;
+                case 3:
+                    io->io_close();
+                    break;
+                case 4:
+                    io->io_open();
+                    break;
+                case 5:
+                    io->flush_ringBuf();
+                    break;
+            }
+            unsigned int value;
+            io->get_recycle_option(RECYCLE_OPT_SIZE, &value);
+            io->set_recycle_option(RECYCLE_OPT_SIZE, value);
+            io->set_file_size(io->get_file_size());
+            std::this_thread::yield();
+        }
+    });
+    const std::string bytes = test::StreamBytes(64 * kChunk);
+    for (size_t at = 0; at < bytes.size();) {
+        if (io->io_write(bytes.data() + at, kChunk) > 0) {
+            at += kChunk;
+        } else {
+            io->io_open();
+        }
+    }
+    done = true;
+    requests.join();
+    io->io_close();
+    EXPECT_EQ(test::DecodeTree(kLogs), bytes);
+}

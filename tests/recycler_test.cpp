@@ -1,0 +1,227 @@
+// The recycler over real trees of sparse files.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/quarn.h"
+#include "storage/folder_history.h"
+#include "storage/log_file_recycler.h"
+#include "support.h"
+
+namespace fs = std::filesystem;
+using quarn::zorvex::LogFileRecycler;
+
+namespace {
+
+const std::string kBase = "/data/vendor/radio/quarn/";
+const std::string kLogs = kBase + "logs/";
+
+// Makes a file of `kb` KiB that takes no room.
+void MakeFile(const std::string& path, uintmax_t kb) {
+    test::WriteFile(path, "");
+    fs::resize_file(path, kb * 1024);
+}
+
+// One line a tree: "folder: index=MB index=MB; folder: ..." with "@" for a file right in the logs.
+void MakeTree(const std::string& tree) {
+    fs::remove_all(kBase);
+    fs::create_directories(kLogs);
+    std::istringstream folders(tree);
+    for (std::string line; std::getline(folders, line, ';');) {
+        std::istringstream words(line);
+        std::string folder;
+        words >> folder;
+        folder.pop_back();
+        fs::create_directories(kLogs + folder);
+        for (std::string file; words >> file;) {
+            const size_t equals = file.find('=');
+            const std::string ee = folder.ends_with("_EE") ? "_EE" : "";
+            MakeFile(kLogs + folder + "/QRXMDLog_" + file.substr(0, equals) + "_2024_0101_000000" +
+                         ee + ".muxz",
+                     std::stoul(file.substr(equals + 1)) * 1024);
+        }
+    }
+}
+
+// What is left, in the same notation, sorted and without sizes.
+std::string Left() {
+    std::string left;
+    std::vector<std::string> folders;
+    for (const auto& entry : fs::recursive_directory_iterator(kLogs)) {
+        if (entry.is_directory()) folders.push_back(entry.path());
+    }
+    std::sort(folders.begin(), folders.end());
+    for (const auto& folder : folders) {
+        if (!left.empty()) left += "; ";
+        left += folder.substr(kLogs.size()) + ":";
+        for (const auto& name : test::List(folder)) {
+            if (name.starts_with("QRXMDLog_") && fs::is_regular_file(folder + "/" + name)) {
+                left += " " + name.substr(9, name.find('_', 9) - 9);
+            }
+        }
+    }
+    return left;
+}
+
+// Folder names of one day; the letter tells the hour.
+std::string Expand(std::string text) {
+    for (const char c : {'A', 'B', 'C', 'D'}) {
+        const std::string name = std::string("QRXMDLog_") + static_cast<char>(c - 'A' + '1') +
+                                 "_2024_0101_0" + static_cast<char>(c - 'A' + '0') + "0000";
+        for (size_t at; (at = text.find(std::string("<") + c + ">")) != std::string::npos;) {
+            text.replace(at, 3, name);
+        }
+    }
+    return text;
+}
+
+struct RecyclerCase {
+    const char* what;
+    const char* tree;
+    const char* history;  // folders, oldest first
+    unsigned int recycle_size, keep_ee_size;
+    bool clear_ee;
+    int32_t rc;
+    const char* left;
+};
+
+const RecyclerCase kCases[] = {
+    {"a tree at its budget is left alone", "<A>: 0=5; <B>t: 0=5", "<A> <B>", 10, 0, true, 0,
+     "<A>: 0; <B>t: 0"},
+    {"oldest first, no more than needed", "<A>: 0=4 1=4 2=4; <B>t: 0=4", "<A> <B>", 9, 0, true, 0,
+     "<A>: 2; <B>t: 0"},
+    {"an emptied folder goes", "<A>: 0=4; <B>: 0=4; <C>t: 0=4", "<A> <B> <C>", 8, 0, true, 0,
+     "<B>: 0; <C>t: 0"},
+    {"history beats time", "<A>: 0=4; <B>: 0=4; <C>t: 0=4", "<B> <A> <C>", 8, 0, true, 0,
+     "<A>: 0; <C>t: 0"},
+    {"unknown to the history goes first", "<A>: 0=4; <B>: 0=4; <C>t: 0=4", "<A> <C>", 8, 0, true, 0,
+     "<A>: 0; <C>t: 0"},
+    {"unknown ones by time", "<B>: 0=4; <A>: 0=4; <C>t: 0=4", "", 8, 0, true, 0, "<B>: 0; <C>t: 0"},
+    {"of a folder named twice the older place counts", "<A>: 0=4; <B>: 0=4; <C>t: 0=4",
+     "<A> <B> <A> <C>", 8, 0, true, 0, "<B>: 0; <C>t: 0"},
+    {"the current capture keeps its newest file", "<A>t: 0=4 1=4 2=4", "<A>", 1, 0, true, -1,
+     "<A>t: 2"},
+    {"serial numbers count, not texts", "<A>t: 9=4 10=4 100=4", "<A>", 8, 0, true, 0,
+     "<A>t: 100 10"},
+    {"serial numbers that wrapped", "<A>t: 0=4 1=4 4294967294=4 4294967295=4", "<A>", 12, 0, true,
+     0, "<A>t: 0 1 4294967295"},
+    {"of wrapped ones the newest stays", "<A>t: 0=4 1=4 4294967294=4 4294967295=4", "<A>", 1, 0,
+     true, -1, "<A>t: 1"},
+    {"ordinary folders go before exceptions", "<A>_EE: 0=4; <B>: 0=4; <C>t: 0=4", "<A> <B> <C>", 8,
+     0, true, 0, "<A>_EE: 0; <C>t: 0"},
+    {"exceptions stay when they must", "<A>_EE: 0=4 1=4; <B>_EE: 0=4", "<A> <B>", 4, 0, false, -1,
+     "<A>_EE: 0 1; <B>_EE: 0"},
+    {"exceptions are trimmed first", "<A>_EE: 0=4 1=4 2=4; <B>_EE: 0=4 1=4; <C>t: 0=4",
+     "<A> <B> <C>", 12, 4, true, 0, "<A>_EE: 2; <B>_EE: 1; <C>t: 0"},
+    {"then cleared", "<A>_EE: 0=4 1=4 2=4; <B>_EE: 0=4 1=4; <C>t: 0=4", "<A> <B> <C>", 5, 4, true,
+     0, "<C>t: 0"},
+    {"but only trimmed when they must stay", "<A>_EE: 0=4 1=4 2=4; <B>t_EE: 0=4 1=4", "<A> <B>", 5,
+     4, false, -1, "<A>_EE: 2; <B>t_EE: 1"},
+    {"the current exception keeps its newest file", "<A>_EE: 0=4; <B>t_EE: 0=4 1=4", "<A> <B>", 1,
+     0, true, -1, "<B>t_EE: 1"},
+    {"an own log folder goes with its last capture", "run/<A>: 0=4; <B>t: 0=4", "<A> <B>", 4, 0,
+     true, 0, "<B>t: 0"},
+    {"and stays while it holds another", "run/<A>: 0=4; run/<B>: 0=4; <C>t: 0=4", "<A> <B> <C>", 8,
+     0, true, 0, "run: ; run/<B>: 0; <C>t: 0"},
+    {"a deeper folder is found too", "x/y/<A>: 0=4; <B>t: 0=4", "<A> <B>", 4, 0, true, 0,
+     "x: ; <B>t: 0"},
+};
+
+class Recycler : public testing::Test {
+  protected:
+    Recycler() { fs::create_directories("/data/vendor/radio"); }
+    test::LogCapture log;
+    RECYCLE_CONFIG config;
+};
+
+std::string Sorted(const std::string& tree) {
+    std::vector<std::string> parts;
+    std::istringstream in(tree);
+    for (std::string part; std::getline(in, part, ';');) {
+        while (part.starts_with(' ')) part.erase(0, 1);
+        while (part.ends_with(' ')) part.pop_back();
+        parts.push_back(part);
+    }
+    std::sort(parts.begin(), parts.end());
+    std::string sorted;
+    for (const auto& part : parts) sorted += part + ";";
+    return sorted;
+}
+
+}  // namespace
+
+TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
+    int number = 0;
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.what);
+        MakeTree(Expand(c.tree));
+        std::istringstream history(Expand(c.history));
+        for (std::string folder; history >> folder;) {
+            quarn::zorvex::UpdateFolderHistory(kLogs + "/" + folder);
+        }
+        // The recycler reads the history again when the latest capture is another one.
+        const std::string aside = kLogs + "aside" + std::to_string(++number);
+        g_file_io.io_close();
+        ASSERT_EQ(g_file_io.set_log_folder(aside), 0);
+        ASSERT_EQ(g_file_io.io_open(), 0);
+        fs::remove_all(aside);
+
+        config.recycle_size = c.recycle_size;
+        config.keep_ee_size = c.keep_ee_size;
+        config.clear_ee = c.clear_ee;
+        EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), c.rc);
+        EXPECT_EQ(Sorted(Left()), Sorted(Expand(c.left)));
+    }
+}
+
+// A capture whose history record could not be written sorts as the oldest of all.
+TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
+    MakeTree(Expand("<B>: 0=4"));
+    quarn::zorvex::UpdateFolderHistory(kLogs + "/" + Expand("<B>"));
+    fs::rename(kBase + "log_folder_history", kBase + "kept");
+    fs::create_directory(kBase + "log_folder_history");
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "UpdateFolderHistory: Error opening or creating file: Is a directory"));
+    fs::remove(kBase + "log_folder_history");
+    fs::rename(kBase + "kept", kBase + "log_folder_history");
+    const std::string current = g_file_io.get_latest_folder_path();
+    MakeFile(current + "/QRXMDLog_0_2024_0101_000000.muxz", 4096);
+    MakeFile(current + "/QRXMDLog_1_2024_0101_000000.muxz.tmp", 4096);
+    config.recycle_size = 1;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
+    EXPECT_EQ(test::List(current),
+              std::vector<std::string>{"QRXMDLog_1_2024_0101_000000.muxz.tmp"});
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: still remain 3072KB not cleared"));
+    EXPECT_FALSE(fs::exists(kLogs + Expand("<B>")));
+}
+
+TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
+    MakeTree(Expand("<A>: 0=4; <B>t: 0=4"));
+    MakeFile(kLogs + "power_on_log.muxz", 9000);
+    MakeFile(kLogs + "notes.txt", 9000);
+    MakeFile(kLogs + Expand("<A>/QRXMDLog_99999999999_2024_0101_000000.muxz"), 0);
+    fs::create_directory(kLogs + Expand("<A>/sub"));
+    config.recycle_size = 8;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO,
+                        "LogFileRecycler: total log file size=8MB, skip recycle (recycle=8MB)"));
+    EXPECT_EQ(log.Count("Unexpected..."), 1u);
+    EXPECT_TRUE(log.Has(
+        ANDROID_LOG_WARN,
+        "TraverseAndBuildFolderList: Unexpected file in log folder " + kLogs + "/notes.txt"));
+    config.recycle_size = 4;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "BuildLogFileList: Unexpected entry in log folder ..."));
+    // The stray entries keep the emptied folder.
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "RecycleFolder: Error removing folder ..."));
+    EXPECT_EQ(test::List(kLogs + Expand("<A>")).size(), 2u);
+    EXPECT_TRUE(fs::exists(kLogs + "power_on_log.muxz"));
+
+    fs::remove_all(kLogs);
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: failed to traverse, skip recycle"));
+}

@@ -1,0 +1,444 @@
+// The simulated phone: what every other test and measurement rests on.
+#include <android-base/properties.h>
+#include <gtest/gtest.h>
+#include <snappy-c.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "platform/mcl.h"
+#include "platform/system_properties.h"
+#include "sim/console.h"
+#include "sim/console_server.h"
+#include "sim/modem.h"
+#include "sim/replay_place.h"
+#include "sim/socket_address.h"
+#include "tests/support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using sim::Modem;
+
+const std::string kFolder = "/box/modem";
+const std::string kLogFile = "/box/stream";
+
+std::string ReadAll(sim::LogSource& source, size_t total, const std::vector<size_t>& sizes) {
+    std::string bytes(total, '\0');
+    size_t done = 0;
+    for (size_t i = 0; done < total; ++i) {
+        const size_t want = std::min(sizes[i % sizes.size()], total - done);
+        const size_t got = source.Read(reinterpret_cast<uint8_t*>(bytes.data()) + done, want);
+        if (got == 0) break;
+        done += got;
+    }
+    bytes.resize(done);
+    return bytes;
+}
+
+// One read of the port: the bytes, or the error's number in `*error` (0 for a read of nothing).
+std::string ReadPort(size_t len, int* error = nullptr) {
+    std::string bytes(len, '\0');
+    int number = 0;
+    const int got = mcl_readFromLogPort(bytes.data(), static_cast<unsigned>(len), &number);
+    if (error != nullptr) *error = number;
+    bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
+    return bytes;
+}
+
+int ReadError() {
+    int error = -1;
+    EXPECT_EQ(ReadPort(1, &error), "");
+    return error;
+}
+
+std::string Send(std::string_view lines) {
+    const sim::SocketAddress address(kFolder, sim::kConsoleSocketName);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(connect(fd, address.address(), address.size()), 0) << strerror(errno);
+    // In two pieces, so that a line may come in parts.
+    const size_t half = lines.size() / 2;
+    for (const std::string_view piece : {lines.substr(0, half), lines.substr(half)}) {
+        send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+    }
+    shutdown(fd, SHUT_WR);
+    std::string reply;
+    char buffer[4096];
+    for (ssize_t got; (got = recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
+        reply.append(buffer, static_cast<size_t>(got));
+    }
+    close(fd);
+    return reply;
+}
+
+class SimPort : public testing::Test {
+  protected:
+    SimPort() { EXPECT_EQ(mcl_init(), 0); }
+    ~SimPort() override { mcl_deinit(); }
+
+    Modem& modem = Modem::Instance();
+};
+
+TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
+    constexpr size_t kTotal = 3'000'000;
+    const std::string stream = ReadAll(*sim::MakeGeneratedSource(5), kTotal, {65536});
+    for (const std::vector<size_t>& sizes : std::vector<std::vector<size_t>>{
+             {1, 2, 3}, {4096}, {1015, 1016, 1017}, {100'000, 7, 65536, 333}}) {
+        EXPECT_TRUE(ReadAll(*sim::MakeGeneratedSource(5), kTotal, sizes) == stream) << sizes[0];
+    }
+    EXPECT_FALSE(ReadAll(*sim::MakeGeneratedSource(6), kTotal, {65536}) == stream);
+
+    uint32_t records = 0;
+    for (size_t at = 0; at + 24 <= stream.size(); ++records) {
+        uint16_t length = 0;
+        uint32_t sequence = 0;
+        memcpy(&length, &stream[at + 2], sizeof(length));
+        memcpy(&sequence, &stream[at + 8], sizeof(sequence));
+        ASSERT_EQ(stream.substr(at, 2), "\x5a\xa5") << "record " << records;
+        ASSERT_EQ(sequence, records);
+        at += length;
+    }
+    EXPECT_GT(records, 1000u);
+}
+
+TEST(SimSource, GeneratedStreamPacksTwoToFourTimes) {
+    constexpr size_t kBlock = 262144;
+    auto source = sim::MakeGeneratedSource(9);
+    size_t packed_total = 0;
+    for (int i = 0; i < 16; ++i) {
+        const std::string block = ReadAll(*source, kBlock, {kBlock});
+        std::string packed(snappy_max_compressed_length(kBlock), '\0');
+        size_t size = packed.size();
+        ASSERT_EQ(snappy_compress(block.data(), kBlock, packed.data(), &size), SNAPPY_OK);
+        packed_total += size;
+    }
+    EXPECT_GT(packed_total, 16 * kBlock / 4);
+    EXPECT_LT(packed_total, 16 * kBlock / 2);
+}
+
+TEST(SimSource, ReplaysRegularFilesOnly) {
+    const std::string bytes = test::StreamBytes(3'000'000);
+    test::WriteFile(kLogFile, bytes);
+    EXPECT_TRUE(ReadAll(*sim::MakeReplaySource(kLogFile), bytes.size() + 1, {65536, 999}) == bytes);
+    EXPECT_TRUE(ReadAll(*sim::MakeReplaySource(kLogFile, 1234567), bytes.size(), {2'000'000}) ==
+                bytes.substr(1234567));
+    ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
+    for (const auto& [path, error] :
+         {std::pair{"/box/missing", ENOENT}, {"/box", EISDIR}, {"/box/pipe", EINVAL}}) {
+        EXPECT_EQ(sim::MakeReplaySource(path), nullptr) << path;
+        EXPECT_EQ(errno, error) << path;
+    }
+}
+
+TEST_F(SimPort, HandsOverTheSourceUpToItsEnd) {
+    const std::string bytes = test::StreamBytes(1'000'000);
+    test::WriteFile(kLogFile, bytes);
+    ASSERT_TRUE(modem.SetTap("/box/tap"));
+    modem.SetSource(sim::MakeReplaySource(kLogFile));
+    EXPECT_EQ(ReadError(), EAGAIN);
+    const auto asked = std::chrono::steady_clock::now();
+    EXPECT_EQ(mcl_pollLogPort(50), -2) << "the stream is not started";
+    EXPECT_GE(std::chrono::steady_clock::now() - asked, 50ms);
+
+    modem.StartStream();
+    modem.SetReadLimit(1000);
+    std::string got = ReadPort(65536);
+    EXPECT_EQ(got.size(), 1000u);
+    modem.SetReadLimit(0);
+    while (!modem.source_exhausted()) {
+        ASSERT_GT(mcl_pollLogPort(500), 0);
+        got += ReadPort(65536);
+    }
+    EXPECT_TRUE(got == bytes);
+    EXPECT_EQ(modem.bytes_delivered(), bytes.size());
+    EXPECT_TRUE(test::ReadFile("/box/tap") == bytes);
+    EXPECT_EQ(ReadError(), EAGAIN);
+    EXPECT_EQ(mcl_pollLogPort(0), -2);
+}
+
+TEST_F(SimPort, ARateBoundsWhatIsReadable) {
+    constexpr uint64_t kRate = 2'000'000;
+    modem.SetSource(sim::MakeGeneratedSource(1));
+    modem.SetRate(kRate);
+    const auto start = std::chrono::steady_clock::now();
+    modem.StartStream();
+    size_t total = 0;
+    size_t reads = 0;
+    while (total < kRate / 4) {
+        EXPECT_NE(mcl_pollLogPort(2000), -1);
+        const size_t got = ReadPort(65536).size();
+        total += got;
+        reads += got != 0 ? 1 : 0;
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 245ms);
+    EXPECT_LE(reads, 25u) << "bursts of 10 ms, not crumbs";
+    // What nobody reads piles up for one second only.
+    modem.SetRate(1000);
+    std::this_thread::sleep_for(1200ms);
+    EXPECT_EQ(ReadPort(65536).size(), 1000u);
+}
+
+TEST_F(SimPort, FaultsComeAsAskedAndCostNoBytes) {
+    modem.SetSource(sim::MakeGeneratedSource(3));
+    modem.StartStream();
+    modem.FailReads(EBADF, 2);
+    modem.FailReads(0, 1);
+    modem.FailReads(EINTR, 1);
+    mcl_closeLogPort();
+    EXPECT_EQ(ReadError(), EBADF);
+    EXPECT_EQ(mcl_pollLogPort(1000), -1);
+    modem.FailOpens(1);
+    EXPECT_LT(mcl_openLogPort(), 0);
+    EXPECT_EQ(ReadError(), EBADF);
+    EXPECT_EQ(mcl_openLogPort(), 0);
+    for (const int error : {EBADF, EBADF, 0, EINTR}) EXPECT_EQ(ReadError(), error);
+    modem.FailPolls(-2, 1);
+    modem.FailPolls(-1, 1);
+    EXPECT_EQ(mcl_pollLogPort(10'000), -2);
+    EXPECT_EQ(mcl_pollLogPort(10'000), -1);
+    EXPECT_GT(mcl_pollLogPort(10'000), 0);
+    modem.FailWrites(1);
+    EXPECT_LT(mcl_writeToLogPort("lost", 4), 0);
+    EXPECT_GE(mcl_writeToLogPort("sync", 4), 0);
+    EXPECT_EQ(modem.written(), "sync");
+    modem.FailReads(EIO, 3);
+    modem.FailReads(EIO, 0);
+
+    modem.SprinkleFaults(11, 200);
+    std::string stream;
+    int faults = 0;
+    for (int i = 0; i < 2000; ++i) {
+        const std::string piece = ReadPort(1000);
+        faults += piece.empty() ? 1 : 0;
+        stream += piece;
+    }
+    EXPECT_GT(faults, 200);
+    EXPECT_LT(faults, 1000);
+    EXPECT_TRUE(stream == ReadAll(*sim::MakeGeneratedSource(3), stream.size(), {65536}));
+    const Modem::Calls calls = modem.calls();
+    EXPECT_EQ(calls.open, 2u);
+    EXPECT_EQ(calls.close, 1u);
+    EXPECT_EQ(calls.write, 2u);
+    EXPECT_EQ(calls.poll, 4u);
+}
+
+TEST(SimLayer, TheLogPortIsOpenOnceInitSucceeded) {
+    Modem& modem = Modem::Instance();
+    EXPECT_EQ(ReadError(), EBADF);
+    EXPECT_EQ(mcl_pollLogPort(1000), -1);
+    EXPECT_LT(mcl_openLogPort(), 0);
+    modem.FailInit(2);
+    EXPECT_NE(mcl_init(), 0);
+    EXPECT_NE(mcl_init(), 0);
+    EXPECT_EQ(mcl_init(), 0);
+    EXPECT_EQ(ReadError(), EAGAIN);
+    // A waiting poll ends when the layer goes down.
+    std::thread waiting([] { EXPECT_EQ(mcl_pollLogPort(-1), -1); });
+    EXPECT_TRUE(test::WaitUntil([&] { return modem.calls().poll == 2; }));
+    EXPECT_EQ(mcl_deinit(), 0);
+    waiting.join();
+    EXPECT_EQ(ReadError(), EBADF);
+}
+
+struct Seen {
+    std::mutex mutex;
+    std::vector<std::pair<int, std::string>> notifications;
+    std::vector<std::thread::id> threads;
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::atomic<bool> hold{false};
+};
+
+int Keep(void* user, MCL_NTFY_CODE code, void* payload) {
+    Seen& seen = *static_cast<Seen*>(user);
+    if (++seen.inside != 1) seen.overlapped = true;
+    test::WaitUntil([&] { return !seen.hold; });
+    {
+        std::lock_guard lock(seen.mutex);
+        seen.notifications.emplace_back(
+            code, payload != nullptr ? std::string(static_cast<char*>(payload), 8) : "none");
+        seen.threads.push_back(std::this_thread::get_id());
+    }
+    --seen.inside;
+    return 0;
+}
+
+TEST(SimLayer, NotificationsComeInOrderFromOneThreadOfItsOwn) {
+    Modem& modem = Modem::Instance();
+    Seen seen;
+    EXPECT_NE(mcl_registerNotifyCallback(nullptr, nullptr), 0);
+    ASSERT_EQ(mcl_registerNotifyCallback(Keep, &seen), 0);
+    char payload[8] = {'p', 'a', 'y', 'l', 'o', 'a', 'd', '1'};
+    modem.Notify(NTFY_MD_LOG_START, payload, sizeof(payload));
+    payload[7] = '2';
+    ASSERT_EQ(mcl_init(), 0);
+    modem.Notify(NTFY_MD_INFO_UPDATE);
+    for (int i = 0; i < 50; ++i) modem.Notify(static_cast<MCL_NTFY_CODE>(100 + i));
+    modem.WaitForNotifications();
+    ASSERT_EQ(seen.notifications.size(), 52u);
+    EXPECT_EQ(seen.notifications[0], std::pair(1, std::string("payload1")));
+    EXPECT_EQ(seen.notifications[1], std::pair(9, std::string("none")));
+    for (size_t i = 0; i < 50; ++i) EXPECT_EQ(seen.notifications[2 + i].first, 100 + int(i));
+    EXPECT_NE(seen.threads[0], std::this_thread::get_id());
+    EXPECT_EQ(std::count(seen.threads.begin(), seen.threads.end(), seen.threads[0]), 52);
+    EXPECT_FALSE(seen.overlapped);
+
+    // Going down lets the one that runs end, and no more.
+    seen.hold = true;
+    modem.Notify(NTFY_MD_LOG_STOP);
+    modem.Notify(NTFY_MD_LOG_END);
+    EXPECT_TRUE(test::WaitUntil([&] { return seen.inside == 1; }));
+    std::thread down([] { mcl_deinit(); });
+    EXPECT_TRUE(test::WaitUntil([&] { return !modem.status().up; }));
+    seen.hold = false;
+    down.join();
+    EXPECT_EQ(seen.notifications.size(), 53u);
+    EXPECT_EQ(seen.notifications.back().first, NTFY_MD_LOG_STOP);
+}
+
+TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
+    test::WriteFile("/box/with blank", "abc");
+    const struct {
+        std::string line, refusal;  // refusal: a part of it; empty: done
+    } kCases[] = {
+        {"", ""},
+        {"  # a remark \"", "quotes"},
+        {"# a remark", ""},
+        {" source\tgenerated  7 \r", ""},
+        {"source replay \"/box/with blank\" 1", ""},
+        {"source replay /box/none", "source: cannot replay /box/none: No such file"},
+        {"source replay relative", "absolute path"},
+        {"source replay /box/stream x", "OFFSET is not a number"},
+        {"source generated -1", "SEED is not a number"},
+        {"source generated 18446744073709551615", ""},
+        {"source generated 18446744073709551616", "SEED is not a number"},
+        {"source", "use: source generated SEED"},
+        {"source file x", "source: a source is"},
+        {"stream pause", "stream: neither start nor stop: pause"},
+        {"rate 64Mi", ""},
+        {"rate 4MB", "rate: RATE is not a number from 0 to 1000000000000: 4MB"},
+        {"rate 1001G", "RATE is not a number"},
+        {"rate", "use: rate BYTES"},
+        {"limit 4096", ""},
+        {"limit 3Gi", "BYTES is not a number"},
+        {"tap /box/none/tap", "tap: cannot write to /box/none/tap: No such file"},
+        {"fail read EAGAIN 3", ""},
+        {"fail read zero 3", ""},
+        {"fail read 71 3", ""},
+        {"fail read EWHAT 3", "fail: no error number or name that is known here: EWHAT"},
+        {"fail poll timeout 3", ""},
+        {"fail poll never 3", "neither timeout nor failure: never"},
+        {"fail read 3", "what can fail is"},
+        {"fail open x", "COUNT is not a number"},
+        {"sprinkle 1001", "PER_MILLE is not a number from 0 to 1000"},
+        {"notify 6 0001ff", ""},
+        {"notify 6 001", "PAYLOAD is not bytes in hexadecimal: 001"},
+        {"notify 6 0g", "PAYLOAD is not bytes in hexadecimal: 0g"},
+        {"property ro.test " + std::string(91, 'x'), ""},
+        {"property ro.test " + std::string(92, 'x'), "more than 91 bytes"},
+        {"log debug", ""},
+        {"log loud", "log: not debug, info, warning or error: loud"},
+        {"state now", "use: state"},
+        {"help", ""},
+        {"help me", "help: no such command: me"},
+        {"reboot", "no such command: reboot"},
+        {"stream \"start", "quotes are not closed"},
+        {std::string("rate 1\0", 7), "control character"},
+        {std::string(sim::kMaxLine, ' '), ""},
+        {std::string(sim::kMaxLine + 1, ' '), "line of more than 8192 bytes"},
+        {"a b c d e f g h i j k l m n o p q r s t u v w x y z a b c d e f g", "more than 32 words"},
+    };
+    const sim::Console console("");
+    for (const auto& test : kCases) {
+        const sim::Reply reply = console.Execute(test.line);
+        EXPECT_EQ(reply.ok, test.refusal.empty()) << test.line << ": " << reply.text;
+        if (reply.ok) continue;
+        EXPECT_NE(reply.text.find(test.refusal), std::string::npos) << reply.text;
+        EXPECT_EQ(reply.text.find('\n'), std::string::npos) << reply.text;
+    }
+    const Modem::Status status = Modem::Instance().status();
+    EXPECT_EQ(status.source, "generated 18446744073709551615");
+    EXPECT_EQ(status.rate, 64u << 20);
+    EXPECT_EQ(status.read_limit, 4096u);
+    EXPECT_EQ(status.notify_queue, 1u);
+    EXPECT_EQ(android::base::GetProperty("ro.test", ""), std::string(91, 'x'));
+}
+
+TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
+    test::LogCapture log;
+    test::WriteFile(kFolder + "/scenario", "fail init 1\n# remark\nrate fast\nsource generated 4");
+    test::WriteFile(kFolder + "/console.socket", "left by a process that was killed");
+    setenv("QUARN_SIM_DIR", kFolder.c_str(), 1);
+    EXPECT_NE(mcl_init(), 0);
+    EXPECT_EQ(mcl_init(), 0);
+    EXPECT_EQ(log.Count("/box/modem/scenario, line 3: rate: RATE is not a number..."), 1u);
+
+    EXPECT_EQ(Send("property a.b c\nproperty a.b\nrate 7\nrate x\nstream start\n"),
+              "= ok\nc\n= ok\n= ok\n"
+              "= error: rate: RATE is not a number from 0 to 1000000000000: x\n= ok\n");
+    const std::string state = Send("state\n");
+    for (const char* part : {"source: generated 4\n", "rate: 7 bytes/s\n", "stream: started\n",
+                             "calls: init 2,", "pid: "}) {
+        EXPECT_NE(state.find(part), std::string::npos) << state;
+    }
+    EXPECT_EQ(Send(std::string(100'000, 'x')), "= error: line of more than 8192 bytes\n");
+    EXPECT_EQ(Send("rate 8"), "") << "a line without its end";
+    EXPECT_EQ(Modem::Instance().status().rate, 7u);
+}
+
+TEST(SimConsole, ExitEndsTheProcessInOrder) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            test::WriteFile(kFolder + "/scenario", "");
+            setenv("QUARN_SIM_DIR", kFolder.c_str(), 1);
+            atexit([] { fputs("objects end", stderr); });
+            mcl_init();
+            Send("exit\n");
+            pause();
+        },
+        testing::ExitedWithCode(0), "objects end");
+}
+
+TEST(SimConsole, AReplayGoesOnWhereAKilledProcessLeftIt) {
+    const std::string bytes = test::StreamBytes(2'000'000);
+    test::WriteFile(kLogFile, bytes);
+    test::WriteFile(kFolder + "/scenario", "");
+    const sim::Console console(kFolder);
+    const std::string replay = "source replay " + kLogFile;
+
+    const pid_t child = fork();
+    if (child == 0) {
+        if (mcl_init() != 0 || !console.Execute(replay).ok) _exit(1);
+        Modem::Instance().StartStream();
+        for (int i = 0; i < 10; ++i) ReadPort(12345);
+        kill(getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    EXPECT_EQ(sim::ReadReplayPlace(kFolder, kLogFile), 123450u);
+    EXPECT_EQ(sim::ReadReplayPlace(kFolder, "/box/other"), 0u);
+    ASSERT_EQ(mcl_init(), 0);
+    ASSERT_TRUE(console.Execute(replay).ok);
+    Modem::Instance().StartStream();
+    EXPECT_EQ(ReadPort(1000), bytes.substr(123450, 1000));
+    ASSERT_TRUE(console.Execute(replay + " 5").ok);
+    EXPECT_EQ(ReadPort(1000), bytes.substr(5, 1000));
+    ASSERT_TRUE(console.Execute(replay).ok);
+    EXPECT_EQ(ReadPort(1000), bytes.substr(1005, 1000));
+    // Another file of that name, too short for the place.
+    test::WriteFile(kLogFile, "short");
+    ASSERT_TRUE(console.Execute(replay).ok);
+    EXPECT_EQ(ReadPort(1000), "short");
+    mcl_deinit();
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+// The small records beside the log files: folder history and custom header.
+#include <android-base/properties.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "platform/system_properties.h"
+#include "storage/custom_header.h"
+#include "storage/folder_history.h"
+#include "support.h"
+
+namespace fs = std::filesystem;
+using namespace quarn::zorvex;
+
+namespace {
+
+const std::string kHistory = "/data/vendor/radio/quarn/log_folder_history";
+
+class StorageRecords : public testing::Test {
+  protected:
+    StorageRecords() { fs::create_directories("/data/vendor/radio/quarn"); }
+    test::LogCapture log;
+};
+
+std::string Lines(int first, int last) {
+    std::string lines;
+    for (int i = first; i <= last; ++i) lines += "/logs/QRXMDLog_" + std::to_string(i) + "_x\n";
+    return lines;
+}
+
+std::string CustomBlock() {
+    CUSTOM_HEADER_INFO info = {};
+    GetCustomHeaderInfo(info);
+    EXPECT_EQ(info.present == 1, info.data != nullptr);
+    return info.data == nullptr ? ""
+                                : std::string(static_cast<const char*>(info.data), info.length);
+}
+
+}  // namespace
+
+TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
+    EXPECT_TRUE(GetLatestHistoryRecord(20).empty());
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "GetLatestHistoryRecord: Error opening file: No such file or directory"));
+    EXPECT_EQ(UpdateFolderHistory("/logs/QRXMDLog_1_x"), 0);
+    EXPECT_EQ(test::ReadFile(kHistory), Lines(1, 1));
+    struct stat status;
+    ASSERT_EQ(stat(kHistory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+
+    // Exactly at the limit nothing is cut; one byte more and only the last 20 stay.
+    std::string full = Lines(1, 5000);
+    full = full.substr(full.size() - 102400);
+    test::WriteFile(kHistory, full);
+    EXPECT_EQ(UpdateFolderHistory("/logs/QRXMDLog_5001_x"), 0);
+    EXPECT_EQ(test::ReadFile(kHistory), full + Lines(5001, 5001));
+    EXPECT_EQ(UpdateFolderHistory("/logs/QRXMDLog_5002_x"), 0);
+    EXPECT_EQ(test::ReadFile(kHistory), Lines(4982, 5002));
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_DEBUG, "CopyLogFile: finish truncating file to keep last 20 records"));
+
+    const auto records = GetLatestHistoryRecord(3);
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records.front(), "/logs/QRXMDLog_5000_x");
+    EXPECT_EQ(records.back(), "/logs/QRXMDLog_5002_x");
+    test::WriteFile(kHistory, "/only/one/without/newline");
+    EXPECT_EQ(GetLatestHistoryRecord(20).front(), "/only/one/without/newline");
+
+    // However large the file is, only what can be records is read.
+    fs::resize_file(kHistory, uintmax_t{1} << 40);
+    EXPECT_LE(GetLatestHistoryRecord(20).size(), 1u);
+}
+
+TEST_F(StorageRecords, TheCustomHeaderHoldsWhatTheDeviceTells) {
+    EXPECT_EQ(CustomBlock(), "");
+    CustomHeaderInfoInit();
+    const std::string tag = std::string("\0\x10\0", 3) + "ZORVEXHEADERINFO";
+    EXPECT_EQ(CustomBlock(), tag);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "Custom header: failed to get platform data"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG,
+                        "Custom header: value of property ro.boot.cdt_hwid is not found"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "GetRadioVersion: Error reading symbolic link: No such file or directory"));
+
+    fs::create_directories("/mnt/vendor/modem_img/images");
+    fs::create_symlink("radio-1.2.3", "/mnt/vendor/modem_img/images/default");
+    ASSERT_EQ(__system_property_set("ro.boot.cdt_hwid", "BOARD7"), 0);
+    CustomHeaderInfoInit();
+    EXPECT_EQ(CustomBlock(), tag + std::string("\1\x0b\0", 3) + "radio-1.2.3" +
+                                 std::string("\2\x06\0", 3) + "BOARD7");
+    EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, "Custom header: radio version is radio-1.2.3"));
+
+    // Up to the last byte, and not one more.
+    const size_t left = 1024 - CustomBlock().size();
+    const auto type = static_cast<CustomHeaderInfoType>(9);
+    AppendInfoToBuffer(type, std::string(left - 3 + 1, 'x'));
+    EXPECT_EQ(CustomBlock().size(), 1024 - left);
+    AppendInfoToBuffer(type, std::string(left - 3, 'x'));
+    EXPECT_EQ(CustomBlock().size(), 1024u);
+    log.Clear();
+    AppendInfoToBuffer(type, std::string(65535, 'x'));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "Custom header: custom header info buffer is full"));
+    AppendInfoToBuffer(type, std::string(65536, 'x'));
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_ERROR, "Custom header: the value length 65536 of type 9 is too large"));
+}

@@ -1,0 +1,405 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "core/quarn.h"
+#include "datapath/quarn_socket_io.h"
+#include "datapath/quarn_usb_io.h"
+#include "datapath/quarn_writer.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
+
+// A channel that keeps what it takes and answers the first calls as it was told to.
+template <class Base>
+struct Channel : Base {
+    int io_open() override { return ++opens, 0; }
+    int io_close() override { return ++closes, 0; }
+    int io_write(const void* buf, int len) override {
+        if (instead) return instead();
+        std::lock_guard lock(mutex);
+        lengths.push_back(len);
+        int taken = len;
+        if (!answers.empty()) {
+            taken = answers.front();
+            answers.erase(answers.begin());
+        }
+        if (taken > 0) bytes.append(static_cast<const char*>(buf), static_cast<size_t>(taken));
+        return taken;
+    }
+
+    std::function<int()> instead;
+    std::mutex mutex;
+    std::vector<int> answers;
+    std::vector<int> lengths;
+    std::string bytes;
+    std::atomic<int> opens{0}, closes{0};
+};
+
+struct UsbChannel : Channel<QUARN_USB_IO> {
+    using QUARN_USB_IO::is_paused;
+    using QUARN_USB_IO::write_count;
+};
+struct SocketChannel : Channel<QUARN_SOCKET_IO> {
+    using QUARN_SOCKET_IO::server_socket;
+};
+
+struct TestWriter : QUARN_WRITER_HANDLER {
+    explicit TestWriter(QUARN_RING* log_ring, QUARN_IO* channel = nullptr)
+        : QUARN_WRITER_HANDLER(log_ring, HANDLE_WRITER) {
+        io = channel;
+    }
+    using QUARN_WRITER_HANDLER::io;
+};
+
+// Puts bytes behind the write index, as the reader does.
+void Put(QUARN_RING& ring, const std::string& bytes) {
+    const uint64_t size = ring.capacity() + 1;
+    const uint64_t at = ring.get_buf_write_idx();
+    const size_t first = std::min<size_t>(bytes.size(), size - at);
+    memcpy(ring.get_buf_ptr() + at, bytes.data(), first);
+    memcpy(ring.get_buf_ptr(), bytes.data() + first, bytes.size() - first);
+    ring.set_buf_write_idx((at + bytes.size()) & ring.capacity());
+    ring.notify();
+}
+
+bool WaitForEmpty(QUARN_RING& ring) {
+    return test::WaitUntil([&] { return ring.current_size() == 0; });
+}
+
+class Writer : public testing::Test {
+  protected:
+    Writer() {
+        struct sigaction action = {};
+        action.sa_handler = quarn_sighandler;
+        sigaction(SIGUSR1, &action, nullptr);
+    }
+    test::LogCapture log;
+};
+
+// --- draining ---
+
+TEST_F(Writer, DrainsWhateverTheChannelTakes) {
+    struct Row {
+        const char* name;
+        uint64_t ring_size, read_idx;
+        size_t held;
+        std::vector<int> answers;
+        std::vector<int> lengths;  // of the writes that are expected
+    };
+    const Row rows[] = {
+        {"up to the very end", 1024, 24, 1000, {}, {1000}},
+        {"wrapped", 1024, 1000, 100, {}, {24, 76}},
+        {"partial", 1024, 0, 100, {60}, {100, 40}},
+        {"failed", 1024, 0, 100, {-1, 0}, {100, 100, 100}},
+        {"first half partial", 1024, 1000, 100, {10}, {24, 14, 76}},
+        {"first half failed", 1024, 1000, 100, {-1}, {24, 24, 76}},
+        {"second half partial", 1024, 1000, 100, {24, 6}, {24, 76, 70}},
+        {"second half failed", 1024, 1000, 100, {24, -1}, {24, 76, 76}},
+        {"more than a chunk", 1 << 20, 0, 600000, {}, {262144, 262144, 75712}},
+        {"chunk across the end", 1 << 20, 900000, 300000, {}, {148576, 113568, 37856}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        QUARN_RING ring(row.ring_size);
+        UsbChannel channel;
+        TestWriter writer(&ring, &channel);
+        channel.answers = row.answers;
+        ring.set_buf_read_idx(row.read_idx);
+        ring.set_buf_write_idx(row.read_idx);
+        const std::string bytes = test::StreamBytes(row.held);
+        Put(ring, bytes);
+        g_quarn.write_bytes = 0;
+        writer.start();
+        EXPECT_TRUE(WaitForEmpty(ring));
+        writer.stop();
+        EXPECT_EQ(channel.lengths, row.lengths);
+        EXPECT_EQ(channel.bytes, bytes);
+        EXPECT_EQ(g_quarn.write_bytes, bytes.size());
+        EXPECT_EQ(channel.opens, 0);
+        EXPECT_EQ(channel.closes, 0);
+    }
+}
+
+TEST_F(Writer, WaitsForTheRingToDrain) {
+    QUARN_RING empty(1024), full(1024), drained(1024);
+    Put(full, test::StreamBytes(1000));
+    Put(drained, test::StreamBytes(1000));
+    UsbChannel idle_host, busy_host;
+    SocketChannel no_host, host;
+    host.fd = 1000;
+    struct Row {
+        QUARN_RING& ring;
+        QUARN_IO* channel;
+        unsigned int limit_ms;
+        int least_ms;
+    };
+    constexpr unsigned int kNeverMs = 24 * 3600 * 1000;
+    const Row rows[] = {
+        {empty, nullptr, 200, 1500},        {full, nullptr, 500, 2000},
+        {full, &host, 500, 2000},           {full, &busy_host, 500, 2000},
+        {full, &idle_host, kNeverMs, 1500}, {full, &no_host, kNeverMs, 1500},
+        {drained, &host, kNeverMs, 1500},
+    };
+    std::vector<std::thread> waits;
+    for (const Row& row : rows) {
+        waits.emplace_back([&row] {
+            TestWriter writer(&row.ring, row.channel);
+            const auto begin = steady_clock::now();
+            writer.wait_buffer_clean(row.limit_ms);
+            EXPECT_GE(steady_clock::now() - begin, milliseconds(row.least_ms)) << row.limit_ms;
+        });
+    }
+    const auto start = steady_clock::now();
+    test::WaitUntil([&] {
+        ++busy_host.write_count;
+        return steady_clock::now() - start > milliseconds(1600);  // into the steps
+    });
+    drained.reset();
+    for (std::thread& wait : waits) wait.join();
+}
+
+// --- the thread ---
+
+TEST_F(Writer, StartsAndStopsOnce) {
+    QUARN_RING ring(1024);
+    UsbChannel channel;
+    TestWriter writer(&ring, &channel);
+    EXPECT_EQ(writer.stop(), 0);
+    for (int round = 1; round <= 2; ++round) {
+        EXPECT_EQ(writer.start(), 0);
+        EXPECT_FALSE(channel.is_paused);
+        EXPECT_EQ(writer.start(), 0);
+        std::thread other([&] { writer.stop(); });
+        writer.stop();
+        other.join();
+        EXPECT_TRUE(channel.is_paused);
+    }
+    EXPECT_EQ(log.Count("writer_handler: already start"), 2u);
+    EXPECT_EQ(log.Count("writer_handler: already stop"), 3u);
+    EXPECT_EQ(log.Count("writer_handler: join"), 2u);
+    EXPECT_EQ(log.Count("writer_handler: stop success"), 2u);
+    EXPECT_EQ(log.Count("writer_handler: quarn_writer_thread start"),
+              log.Count("writer_handler: quarn_writer_thread terminate"));
+    writer.start();  // and is destroyed while it runs
+}
+
+TEST_F(Writer, SurvivesAThreadThatEndedOrNeverBegan) {
+    QUARN_RING ring(1024);
+    UsbChannel channel;
+    TestWriter writer(&ring, &channel);
+    {
+        test::NoNewThreads limit;
+        EXPECT_EQ(writer.start(), 1);
+    }
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "writer_handler: create thread fail, errno=..."));
+    EXPECT_TRUE(channel.is_paused);
+    EXPECT_EQ(writer.stop(), 0);
+    EXPECT_EQ(log.Count("writer_handler: already stop"), 1u);
+    EXPECT_EQ(writer.start(), 0);
+    EXPECT_EQ(log.Count("writer_handler: start success"), 1u);
+
+    TestWriter no_ring(nullptr);
+    for (size_t round = 1; round <= 2; ++round) {
+        EXPECT_TRUE(test::WaitUntil([&] {
+            no_ring.start();
+            return log.Count("writer_handler: cur_used_buf is NULL") >= round;
+        }));
+    }
+}
+
+std::atomic<int> signals_seen{0};
+
+// The first signal comes before the write blocks: only a later one gets it out.
+TEST_F(Writer, StopBreaksABlockedUsbWrite) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { ++signals_seen; };
+    sigaction(SIGUSR1, &action, nullptr);
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    QUARN_RING ring(1024);
+    UsbChannel channel;
+    TestWriter writer(&ring, &channel);
+    std::atomic<bool> writing{false};
+    channel.instead = [&] {
+        writing = true;
+        test::WaitUntil([] { return signals_seen > 0; });
+        char byte;
+        EXPECT_EQ(read(ends[0], &byte, 1), -1);
+        EXPECT_EQ(errno, EINTR);
+        return -1;
+    };
+    Put(ring, "x");
+    writer.start();
+    ASSERT_TRUE(test::WaitUntil([&] { return writing.load(); }));
+    writer.stop();
+    EXPECT_EQ(ring.current_size(), 1u);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// The request to stop comes before the wait begins, too.
+TEST_F(Writer, StopEndsTheWaitForAHost) {
+    QUARN_RING ring(1024);
+    SocketChannel channel;
+    channel.is_closed = false;
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);  // nobody ever knocks
+    channel.server_socket = ends[0];
+    TestWriter writer(&ring, &channel);
+    std::atomic<bool> writing{false};
+    std::atomic<bool> stopping{false};
+    channel.instead = [&] {
+        writing = true;
+        test::WaitUntil([&] { return stopping.load(); });
+        std::this_thread::sleep_for(milliseconds(20));
+        channel.wait_connect();
+        return -1;
+    };
+    Put(ring, "x");
+    writer.start();
+    ASSERT_TRUE(test::WaitUntil([&] { return writing.load(); }));
+    stopping = true;
+    writer.stop();
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// --- requests ---
+
+TEST_F(Writer, LeavesOtherChannelsAlone) {
+    QUARN_RING ring(1024);
+    UsbChannel usb;
+    SocketChannel socket;
+    const uint32_t payload[2] = {0, 1};
+    std::vector<std::thread> threads;
+    for (QUARN_IO* channel : {static_cast<QUARN_IO*>(&usb), static_cast<QUARN_IO*>(&socket)}) {
+        for (int id = EXEC_MD_LOG_START; id <= EXEC_FLUSH_RING; ++id) {
+            if (id >= EXEC_TOOL_CONNECTED && id <= EXEC_START) continue;
+            threads.emplace_back([&ring, &payload, channel, id] {
+                TestWriter writer(&ring, channel);
+                EXPECT_EQ(
+                    writer.exec(static_cast<QUARN_EXEC_ID>(id), const_cast<uint32_t*>(payload)), 0);
+            });
+        }
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(usb.opens + usb.closes + socket.opens + socket.closes, 0);
+    EXPECT_EQ(log.Count("writer_handler: handle exec_id=1"), 2u);
+    EXPECT_EQ(log.Count("writer_handler: handle exec_id=18 done"), 2u);
+    EXPECT_EQ(log.messages().size(), 2 * threads.size());
+}
+
+TEST_F(Writer, MakesWayForTheHostTool) {
+    QUARN_RING ring(1024);
+    UsbChannel channel;
+    TestWriter writer(&ring, &channel);
+    const auto started = [&] { return log.Count("writer_handler: start success"); };
+    const auto stopped = [&] { return log.Count("writer_handler: stop success"); };
+    writer.exec(EXEC_TOOL_CONNECTED, nullptr);
+    writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
+    EXPECT_EQ(log.Count("writer_handler: already stop") + started(), 0u);
+    writer.exec(EXEC_START, nullptr);
+    writer.exec(EXEC_TOOL_CONNECTED, nullptr);
+    EXPECT_EQ(stopped(), 1u);
+    writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
+    EXPECT_EQ(started(), 2u);
+}
+
+TEST_F(Writer, SwitchesTheChannel) {
+    QUARN_RING ring(1024);
+    UsbChannel channel;
+    channel.instead = [] { return -1; };
+    TestWriter writer(&ring, &channel);
+    writer.start();
+    writer.exec(EXEC_SET_SAVE_MODE, nullptr);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "write_handler: arg is NULL"));
+    EXPECT_EQ(writer.io, &channel);
+    EXPECT_EQ(log.Count("writer_handler: stop success"), 0u);
+
+    Put(ring, test::StreamBytes(321));
+    QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
+    writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    EXPECT_EQ(log.Count("writer_handler: stop success"), 1u);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "write_handler: drop 321 bytes data from cur_used_buf"));
+    EXPECT_EQ(ring.current_size(), 0u);
+    EXPECT_EQ(writer.io, &g_file_io);
+
+    mode = SAVE_MODE_EXIT;
+    writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    EXPECT_EQ(writer.io, nullptr);
+    EXPECT_EQ(log.Count("write_handler: drop ..."), 1u);
+    Put(ring, "x");
+    EXPECT_EQ(writer.start(), 0);  // has nowhere to put it
+    EXPECT_EQ(writer.stop(), 0);
+    EXPECT_EQ(ring.current_size(), 1u);
+}
+
+TEST_F(Writer, SteersTheStorageChannel) {
+    QUARN_RING ring(1 << 20);
+    TestWriter writer(&ring);
+    const auto exec = [&](QUARN_EXEC_ID id, uint32_t word = 0) {
+        uint32_t payload[2] = {7, word};
+        writer.exec(id, payload);
+    };
+    const auto folders = [] { return test::List(kLogFolder); };
+    std::filesystem::create_directories("/data/vendor/radio");
+    g_file_io.create_top_folder();
+    writer.init();
+
+    exec(EXEC_MD_LOG_START, 0);
+    EXPECT_EQ(folders().size(), 0u);
+    exec(EXEC_MD_LOG_START, 1);
+    ASSERT_EQ(folders().size(), 1u);
+    EXPECT_TRUE(folders()[0].ends_with("t"));
+
+    writer.start();
+    Put(ring, test::StreamBytes(5000));
+    exec(EXEC_FLUSH_RING);
+    EXPECT_EQ(log.Count("file_io: flush compress_buf data to log file"), 1u);
+    exec(EXEC_MD_EXCEPTION);
+    ASSERT_EQ(folders().size(), 1u);
+    EXPECT_TRUE(folders()[0].ends_with("t_EE"));
+
+    Put(ring, test::StreamBytes(5000));
+    exec(EXEC_MD_LOG_FLUSH_CLOSE);
+    EXPECT_EQ(log.Count("file_io: flush compress_buf data to log file"), 2u);
+    EXPECT_EQ(log.Count("file_io: close log_file=..."), 1u);
+    EXPECT_TRUE(g_file_io.check_io_open());
+    for (const QUARN_EXEC_ID id : {EXEC_MD_LOG_STOP, EXEC_MD_LOG_CLOSE, EXEC_MD_LOG_END}) {
+        const size_t before = folders().size();
+        exec(EXEC_MD_LOG_REOPEN);
+        EXPECT_TRUE(g_file_io.check_io_open());
+        exec(id);
+        EXPECT_FALSE(g_file_io.check_io_open());
+        EXPECT_EQ(folders().size(), id == EXEC_MD_LOG_STOP ? before : before + 1);
+    }
+    exec(EXEC_MD_LOG_FLUSH_CLOSE);
+    EXPECT_EQ(log.Count("file_io: already close"), 0u);
+
+    // What comes for a closed channel opens it again; stopping closes it.
+    Put(ring, test::StreamBytes(5000));
+    EXPECT_TRUE(WaitForEmpty(ring));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "writer_handler: file_io is closed, try reopen"));
+    EXPECT_TRUE(g_file_io.check_io_open());
+    writer.stop();
+    EXPECT_FALSE(g_file_io.check_io_open());
+    EXPECT_EQ(test::DecodeTree(kLogFolder),
+              test::StreamBytes(5000) + test::StreamBytes(5000) + test::StreamBytes(5000));
+}
+
+}  // namespace

@@ -1,0 +1,395 @@
+#include "muxz_tree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "muxz_reader.h"
+#include "storage/log_names.h"
+
+namespace muxz {
+
+namespace names = quarn::log_names;
+
+Fd::~Fd() { Close(); }
+
+bool Fd::Close() { return fd < 0 || close(std::exchange(fd, -1)) == 0; }
+
+std::string_view LastComponent(std::string_view path) {
+    while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
+    return path.substr(path.rfind('/') + 1);
+}
+
+bool MayBeOpen(std::string_view path) {
+    // The power-on log has one name from its first byte on.
+    return path.ends_with(names::kOpenEnding) || LastComponent(path) == names::kPowerOnLog;
+}
+
+namespace {
+
+constexpr int kMostReadings = 8;         // of a folder that changes all the time
+constexpr int kMostAttempts = 3;         // to open what is renamed again and again
+constexpr int kMaxDepth = 8;             // of a capture below the root of its tree
+constexpr size_t kCompared = 64 * 1024;  // bytes of two files that tell a copy
+constexpr const char* kCopiedList = "copied_folder_list";
+constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
+
+// Without a slash at its end.
+std::string FolderAround(const std::string& path) {
+    const size_t before_name = path.find_last_not_of('/') + 1 - LastComponent(path).size();
+    return before_name == 0 ? "." : path.substr(0, std::max<size_t>(before_name - 1, 1));
+}
+
+struct Entry {
+    std::string name;
+    bool is_folder;
+    bool operator==(const Entry&) const = default;
+};
+
+bool IsFolder(int folder, const dirent& entry) {
+    if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+    struct stat info;
+    return fstatat(folder, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
+}
+
+// One reading, sorted by name.
+bool ReadOnce(const Fd& folder, std::vector<Entry>& entries) {
+    entries.clear();
+    const int own = openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (own < 0) return false;
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(own), closedir);
+    if (!stream) {
+        close(own);
+        return false;
+    }
+    while (true) {
+        errno = 0;
+        const dirent* entry = readdir(stream.get());
+        if (entry == nullptr) break;
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") entries.push_back({name, IsFolder(own, *entry)});
+    }
+    if (errno != 0) return false;
+    std::sort(entries.begin(), entries.end(),
+              [](const Entry& a, const Entry& b) { return a.name < b.name; });
+    return true;
+}
+
+// A reading may miss what is renamed meanwhile, so two in a row must agree.
+bool ReadFolder(const Fd& folder, std::vector<Entry>& entries) {
+    std::vector<Entry> before;
+    if (!folder || !ReadOnce(folder, entries)) return false;
+    for (int reading = 1; reading < kMostReadings && entries != before; ++reading) {
+        std::swap(before, entries);
+        if (!ReadOnce(folder, entries)) return false;
+    }
+    return true;
+}
+
+// What the name tells; `folder` is left as it is.
+bool ParseCapture(const std::string& name, Capture& capture) {
+    const std::optional<names::Name> parsed = names::ParseFolder(name);
+    const auto index = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
+    if (!index) return false;
+    capture.name = name;
+    capture.index = *index;
+    capture.time = parsed->time;
+    capture.exception = parsed->suffix.ends_with(names::kException);
+    capture.finished = !names::IsUnfinished(name);
+    capture.copy = false;
+    return true;
+}
+
+bool ParseLogFile(const std::string& name, LogFile& file) {
+    const std::optional<names::Name> parsed = names::ParseFile(name);
+    const auto index = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
+    if (!index) return false;
+    file = {name, *index, std::string(parsed->time), !parsed->suffix.empty(), 0};
+    return true;
+}
+
+uint64_t PackedBytes(Capture capture) {
+    std::vector<LogFile> files;
+    std::vector<Complaint> ignored;
+    ListFiles(OpenCapture(capture), "", files, ignored);
+    uint64_t bytes = 0;
+    for (const LogFile& file : files) bytes += file.size;
+    return bytes;
+}
+
+bool SameBeginning(const Fd& a, const Fd& b) {
+    FileSource source_a(a.get()), source_b(b.get());
+    Window window_a(source_a, kCompared), window_b(source_b, kCompared);
+    const Bytes bytes_a = window_a.At(0, kCompared), bytes_b = window_b.At(0, kCompared);
+    const size_t size = std::min({bytes_a.size(), bytes_b.size(), kCompared});
+    return size != 0 && memcmp(bytes_a.data(), bytes_b.data(), size) == 0;
+}
+
+// Whether any file of one capture is a copy of its namesake in the other. Two log folders may give
+// the same number and time to captures of their own, so names alone do not tell.
+bool HoldsSame(Capture a, Capture b) {
+    const Fd folder_a = OpenCapture(a), folder_b = OpenCapture(b);
+    std::vector<LogFile> files_a, files_b;
+    std::vector<Complaint> ignored;
+    if (!ListFiles(folder_a, "", files_a, ignored) || !ListFiles(folder_b, "", files_b, ignored))
+        return false;
+    std::string why;
+    for (LogFile& file_a : files_a) {
+        const auto namesake =
+            std::find_if(files_b.begin(), files_b.end(), [&](const LogFile& file_b) {
+                return std::tie(file_a.index, file_a.time, file_a.exception) ==
+                       std::tie(file_b.index, file_b.time, file_b.exception);
+            });
+        if (namesake == files_b.end()) continue;
+        const Fd fd_a = OpenFile(folder_a, file_a, why), fd_b = OpenFile(folder_b, *namesake, why);
+        if (fd_a && fd_b && SameBeginning(fd_a, fd_b)) return true;
+    }
+    return false;
+}
+
+// The original is the one nearest to the root, of those the largest.
+void MarkCopies(std::vector<Capture>& captures) {
+    std::map<std::pair<uint32_t, std::string>, std::vector<Capture*>> namesakes;
+    for (Capture& capture : captures) {
+        if (!capture.copy) namesakes[{capture.index, capture.time}].push_back(&capture);
+    }
+    for (const auto& [name, same] : namesakes) {
+        if (same.size() < 2) continue;
+        using Rank = std::tuple<int64_t, uint64_t, std::string, Capture*>;
+        std::vector<Rank> ranks;
+        for (Capture* capture : same) {
+            const auto depth = std::count(capture->folder.begin(), capture->folder.end(), '/');
+            ranks.emplace_back(depth, UINT64_MAX - PackedBytes(*capture), capture->path(), capture);
+        }
+        std::sort(ranks.begin(), ranks.end());
+        for (size_t i = 1; i < ranks.size(); ++i) {
+            Capture& candidate = *std::get<Capture*>(ranks[i]);
+            for (size_t k = 0; k < i && !candidate.copy; ++k) {
+                const Capture& original = *std::get<Capture*>(ranks[k]);
+                candidate.copy = !original.copy && HoldsSame(original, candidate);
+            }
+        }
+    }
+}
+
+// Within one log folder the numbers tell the order, whatever the clock did. Between log folders,
+// which count for themselves, only the time can: the lists are merged by the time of their heads.
+std::vector<Capture> InCaptureOrder(std::vector<Capture> captures) {
+    std::map<std::string, std::vector<Capture>> lists;
+    for (Capture& capture : captures) lists[capture.folder].push_back(std::move(capture));
+    struct Head {
+        const std::vector<Capture>* list;
+        size_t at;
+        const Capture& operator*() const { return (*list)[at]; }
+    };
+    std::vector<Head> heads;
+    for (auto& [folder, list] : lists) {
+        OrderByIndex(list);
+        heads.push_back({&list, 0});
+    }
+
+    std::vector<Capture> ordered;
+    while (!heads.empty()) {
+        const auto first =
+            std::min_element(heads.begin(), heads.end(), [](const Head& a, const Head& b) {
+                const bool open_a = !(*a).finished, open_b = !(*b).finished;
+                return std::tie((*a).time, open_a, (*a).index, (*a).folder) <
+                       std::tie((*b).time, open_b, (*b).index, (*b).folder);
+            });
+        ordered.push_back(**first);
+        if (++first->at == first->list->size()) heads.erase(first);
+    }
+    return ordered;
+}
+
+class TreeWalk {
+  public:
+    TreeWalk(Tree& found, std::vector<Complaint>& told) : tree(found), complaints(told) {}
+
+    bool Walk(const std::string& path, int depth) {
+        std::vector<Entry> entries;
+        if (!ReadFolder(OpenFolder(path), entries)) return false;
+        // A list in the root itself means that the user looks at the copies.
+        const bool copies =
+            depth > 0 && std::any_of(entries.begin(), entries.end(),
+                                     [](const Entry& e) { return e.name == kCopiedList; });
+        bool loose = false;
+        for (const Entry& entry : entries) {
+            if (entry.is_folder) {
+                TakeFolder(path, entry.name, depth, copies);
+            } else if (entry.name == names::kPowerOnLog) {
+                if (!copies) tree.power_on_logs.push_back(path + "/" + entry.name);
+            } else {
+                loose = loose || names::ParseFile(entry.name);
+            }
+        }
+        if (loose)
+            complaints.push_back(
+                {Complaint::Kind::kLeftOut, path, "log files outside a capture are left out"});
+        return true;
+    }
+
+  private:
+    void TakeFolder(const std::string& path, const std::string& name, int depth, bool copies) {
+        const std::string own_path = path + "/" + name;
+        Capture capture;
+        if (ParseCapture(name, capture)) {
+            capture.folder = path;
+            capture.copy = copies;
+            tree.captures.push_back(std::move(capture));
+        } else if (names::ParseFolder(name)) {
+            complaints.push_back({Complaint::Kind::kFault, own_path, kBadNumber});
+        } else if (depth < kMaxDepth && !Walk(own_path, depth + 1) && errno != ENOENT) {
+            complaints.push_back({Complaint::Kind::kUnreadable, own_path, strerror(errno)});
+        }
+    }
+
+    Tree& tree;
+    std::vector<Complaint>& complaints;
+};
+
+}  // namespace
+
+namespace {
+
+// Brings the name up to date. What stays the same in it is number and time, of a file its mark too.
+// False with errno, ENOENT when nothing of that number and time is there.
+bool LookUpAgain(const Fd& folder, Capture& capture) {
+    std::vector<Entry> entries;
+    if (!ReadFolder(folder, entries)) return false;
+    for (const Entry& entry : entries) {
+        Capture other = capture;
+        if (ParseCapture(entry.name, other) &&
+            std::tie(other.index, other.time) == std::tie(capture.index, capture.time)) {
+            other.copy = capture.copy;
+            capture = other;
+            return true;
+        }
+    }
+    errno = ENOENT;
+    return false;
+}
+
+bool LookUpAgain(const Fd& folder, LogFile& file) {
+    std::vector<Entry> entries;
+    if (!ReadFolder(folder, entries)) return false;
+    for (const Entry& entry : entries) {
+        LogFile other;
+        if (ParseLogFile(entry.name, other) &&
+            std::tie(other.index, other.time, other.exception) ==
+                std::tie(file.index, file.time, file.exception)) {
+            file.name = other.name;
+            return true;
+        }
+    }
+    errno = ENOENT;
+    return false;
+}
+
+}  // namespace
+
+bool CaptureAt(const std::string& path, Capture& capture) {
+    if (!ParseCapture(std::string(LastComponent(path)), capture)) return false;
+    capture.folder = FolderAround(path);
+    return true;
+}
+
+bool IsCapture(const std::string& folder) {
+    char real[PATH_MAX];
+    if (realpath(folder.c_str(), real) != nullptr && names::ParseFolder(LastComponent(real)))
+        return true;
+    std::vector<Entry> entries;
+    ReadFolder(OpenFolder(folder), entries);
+    const auto holds = [&](const std::function<bool(const Entry&)>& is_it) {
+        return std::any_of(entries.begin(), entries.end(), is_it);
+    };
+    return holds([](const Entry& e) { return !e.is_folder && names::ParseFile(e.name); }) &&
+           !holds([](const Entry& e) { return e.is_folder && names::ParseFolder(e.name); });
+}
+
+bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints) {
+    std::string path = root;
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    if (!TreeWalk(tree, complaints).Walk(path, 0)) return false;
+    MarkCopies(tree.captures);
+    tree.captures = InCaptureOrder(std::move(tree.captures));
+    return true;
+}
+
+bool ListFiles(const Fd& folder, const std::string& path, std::vector<LogFile>& files,
+               std::vector<Complaint>& complaints) {
+    std::vector<Entry> entries;
+    if (!ReadFolder(folder, entries)) return false;
+    for (const Entry& entry : entries) {
+        LogFile file;
+        if (ParseLogFile(entry.name, file)) {
+            struct stat info;
+            if (fstatat(folder.get(), entry.name.c_str(), &info, 0) == 0)
+                file.size = static_cast<uint64_t>(info.st_size);
+            files.push_back(std::move(file));
+        } else if (names::ParseFile(entry.name)) {
+            complaints.push_back({Complaint::Kind::kFault, path + "/" + entry.name, kBadNumber});
+        }
+    }
+    OrderByIndex(files);
+    return true;
+}
+
+Fd OpenFolder(const std::string& path) {
+    return Fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+Fd OpenCapture(Capture& capture) {
+    for (int attempt = 1;; ++attempt) {
+        Fd fd = OpenFolder(capture.path());
+        if (fd || errno != ENOENT || attempt == kMostAttempts) return fd;
+        if (!LookUpAgain(OpenFolder(capture.folder), capture)) return {};
+    }
+}
+
+Fd OpenRegular(int folder, const std::string& path, std::string& why) {
+    // Without O_NONBLOCK the open of a pipe would wait for its other end.
+    Fd fd(openat(folder, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info;
+    if (!fd || fstat(fd.get(), &info) != 0) {
+        why = strerror(errno);
+        return {};
+    }
+    if (S_ISREG(info.st_mode)) return fd;
+    why = S_ISDIR(info.st_mode) ? "is a folder" : "is not a regular file";
+    fd.Close();
+    errno = EINVAL;
+    return fd;
+}
+
+Fd OpenFile(const Fd& folder, LogFile& file, std::string& why) {
+    for (int attempt = 1;; ++attempt) {
+        Fd fd = OpenRegular(folder.get(), file.name, why);
+        if (fd || errno != ENOENT || attempt == kMostAttempts) return fd;
+        if (!LookUpAgain(folder, file)) return {};
+    }
+}
+
+std::string FindRenamed(const std::string& path) {
+    Capture capture;
+    LogFile file;
+    if (CaptureAt(path, capture) && LookUpAgain(OpenFolder(capture.folder), capture))
+        return capture.path();
+    const std::string around = FolderAround(path);
+    if (ParseLogFile(std::string(LastComponent(path)), file) &&
+        LookUpAgain(OpenFolder(around), file))
+        return around + "/" + file.name;
+    return "";
+}
+
+}  // namespace muxz

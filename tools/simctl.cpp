@@ -1,0 +1,121 @@
+// simctl: sends one line to the console of a running simulated phone and prints the reply.
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/console.h"
+#include "sim/socket_address.h"
+
+namespace {
+
+enum ExitStatus : int { kOk = 0, kRefused = 1, kUnreachable = 2 };
+
+constexpr const char* kHelp =
+    "Use: simctl [--box DIR] COMMAND [ARGUMENT...]\n"
+    "Sends one command to the simulated phone that runs in a box, and prints its reply.\n"
+    "\n"
+    "  --box DIR   the folder of the box; without it \"box\" in this folder, else in the checkout\n"
+    "              that simctl was built in\n"
+    "\n"
+    "\"simctl help\" has the phone list its commands.\n"
+    "Exit status: 0 done, 1 refused or wrongly used, 2 the phone cannot be reached.\n";
+
+int Complain(int status, const std::string& why) {
+    fprintf(stderr, "simctl: %s\n", why.c_str());
+    return status;
+}
+
+std::string DefaultBox() {
+    std::error_code error;
+    if (std::filesystem::is_directory("box/modem", error)) return "box";
+    // CHECKOUT/build/PRESET/tools/simctl
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return self.parent_path() / "../../../box";
+}
+
+// The line that the phone splits into the same words; false when a word cannot be sent.
+bool JoinWords(const std::vector<std::string>& words, std::string* line) {
+    for (const std::string& word : words) {
+        if (word.find_first_of("\"\n") != std::string::npos) return false;
+        const bool plain = !word.empty() && word.find_first_of(" \t\r") == std::string::npos;
+        if (!line->empty()) *line += ' ';
+        *line += plain ? word : '"' + word + '"';
+    }
+    *line += '\n';
+    return true;
+}
+
+int Connect(const std::string& box) {
+    const sim::SocketAddress address(box + "/modem", sim::kConsoleSocketName);
+    if (!address.ok()) return -1;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd != -1 && connect(fd, address.address(), address.size()) != 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+// Prints the reply's lines as they come, up to its mark.
+int PrintReply(int fd) {
+    std::string pending;
+    char piece[4096];
+    while (true) {
+        const ssize_t got = recv(fd, piece, sizeof(piece), 0);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return Complain(kUnreachable, std::string("no answer: ") + strerror(errno));
+        if (got == 0) return Complain(kUnreachable, "the phone went away without an answer");
+        pending.append(piece, static_cast<size_t>(got));
+        for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
+            const std::string line = pending.substr(0, end);
+            pending.erase(0, end + 1);
+            if (line == sim::kOkMark) return kOk;
+            if (line.starts_with(sim::kErrorMark)) {
+                return Complain(kRefused, line.substr(sim::kErrorMark.size()));
+            }
+            puts(line.c_str());
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::string box;
+    if (!words.empty() && words[0] == "--box") {
+        if (words.size() < 2) return Complain(kRefused, "--box wants a folder");
+        box = words[1];
+        words.erase(words.begin(), words.begin() + 2);
+    }
+    if (!words.empty() && (words[0] == "--help" || words[0] == "-h")) {
+        fputs(kHelp, stdout);
+        return kOk;
+    }
+    if (words.empty()) return Complain(kRefused, "no command given (simctl --help)");
+    if (words[0].starts_with('-')) {
+        return Complain(kRefused, "no such option: " + words[0] + " (simctl --help)");
+    }
+    if (box.empty()) box = DefaultBox();
+
+    std::string line;
+    if (!JoinWords(words, &line)) return Complain(kRefused, "quotes and newlines cannot be sent");
+    const int fd = Connect(box);
+    if (fd == -1) {
+        return Complain(kUnreachable,
+                        "no phone is running in " + box + " (" + strerror(errno) + ")");
+    }
+    const timeval patience = {30, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+        return Complain(kUnreachable, std::string("cannot send: ") + strerror(errno));
+    }
+    return PrintReply(fd);
+}
