@@ -47,8 +47,8 @@ uintmax_t TreeSize(const std::filesystem::path& folder);
 // `size` bytes that look like a log stream: some repetition, no two pieces alike.
 std::string StreamBytes(size_t size, uint64_t seed = 1);
 
-// The raw stream of a log tree in capture order, or of one capture folder, and the files that end in the middle of a block or
-// of their header.
+// The raw stream of a log tree in capture order, or of one capture folder, and the files that end
+// in the middle of a block or of their header.
 struct Decoded {
     std::string bytes;
     std::vector<std::string> torn;
