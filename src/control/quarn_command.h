@@ -1,0 +1,41 @@
+// The command table: what local clients can ask and set. docs/control-protocol.md is the page
+// beside it.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
+
+// Bytes of a request buffer, an argument and a reply block.
+constexpr int kCommandBufferSize = 128;
+
+// `arg` is null in a query. `ack` is a zeroed reply block. 0 on success, -1 on failure.
+typedef int (*quarn_command_handler)(const char* arg, char* ack);
+
+struct QUARN_COMMAND_INFO {
+    const char* name;          // matched as a prefix of the request
+    uint32_t save_unfiltered;  // saved whatever the transfer type
+    uint32_t handle_only;      // never saved
+    uint32_t save_on_success;  // saved when the handler returned 0
+    quarn_command_handler handler;
+    std::vector<const char*> related_keys;  // whose lines a saved line of this key replaces
+};
+
+class QUARN_COMMAND_HANDLE : public QUARN_HANDLE {
+  public:
+    QUARN_COMMAND_HANDLE() : QUARN_HANDLE(HANDLE_COMMAND) {}
+    // 0, or 1 when the command socket could not be opened.
+    int32_t start() override;
+    int32_t stop() override;
+};
+
+// Serves one request of the client: 0 when a reply was sent, else -1.
+int quarn_ctrlConnCallback(int fd);
+
+// Switches the transfer type: 0 on success, -1 on refusal. Takes `command_mutex`, and `exec_mutex`
+// inside it. Nobody who holds `io_mutex` or `exec_mutex` may call it.
+int quarn_setTransferType(int type);
+// Always 0. Takes `command_mutex`; the data path reads `QUARN_GLOBAL::transfer_type` instead.
+int quarn_getTransferType(int* type);

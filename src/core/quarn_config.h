@@ -1,0 +1,18 @@
+// The configuration file: loaded at start, rewritten line by line as clients change settings.
+//
+//   file = (key " " value "\n")*     keys: transfer_type file_size recycle_size recycle_ee
+//          recycle_keep_ee_size log_mode log_folder log_level log_filter flush_interval
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+// Loads the file and applies it; 0, or -1 or the failing setter's code: what was applied till then
+// stays applied. A missing file is first copied from the factory default. With `log_mode_only` only
+// the log mode is read and applied.
+int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
+
+// Replaces the line that holds `key` and drops those that hold a displaced key; 0, or -1. Does
+// nothing for a null value, and refuses one with a newline, which would make lines of its own.
+int32_t quarn_command_saveConfig(const char* key, const char* value,
+                                 const std::vector<const char*>& displaced_keys);
