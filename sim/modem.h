@@ -11,12 +11,15 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "platform/mcl.h"
+#include "sim/ipc_message.h"
 
 namespace sim {
 
@@ -36,6 +39,30 @@ std::unique_ptr<LogSource> MakeGeneratedSource(uint64_t seed);
 // The bytes of a regular file, from `offset` on, read in bounded pieces; null, with errno set, when
 // it cannot be opened.
 std::unique_ptr<LogSource> MakeReplaySource(const std::string& path, uint64_t offset = 0);
+
+// What one exchange of modem IPC takes and gives.
+struct IpcRequest {
+    IpcMessage message;
+    int selector;
+    int timeout_ms;  // -1: the library's own
+};
+struct IpcReply {
+    int cause;                               // nonzero: the request was not sent
+    std::optional<IpcMessage> confirmation;  // none: it did not come in time
+};
+
+// What can go wrong with a message of modem IPC, and what `value` says then.
+enum class IpcFault {
+    kMessage,   // it cannot be made
+    kValue,     // no value can be added to it
+    kCause,     // it is not sent, for this cause
+    kSilence,   // it is lost: no confirmation, after this many ms (0: after the whole time-out)
+    kDelay,     // it is carried out, and confirmed so many ms later if that is in time
+    kResult,    // it is refused with this result code
+    kNoResult,  // it is carried out, and the confirmation has no result code
+    kNoAnswer,  // it is carried out, and the confirmation has no answer
+    kAnswer,    // it is carried out, and the answer is this number
+};
 
 class Modem {
   public:
@@ -75,6 +102,59 @@ class Modem {
     bool SetTap(const std::string& path);
     uint64_t bytes_delivered() const;
     bool source_exhausted() const;  // a read has met the end of the source
+
+    // --- modem IPC: platform/mipc.h, from several threads at a time ---
+    int OpenIpc(const char* port);
+    // Exchanges under way end with a cause.
+    int CloseIpc();
+    void SetIpcTimeout(int timeout_ms);
+    void SetIpcPort(const char* port);
+    bool MakesIpcMessage(int message_id);
+    bool TakesIpcValue(int message_id);
+    IpcReply Exchange(const IpcRequest& request);
+
+    // Faults of one kind and message come one after another, as those of the log port do. An id of
+    // 0 stands for every message; a count of 0 drops all faults of that id.
+    void FailIpc(int message_id, IpcFault kind, int value, int count);
+    void FailIpcInit(int code, int count);
+    // The next `count` AT commands are answered by this text and change nothing.
+    void AnswerAt(const std::string& text, int count);
+    // What was asked, the last 256 requests, oldest first.
+    std::vector<IpcRequest> ipc_requests() const;
+
+    // --- what modem IPC sets ---
+    // As a request of another client would: 0 off, 1 streaming, 2 wrapping (kept in the modem). A
+    // change starts or stops the stream and returns once its notification has been handled, within
+    // 3 s; false for any other mode. Off hands over what is held back first, as long as it is read.
+    bool SetLogMode(int mode);
+    // Held-back bytes that make the modem hand all of them over, whatever the flush interval.
+    void SetWatermark(size_t bytes);
+
+    // What outlives the daemon's process.
+    struct Settings {
+        int log_mode = 0;
+        int log_level = 1;            // -1: a custom filter is in force
+        int flush_interval = 0;       // ms; 0: nothing is held back
+        int early_log_filter = 3;     // non-volatile
+        std::vector<uint8_t> filter;  // the custom filter's bytes
+    };
+    Settings settings() const;
+    // Takes up the settings that are kept in this folder, and keeps each change there.
+    void KeepSettings(const std::string& folder);
+
+    struct IpcStatus {
+        bool open;
+        std::string port;
+        int timeout_ms;
+        uint64_t exchanges;
+        int under_way;
+        uint64_t misused;   // calls while the channel was closed, or closing under an exchange
+        size_t held_back;   // bytes of the stream
+        int flush_status;   // 1 while flushed bytes are still to be read
+        std::string clock;  // as last set; empty: never
+        uint64_t clock_sets;
+    };
+    IpcStatus ipc_status() const;
 
     // --- faults of the layer and its log port, each for the next `count` calls ---
     // Faults of one kind that are asked for one after another come one after another; a count of 0
@@ -143,7 +223,41 @@ class Modem {
         std::string text;
     };
 
+    struct PendingIpcFault {
+        int message_id;
+        IpcFault kind;
+        int value;
+        int count;
+    };
+    struct IpcAnswer {
+        int result = 0;
+        std::optional<int32_t> number = std::nullopt;
+        std::optional<std::string> text = std::nullopt;
+    };
+    struct IpcCommand {
+        int message_id;
+        IpcAnswer (Modem::*answer)(const IpcMessage& request);
+    };
+    static const IpcCommand kIpcCommands[];
+    IpcAnswer AnswerSetLogMode(const IpcMessage& request);
+    IpcAnswer AnswerGetLogMode(const IpcMessage& request);
+    IpcAnswer AnswerSetLogLevel(const IpcMessage& request);
+    IpcAnswer AnswerGetLogLevel(const IpcMessage& request);
+    IpcAnswer AnswerSetFlushInterval(const IpcMessage& request);
+    IpcAnswer AnswerGetFlushInterval(const IpcMessage& request);
+    IpcAnswer AnswerTriggerFlush(const IpcMessage& request);
+    IpcAnswer AnswerGetFlushStatus(const IpcMessage& request);
+    IpcAnswer AnswerSetTime(const IpcMessage& request);
+    IpcAnswer AnswerSetFilter(const IpcMessage& request);
+    IpcAnswer AnswerAtCommand(const IpcMessage& request);
+    IpcAnswer Answer(const IpcMessage& request);
+
     // Under `mutex_`.
+    std::optional<int> TakeIpcFault(int message_id, IpcFault kind);
+    void WaitUntilReadOut(std::unique_lock<std::mutex>& lock);
+    std::string EarlyLogFilter(std::string_view command);
+    void SaveSettings();
+    void ReleaseDue();
     static void AddFault(std::deque<Fault>& faults, int value, int count);
     static bool TakeFault(std::deque<Fault>& faults, int* value);
     bool SprinkleHits();
@@ -186,6 +300,24 @@ class Modem {
     Calls calls_ = {};
     std::string written_;
     uint64_t written_total_ = 0;
+
+    std::mutex log_mode_mutex_;  // around a change and its notification; taken before `mutex_`
+    std::condition_variable ipc_cond_;  // the channel was closed
+    bool ipc_open_ = false;
+    std::string ipc_port_;
+    int ipc_timeout_ms_ = 0;
+    uint64_t ipc_exchanges_ = 0;
+    int ipc_under_way_ = 0;
+    uint64_t ipc_misused_ = 0;
+    std::deque<IpcRequest> ipc_requests_;
+    std::vector<PendingIpcFault> ipc_faults_;
+    std::deque<Fault> ipc_init_faults_;
+    std::string at_answer_;
+    int at_answers_ = 0;
+    Settings settings_;
+    std::string settings_folder_;  // empty: nowhere
+    std::string clock_;
+    uint64_t clock_sets_ = 0;
 
     mcl_ntfy_callback callback_ = nullptr;
     void* callback_user_ = nullptr;
