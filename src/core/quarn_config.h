@@ -7,6 +7,9 @@
 #include <cstdint>
 #include <vector>
 
+// The file that `main` loads and that saving rewrites.
+constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
+
 // Loads the file and applies it; 0, or -1 or the failing setter's code: what was applied till then
 // stays applied. A missing file is first copied from the factory default. With `log_mode_only` only
 // the log mode is read and applied.

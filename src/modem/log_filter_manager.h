@@ -57,6 +57,19 @@ class LogFilterManagerHandle : public QUARN_HANDLE {
     bool SendSetCommand();
 
   private:
+    // The requests; true on success.
+    bool SetModemLogging(bool started);
+    bool HandleSetLogLevel(const int32_t* level);
+    bool HandleSetLogFilter(const char* filter_path);
+    bool LeavePowerOnPhase();
+
+    bool IsModemLogging() const;
+    // Sends the pending command when its time has come; true as well when it has to wait.
+    bool SendIfAllowed();
+    void ChangeState(int32_t state);  // under `state_mutex`
+    void EnterNormal();
+    void ReplacePending(std::unique_ptr<LogSetCommand> command);
+
     // Low half: modem logging, 0 stopped, 1 started. High half: 0x10 power-on phase, 0x00 Normal.
     std::atomic<int32_t> logging_state{-1};
     std::mutex state_mutex;  // around changes of the state; never held while the next is taken

@@ -1,0 +1,63 @@
+// A message of modem IPC, request or confirmation: an id and typed values (TLVs).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+#include <vector>
+
+namespace sim {
+
+class IpcMessage {
+  public:
+    explicit IpcMessage(int id) : id_(id) {}
+
+    int id() const { return id_; }
+
+    void Add(int type, const void* value, size_t length) {
+        values_.push_back({type, bytes_.size(), length});
+        if (length == 0) return;
+        const auto* const from = static_cast<const uint8_t*>(value);
+        bytes_.insert(bytes_.end(), from, from + length);
+    }
+    void AddNumber(int type, int32_t number) { Add(type, &number, sizeof(number)); }
+
+    bool Has(int type) const { return Find(type) != nullptr; }
+    // Of the first value of that type; empty when there is none. Valid until the next `Add`, and
+    // never aligned, as on the wire.
+    std::span<const uint8_t> Bytes(int type) const {
+        const Value* const value = Find(type);
+        if (value == nullptr) return {};
+        return {bytes_.data() + value->at, value->length};
+    }
+    // Of a value of four bytes.
+    std::optional<int32_t> Number(int type) const {
+        const std::span<const uint8_t> bytes = Bytes(type);
+        int32_t number = 0;
+        if (bytes.size() != sizeof(number)) return std::nullopt;
+        memcpy(&number, bytes.data(), sizeof(number));
+        return number;
+    }
+    size_t count() const { return values_.size(); }
+
+  private:
+    struct Value {
+        int type;
+        size_t at;
+        size_t length;
+    };
+    const Value* Find(int type) const {
+        for (const Value& value : values_) {
+            if (value.type == type) return &value;
+        }
+        return nullptr;
+    }
+
+    int id_;
+    std::vector<Value> values_;
+    std::vector<uint8_t> bytes_ = {0};  // one in front puts the numbers at odd addresses
+};
+
+}  // namespace sim

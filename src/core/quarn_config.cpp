@@ -1,0 +1,354 @@
+#include "core/quarn_config.h"
+
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "control/quarn_command.h"
+#include "core/quarn.h"
+#include "core/utility.h"
+#include "modem/log_flush.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "platform/quarn_log.h"
+
+namespace {
+
+using android::base::unique_fd;
+
+constexpr const char* kDefaultConfigPath = "/vendor/etc/quarn_default.cfg";
+constexpr mode_t kConfigMode = 0774;
+constexpr size_t kMaxLoadSize = 1023;  // bytes of the file that count when it is loaded
+constexpr size_t kMaxSaveSize = 1024;  // bytes that a saved file may have
+constexpr size_t kMaxLineSize = 510;   // longer lines are taken in pieces, each a line of its own
+
+constexpr int kDefaultFlushInterval = 600000;  // ms
+constexpr int kLogModeStreaming = 1;
+
+using ConfigText = std::array<char, kMaxLoadSize + 1>;  // ends in a NUL
+
+// The settings as the file has them, else the defaults of missing keys.
+struct Settings {
+    int transfer_type = SAVE_MODE_STORAGE;
+    int file_size = 50;       // MB
+    int recycle_size = 2500;  // MB
+    int recycle_ee = 1;
+    int recycle_keep_ee_size = 0;  // MB
+    std::string log_folder;
+    int log_level = -1;
+    std::string log_filter;
+    int flush_interval = 0;  // ms
+    int log_mode = 0;
+};
+
+// A new file with the bytes of the factory default; none on failure.
+unique_fd create_from_default(const char* path) {
+    const unique_fd defaults(open(kDefaultConfigPath, O_RDONLY | O_CLOEXEC));
+    if (defaults < 0) {
+        QUARN_LOGE("open file: %s failed, errno=%s", kDefaultConfigPath, strerror(errno));
+        QUARN_LOGE("no default config file");
+        return {};
+    }
+    struct stat status;
+    if (fstat(defaults, &status) != 0) {
+        QUARN_LOGE("fstat file: %s failed, errno=%s", path, strerror(errno));
+        return {};
+    }
+    unique_fd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, kConfigMode));
+    if (fd < 0) {
+        QUARN_LOGE("create file: %s failed, errno=%s", path, strerror(errno));
+        return {};
+    }
+    const ssize_t copied = sendfile(fd, defaults, nullptr, static_cast<size_t>(status.st_size));
+    const int error = errno;
+    QUARN_LOGI("copy file expected %ld bytes, result %d bytes", static_cast<long>(status.st_size),
+               static_cast<int>(copied));
+    if (copied == -1) QUARN_LOGE("copy file failed, errno=%s", strerror(error));
+    return fd;
+}
+
+unique_fd open_config(const char* path) {
+    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (fd >= 0) return fd;
+    const int error = errno;
+    QUARN_LOGE("open file: %s failed, errno=%s", path, strerror(error));
+    if (error != ENOENT) return {};
+    return create_from_default(path);
+}
+
+void close_config(unique_fd& file) {
+    const int fd = file.release();
+    if (close(fd) != 0) QUARN_LOGE("close fd %d fail, errno=%s", fd, strerror(errno));
+}
+
+// Fills `text` with the start of the file.
+bool read_config(const char* path, int fd, ConfigText& text) {
+    if (lseek(fd, 0, SEEK_END) < 0) {
+        QUARN_LOGE("lseek SEEK_END error: %s", strerror(errno));
+        return false;
+    }
+    if (lseek(fd, 0, SEEK_SET) < 0) {
+        QUARN_LOGE("lseek SEEK_SET 0 error: %s", strerror(errno));
+        return false;
+    }
+    const ssize_t got = read(fd, text.data(), kMaxLoadSize);
+    if (got < 0) QUARN_LOGE("read fail: %s", strerror(errno));
+    if (got == 0) QUARN_LOGW("file %s empty", path);
+    return got > 0;
+}
+
+// Leaves `value` alone when the key is missing; anything that is not a number counts as 0.
+void read_plain_int(const char* text, const char* key, int& value) {
+    const char* const found = std::strstr(text, key);
+    if (found != nullptr) value = std::atoi(found + std::strlen(key));
+}
+
+void parse_settings(const char* text, Settings& settings) {
+    read_plain_int(text, "transfer_type", settings.transfer_type);
+    read_plain_int(text, "file_size", settings.file_size);
+    read_plain_int(text, "recycle_size", settings.recycle_size);
+    read_plain_int(text, "recycle_ee", settings.recycle_ee);
+    read_plain_int(text, "recycle_keep_ee_size", settings.recycle_keep_ee_size);
+    if (!quarn::zorvex::ParseLogFolderConfig(text, settings.log_folder)) {
+        QUARN_LOGD("Log folder config is not found. Use default path as fallback.");
+    }
+    if (!quarn::zorvex::ParseLogFilterConfig(text, settings.log_level, settings.log_filter)) {
+        QUARN_LOGD(
+            "Log level/log filter config are not found. Use the default log level as fallback.");
+    }
+    if (!quarn::zorvex::ParseFlushIntervalConfig(text, settings.flush_interval)) {
+        QUARN_LOGD("Flush interval config is not found. Use default interval as fallback.");
+        settings.flush_interval = kDefaultFlushInterval;
+    }
+}
+
+// What the file is compared with: a setting that is in force already is not set again.
+struct CurrentSettings {
+    int transfer_type;
+    int file_size;
+    unsigned int recycle_size;
+    unsigned int recycle_ee;
+    unsigned int recycle_keep_ee_size;
+};
+
+int32_t read_current(CurrentSettings& current) {
+    if (const int rc = quarn_getTransferType(&current.transfer_type); rc != 0) return rc;
+    current.file_size = g_file_io.get_file_size();
+    int rc = g_file_io.get_recycle_option(RECYCLE_OPT_SIZE, &current.recycle_size);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Get default recycle size fail, rc=%d\n", rc);
+        return rc;
+    }
+    rc = g_file_io.get_recycle_option(RECYCLE_OPT_EE, &current.recycle_ee);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Get default recycle ee fail, rc=%d\n", rc);
+        return rc;
+    }
+    rc = g_file_io.get_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, &current.recycle_keep_ee_size);
+    if (rc != 0) QUARN_LOGE("[Error] Get default keep ee fail, rc=%d\n", rc);
+    return rc;
+}
+
+int32_t apply_recycle_option(QUARN_RECYCLE_OPT opt, int value, unsigned int current) {
+    const auto wanted = static_cast<unsigned int>(value);
+    return wanted == current ? 0 : g_file_io.set_recycle_option(opt, wanted);
+}
+
+// Stops at the first setting that is refused, with its setter's code.
+int32_t apply_channel_settings(const Settings& settings, const CurrentSettings& current) {
+    int32_t rc = 0;
+    if (settings.transfer_type != current.transfer_type) {
+        rc = quarn_setTransferType(settings.transfer_type);
+    }
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set transfer type %d failed, rc=%d\n", settings.transfer_type, rc);
+        return rc;
+    }
+    if (settings.file_size != current.file_size) rc = g_file_io.set_file_size(settings.file_size);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set file size %d(MB) failed, rc=%d\n", settings.file_size, rc);
+        return rc;
+    }
+    rc = apply_recycle_option(RECYCLE_OPT_SIZE, settings.recycle_size, current.recycle_size);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set recycle size %d(MB) failed, rc=%d\n", settings.recycle_size, rc);
+        return rc;
+    }
+    rc = apply_recycle_option(RECYCLE_OPT_EE, settings.recycle_ee, current.recycle_ee);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set recycle ee %d failed, rc=%d\n", settings.recycle_ee, rc);
+        return rc;
+    }
+    rc = apply_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, settings.recycle_keep_ee_size,
+                              current.recycle_keep_ee_size);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set keep ee size %d(MB) failed, rc=%d\n", settings.recycle_keep_ee_size,
+                   rc);
+        return rc;
+    }
+    rc = quarn::zorvex::SetLogFolderConfig(settings.log_folder);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set log folder %s failed, rc=%d\n", settings.log_folder.c_str(), rc);
+        return rc;
+    }
+    rc = quarn::zorvex::SetFlushIntervalConfig(settings.flush_interval);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set flush interval %d failed, rc=%d\n", settings.flush_interval, rc);
+    }
+    return rc;
+}
+
+// A mode that the modem changes to reaches the log filter manager by the modem's notification; only
+// one that is in force already has to be told to it.
+int32_t apply_log_mode(int mode, int modem_mode) {
+    if (mode == modem_mode) {
+        const int32_t rc = quarn::zorvex::SetLogModeConfig(mode);
+        if (rc != 0) QUARN_LOGE("[Error] Set log mode config %d failed, rc=%d\n", mode, rc);
+        return rc;
+    }
+    const int32_t rc = quarn_mipcSetLogMode(mode);
+    if (rc == 0) return 0;
+    QUARN_LOGE("[Error] Set modem log mode %d failed, rc=%d\n", mode, rc);
+    return -1;
+}
+
+int32_t apply_log_filter(Settings& settings) {
+    const int32_t rc = quarn::zorvex::SetLogFilterConfig(settings.log_level, settings.log_filter);
+    if (rc != 0) {
+        QUARN_LOGE("[Error] Set log level %d/log filter %s failed, rc=%d\n", settings.log_level,
+                   settings.log_filter.c_str(), rc);
+    }
+    return rc;
+}
+
+int32_t apply_settings(Settings& settings, bool log_mode_only) {
+    CurrentSettings current = {};
+    if (!log_mode_only) {
+        if (const int32_t rc = read_current(current); rc != 0) return rc;
+    }
+    int modem_mode = 0;
+    if (const int32_t rc = quarn_mipcGetLogMode(&modem_mode); rc != 0) {
+        QUARN_LOGE("[Error] Get modem log mode failed, rc=%d\n", rc);
+        return -1;
+    }
+    if (!log_mode_only) {
+        if (const int32_t rc = apply_channel_settings(settings, current); rc != 0) return rc;
+    }
+    if (const int32_t rc = apply_log_mode(settings.log_mode, modem_mode); rc != 0) return rc;
+    if (const int32_t rc = apply_log_filter(settings); rc != 0) return rc;
+    // A modem that was told to stream just now got the interval along with it.
+    if (modem_mode == kLogModeStreaming &&
+        !quarn::zorvex::SetFlushInterval(settings.flush_interval)) {
+        QUARN_LOGE("[Error] Set flush interval %d failed, rc=%d\n", settings.flush_interval, 0);
+    }
+    return 0;
+}
+
+// The text that the file will hold; what would not fit is cut.
+class Output {
+  public:
+    void append(std::string_view bytes) {
+        const size_t fitting = std::min(bytes.size(), text.size() - used);
+        std::copy_n(bytes.data(), fitting, text.data() + used);
+        used += fitting;
+    }
+    std::string_view view() const { return {text.data(), used}; }
+    bool in_line() const { return used != 0 && text[used - 1] != '\n'; }
+
+  private:
+    std::array<char, kMaxSaveSize> text{};
+    size_t used = 0;
+};
+
+bool holds_any(const char* line, const std::vector<const char*>& keys) {
+    return std::any_of(keys.begin(), keys.end(),
+                       [&](const char* key) { return std::strstr(line, key) != nullptr; });
+}
+
+// The file's lines, with `new_line` in the place of the key's own, or behind them all.
+void edit_lines(FILE* file, const char* key, const char* value, std::string_view new_line,
+                const std::vector<const char*>& displaced_keys, Output& output) {
+    bool replaced = false;
+    char line[kMaxLineSize + 1];
+    while (fgets(line, sizeof(line), file) != nullptr) {
+        if (std::strstr(line, key) != nullptr) {
+            output.append(new_line);
+            replaced = true;
+        } else if (holds_any(line, displaced_keys)) {
+            QUARN_LOGD("saveConfig: %s %s replaces %s", key, value, line);
+        } else {
+            output.append(line);
+        }
+    }
+    if (replaced) return;
+    // A last line without its newline would swallow the new one.
+    if (output.in_line()) output.append("\n");
+    output.append(new_line);
+}
+
+// After a crash in between the file is empty, and the next start keeps the built-in settings; one
+// write makes that moment as short as can be.
+int32_t write_config(std::string_view text) {
+    unique_fd fd(open(kConfigPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kConfigMode));
+    if (fd < 0) {
+        QUARN_LOGE("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
+        return -1;
+    }
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written != static_cast<ssize_t>(text.size())) {
+        QUARN_LOGE("saveConfig: write fail error: %s", strerror(errno));
+    }
+    if (close(fd.release()) != 0) {
+        QUARN_LOGE("saveConfig: fclose failed, errno=%s", strerror(errno));
+    }
+    return 0;
+}
+
+}  // namespace
+
+int32_t quarn_loadConfig(const char* path, int32_t log_mode_only) {
+    unique_fd fd = open_config(path);
+    if (fd < 0) return -1;
+    ConfigText text = {};
+    const bool has_text = read_config(path, fd, text);
+    Settings settings;
+    if (has_text && log_mode_only == 0) parse_settings(text.data(), settings);
+    if (has_text) read_plain_int(text.data(), "log_mode", settings.log_mode);
+    close_config(fd);
+    return has_text ? apply_settings(settings, log_mode_only != 0) : -1;
+}
+
+int32_t quarn_command_saveConfig(const char* key, const char* value,
+                                 const std::vector<const char*>& displaced_keys) {
+    if (value == nullptr) return 0;
+    if (std::strchr(value, '\n') != nullptr) {
+        QUARN_LOGW("saveConfig: the value of %s holds a newline and is not saved", key);
+        return -1;
+    }
+    char new_line[kMaxSaveSize + 1];
+    const int length = snprintf(new_line, sizeof(new_line), "%s %s\n", key, value);
+    if (length < 0) {
+        QUARN_LOGE("saveConfig: snprintf error, errno=%s", strerror(errno));
+        return -1;
+    }
+    Output output;
+    FILE* const file = fopen(kConfigPath, "re");
+    if (file == nullptr) {
+        QUARN_LOGW("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
+        output.append(new_line);
+    } else {
+        edit_lines(file, key, value, new_line, displaced_keys, output);
+        if (fclose(file) != 0) QUARN_LOGE("saveConfig: fclose failed, errno=%s", strerror(errno));
+    }
+    return write_config(output.view());
+}

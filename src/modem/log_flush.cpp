@@ -1,0 +1,64 @@
+#include "modem/log_flush.h"
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+#include "core/quarn.h"
+#include "core/utility.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "platform/quarn_log.h"
+
+namespace quarn::zorvex {
+
+namespace {
+
+constexpr int kShortIntervalMs = 50;
+constexpr std::chrono::milliseconds kFlushWait(50);  // lets the shortened interval pass once
+
+// Keeps a shortened interval from being put back by one caller while another changes it.
+std::mutex flush_interval_mutex;
+
+bool SendSetFlushIntervalCommand(int ms) {
+    if (const int32_t rc = quarn_mipcSetFlushInterval(ms); rc != 0) {
+        QUARN_LOGE("%s: Error setting flush interval MIPC command: %d",
+                   "SendSetFlushIntervalCommand", rc);
+        return false;
+    }
+    QUARN_LOGI("Set flush interval to %d by MIPC command", ms);
+    return true;
+}
+
+int ConfiguredInterval() { return static_cast<int>(g_quarn.flush_interval); }
+
+// Only the modem's interval changes for a while; the configured one stays.
+void FlushModem() {
+    std::lock_guard lock(flush_interval_mutex);
+    const bool shortened =
+        ConfiguredInterval() > kShortIntervalMs && SendSetFlushIntervalCommand(kShortIntervalMs);
+    std::this_thread::sleep_for(kFlushWait);
+    if (shortened) SendSetFlushIntervalCommand(ConfiguredInterval());
+}
+
+}  // namespace
+
+bool SetFlushInterval(int ms) {
+    std::lock_guard lock(flush_interval_mutex);
+    if (!SendSetFlushIntervalCommand(ms)) {
+        QUARN_LOGE("%s: Error setting flush interval", "SetFlushInterval");
+        return false;
+    }
+    SetFlushIntervalConfig(ms);
+    return true;
+}
+
+void FlushLogBuffers() {
+    FlushModem();
+    {
+        std::lock_guard lock(g_quarn.exec_mutex);
+        quarn_runHandleExec(HANDLE_WRITER, EXEC_FLUSH_RING, nullptr);
+    }
+    QUARN_LOGI("Flush log buffers done");
+}
+
+}  // namespace quarn::zorvex

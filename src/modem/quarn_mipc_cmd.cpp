@@ -1,0 +1,330 @@
+#include "modem/quarn_mipc_cmd.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "control/quarn_state_notify.h"
+#include "core/quarn.h"
+#include "modem/log_flush.h"
+#include "platform/quarn_log.h"
+
+namespace {
+
+constexpr int kTimeoutMs = 5000;
+constexpr int kSelector = 16;  // destination of every request
+
+constexpr int kResultTlv = 0;  // in every confirmation: 0 is success
+constexpr int kValueTlv = 0x100;
+constexpr int kDisableTlv = 0x101;
+constexpr int kAtTextTlv = 0x8100;
+
+constexpr int32_t kFailed = 1;
+constexpr int32_t kTimedOut = 2;
+
+struct Command {
+    int msg_id;
+    const char* name;              // as messages call it
+    const char* answer = nullptr;  // and what it asks for
+};
+
+constexpr Command kSetLogMode = {39, "set log mode"};
+constexpr Command kGetLogMode = {41, "get log mode", "log mode"};
+constexpr Command kSetLogLevel = {43, "set log level"};
+constexpr Command kGetLogLevel = {45, "get log level", "log level"};
+constexpr Command kSetTime = {65, "set time req"};
+constexpr Command kSetFlushInterval = {119, "set flush interval"};
+constexpr Command kGetFlushInterval = {121, "get flush interval", "flush interval"};
+constexpr Command kTriggerFlush = {137, "trigger flush", "trigger flush result"};
+constexpr Command kGetFlushStatus = {139, "get flush status", "flush status"};
+constexpr Command kSetCustomFilter = {161, "set filter", "(set filter)"};
+constexpr int kAtCommandId = 3;
+
+// Held from a successful `quarn_mipcInit` to `quarn_mipcDeinit`: keeps a second opening waiting.
+// Commands do not take it.
+std::mutex channel_lock;
+// Whoever uses the library first counts himself in and only then looks whether the channel is open;
+// closing first says so and then waits for the count to fall. Neither can miss the other.
+std::atomic<bool> channel_open{false};
+std::atomic<int> channel_users{0};
+
+// Keeps the channel open while it lives, if it was.
+class ChannelUse {
+  public:
+    ChannelUse() {
+        ++channel_users;
+        open = channel_open;
+    }
+    ~ChannelUse() {
+        if (--channel_users == 0) channel_users.notify_all();
+    }
+    ChannelUse(const ChannelUse&) = delete;
+    ChannelUse& operator=(const ChannelUse&) = delete;
+
+    explicit operator bool() const { return open; }
+
+  private:
+    bool open;
+};
+
+struct MessageDeleter {
+    void operator()(mipc_msg_t* msg) const { mipc_msg_deinit(msg); }
+};
+using Message = std::unique_ptr<mipc_msg_t, MessageDeleter>;
+
+// Values lie in a message as they came, aligned or not.
+std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
+    const void* const value = mipc_msg_get_val_ptr(msg, type, nullptr);
+    if (value == nullptr) return std::nullopt;
+    int32_t number;
+    memcpy(&number, value, sizeof(number));
+    return number;
+}
+
+// `quarn_mipcSendCmd` for those who have the channel in use.
+int32_t send_and_wait(mipc_msg_t* req, mipc_msg_t** cnf) {
+    *cnf = nullptr;
+    mipc_msg_set_timeout_once(kTimeoutMs);
+    if (const int cause = mipc_msg_sync_timeout_with_cause(req, cnf); cause != 0) {
+        QUARN_LOGE("send mipc cmd fail, cause=%d\n", cause);
+        return kFailed;
+    }
+    if (*cnf == nullptr) {
+        QUARN_LOGE("send mipc cmd timeout\n");
+        return kTimedOut;
+    }
+    const std::optional<int32_t> result = read_int(*cnf, kResultTlv);
+    if (!result) {
+        QUARN_LOGE("get mipc cmd result fail\n");
+        return kFailed;
+    }
+    if (*result != 0) {
+        QUARN_LOGE("mipc cmd fail, result=%d\n", *result);
+        return kFailed;
+    }
+    return 0;
+}
+
+// One request and its confirmation. Both are freed, and the channel is let go, when it ends.
+class Exchange {
+  public:
+    explicit Exchange(int msg_id)
+        : request(use ? mipc_msg_init(msg_id, kSelector) : nullptr), complete(request != nullptr) {}
+
+    bool is_channel_open() const { return static_cast<bool>(use); }
+    // Whether the request was made and has taken every value so far. One that is not is never sent.
+    bool is_complete() const { return complete; }
+
+    void add(int type, int length, const void* value) {
+        complete = complete && mipc_msg_add_tlv(request.get(), type, length, value) == 0;
+    }
+    void add(int type, int32_t value) { add(type, sizeof(value), &value); }
+
+    // Sends the request; once.
+    int32_t send() {
+        if (!complete) return kFailed;
+        mipc_msg_t* cnf = nullptr;
+        const int32_t status = send_and_wait(request.get(), &cnf);
+        confirmation.reset(cnf);
+        return status;
+    }
+    int32_t send(const Command& command) {
+        const int32_t status = send();
+        if (status != 0) {
+            QUARN_LOGE("send mipc cmd (%s) fail, mipc_rc = %d\n", command.name, status);
+        }
+        return status;
+    }
+    // Sends a request that asks for a number; `*answer` is written on success only.
+    int32_t ask(const Command& command, int* answer) {
+        const int32_t status = send(command);
+        if (status != 0) return status;
+        const std::optional<int32_t> value = read_int(confirmation.get(), kValueTlv);
+        if (!value) {
+            QUARN_LOGE("get mipc cmd cnf %s fail, mipc_rc = %d\n", command.answer, status);
+            return kFailed;
+        }
+        *answer = *value;
+        return 0;
+    }
+
+    // After a send that succeeded; null when there is no such value.
+    const char* text(int type) {
+        return static_cast<const char*>(mipc_msg_get_val_ptr(confirmation.get(), type, nullptr));
+    }
+
+  private:
+    ChannelUse use;  // outlives the messages
+    Message request;
+    Message confirmation;
+    bool complete;
+};
+
+int32_t set_number(const Command& command, int32_t value) {
+    Exchange exchange(command.msg_id);
+    exchange.add(kValueTlv, value);
+    return exchange.send(command);
+}
+
+int32_t get_number(const Command& command, int* answer) {
+    Exchange exchange(command.msg_id);
+    return exchange.ask(command, answer);
+}
+
+int32_t send_log_mode(int mode) {
+    Exchange exchange(kSetLogMode.msg_id);
+    exchange.add(kValueTlv, mode);
+    if (mode == 0) {
+        constexpr uint8_t kDisable = 1;
+        exchange.add(kDisableTlv, sizeof(kDisable), &kDisable);
+    }
+    return exchange.send(kSetLogMode);
+}
+
+}  // namespace
+
+int32_t quarn_mipcInit(const char* port) {
+    std::unique_lock lock(channel_lock);
+    mipc_set_host_api_timeout(kTimeoutMs);
+    SETCOM(port);
+    QUARN_LOGI("mipcInit: set mipc port: %s\n", port);
+    if (const int rc = mipc_init(port); rc != 0) {
+        QUARN_LOGE("mipcInit: mipc init failed, rc=%d\n", rc);
+        return kFailed;
+    }
+    QUARN_LOGI("mipcInit: mipc init success\n");
+    channel_open = true;
+    lock.release();  // stays locked: the open channel holds it
+    return 0;
+}
+
+void quarn_mipcDeinit() {
+    if (!channel_open.exchange(false)) return;
+    while (const int users = channel_users) channel_users.wait(users);
+    mipc_deinit();
+    channel_lock.unlock();
+}
+
+int32_t quarn_mipcSendCmd(mipc_msg_t* req, mipc_msg_t** cnf) {
+    const ChannelUse use;
+    if (use) return send_and_wait(req, cnf);
+    *cnf = nullptr;
+    return kFailed;
+}
+
+int32_t quarn_mipcSetLogMode(int mode) {
+    if (const int32_t status = send_log_mode(mode); status != 0) return status;
+    if (quarn_notifyLogModeUpdate(mode) < 0) {
+        QUARN_LOGE("HandleLogMode: notify log mode update to %d failed!", mode);
+    }
+    if (mode == 1) {
+        const int interval = static_cast<int>(g_quarn.flush_interval);
+        if (!quarn::zorvex::SetFlushInterval(interval)) {
+            QUARN_LOGE("HandleLogMode: set flush interval to %d failed!", interval);
+        }
+    }
+    return 0;
+}
+
+int32_t quarn_mipcGetLogMode(int* mode) { return get_number(kGetLogMode, mode); }
+
+int32_t quarn_mipcSetLogLevel(int level) { return set_number(kSetLogLevel, level); }
+
+int32_t quarn_mipcGetLogLevel(int* level) { return get_number(kGetLogLevel, level); }
+
+int32_t quarn_mipcSetFlushInterval(int interval) { return set_number(kSetFlushInterval, interval); }
+
+int32_t quarn_mipcGetFlushInterval(int* interval) {
+    return get_number(kGetFlushInterval, interval);
+}
+
+int32_t quarn_mipcTriggerFlush(int* result) { return get_number(kTriggerFlush, result); }
+
+int32_t quarn_mipcGetFlushStatus(int* status) { return get_number(kGetFlushStatus, status); }
+
+int32_t quarn_mipcSetTime(long* t) {
+    const time_t seconds = *t;
+    struct tm utc = {};
+    if (gmtime_r(&seconds, &utc) == nullptr) {
+        QUARN_LOGE("get gmtime fail\n");
+        return kFailed;
+    }
+    struct tm local = {};
+    if (localtime_r(&seconds, &local) == nullptr) {
+        QUARN_LOGE("localtime_r fail, errno = %s\n", strerror(errno));
+        return kFailed;
+    }
+    const int year = utc.tm_year + 1900;
+    const int month = utc.tm_mon + 1;
+    const int offset = static_cast<int>(local.tm_gmtoff / 60);
+
+    Exchange exchange(kSetTime.msg_id);
+    int type = kValueTlv;
+    for (const int value :
+         {year, month, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, offset}) {
+        exchange.add(type++, value);
+    }
+    const int32_t status = exchange.send(kSetTime);
+    if (status == 0) {
+        QUARN_LOGI("MIPC SYS_SET_TIME_REQ: %d/%d/%d - %d:%d:%d - %d\n", year, month, utc.tm_mday,
+                   utc.tm_hour, utc.tm_min, utc.tm_sec, offset);
+    }
+    return status;
+}
+
+int32_t quarn_mipcSetCustomFilter(int length, char* data, int* result) {
+    Exchange exchange(kSetCustomFilter.msg_id);
+    exchange.add(kValueTlv, length, data);
+    return exchange.ask(kSetCustomFilter, result);
+}
+
+namespace quarn::zorvex {
+
+bool SendAtCommandByMipc(const std::string& cmd, std::string& result) {
+    result.clear();
+    Exchange exchange(kAtCommandId);
+    if (!exchange.is_channel_open()) {
+        QUARN_LOGE("AT command: Send mipc cmd failed: %d", kFailed);
+        return false;
+    }
+    if (!exchange.is_complete()) {
+        QUARN_LOGE("AT command: Init mipc cmd message failed");
+        return false;
+    }
+    exchange.add(kAtTextTlv, static_cast<int>(cmd.size() + 1), cmd.c_str());
+    if (!exchange.is_complete()) {
+        QUARN_LOGE("AT command: Form mipc cmd message failed");
+        return false;
+    }
+    QUARN_LOGI("AT command: Send mipc cmd: %s", cmd.c_str());
+    if (const int32_t status = exchange.send(); status != 0) {
+        QUARN_LOGE("AT command: Send mipc cmd failed: %d", status);
+        return false;
+    }
+    const char* const response = exchange.text(kAtTextTlv);
+    if (response == nullptr) {
+        QUARN_LOGE("AT command: Get mipc cmd cnf result failed");
+        return false;
+    }
+    result = response;
+    QUARN_LOGD("AT command: Return result message: %s", result.c_str());
+    return true;
+}
+
+bool GetAtCommandExecStatus(const std::string& response) {
+    constexpr const char* kLineEnds = "\r\n";
+    const size_t last = response.find_last_not_of(kLineEnds);
+    if (last == std::string::npos) {
+        QUARN_LOGE("AT command: execution status not found");
+        return false;
+    }
+    const std::string text = response.substr(0, last + 1);
+    // Behind the last line end, or, without one, the whole text: npos + 1 is 0.
+    return text.substr(text.find_last_of(kLineEnds) + 1) == "OK";
+}
+
+}  // namespace quarn::zorvex

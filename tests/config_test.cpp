@@ -1,0 +1,336 @@
+// The configuration file: loading, applying, saving.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "control/quarn_command.h"
+#include "core/quarn.h"
+#include "core/quarn_config.h"
+#include "core/utility.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "sim/modem.h"
+#include "support.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kPath = kConfigPath;
+const std::string kDefault = "/vendor/etc/quarn_default.cfg";
+const std::string kLogs = "/data/vendor/radio/quarn/logs/";
+constexpr int kSetLogMode = 39;  // message of modem IPC
+constexpr int kGetLogMode = 41;
+constexpr int kSetFlushInterval = 119;
+
+size_t OpenDescriptors() {
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+}
+
+class Config : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs::create_directories("/data/vendor/radio");
+        g_file_io.create_top_folder();
+        g_writer.init();
+        g_notify.init();
+        g_log_filter_manager.init();
+        mcl_init();
+        quarn_mipcInit("/dev/wwanD0MIPC0");
+    }
+    void TearDown() override {
+        quarn_mipcDeinit();
+        mcl_deinit();
+    }
+
+    // Loads a file of this text; whatever comes of it, no descriptor stays behind.
+    int32_t Load(const std::string& text, int32_t log_mode_only = 0) {
+        test::WriteFile(kPath, text);
+        return LoadWhatIsThere(log_mode_only);
+    }
+    int32_t LoadWhatIsThere(int32_t log_mode_only = 0) {
+        log.Clear();
+        const size_t descriptors = OpenDescriptors();
+        const int32_t rc = quarn_loadConfig(kConfigPath, log_mode_only);
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+        return rc;
+    }
+    static unsigned int Recycle(QUARN_RECYCLE_OPT opt) {
+        unsigned int value = 0;
+        EXPECT_EQ(g_file_io.get_recycle_option(opt, &value), 0);
+        return value;
+    }
+    // Has the log filter manager send what it keeps for the time after the power-on phase.
+    static void EndPowerOnPhase() {
+        std::lock_guard lock(g_quarn.exec_mutex);
+        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
+    }
+
+    test::LogCapture log;
+    sim::Modem& modem = sim::Modem::Instance();
+};
+
+}  // namespace
+
+TEST(ConfigText, StrictReading) {
+    using quarn::zorvex::ParseIntConfig;
+    using quarn::zorvex::ParseStringConfig;
+    const std::string missing = "The value of config key is missing in the file";
+    const std::string invalid = "The value of config key is invalid";
+    const std::string range = "The value of config key is out of range";
+    const std::string unended = "Config key ends without a newline in the file";
+    const struct {
+        const char* text;
+        bool int_read;
+        int number;
+        std::string int_warning;
+        bool string_read;
+        std::string string;
+        std::string string_warning;
+    } cases[] = {
+        {"", false, 7, "", false, "old", ""},
+        {"other 1\n", false, 7, "", false, "old", ""},
+        {"key 12\n", true, 12, "", true, "12", ""},
+        {"other 1\nkey \t-3\nkey 4\n", true, -3, "", true, "-3", ""},
+        {"key5\n", true, 5, "", true, "5", ""},
+        {"a key 6\n", true, 6, "", true, "6", ""},
+        {"key", false, 7, missing, false, "old", missing},
+        {"key \t\n", false, 7, missing, false, "old", missing},
+        {"key abc\n", false, 7, invalid, true, "abc", ""},
+        {"key +1\n", false, 7, invalid, true, "+1", ""},
+        {"key 0x1\n", false, 0, unended, true, "0x1", ""},
+        {"key 2147483648\n", false, 7, range, true, "2147483648", ""},
+        {"key -2147483648\n", true, -2147483647 - 1, "", true, "-2147483648", ""},
+        {"key 2", false, 2, unended, false, "old", unended},
+        {"key 2 \n", false, 2, unended, true, "2 ", ""},
+        {"key 2\r\n", false, 2, unended, true, "2\r", ""},
+    };
+    test::LogCapture log;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        int number = 7;
+        log.Clear();
+        EXPECT_EQ(ParseIntConfig(c.text, "key", number), c.int_read);
+        EXPECT_EQ(number, c.number);
+        EXPECT_EQ(log.messages().size(), c.int_warning.empty() ? 0u : 1u);
+        EXPECT_EQ(log.Has(ANDROID_LOG_WARN, c.int_warning), !c.int_warning.empty());
+
+        std::string string = "old";
+        log.Clear();
+        EXPECT_EQ(ParseStringConfig(c.text, "key", string), c.string_read);
+        EXPECT_EQ(string, c.string);
+        EXPECT_EQ(log.messages().size(), c.string_warning.empty() ? 0u : 1u);
+        EXPECT_EQ(log.Has(ANDROID_LOG_WARN, c.string_warning), !c.string_warning.empty());
+    }
+}
+
+TEST_F(Config, AMissingFileIsMadeFromTheDefault) {
+    EXPECT_EQ(LoadWhatIsThere(), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "open file: " + kPath + " failed, errno=..."));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "open file: " + kDefault + " failed, errno=..."));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "no default config file"));
+    EXPECT_FALSE(fs::exists(kPath));
+
+    const std::string text = "file_size 9\nlog_mode 2\n";
+    test::WriteFile(kDefault, text);
+    EXPECT_EQ(LoadWhatIsThere(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "copy file expected 23 bytes, result 23 bytes"));
+    EXPECT_EQ(test::ReadFile(kPath), text);
+    struct stat status;
+    ASSERT_EQ(stat(kConfigPath, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0774u);
+    EXPECT_EQ(g_file_io.get_file_size(), 9);
+    EXPECT_EQ(modem.settings().log_mode, 2);
+
+    fs::remove(kPath);
+    test::WriteFile(kDefault, "");
+    EXPECT_EQ(LoadWhatIsThere(), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "file " + kPath + " empty"));
+    // The default is for a missing file only.
+    fs::remove(kPath);
+    fs::create_directory(kPath);
+    EXPECT_EQ(LoadWhatIsThere(), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "read fail: ..."));
+}
+
+TEST_F(Config, EverySettingIsInForceAfterALoad) {
+    ASSERT_EQ(Load("file_size 7\nrecycle_size 321\nrecycle_ee 0\nrecycle_keep_ee_size 12\n"
+                   "log_folder " +
+                   kLogs +
+                   "mine\nflush_interval 1234\nlog_level 4\n"
+                   "log_filter /data/none\ntransfer_type 1\nlog_mode 1\n"),
+              0);
+    EXPECT_EQ(g_file_io.get_file_size(), 7);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 321u);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_EE), 0u);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_KEEP_EE_SIZE), 12u);
+    EXPECT_EQ(g_file_io.get_log_folder(), kLogs + "mine");
+    EXPECT_TRUE(fs::is_directory(kLogs + "mine"));
+    EXPECT_EQ(g_quarn.flush_interval, 1234u);
+    EXPECT_EQ(modem.settings().log_mode, 1);
+    EXPECT_EQ(modem.settings().flush_interval, 1234);
+    EndPowerOnPhase();
+    EXPECT_EQ(modem.settings().log_level, 4);
+    EXPECT_EQ(log.Count("Fail to set ..."), 0u);  // the filter, which is not there, is not tried
+
+    // A modem that streams already is told the interval, and nobody the mode.
+    const size_t requests = modem.ipc_requests().size();
+    ASSERT_EQ(Load("log_mode 1\nflush_interval abc\n"), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "The value of config flush_interval is invalid"));
+    EXPECT_EQ(g_quarn.flush_interval, 600000u);
+    EXPECT_EQ(modem.settings().flush_interval, 600000);
+    const auto all = modem.ipc_requests();
+    ASSERT_EQ(all.size(), requests + 2);
+    EXPECT_EQ(all[requests].message.id(), kGetLogMode);
+    EXPECT_EQ(all[requests + 1].message.id(), kSetFlushInterval);
+    // What is missing goes back to its default; the folder stays.
+    EXPECT_EQ(g_file_io.get_file_size(), 50);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 2500u);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_EE), 1u);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_KEEP_EE_SIZE), 0u);
+    EXPECT_EQ(g_file_io.get_log_folder(), kLogs + "mine");
+
+    ASSERT_EQ(Load("file_size 8\nlog_mode 2\n", 1), 0);
+    EXPECT_EQ(g_file_io.get_file_size(), 50);
+    EXPECT_EQ(g_quarn.flush_interval, 0u);  // to a streaming modem
+    EXPECT_EQ(modem.settings().log_mode, 2);
+
+    ASSERT_EQ(Load("file_size 8\n"), 0);
+    EXPECT_EQ(modem.settings().log_mode, 0);
+}
+
+TEST_F(Config, WhereAKeyIsFound) {
+    // Behind byte 1023 nothing counts.
+    const std::string filler = "x " + std::string(1023 - 4 - 12, 'x') + "\n";
+    ASSERT_EQ(Load("\n" + filler + "file_size 12\nrecycle_size 77\n"), 0);
+    EXPECT_EQ(g_file_io.get_file_size(), 1);  // the cut falls into the number
+    EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 2500u);
+
+    // The first place counts, even inside another line's value.
+    ASSERT_EQ(Load("log_filter /data/file_size 3/x\nfile_size 12\nrecycle_size\n\n 88\r\n"), 0);
+    EXPECT_EQ(g_file_io.get_file_size(), 3);
+    EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 88u);  // plain numbers skip any white space
+
+    // A level with something behind it counts as not read, and is applied all the same.
+    test::WriteFile("/data/filter", "filter bytes");
+    ASSERT_EQ(Load("log_mode 1\nlog_level 3 \nlog_filter /data/filter\n"), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "Config log_level ends without a newline in the file"));
+    EXPECT_EQ(log.Count("Log Filter Manager: get input command log_level=3"), 1u);
+    EXPECT_EQ(log.Count("Log Filter Manager: get input command log_filter=/data/filter"), 1u);
+    const auto filter = modem.settings().filter;
+    EXPECT_EQ(std::string(filter.begin(), filter.end()), "filter bytes");
+}
+
+TEST_F(Config, WhatIsRefusedEndsTheLoadOrIsPassedOver) {
+    // Each is refused behind settings that were applied and stay so.
+    const struct {
+        std::string text;
+        std::string message;
+        int32_t rc;
+        int file_size;
+        unsigned int recycle_size;
+        int mode;
+    } cases[] = {
+        {"transfer_type 0\n", "[Error] Set transfer type 0 failed, rc=-1\n", -1, 50, 2500, 1},
+        {"transfer_type 2\n", "[Error] Set transfer type 2 failed, rc=-1\n", -1, 50, 2500, 1},
+        {"file_size none\n", "[Error] Set file size 0(MB) failed, rc=-1\n", -1, 50, 2500, 1},
+        {"file_size 4096\n", "[Error] Set file size 4096(MB) failed, rc=-1\n", -1, 50, 2500, 1},
+        {"recycle_size 0\n", "[Error] Set recycle size 0(MB) failed, rc=-1\n", -1, 5, 2500, 1},
+        {"recycle_size -1\n", "[Error] Set recycle size -1(MB) failed, rc=-1\n", -1, 5, 2500, 1},
+        {"recycle_keep_ee_size 4194304\n", "[Error] Set keep ee size 4194304(MB) failed, rc=-1\n",
+         -1, 5, 60, 1},
+        {"log_mode 3\n", "[Error] Set modem log mode 3 failed, rc=1\n", -1, 5, 60, 1},
+        {"log_folder /data/x\n", "Fail to set log folder /data/x from config file", 0, 5, 60, 0},
+        {"log_mode 1\nlog_level 7\n", "Fail to set log level 7 from config file", 0, 5, 60, 1},
+        {"log_mode 1\nlog_filter /data/none\n",
+         "Fail to set log filter /data/none from config file", 0, 5, 60, 1},
+        {"log_mode 1\nflush_interval -2\n", "[Error] Set flush interval -2 failed, rc=0\n", 0, 5,
+         60, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        ASSERT_EQ(g_file_io.set_file_size(50), 0);
+        ASSERT_EQ(g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, 2500), 0);
+        ASSERT_TRUE(modem.SetLogMode(1));
+        EXPECT_EQ(Load(c.text + "file_size 5\nrecycle_size 60\n"), c.rc);
+        EXPECT_EQ(log.Count(c.message), 1u);
+        EXPECT_EQ(g_file_io.get_file_size(), c.file_size);
+        EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), c.recycle_size);
+        EXPECT_EQ(modem.settings().log_mode, c.mode);
+    }
+    // Without the modem's own mode nothing is applied at all.
+    g_file_io.set_file_size(50);
+    modem.FailIpc(kGetLogMode, sim::IpcFault::kResult, 1, 1);
+    EXPECT_EQ(Load("file_size 5\n"), -1);
+    EXPECT_EQ(log.Count("[Error] Get modem log mode failed, rc=1\n"), 1u);
+    EXPECT_EQ(g_file_io.get_file_size(), 50);
+}
+
+TEST_F(Config, SavedLines) {
+    const std::string longest(509, 'x');  // with its newline a line of 510
+    const std::string nearly_full = std::string(500, 'a') + "\n" + std::string(500, 'b') + "\n";
+    const struct {
+        std::string before;  // "": no file
+        const char* key;
+        std::string value;
+        std::vector<const char*> displaced;
+        std::string after;
+    } cases[] = {
+        {"", "log_mode", "1", {}, "log_mode 1\n"},
+        {"\n", "log_mode", "", {}, "\nlog_mode \n"},
+        {"a 1\nlog_mode 1\nb 2\n", "log_mode", "2", {}, "a 1\nlog_mode 2\nb 2\n"},
+        {"a 1\n\nb 2\n", "log_mode", "2", {}, "a 1\n\nb 2\nlog_mode 2\n"},
+        {"log_filter /x\nlog_mode 1\n",
+         "log_level",
+         "5",
+         {"log_filter"},
+         "log_mode 1\nlog_level 5\n"},
+        {"log_level 1\nx log_filter\nlog_level 2\n",
+         "log_level",
+         "3",
+         {"log_filter", "x"},
+         "log_level 3\nlog_level 3\n"},
+        {"log_filter /data/log_mode\n", "log_mode", "1", {}, "log_mode 1\n"},
+        {"log_folder /a", "log_mode", "1", {}, "log_folder /a\nlog_mode 1\n"},
+        {"a 1\nlog_mode 1", "log_mode", "2", {}, "a 1\nlog_mode 2\n"},
+        {longest + "\na 1\n", "a", "2", {}, longest + "\na 2\n"},
+        // Cut into pieces of 510 bytes, of which the second holds the key.
+        {longest + "x" + "key 1\n", "key", "2", {}, longest + "xkey 2\n"},
+        {nearly_full,
+         "log_mode",
+         std::string(50, '1'),
+         {},
+         nearly_full + "log_mode " + std::string(13, '1')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.before + "| " + c.key);
+        fs::remove(kPath);
+        if (!c.before.empty()) test::WriteFile(kPath, c.before);
+        log.Clear();
+        const size_t descriptors = OpenDescriptors();
+        EXPECT_EQ(quarn_command_saveConfig(c.key, c.value.c_str(), c.displaced), 0);
+        EXPECT_EQ(OpenDescriptors(), descriptors);
+        EXPECT_EQ(test::ReadFile(kPath), c.after);
+        EXPECT_EQ(log.Has(ANDROID_LOG_WARN, "saveConfig: open file: " + kPath + " failed, ..."),
+                  c.before.empty());
+    }
+    test::WriteFile(kPath, "log_filter /x\n");
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {"log_filter"}), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, "saveConfig: log_level 5 replaces log_filter /x\n"));
+
+    // Neither a query nor a value with lines of its own touches the file.
+    EXPECT_EQ(quarn_command_saveConfig("log_level", nullptr, {}), 0);
+    EXPECT_EQ(quarn_command_saveConfig("log_folder", "/x\ntransfer_type 3", {}), -1);
+    EXPECT_EQ(log.Count("saveConfig: the value of log_folder holds a newline and is not saved"),
+              1u);
+    EXPECT_EQ(test::ReadFile(kPath), "log_level 5\n");
+
+    fs::remove(kPath);
+    fs::create_directory(kPath);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "saveConfig: open file: " + kPath + " failed, ..."));
+}
