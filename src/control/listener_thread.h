@@ -1,0 +1,40 @@
+// A thread that waits for clients, and can be got out of any wait for one.
+#pragma once
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+
+namespace quarn::zorvex {
+
+// Constant-initialised, for file scope. Its operations are not safe against each other: the owner
+// calls one at a time.
+class ListenerThread {
+  public:
+    using Body = void* (*)(void*);
+
+    // Runs `body(nullptr)` on a thread of that name (15 bytes at most). 0, or an error number: then
+    // there is no thread.
+    int Create(const char* thread_name, Body thread_body);
+    bool Exists() const { return exists; }
+    unsigned long id() const { return static_cast<unsigned long>(thread); }
+
+    // Sends SIGUSR1, which makes a blocked system call of the thread fail with EINTR; 0, or an
+    // error number.
+    int Interrupt() const { return pthread_kill(thread, SIGUSR1); }
+    // Interrupts the thread until it has ended, since a signal that comes just before a wait begins
+    // is lost, and joins it; 0, or an error number. Its owner has told it to end before.
+    int Join();
+
+  private:
+    static void* Run(void* self);
+
+    pthread_t thread = 0;
+    bool exists = false;
+    const char* name = nullptr;
+    Body body = nullptr;
+    std::atomic<bool> ended{false};
+};
+
+}  // namespace quarn::zorvex

@@ -1,0 +1,48 @@
+#include "control/log_commands.h"
+
+#include <cstdio>
+#include <sstream>
+#include <string>
+
+#include "control/quarn_command.h"
+#include "core/quarn.h"
+#include "modem/log_flush.h"
+#include "platform/quarn_log.h"
+
+namespace quarn::zorvex {
+
+int HandleCommandLogFolder(const char* arg, char* ack) {
+    const auto printed = [](int rc) {
+        if (rc < 0) QUARN_LOGE("HandleLogFolder: snprintf failed");
+    };
+    if (arg == nullptr) {
+        const std::string folder = g_file_io.get_log_folder();
+        printed(snprintf(ack, kCommandBufferSize, "%s,%s", "ok", folder.c_str()));
+        return 0;
+    }
+    if (g_file_io.set_log_folder(arg) != 0) {
+        QUARN_LOGE("HandleLogFolder: Set log folder = %s fail\n", arg);
+        printed(snprintf(ack, kCommandBufferSize, "error"));
+        return -1;
+    }
+    printed(snprintf(ack, kCommandBufferSize, "ok"));
+    return 0;
+}
+
+int HandleCommandFlushLogBuffer(const char* arg, char* ack) {
+    std::istringstream words(arg != nullptr ? arg : "");
+    std::string word;
+    const bool has_parameter = static_cast<bool>(words >> word);
+    if (has_parameter) QUARN_LOGE("HandleFlushLogBuffer: invalid parameter counts");
+    if (ack == nullptr) {
+        QUARN_LOGE("HandleFlushLogBuffer: invalid ack pointer");
+        return -1;
+    }
+    if (!has_parameter) FlushLogBuffers();
+    if (snprintf(ack, kCommandBufferSize, "%s", has_parameter ? "error" : "ok") < 0) {
+        QUARN_LOGE("HandleFlushLogBuffer: snprintf failed");
+    }
+    return has_parameter ? -1 : 0;
+}
+
+}  // namespace quarn::zorvex

@@ -1,0 +1,461 @@
+#include "control/quarn_command.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "control/copy_log_file.h"
+#include "control/log_commands.h"
+#include "control/quarn_ctrl_connect.h"
+#include "control/quarn_state_notify.h"
+#include "core/quarn.h"
+#include "core/quarn_config.h"
+#include "modem/log_flush.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "platform/quarn_log.h"
+
+namespace {
+
+// The last byte of a request buffer stays NUL, whatever the client sent.
+constexpr int kMaxRequest = kCommandBufferSize - 1;
+
+constexpr std::array<const char*, 4> kTransferTypes = {"usb", "storage", "socket", "exit"};
+constexpr std::array<const char*, 3> kLogModes = {"disable", "streaming", "wrapping"};
+constexpr std::array<const char*, 7> kLogLevels = {"all_off",    "moderate",    "standard", "slim",
+                                                   "ultra slim", "pls_ps_only", "low_power"};
+
+// Guards the transfer type; taken before `exec_mutex`.
+std::mutex command_mutex;
+
+template <size_t N>
+bool is_index_of(const std::array<const char*, N>& /*names*/, int value) {
+    return static_cast<unsigned int>(value) < N;
+}
+
+template <size_t N>
+const char* name_of(const std::array<const char*, N>& names, int value) {
+    return names[static_cast<size_t>(value)];
+}
+
+const char* text_or_null(const char* text) { return text != nullptr ? text : "(null)"; }
+
+// --- replies; false, with a message, when one could not be formatted ---
+
+bool printed(const char* who, int rc) {
+    if (rc < 0) QUARN_LOGE("%s: snprintf failed", who);
+    return rc >= 0;
+}
+
+bool reply(char* ack, const char* who, const char* text) {
+    return printed(who, snprintf(ack, kCommandBufferSize, "%s", text));
+}
+
+bool reply_value(char* ack, const char* who, int value) {
+    return printed(who, snprintf(ack, kCommandBufferSize, "%s,%d", "ok", value));
+}
+
+// The result of a handler that failed.
+int reply_error(char* ack, const char* who) {
+    reply(ack, who, "error");
+    return -1;
+}
+
+// The result of a handler that succeeded once its reply stands.
+int result_of(bool replied) { return replied ? 0 : -1; }
+
+// --- handlers ---
+
+int quarn_command_handleLogMode(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleLogMode";
+    int mode = 0;
+    if (arg == nullptr) {
+        if (const int rc = quarn_mipcGetLogMode(&mode); rc != 0) {
+            QUARN_LOGE("HandleLogMode: Get log mode fail, mipc_rc = %d\n", rc);
+            return reply_error(ack, kWho);
+        }
+        if (is_index_of(kLogModes, mode)) return result_of(reply_value(ack, kWho, mode));
+        QUARN_LOGE("HandleLogMode: Get unexpected log mode = %d\n", mode);
+        return reply_error(ack, kWho);
+    }
+    mode = atoi(arg);
+    if (!is_index_of(kLogModes, mode)) {
+        QUARN_LOGE("HandleLogMode: Invalid log mode = %d\n", mode);
+        return reply_error(ack, kWho);
+    }
+    if (const int rc = quarn_mipcSetLogMode(mode); rc != 0) {
+        QUARN_LOGE("HandleLogMode: Set log mode = %d (%s) fail, mipc_rc = %d\n", mode,
+                   name_of(kLogModes, mode), rc);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleLogLevel(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleLogLevel";
+    int32_t level = 0;
+    if (arg == nullptr) {
+        if (const int rc = quarn_mipcGetLogLevel(&level); rc != 0) {
+            QUARN_LOGE("HandleLogLevel: Get log level fail, mipc_rc = %d\n", rc);
+            return reply_error(ack, kWho);
+        }
+        // -1: the modem runs on a filter.
+        const bool known = level == -1 || is_index_of(kLogLevels, level);
+        if (known) return result_of(reply_value(ack, kWho, level));
+        QUARN_LOGE("HandleLogLevel: Get unexpected log level = %d\n", level);
+        return reply_error(ack, kWho);
+    }
+    level = atoi(arg);
+    if (!is_index_of(kLogLevels, level)) {
+        QUARN_LOGE("HandleLogLevel: Invalid log level = %d\n", level);
+        return reply_error(ack, kWho);
+    }
+    int32_t wanted = level;
+    std::unique_lock exec_lock(g_quarn.exec_mutex);
+    const int rc = quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &wanted);
+    exec_lock.unlock();
+    if (rc != 0) {
+        QUARN_LOGE("HandleLogLevel Set log level = %d (%s) fail\n", level,
+                   name_of(kLogLevels, level));
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleTriggerFlush(const char* /*arg*/, char* ack) {
+    constexpr const char* kWho = "handleTriggerFlush";
+    int result = 0;
+    if (const int rc = quarn_mipcTriggerFlush(&result); rc != 0) {
+        QUARN_LOGE("handleTriggerFlush Trigger flush fail, mipc_rc = %d\n", rc);
+        return reply_error(ack, kWho);
+    }
+    if (result != 0) {
+        QUARN_LOGE("handleTriggerFlush: Trigger flush fail, trigger_result=%d\n", result);
+        return reply_error(ack, kWho);
+    }
+    return result_of(reply(ack, kWho, "ok"));
+}
+
+int quarn_command_handleFlushStatus(const char* /*arg*/, char* ack) {
+    constexpr const char* kWho = "handleFlushStatus";
+    int status = 0;
+    if (const int rc = quarn_mipcGetFlushStatus(&status); rc != 0) {
+        QUARN_LOGE("handleFlushStatus: Get flush status fail, mipc_rc = %d\n", rc);
+        return reply_error(ack, kWho);
+    }
+    return result_of(reply_value(ack, kWho, status));
+}
+
+int quarn_command_handleFlushInterval(const char* arg, char* ack) {
+    constexpr const char* kWho = "handleFlushInterval";
+    int interval = 0;
+    if (arg == nullptr) {
+        if (const int rc = quarn_mipcGetFlushInterval(&interval); rc != 0) {
+            QUARN_LOGE("handleFlushInterval: Get flush interval fail, mipc_rc = %d\n", rc);
+            return reply_error(ack, kWho);
+        }
+        return result_of(reply_value(ack, kWho, interval));
+    }
+    interval = atoi(arg);
+    if (!quarn::zorvex::SetFlushInterval(interval)) {
+        QUARN_LOGE("handleFlushInterval: Set flush interval = %d(ms) fail", interval);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleTransferType(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleTransferType";
+    int type = 0;
+    if (arg == nullptr) {
+        quarn_getTransferType(&type);
+        if (is_index_of(kTransferTypes, type)) return result_of(reply_value(ack, kWho, type));
+        QUARN_LOGE("HandleTransferType: Get unexpected transfer type = %d\n", type);
+        return reply_error(ack, kWho);
+    }
+    type = atoi(arg);
+    if (!is_index_of(kTransferTypes, type)) {
+        QUARN_LOGE("HandleTransferType: Invalid transfer type = %d\n", type);
+        return reply_error(ack, kWho);
+    }
+    if (quarn_setTransferType(type) != 0) {
+        QUARN_LOGE("HandleTransferType: Set transfer type = %d (%s) fail\n", type,
+                   name_of(kTransferTypes, type));
+        return reply_error(ack, kWho);
+    }
+    return result_of(reply(ack, kWho, "ok"));
+}
+
+int quarn_command_handleFileSize(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleFileSize";
+    if (arg == nullptr) {
+        reply_value(ack, kWho, g_file_io.get_file_size());
+        return 0;
+    }
+    const int mb = atoi(arg);
+    if (g_file_io.set_file_size(mb) != 0) {
+        QUARN_LOGE("HandleFileSize: Set file size = %d (MB) fail\n", mb);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleRecycleSize(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleRecycleSize";
+    if (arg == nullptr) {
+        unsigned int mb = 0;
+        if (g_file_io.get_recycle_option(RECYCLE_OPT_SIZE, &mb) != 0) {
+            QUARN_LOGE("HandleRecycleSize: Get recycle size fail\n");
+            return reply_error(ack, kWho);
+        }
+        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
+    }
+    const int mb = atoi(arg);
+    if (g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, static_cast<unsigned int>(mb)) != 0) {
+        QUARN_LOGE("HandleRecycleSize: Set recycle size = %d (MB) fail\n", mb);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleRecycleEE(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleRecycleEE";
+    if (arg == nullptr) {
+        unsigned int value = 0;
+        if (g_file_io.get_recycle_option(RECYCLE_OPT_EE, &value) != 0) {
+            QUARN_LOGE("HandleRecycleEE: Get recycle EE fail\n");
+            return reply_error(ack, kWho);
+        }
+        return result_of(reply_value(ack, kWho, static_cast<int>(value)));
+    }
+    const int value = atoi(arg);
+    if (g_file_io.set_recycle_option(RECYCLE_OPT_EE, static_cast<unsigned int>(value)) != 0) {
+        QUARN_LOGE("HandleRecycleEE: Set recycle EE = %d fail\n", value);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+int quarn_command_handleRecycleKeepEESize(const char* arg, char* ack) {
+    constexpr const char* kWho = "HandleRecycleKeepEESize";
+    if (arg == nullptr) {
+        unsigned int mb = 0;
+        if (g_file_io.get_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, &mb) != 0) {
+            QUARN_LOGE("HandleRecycleKeepEESize: Get recycle keep EE size fail\n");
+            return reply_error(ack, kWho);
+        }
+        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
+    }
+    const int mb = atoi(arg);
+    if (g_file_io.set_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, static_cast<unsigned int>(mb)) !=
+        0) {
+        QUARN_LOGE("HandleRecycleKeepEESize: Set recycle keep EE size = %d (MB) fail\n", mb);
+        return reply_error(ack, kWho);
+    }
+    reply(ack, kWho, "ok");
+    return 0;
+}
+
+// There is no query: without an argument the manager gets none, and refuses.
+int quarn_command_handleLogFilter(const char* arg, char* ack) {
+    constexpr const char* kWho = "handleLogFilter";
+    QUARN_LOGI("filter path %s\n", text_or_null(arg));
+    std::unique_lock exec_lock(g_quarn.exec_mutex);
+    const int rc =
+        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, const_cast<char*>(arg));
+    exec_lock.unlock();
+    if (rc != 0) {
+        QUARN_LOGE("handleLogFilter: Set log filter = %s fail\n", text_or_null(arg));
+        return reply_error(ack, kWho);
+    }
+    return result_of(reply(ack, kWho, "ok"));
+}
+
+int quarn_command_handleFlushRingBuf(const char* /*arg*/, char* ack) {
+    constexpr const char* kWho = "HandleTransferType";  // readers of the log know it so
+    int type = 0;
+    quarn_getTransferType(&type);
+    if (type != SAVE_MODE_STORAGE) {
+        QUARN_LOGE("HandleFlushRingBuf: Only support storage mode\n");
+        return reply_error(ack, kWho);
+    }
+    if (g_file_io.flush_ringBuf() != 0) {
+        QUARN_LOGE("HandleFlushRingBuf: Flush Ring buffer failed\n");
+        return reply_error(ack, kWho);
+    }
+    return result_of(reply(ack, kWho, "ok"));
+}
+
+// --- the table and its dispatcher ---
+
+using quarn::zorvex::HandleCommandCopyLogFile;
+using quarn::zorvex::HandleCommandFlushLogBuffer;
+using quarn::zorvex::HandleCommandLogFolder;
+
+// Built at static initialisation, and used by nobody before `main`.
+const std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
+    {"log_mode", 1, 0, 1, quarn_command_handleLogMode, {}},
+    {"log_level", 1, 0, 1, quarn_command_handleLogLevel, {"log_filter"}},
+    {"trigger_flush", 1, 0, 0, quarn_command_handleTriggerFlush, {}},
+    {"flush_status", 1, 0, 0, quarn_command_handleFlushStatus, {}},
+    {"flush_interval", 1, 0, 1, quarn_command_handleFlushInterval, {}},
+    {"transfer_type", 0, 0, 1, quarn_command_handleTransferType, {}},
+    {"file_size", 0, 0, 1, quarn_command_handleFileSize, {}},
+    {"recycle_size", 0, 0, 1, quarn_command_handleRecycleSize, {}},
+    {"recycle_ee", 0, 0, 1, quarn_command_handleRecycleEE, {}},
+    {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycleKeepEESize, {}},
+    {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, {"log_level"}},
+    {"flush_ring_buf", 1, 0, 0, quarn_command_handleFlushRingBuf, {}},
+    {"log_folder", 0, 0, 1, HandleCommandLogFolder, {}},
+    {"copy_log_file", 0, 0, 0, HandleCommandCopyLogFile, {}},
+    {"flush_log_buffer", 0, 0, 0, HandleCommandFlushLogBuffer, {}},
+}};
+
+// The first row whose name the request begins with; null when there is none.
+const QUARN_COMMAND_INFO* find_command(const char* request) {
+    for (const QUARN_COMMAND_INFO& command : kCommandTable) {
+        if (strncmp(request, command.name, strlen(command.name)) == 0) return &command;
+    }
+    return nullptr;
+}
+
+// Exiting is a request, not a setting: it must not be in force again after the restart.
+bool is_exit_request(const QUARN_COMMAND_INFO& command, const char* arg) {
+    return arg != nullptr && strcmp(command.name, "transfer_type") == 0 &&
+           atoi(arg) == SAVE_MODE_EXIT;
+}
+
+bool shall_save(const QUARN_COMMAND_INFO& command, const char* arg) {
+    if (command.save_on_success != 1) return false;
+    if (command.save_unfiltered == 1 || !is_exit_request(command, arg)) return true;
+    QUARN_LOGW("command_handler: Do not save transfer_type 3\n");
+    return false;
+}
+
+void run_command(const QUARN_COMMAND_INFO& command, const char* request, char* ack) {
+    // Whatever one character separates the name from its argument.
+    char copy[kCommandBufferSize] = {};
+    const char* arg = nullptr;
+    if (const size_t name_length = strlen(command.name); strlen(request) > name_length) {
+        if (snprintf(copy, sizeof(copy), "%s", request + name_length + 1) < 0) {
+            QUARN_LOGE("command_handler: snprintf failed");
+        }
+        arg = copy;
+    }
+    const int result = command.handler(arg, ack);
+    if (command.handle_only != 0 || result != 0 || !shall_save(command, arg)) return;
+    if (quarn_command_saveConfig(command.name, arg, command.related_keys) != 0) {
+        QUARN_LOGE("command_handler: Save configuration failed\n");
+    }
+}
+
+// Asks every handle of the data path to take the new channel. Call with `command_mutex` held.
+void switch_handles(QUARN_SAVE_MODE type) {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    for (const auto handle : {HANDLE_READER, HANDLE_WRITER, HANDLE_TOOL}) {
+        quarn_runHandleExec(handle, EXEC_SET_SAVE_MODE, &type);
+    }
+    for (const auto handle : {HANDLE_WRITER, HANDLE_READER, HANDLE_TOOL}) {
+        quarn_runHandleExec(handle, EXEC_START, nullptr);
+    }
+}
+
+// Call with `command_mutex` held.
+void switch_to_storage() {
+    constexpr QUARN_SAVE_MODE kType = SAVE_MODE_STORAGE;
+    const QUARN_SAVE_MODE old_type = g_quarn.transfer_type;
+    if (old_type == kType) {
+        QUARN_LOGI("command_handler: already in transfer_type=%d", kType);
+        return;
+    }
+    QUARN_LOGI("command_handler: switch transfer_type from %d to %d", old_type, kType);
+    switch_handles(kType);
+    // GAP power-on log: the side effects of a switch on it.
+    g_quarn.transfer_type = kType;
+    if (quarn_notifyTransferTypeUpdate(kType) < 0) {
+        QUARN_LOGE("command_handler: notify transfer type update to %d failed!", kType);
+    }
+    QUARN_LOGI("HandleTransferType: switch transfer_type to %d success", kType);
+}
+
+// Call with `command_mutex` held. The one request that is sent without `exec_mutex`, whose holder
+// may last: told its own channel again, the writer drains what it can and stops.
+void request_exit() {
+    QUARN_LOGI("command_handler: exit quarn");
+    QUARN_SAVE_MODE type = g_quarn.transfer_type;
+    quarn_runHandleExec(HANDLE_WRITER, EXEC_SET_SAVE_MODE, &type);
+    g_quarn.is_close = true;
+}
+
+}  // namespace
+
+int quarn_ctrlConnCallback(int fd) {
+    char request[kCommandBufferSize] = {};
+    char ack[kCommandBufferSize] = {};
+    if (const int rc = quarn_ctrlConn_recvData(fd, request, kMaxRequest); rc < 1) {
+        QUARN_LOGE("command_handler: receive cmd fail, rc=%d, errno=%s", rc, strerror(errno));
+        return -1;
+    }
+    QUARN_LOGI("command_handler: receive req=%s, strlen(req)=%lu", request,
+               static_cast<unsigned long>(strlen(request)));
+    if (const QUARN_COMMAND_INFO* const command = find_command(request)) {
+        run_command(*command, request, ack);
+    } else {
+        QUARN_LOGE("command_handler: unrecognized command");
+        reply(ack, "command_handler", "error");
+    }
+
+    // A local socket takes a whole block or nothing of it.
+    const int rc = quarn_ctrlConn_sendData(fd, ack, sizeof(ack));
+    if (rc < 1) {
+        QUARN_LOGE("command_handler: send cmd ack=%s fail, rc=%d, errno=%s", ack, rc,
+                   strerror(errno));
+        return -1;
+    }
+    QUARN_LOGI("command_handler: send cmd ack=%s success", ack);
+    return 0;
+}
+
+int quarn_setTransferType(int type) {
+    std::lock_guard lock(command_mutex);
+    switch (type) {
+        case SAVE_MODE_STORAGE:
+            switch_to_storage();
+            return 0;
+        case SAVE_MODE_EXIT:
+            request_exit();
+            return 0;
+        default:
+            QUARN_LOGE("command_handler: only accept transfer_type=%d in the user build",
+                       SAVE_MODE_STORAGE);
+            return -1;
+    }
+}
+
+int quarn_getTransferType(int* type) {
+    std::lock_guard lock(command_mutex);
+    *type = g_quarn.transfer_type;
+    return 0;
+}
+
+int32_t QUARN_COMMAND_HANDLE::start() {
+    if (const int rc = quarn_ctrlConn_startListen(quarn_ctrlConnCallback); rc != 0) {
+        QUARN_LOGE("command_handle: start listen ctrl command fail, rc=%d", rc);
+        return 1;
+    }
+    QUARN_LOGI("command_handle: start listen ctrl command");
+    return 0;
+}
+
+int32_t QUARN_COMMAND_HANDLE::stop() {
+    quarn_ctrlConn_stopListen();
+    return 0;
+}
