@@ -321,7 +321,8 @@ TEST_F(Mipc, AtCommandsGiveWhateverTextCameBack) {
     EXPECT_EQ(response, "ERROR\r\n");
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "AT command: Send mipc cmd: AT+X"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, "AT command: Return result message: ERROR\r\n"));
-    const auto text = modem.ipc_requests().back().message.Bytes(33024);
+    const auto requests = modem.ipc_requests();
+    const auto text = requests.back().message.Bytes(33024);
     EXPECT_EQ(std::string(text.begin(), text.end()), std::string("AT+X\0", 5));
 
     const struct {
