@@ -35,8 +35,9 @@ void Ring(benchmark::State& state) {
         std::thread producer([&] {
             const std::vector<uint8_t> chunk(QUARN_RING::kTailSize, 'x');
             for (uint64_t left = kTotal; left > 0;) {
+                const uint64_t seen = ring.notification_count();
                 if (ring.remain_size() < chunk.size()) {
-                    ring.wait_for(500);
+                    ring.wait_for(500, seen);
                     continue;
                 }
                 const uint64_t at = ring.get_buf_write_idx();
@@ -48,9 +49,10 @@ void Ring(benchmark::State& state) {
         });
         std::vector<uint8_t> block(kBlockSize);
         for (uint64_t left = kTotal; left > 0;) {
+            const uint64_t seen = ring.notification_count();
             const uint64_t taken = std::min<uint64_t>(ring.current_size(), block.size());
             if (taken == 0) {
-                ring.wait_for(500);
+                ring.wait_for(500, seen);
                 continue;
             }
             const uint64_t at = ring.get_buf_read_idx();

@@ -4,8 +4,7 @@ run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev)
 
-# install_missing PACKAGE...: installs those that are not there; asks for nothing, and does nothing
-# when all are. Status 1, with one line on standard error, when that is not possible.
+# install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1, with one line on standard error, when that is not possible.
 install_missing() {
     local package missing=() root=()
     if ! command -v dpkg-query >/dev/null; then
@@ -27,6 +26,6 @@ install_missing() {
     fi
     # The package lists of a fresh machine are empty or old.
     { "${root[@]}" apt-get update -qq &&
-      "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"; } >&2 ||
+      "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"; } >&2 ||
         { echo "could not install: ${missing[*]}" >&2; return 1; }
 }

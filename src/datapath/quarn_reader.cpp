@@ -59,9 +59,10 @@ class PortToRing {
         : ring(target), buf(target.get_buf_ptr()), mask(target.capacity()) {}
 
     void pass() {
+        const uint64_t seen = ring.notification_count();
         if (ring.remain_size() < kChunkSize) {
             g_quarn.stall_count.fetch_add(1, std::memory_order_relaxed);
-            ring.wait_for(kStallWaitMs);
+            ring.wait_for(kStallWaitMs, seen);
             return;
         }
         if (!port_open && mcl_openLogPort() < 0) {

@@ -48,16 +48,20 @@ uint64_t QUARN_RING::remain_size() {
     return size - 1 - used();
 }
 
-// A wake-up without a notification starts the full wait anew. The count tells a waiter that it was
-// notified even when the other side has taken the flag before the waiter got to run: else both
-// could come to wait at once, with the ring empty, until one times out.
-void QUARN_RING::wait_for(unsigned int ms) {
+void QUARN_RING::wait_for(unsigned int ms) { wait_for(ms, notification_count()); }
+
+// A wake-up without a notification starts the full wait anew.
+void QUARN_RING::wait_for(unsigned int ms, uint64_t seen) {
     std::unique_lock lock(mutex);
-    const uint64_t count_before = notify_count;
-    while (!notified && notify_count == count_before &&
+    while (!notified && notify_count == seen &&
            cond.wait_for(lock, std::chrono::milliseconds(ms)) == std::cv_status::no_timeout) {
     }
     notified = false;
+}
+
+uint64_t QUARN_RING::notification_count() {
+    std::lock_guard lock(mutex);
+    return notify_count;
 }
 
 void QUARN_RING::notify() {

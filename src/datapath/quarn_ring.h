@@ -40,6 +40,11 @@ class QUARN_RING {
     // Waits for a notification, at most `ms` milliseconds. One that came while nobody waited ends
     // the wait at once. The caller learns nothing about why it ended and looks at the sizes again.
     void wait_for(unsigned int ms);
+    // The same for a caller who took `seen` before it looked at the sizes: a notification since
+    // then ends the wait even when the other side has taken it meanwhile. Without that both could
+    // come to wait at once, each for the other, until one times out.
+    void wait_for(unsigned int ms, uint64_t seen);
+    uint64_t notification_count();  // ever
     // Wakes whichever side waits.
     void notify();
 
@@ -52,6 +57,6 @@ class QUARN_RING {
     uint64_t read_idx = 0;
     uint64_t write_idx = 0;
     const uint64_t size;
-    bool notified = false;      // since the last wait
-    uint64_t notify_count = 0;  // ever
+    bool notified = false;  // since the last wait
+    uint64_t notify_count = 0;
 };

@@ -9,8 +9,8 @@ class QUARN_USB_IO : public QUARN_IO {
   public:
     QUARN_USB_IO() : QUARN_IO(IO_TYPE_USB) {}
 
-    // The writer pauses the channel while its thread is stopped. A paused channel gives up a write
-    // that a signal interrupts. All three return 0.
+    // The writer pauses the channel while its thread is stopped, and interrupts a blocked write by
+    // a signal: the concrete channel must then give the write up. All three return 0.
     int io_pause();
     int io_resume();
     // Has nothing to do here.

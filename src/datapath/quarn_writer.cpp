@@ -152,9 +152,10 @@ void QUARN_WRITER_HANDLER::quarn_writer_thread_func() {
 }
 
 void QUARN_WRITER_HANDLER::drain_once(const uint8_t* buf, uint64_t mask) {
+    const uint64_t seen = ring->notification_count();
     const uint64_t available = held();
     if (available == 0) {
-        ring->wait_for(kIdleWaitMs);
+        ring->wait_for(kIdleWaitMs, seen);
         return;
     }
     const uint64_t chunk = std::min(available, kChunkLimit);
