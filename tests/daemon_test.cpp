@@ -112,7 +112,7 @@ TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     ASSERT_TRUE(test::WaitUntil([&] { return Polls() >= polls + 3; }));
     const auto handed_over = fs::file_size("/data/tap");
     ASSERT_GT(handed_over, 6'000'000u);
-    Console("exit");
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
