@@ -388,12 +388,6 @@ Reply State(const Console&, Words) {
     return Ok(std::move(out.text));
 }
 
-Reply Exit(const Console&, Words) {
-    Reply reply = Ok();
-    reply.exit = true;
-    return reply;
-}
-
 Reply Help(const Console&, Words words);
 
 struct Command {
@@ -448,10 +442,6 @@ constexpr Command kCommands[] = {
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},
     {"state", 1, 1, "", "shows how the modem stands", State},
-    {"exit", 1, 1, "",
-     "ends the daemon's process at once but in order: its static objects end as at every exit, so "
-     "that open files are flushed and closed; what is still in its ring is lost",
-     Exit},
     {"help", 1, 2, "[COMMAND]", "shows this", Help},
 };
 
@@ -528,8 +518,7 @@ void Console::RunScenario(const std::string& path) const {
     std::ifstream in(path, std::ios::binary);
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {
-        Reply reply = Execute(line);
-        if (reply.exit) reply = Refuse("exit: not in a scenario");
+        const Reply reply = Execute(line);
         if (reply.ok) continue;
         __android_log_print(ANDROID_LOG_ERROR, "SIM", "%s, line %d: %s", path.c_str(), number,
                             reply.text.c_str());

@@ -20,8 +20,7 @@ constexpr std::string_view kErrorMark = "= error: ";
 
 struct Reply {
     bool ok = true;
-    std::string text;   // lines, each with its newline; of a refusal, one line without
-    bool exit = false;  // once the reply is sent, the process is to end with std::exit(0)
+    std::string text;  // lines, each with its newline; of a refusal, one line without
 };
 
 // Splits a line into words. False, with `error` set, when it is malformed or out of bounds.

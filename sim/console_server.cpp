@@ -91,9 +91,7 @@ void ConsoleServer::ServeClient(int fd) {
         for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
             const Reply reply = console_.Execute(std::string_view(pending).substr(0, end));
             pending.erase(0, end + 1);
-            const bool sent = SendAll(fd, Wire(reply));
-            if (reply.exit) exit(0);
-            if (!sent) return;
+            if (!SendAll(fd, Wire(reply))) return;
         }
         if (pending.size() > kMaxLine) {
             SendAll(fd, Wire(console_.Execute(pending)));  // which refuses it for its length

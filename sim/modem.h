@@ -160,8 +160,8 @@ class Modem {
         int timeout_ms;
         uint64_t exchanges;
         int under_way;
-        uint64_t
-            misused;  // calls while it was closed, closing included, or closing under an exchange
+        // Calls while the channel was closed, and closings under an exchange.
+        uint64_t misused;
         size_t held_back;   // bytes of the stream
         int flush_status;   // 1 while flushed bytes are still to be read
         std::string clock;  // as last set; empty: never

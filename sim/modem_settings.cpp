@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "sim/modem.h"
 #include "sim/text.h"

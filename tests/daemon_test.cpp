@@ -112,8 +112,24 @@ TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     ASSERT_TRUE(test::WaitUntil([&] { return Polls() >= polls + 3; }));
     const auto handed_over = fs::file_size("/data/tap");
     ASSERT_GT(handed_over, 6'000'000u);
-    Console("exit");
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
     EXPECT_EQ(daemon.Wait(), 0);
+    EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
+}
+
+// Without a configuration the factory default is taken, here one that turns the modem's log on.
+TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 50\nlog_mode 1\n");
+    Daemon daemon("exception", "tap /data/tap\nsource generated 3\nrate 8M\n");
+    ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 1'000'000; }));
+    Console("exception");
+    const uintmax_t stored = test::TreeSize(kLogs);
+    ASSERT_TRUE(test::WaitUntil([&] { return test::TreeSize(kLogs) > stored + 1'000'000; }));
+    Console("log_mode 0");
+    EXPECT_NE(Console("state").find("sync blocks: 1\n"), std::string::npos);
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    EXPECT_EQ(daemon.Wait(), 0);
+    EXPECT_TRUE(test::List(kLogs).at(0).ends_with("_EE"));
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 

@@ -715,20 +715,6 @@ TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
     EXPECT_EQ(Modem::Instance().status().rate, 7u);
 }
 
-TEST(SimConsole, ExitEndsTheProcessInOrder) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            test::WriteFile(kFolder + "/scenario", "");
-            setenv("QUARN_SIM_DIR", kFolder.c_str(), 1);
-            atexit([] { fputs("objects end", stderr); });
-            mcl_init();
-            Send("exit\n");
-            pause();
-        },
-        testing::ExitedWithCode(0), "objects end");
-}
-
 TEST(SimConsole, AReplayGoesOnWhereAKilledProcessLeftIt) {
     const std::string bytes = test::StreamBytes(2'000'000);
     test::WriteFile(kLogFile, bytes);
