@@ -19,6 +19,7 @@
 #include "platform/system_properties.h"
 #include "sim/modem.h"
 #include "sim/replay_place.h"
+#include "sim/text.h"
 
 namespace sim {
 
@@ -73,16 +74,27 @@ std::optional<int> ErrorNumber(std::string_view word) {
     return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
 }
 
-bool HexBytes(std::string_view word, std::vector<uint8_t>* bytes) {
-    if (word.size() % 2 != 0) return false;
-    for (size_t i = 0; i < word.size(); i += 2) {
-        uint8_t byte = 0;
-        const char* const end = word.data() + i + 2;
-        const auto [stop, error] = std::from_chars(word.data() + i, end, byte, 16);
-        if (error != std::errc() || stop != end) return false;
-        bytes->push_back(byte);
+std::optional<int> Integer(std::string_view word) {
+    int value = 0;
+    const char* const end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, value);
+    if (error != std::errc() || stop != end) return std::nullopt;
+    return value;
+}
+
+// With \r and \n for the ends of lines, which a line cannot hold.
+std::string Unescaped(std::string_view word) {
+    std::string text;
+    for (size_t i = 0; i < word.size(); ++i) {
+        const std::string_view pair = word.substr(i, 2);
+        if (pair == "\\r" || pair == "\\n") {
+            text += pair == "\\r" ? '\r' : '\n';
+            ++i;
+        } else {
+            text += word[i];
+        }
     }
-    return true;
+    return text;
 }
 
 Reply NotAbsolute(const std::string& path) {
@@ -191,6 +203,72 @@ Reply Fail(const Console&, Words words) {
     return Ok();
 }
 
+Reply FailIpc(Words words) {
+    static constexpr struct {
+        std::string_view name;
+        IpcFault kind;
+        bool has_value;
+    } kKinds[] = {
+        {"message", IpcFault::kMessage, false},    {"value", IpcFault::kValue, false},
+        {"cause", IpcFault::kCause, true},         {"silence", IpcFault::kSilence, true},
+        {"delay", IpcFault::kDelay, true},         {"result", IpcFault::kResult, true},
+        {"no_result", IpcFault::kNoResult, false}, {"no_answer", IpcFault::kNoAnswer, false},
+        {"answer", IpcFault::kAnswer, true},
+    };
+    const auto id = words[1] == "any" ? 0 : Number(words[1], INT_MAX);
+    if (!id) return BadNumber("MESSAGE", words[1], INT_MAX);
+    for (const auto& kind : kKinds) {
+        if (words[2] != kind.name || words.size() != (kind.has_value ? 5u : 4u)) continue;
+        const auto value = kind.has_value ? Integer(words[3]) : 0;
+        if (!value) return Refuse("VALUE is not a whole number: " + words[3]);
+        const auto count = Number(words.back(), INT_MAX);
+        if (!count) return BadNumber("COUNT", words.back(), INT_MAX);
+        Modem::Instance().FailIpc(static_cast<int>(*id), kind.kind, *value,
+                                  static_cast<int>(*count));
+        return Ok();
+    }
+    return Refuse(
+        "what can go wrong is message, value, no_result or no_answer, and with a VALUE cause, "
+        "silence, delay, result or answer");
+}
+
+Reply Ipc(const Console&, Words words) {
+    if (words[1] != "init") return words.size() >= 4 ? FailIpc(words) : Refuse("no COUNT");
+    const auto code = Integer(words[2]);
+    if (words.size() != 4 || !code) return Refuse("use: ipc init CODE COUNT");
+    const auto count = Number(words[3], INT_MAX);
+    if (!count) return BadNumber("COUNT", words[3], INT_MAX);
+    Modem::Instance().FailIpcInit(*code, static_cast<int>(*count));
+    return Ok();
+}
+
+Reply At(const Console&, Words words) {
+    const auto count = Number(words[2], INT_MAX);
+    if (!count) return BadNumber("COUNT", words[2], INT_MAX);
+    Modem::Instance().AnswerAt(Unescaped(words[1]), static_cast<int>(*count));
+    return Ok();
+}
+
+Reply LogMode(const Console&, Words words) {
+    const auto mode = Number(words[1], INT_MAX);
+    if (!mode || !Modem::Instance().SetLogMode(static_cast<int>(*mode))) {
+        return Refuse("neither 0 (off), 1 (streaming) nor 2 (wrapping): " + words[1]);
+    }
+    return Ok();
+}
+
+Reply Watermark(const Console&, Words words) {
+    const auto bytes = Number(words[1], INT_MAX);
+    if (!bytes) return BadNumber("BYTES", words[1], INT_MAX);
+    Modem::Instance().SetWatermark(*bytes);
+    return Ok();
+}
+
+Reply Exception(const Console&, Words) {
+    Modem::Instance().Exception();
+    return Ok();
+}
+
 Reply Sprinkle(const Console&, Words words) {
     const auto per_mille = Number(words[1], 1000);
     if (!per_mille) return BadNumber("PER_MILLE", words[1], 1000);
@@ -203,12 +281,16 @@ Reply Sprinkle(const Console&, Words words) {
 Reply Notify(const Console&, Words words) {
     const auto code = Number(words[1], INT_MAX);
     if (!code) return BadNumber("CODE", words[1], INT_MAX);
+    const auto ntfy_code = static_cast<MCL_NTFY_CODE>(*code);
+    if (words.size() == 2) {
+        Modem::Instance().Raise(ntfy_code);
+        return Ok();
+    }
     std::vector<uint8_t> payload;
-    if (words.size() > 2 && !HexBytes(words[2], &payload)) {
+    if (words[2] != "null" && !HexBytes(words[2], &payload)) {
         return Refuse("PAYLOAD is not bytes in hexadecimal: " + words[2]);
     }
-    Modem::Instance().Notify(static_cast<MCL_NTFY_CODE>(*code),
-                             payload.empty() ? nullptr : payload.data(), payload.size());
+    Modem::Instance().Notify(ntfy_code, payload.empty() ? nullptr : payload.data(), payload.size());
     return Ok();
 }
 
@@ -239,31 +321,71 @@ Reply Log(const Console&, Words words) {
     return Refuse("not debug, info, warning or error: " + words[1]);
 }
 
-Reply State(const Console&, Words) {
-    const Modem::Status s = Modem::Instance().status();
-    std::string text;
-    const auto line = [&text](std::string_view key, const std::string& value) {
+std::string Filter(const std::vector<uint8_t>& filter) {
+    if (filter.empty()) return "none";
+    char text[64];
+    snprintf(text, sizeof(text), "%zu bytes, crc32 %08x", filter.size(), Crc32(filter));
+    return text;
+}
+
+class StateText {
+  public:
+    void Line(std::string_view key, std::string_view value) {
         text.append(key).append(": ").append(value).append("\n");
-    };
+    }
+    std::string text;
+};
+
+void AddPort(const Modem::Status& s, StateText* out) {
     const auto number = [](auto value) { return std::to_string(value); };
-    const auto yes_no = [](bool value) { return std::string(value ? "yes" : "no"); };
-    line("pid", number(getpid()));
-    line("layer up", yes_no(s.up));
-    line("port open", yes_no(s.port_open));
-    line("stream", s.streaming ? "started" : "stopped");
-    line("source", s.source.empty() ? "none" : s.source);
-    line("at its end", yes_no(s.exhausted));
-    line("rate", s.rate == 0 ? "as read" : number(s.rate) + " bytes/s");
-    line("read limit", s.read_limit == 0 ? "none" : number(s.read_limit) + " bytes");
-    line("tap", s.tap.empty() ? "off" : s.tap);
-    line("delivered", number(s.delivered) + " bytes");
-    line("written to the port", number(s.written) + " bytes");
-    line("notifications", number(s.notified) + " handled, " + number(s.notify_queue) + " waiting");
-    line("sprinkled faults", number(s.sprinkle_per_mille) + " per mille");
-    line("calls", "init " + number(s.calls.init) + ", open " + number(s.calls.open) + ", close " +
-                      number(s.calls.close) + ", read " + number(s.calls.read) + ", poll " +
-                      number(s.calls.poll) + ", write " + number(s.calls.write));
-    return Ok(std::move(text));
+    const auto yes_no = [](bool value) { return value ? "yes" : "no"; };
+    out->Line("layer up", yes_no(s.up));
+    out->Line("port open", yes_no(s.port_open));
+    out->Line("stream", s.streaming ? "started" : "stopped");
+    out->Line("source", s.source.empty() ? "none" : s.source);
+    out->Line("at its end", yes_no(s.exhausted));
+    out->Line("rate", s.rate == 0 ? "as read" : number(s.rate) + " bytes/s");
+    out->Line("read limit", s.read_limit == 0 ? "none" : number(s.read_limit) + " bytes");
+    out->Line("tap", s.tap.empty() ? "off" : s.tap);
+    out->Line("delivered", number(s.delivered) + " bytes");
+    out->Line("written to the port", number(s.written) + " bytes");
+    out->Line("sync blocks", number(s.sync_blocks));
+    out->Line("notifications",
+              number(s.notified) + " handled, " + number(s.notify_queue) + " waiting");
+    out->Line("storage answer", s.storage_answer ? number(*s.storage_answer) : "none");
+    out->Line("sprinkled faults", number(s.sprinkle_per_mille) + " per mille");
+    out->Line("calls", "init " + number(s.calls.init) + ", open " + number(s.calls.open) +
+                           ", close " + number(s.calls.close) + ", read " + number(s.calls.read) +
+                           ", poll " + number(s.calls.poll) + ", write " + number(s.calls.write));
+}
+
+void AddSettings(const Modem::Settings& settings, const Modem::IpcStatus& ipc, StateText* out) {
+    static constexpr std::string_view kModes[] = {" (off)", " (streaming)", " (wrapping)"};
+    const auto number = [](auto value) { return std::to_string(value); };
+    const auto mode = static_cast<size_t>(settings.log_mode);
+    out->Line("log mode",
+              number(mode).append(mode < std::size(kModes) ? kModes[mode] : std::string_view()));
+    out->Line("log level", number(settings.log_level));
+    out->Line("log filter", Filter(settings.filter));
+    out->Line("flush interval", number(settings.flush_interval) + " ms");
+    out->Line("held back", number(ipc.held_back) + " bytes");
+    out->Line("flush status", number(ipc.flush_status));
+    out->Line("early log filter", number(settings.early_log_filter));
+    out->Line("clock", ipc.clock.empty()
+                           ? "never set"
+                           : ipc.clock + ", set " + number(ipc.clock_sets) + " times");
+    out->Line("ipc", (ipc.open ? "open on " + ipc.port : "closed") + ", exchanges " +
+                         number(ipc.exchanges) + ", under way " + number(ipc.under_way) +
+                         ", calls while closed " + number(ipc.misused));
+}
+
+Reply State(const Console&, Words) {
+    Modem& modem = Modem::Instance();
+    StateText out;
+    out.Line("pid", std::to_string(getpid()));
+    AddPort(modem.status(), &out);
+    AddSettings(modem.settings(), modem.ipc_status(), &out);
+    return Ok(std::move(out.text));
 }
 
 Reply Exit(const Console&, Words) {
@@ -300,7 +422,28 @@ constexpr Command kCommands[] = {
      Fail},
     {"sprinkle", 2, 3, "PER_MILLE [SEED]", "makes so many of all reads and polls fail; 0: none",
      Sprinkle},
-    {"notify", 2, 3, "CODE [PAYLOAD]", "raises a notification, its payload in hexadecimal", Notify},
+    {"ipc", 4, 5, "init CODE COUNT | MESSAGE|any FAULT [VALUE] COUNT",
+     "makes modem IPC fail: its opening with a code, or what has to do with a message by number. "
+     "FAULT: message (none can be made), value (none can be added), cause VALUE (not sent), "
+     "silence VALUE (lost; so many ms, 0 for the whole time-out), delay VALUE (ms), result VALUE "
+     "(refused), no_result, no_answer, answer VALUE (this number); a COUNT of 0 takes all back",
+     Ipc},
+    {"at", 3, 3, "TEXT COUNT",
+     "answers the next COUNT AT commands with this text, with \\r and \\n in it", At},
+    {"log_mode", 2, 2, "0 | 1 | 2",
+     "sets the log mode (off, streaming, wrapping) as another client of the modem would, its "
+     "notification included; ends once the daemon has handled that",
+     LogMode},
+    {"watermark", 2, 2, "BYTES",
+     "held-back bytes at which the modem hands them over before the flush interval has passed",
+     Watermark},
+    {"exception", 1, 1, "",
+     "the modem crashes: notification 6, and once it is handled, notification 3 and the stream "
+     "again",
+     Exception},
+    {"notify", 2, 3, "CODE [PAYLOAD | null]",
+     "raises a notification, with the payload a modem would send, or this one in hexadecimal",
+     Notify},
     {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "sim/modem.h"
 #include "sim/socket_address.h"
 
 namespace sim {
@@ -108,6 +109,7 @@ void StartPhone() {
         if (folder == nullptr || *folder == '\0') return;
         // Both live until the process is gone, whatever thread ends it.
         const auto& console = *new Console(folder);
+        Modem::Instance().KeepSettings(console.folder());
         console.RunScenario(console.folder() + "/scenario");
         if (!(new ConsoleServer(console))->ok()) {
             __android_log_print(ANDROID_LOG_ERROR, "SIM", "no console in %s: %s", folder,

@@ -20,6 +20,11 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kTick = 10ms;
 constexpr uint64_t kTicksPerSecond = 1s / kTick;
 constexpr size_t kWrittenKept = 1 << 20;
+// What a daemon that keeps the log writes to the port after an exception.
+constexpr std::string_view kSyncBlock(
+    "\xac\xca\xef\x10\x18\x00\x00\x00\x10\xa0\x00\x00\xa4\x6a\xef\x10\x17\x08\x00\x00"
+    "\xac\xdb\xcf\xe5\x16\x10\x00\x00\x00\x2e\x00\x2e\x00\x02\x00\x00\xbd\xdb\x5e\x00",
+    40);
 
 }  // namespace
 
@@ -61,9 +66,11 @@ int Modem::Deinit() {
         if (!up_) return 0;
         up_ = false;
         port_open_ = false;
+        settled_ += notifications_.size();
         notifications_.clear();
     }
     port_cond_.notify_all();
+    quiet_cond_.notify_all();
     notify_cond_.notify_all();
     notifier_.join();
     idle_cond_.notify_all();
@@ -89,6 +96,7 @@ int Modem::ClosePort() {
         port_open_ = false;
     }
     port_cond_.notify_all();
+    quiet_cond_.notify_all();
     return 0;
 }
 
@@ -104,7 +112,11 @@ int Modem::PollPort(int timeout_ms) {
         if (!port_open_) return -1;
         if (Available() != 0) return 1;
         const Clock::time_point now = Clock::now();
-        if (now >= deadline) return -2;
+        if (now >= deadline) {
+            ++quiet_polls_;
+            quiet_cond_.notify_all();
+            return -2;
+        }
         const bool ticks = rate_ != 0 && streaming_ && source_ && !exhausted_;
         port_cond_.wait_until(lock, ticks ? std::min(deadline, last_tick_ + kTick) : deadline);
     }
@@ -124,11 +136,18 @@ int Modem::ReadPort(void* buf, size_t len, int* err) {
         const size_t got = want == 0 ? 0 : source_->Read(static_cast<uint8_t*>(buf), want);
         if (got != 0) {
             delivered_ += got;
-            credit_ -= rate_ != 0 ? got * kTicksPerSecond : 0;
+            if (rate_ != 0) {
+                credit_ -= got * kTicksPerSecond;
+                ready_ -= got;
+                flush_left_ -= std::min<uint64_t>(flush_left_, got);
+            }
             WriteTap(static_cast<const uint8_t*>(buf), got);
             return static_cast<int>(got);
         }
-        if (want != 0) exhausted_ = true;
+        if (want != 0) {
+            exhausted_ = true;
+            flush_left_ = 0;
+        }
         error = EAGAIN;
     }
     if (err != nullptr) *err = error;
@@ -143,7 +162,12 @@ int Modem::WritePort(const void* buf, size_t len) {
         --write_faults_;
         return -1;
     }
+    const size_t before = written_.size();
     written_.append(static_cast<const char*>(buf), len);
+    for (size_t at = before - std::min(before, kSyncBlock.size() - 1);
+         (at = written_.find(kSyncBlock, at)) != std::string::npos; at += kSyncBlock.size()) {
+        ++sync_blocks_;
+    }
     if (written_.size() > kWrittenKept) written_.erase(0, written_.size() - kWrittenKept);
     written_total_ += len;
     return static_cast<int>(len);
@@ -179,6 +203,24 @@ void Modem::StartStream() {
 void Modem::StopStream() {
     std::lock_guard lock(mutex_);
     streaming_ = false;
+    RestartRateClock();
+}
+
+void Modem::EndStream(std::unique_lock<std::mutex>& lock) {
+    constexpr auto kPatience = 2s;
+    if (streaming_ && rate_ != 0) {
+        Produce();
+        Release();
+    }
+    streaming_ = false;
+    port_cond_.notify_all();
+    // A stream that nobody has read is not going to be read now.
+    if (delivered_ != delivered_before_) {
+        const uint64_t before = quiet_polls_;
+        quiet_cond_.wait_for(lock, kPatience,
+                             [&] { return !port_open_ || quiet_polls_ != before; });
+    }
+    RestartRateClock();
 }
 
 void Modem::SetRate(uint64_t bytes_per_second) {
@@ -195,19 +237,52 @@ void Modem::SetReadLimit(size_t bytes) {
     read_limit_ = bytes;
 }
 
+void Modem::SetFlushInterval(int ms) {
+    {
+        std::lock_guard lock(mutex_);
+        Available();  // what is due by the interval so far
+        settings_.flush_interval = ms;
+        SaveSettings();
+    }
+    port_cond_.notify_all();
+}
+
+void Modem::SetWatermark(size_t bytes) {
+    {
+        std::lock_guard lock(mutex_);
+        watermark_ = bytes;
+    }
+    port_cond_.notify_all();
+}
+
 void Modem::RestartRateClock() {
-    credit_ = 0;
-    last_tick_ = Clock::now();
+    credit_ = ready_ = flush_left_ = 0;
+    last_tick_ = last_release_ = Clock::now();
+    delivered_before_ = delivered_;
 }
 
 size_t Modem::Available() {
-    if (!streaming_ || !source_ || exhausted_) return 0;
-    if (rate_ == 0) return SIZE_MAX;
-    const auto ticks = static_cast<uint64_t>((Clock::now() - last_tick_) / kTick);
+    if (!source_ || exhausted_) return 0;
+    if (rate_ == 0) return streaming_ ? SIZE_MAX : 0;
+    if (streaming_) Produce();
+    return ready_;
+}
+
+size_t Modem::HeldBack() const { return credit_ / kTicksPerSecond - ready_; }
+
+void Modem::Produce() {
+    const Clock::time_point now = Clock::now();
+    const auto ticks = static_cast<uint64_t>((now - last_tick_) / kTick);
     last_tick_ += ticks * kTick;
-    const uint64_t one_second = rate_ * kTicksPerSecond;
-    credit_ = ticks >= kTicksPerSecond ? one_second : std::min(one_second, credit_ + ticks * rate_);
-    return credit_ / kTicksPerSecond;
+    const std::chrono::milliseconds interval(settings_.flush_interval);
+    const uint64_t most = (rate_ + (interval > 0ms ? watermark_ : 0)) * kTicksPerSecond;
+    credit_ = std::min(most, credit_ + std::min(ticks, most / rate_ + 1) * rate_);
+    if (now - last_release_ >= interval || HeldBack() >= watermark_) Release();
+}
+
+void Modem::Release() {
+    ready_ = credit_ / kTicksPerSecond;
+    last_release_ = Clock::now();
 }
 
 bool Modem::SetTap(const std::string& path) {
@@ -341,15 +416,22 @@ bool Modem::SprinklePoll(int* result) {
 
 // --- notifications ---
 
+uint64_t Modem::Queue(Notification notification) {
+    uint64_t ticket = 0;
+    {
+        std::lock_guard lock(mutex_);
+        notifications_.push_back(std::move(notification));
+        ticket = ++raised_;
+    }
+    notify_cond_.notify_one();
+    return ticket;
+}
+
 void Modem::Notify(MCL_NTFY_CODE code, const void* payload, size_t payload_size) {
     const auto* bytes = static_cast<const uint8_t*>(payload);
     Notification notification{code, payload != nullptr, {}};
     if (payload != nullptr) notification.payload.assign(bytes, bytes + payload_size);
-    {
-        std::lock_guard lock(mutex_);
-        notifications_.push_back(std::move(notification));
-    }
-    notify_cond_.notify_one();
+    Queue(std::move(notification));
 }
 
 void Modem::WaitForNotifications() {
@@ -374,8 +456,15 @@ void Modem::NotifyThread() {
                      notification.has_payload ? notification.payload.data() : nullptr);
         }
         lock.lock();
+        uint32_t word = 0;
+        if (notification.code == NTFY_QUERY_STORAGE_MODE &&
+            notification.payload.size() >= sizeof(word)) {
+            memcpy(&word, notification.payload.data(), sizeof(word));
+            storage_answer_ = word;
+        }
         notifying_ = false;
         ++notified_;
+        ++settled_;
         idle_cond_.notify_all();
     }
 }
@@ -405,6 +494,8 @@ Modem::Status Modem::status() const {
     status.tap = tap_.text;
     status.delivered = delivered_;
     status.written = written_total_;
+    status.sync_blocks = sync_blocks_;
+    status.storage_answer = storage_answer_;
     status.notified = notified_;
     status.notify_queue = notifications_.size() + (notifying_ ? 1 : 0);
     status.sprinkle_per_mille = sprinkle_per_mille_;
@@ -413,6 +504,7 @@ Modem::Status Modem::status() const {
 }
 
 void Modem::Reset() {
+    CloseIpc();
     Deinit();
     SetSource(nullptr);
     SetTap("");
@@ -421,15 +513,30 @@ void Modem::Reset() {
     rate_ = 0;
     read_limit_ = 0;
     delivered_ = 0;
+    watermark_ = kDefaultWatermark;
+    RestartRateClock();
     init_faults_ = open_faults_ = write_faults_ = 0;
     read_faults_.clear();
     poll_faults_.clear();
     sprinkle_per_mille_ = sprinkle_ebadf_left_ = 0;
     calls_ = {};
     written_.clear();
-    written_total_ = 0;
+    written_total_ = sync_blocks_ = 0;
+    settled_ += notifications_.size();
     notifications_.clear();
     notified_ = 0;
+    storage_answer_.reset();
+    ipc_port_.clear();
+    ipc_timeout_ms_ = 0;
+    ipc_exchanges_ = ipc_misused_ = 0;
+    ipc_requests_.clear();
+    ipc_faults_.clear();
+    ipc_init_faults_.clear();
+    at_answers_ = 0;
+    settings_ = {};
+    settings_folder_.clear();
+    clock_.clear();
+    clock_sets_ = 0;
 }
 
 }  // namespace sim

@@ -88,12 +88,14 @@ class Modem {
     void RegisterCallback(mcl_ntfy_callback callback, void* user);
 
     // --- the log stream ---
-    // The stream stands still until it is started. Replaces the source; null: none.
+    // The stream stands still until it is started, here or by log mode 1. Replaces the source;
+    // null: none.
     void SetSource(std::unique_ptr<LogSource> source);
     void StartStream();
     void StopStream();
-    // Bytes a second, which become readable in bursts every 10 ms; what nobody reads piles up for
-    // one second at most, then the modem waits. 0: as fast as they are read (the default).
+    // Bytes a second, which become readable in bursts every 10 ms, or as the flush interval has it;
+    // what nobody reads piles up for one second at most, then the modem waits. 0: as fast as they
+    // are read (the default), with nothing held back.
     void SetRate(uint64_t bytes_per_second);
     // Most bytes that one read of the port gives; 0: what the caller asks for (the default).
     void SetReadLimit(size_t bytes);
@@ -123,11 +125,21 @@ class Modem {
     std::vector<IpcRequest> ipc_requests() const;
 
     // --- what modem IPC sets ---
-    // As a request of another client would: 0 off, 1 streaming, 2 wrapping (kept in the modem). A
-    // change starts or stops the stream and returns once its notification has been handled, within
-    // 3 s; false for any other mode. Off hands over what is held back first, as long as it is read.
+    // As a request of any client does: 0 off, 1 streaming, 2 wrapping (the log stays in the modem);
+    // false for anything else. The mode that is already on changes and tells nothing. Otherwise:
+    //   0 to 1   notification 1, its second word 1, then the stream starts
+    //   0 to 2   notification 1, its second word 2
+    //   2 to 1   notification 3, then the stream starts
+    //   1 to 2   the stream ends, then notification 4
+    //   to 0     the stream ends, then notification 2
+    // A stream that ends hands over what is held back, and waits until its reader has found the
+    // port empty, for 2 s at most. Returns once the notification has been handled; a handler that
+    // takes longer than 3 s, such as one that waits for a lock of the caller's, is not waited for.
     bool SetLogMode(int mode);
-    // Held-back bytes that make the modem hand all of them over, whatever the flush interval.
+    // Milliseconds; 0: nothing is held back. Longer ones hold bytes of a stream that has a rate
+    // back until so much time has passed since the last release, or the watermark is reached.
+    void SetFlushInterval(int ms);
+    // Held-back bytes at which all of them become readable; 1 MiB by default.
     void SetWatermark(size_t bytes);
 
     // What outlives the daemon's process.
@@ -148,13 +160,14 @@ class Modem {
         int timeout_ms;
         uint64_t exchanges;
         int under_way;
-        uint64_t misused;   // calls while the channel was closed, or closing under an exchange
+        uint64_t
+            misused;  // calls while it was closed, closing included, or closing under an exchange
         size_t held_back;   // bytes of the stream
         int flush_status;   // 1 while flushed bytes are still to be read
         std::string clock;  // as last set; empty: never
         uint64_t clock_sets;
     };
-    IpcStatus ipc_status() const;
+    IpcStatus ipc_status();
 
     // --- faults of the layer and its log port, each for the next `count` calls ---
     // Faults of one kind that are asked for one after another come one after another; a count of 0
@@ -177,8 +190,15 @@ class Modem {
     // --- notifications: from the library's own thread, one at a time, in order ---
     // Returns at once; the payload is copied. Before `Init` they queue up.
     void Notify(MCL_NTFY_CODE code, const void* payload = nullptr, size_t payload_size = 0);
+    // With the payload that a modem sends with this code.
+    void Raise(MCL_NTFY_CODE code);
     // Waits until everything queued so far and since is handled, or the layer goes down.
     void WaitForNotifications();
+
+    // A crash of the modem: the stream stands still, 6 is raised, and once that has been handled
+    // the log port is back: 3 is raised and the stream goes on. Returns then, or when a handler has
+    // taken longer than 5 s.
+    void Exception();
 
     // --- what the daemon wrote to the log port ---
     std::string written() const;  // the last mebibyte
@@ -191,9 +211,11 @@ class Modem {
         size_t read_limit;
         std::string tap;  // empty: none; else the path, or why it was given up
         uint64_t delivered;
-        uint64_t written;     // bytes, since the start
-        uint64_t notified;    // notifications handled
-        size_t notify_queue;  // still to be handled
+        uint64_t written;                        // bytes, since the start
+        uint64_t sync_blocks;                    // of an exception, among them
+        std::optional<uint32_t> storage_answer;  // what code 8 was answered last
+        uint64_t notified;                       // notifications handled
+        size_t notify_queue;                     // still to be handled
         int sprinkle_per_mille;
         Calls calls;
     };
@@ -207,6 +229,8 @@ class Modem {
 
     Modem();
     ~Modem() = delete;
+
+    static constexpr size_t kDefaultWatermark = 1 << 20;
 
     struct Fault {
         int value;
@@ -254,10 +278,13 @@ class Modem {
 
     // Under `mutex_`.
     std::optional<int> TakeIpcFault(int message_id, IpcFault kind);
-    void WaitUntilReadOut(std::unique_lock<std::mutex>& lock);
     std::string EarlyLogFilter(std::string_view command);
     void SaveSettings();
-    void ReleaseDue();
+    void Produce();
+    void Release();
+    size_t HeldBack() const;
+    void EndStream(std::unique_lock<std::mutex>& lock);
+    std::vector<uint8_t> Payload(MCL_NTFY_CODE code);
     static void AddFault(std::deque<Fault>& faults, int value, int count);
     static bool TakeFault(std::deque<Fault>& faults, int* value);
     bool SprinkleHits();
@@ -269,12 +296,17 @@ class Modem {
     void CloseTap();
 
     void NotifyThread();
+    uint64_t Queue(Notification notification);
+    void RaiseAndWait(MCL_NTFY_CODE code, std::chrono::seconds limit);
 
     std::mutex lifecycle_mutex_;  // serialises Init, Deinit and Reset; taken before `mutex_`
+    std::mutex log_mode_mutex_;   // around a change and its notifications; taken before `mutex_`
     mutable std::mutex mutex_;    // guards everything below; never held while a callback runs
     std::condition_variable port_cond_;    // something to read may have come, or the port closed
     std::condition_variable notify_cond_;  // the queue or `up_` changed
     std::condition_variable idle_cond_;    // a notification was handled, or the layer went down
+    std::condition_variable quiet_cond_;   // a poll found the port empty, or the port closed
+    std::condition_variable ipc_cond_;     // the IPC channel was closed
 
     bool up_ = false;
     bool port_open_ = false;
@@ -282,8 +314,14 @@ class Modem {
     bool exhausted_ = false;
     std::unique_ptr<LogSource> source_;
     uint64_t rate_ = 0;
-    uint64_t credit_ = 0;  // readable bytes times ticks a second
+    uint64_t credit_ = 0;      // produced bytes that were not read, times ticks a second
+    uint64_t ready_ = 0;       // bytes of them that are not held back
+    uint64_t flush_left_ = 0;  // bytes of those that the last flush was about
+    size_t watermark_ = kDefaultWatermark;
     Clock::time_point last_tick_;
+    Clock::time_point last_release_;
+    uint64_t quiet_polls_ = 0;       // that found the port empty
+    uint64_t delivered_before_ = 0;  // when the stream was started
     size_t read_limit_ = 0;
     Tap tap_;
     uint64_t delivered_ = 0;
@@ -300,9 +338,8 @@ class Modem {
     Calls calls_ = {};
     std::string written_;
     uint64_t written_total_ = 0;
+    uint64_t sync_blocks_ = 0;
 
-    std::mutex log_mode_mutex_;  // around a change and its notification; taken before `mutex_`
-    std::condition_variable ipc_cond_;  // the channel was closed
     bool ipc_open_ = false;
     std::string ipc_port_;
     int ipc_timeout_ms_ = 0;
@@ -324,6 +361,10 @@ class Modem {
     std::deque<Notification> notifications_;
     bool notifying_ = false;
     uint64_t notified_ = 0;
+    uint64_t raised_ = 0;   // notifications ever queued
+    uint64_t settled_ = 0;  // of them, handled or dropped
+    std::optional<uint32_t> storage_answer_;
+    uint32_t md_info_updates_ = 0;
     std::thread notifier_;
 };
 

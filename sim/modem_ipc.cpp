@@ -70,6 +70,7 @@ bool Modem::TakesIpcValue(int message_id) {
 
 IpcReply Modem::Exchange(const IpcRequest& request) {
     const int id = request.message.id();
+    const Clock::time_point start = Clock::now();
     std::unique_lock lock(mutex_);
     if (!ipc_open_) {
         ++ipc_misused_;
@@ -80,7 +81,8 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     if (ipc_requests_.size() > kRequestsKept) ipc_requests_.pop_front();
     if (const auto cause = TakeIpcFault(id, IpcFault::kCause)) return {*cause, std::nullopt};
 
-    const int timeout_ms = request.timeout_ms >= 0 ? request.timeout_ms : ipc_timeout_ms_;
+    const std::chrono::milliseconds timeout(request.timeout_ms >= 0 ? request.timeout_ms
+                                                                    : ipc_timeout_ms_);
     const auto silence = TakeIpcFault(id, IpcFault::kSilence);
     const auto delay = TakeIpcFault(id, IpcFault::kDelay);
     const auto refusal = TakeIpcFault(id, IpcFault::kResult);
@@ -97,12 +99,12 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
         answer = Answer(request.message);
         lock.lock();
     }
-    int wait_ms = std::min(delay.value_or(0), timeout_ms);
-    if (silence) wait_ms = *silence != 0 ? std::min(*silence, timeout_ms) : timeout_ms;
-    ipc_cond_.wait_for(lock, std::chrono::milliseconds(wait_ms), [this] { return !ipc_open_; });
+    std::chrono::milliseconds pause(delay.value_or(0));
+    if (silence) pause = *silence != 0 ? std::chrono::milliseconds(*silence) : timeout;
+    ipc_cond_.wait_until(lock, start + std::min(pause, timeout), [this] { return !ipc_open_; });
     --ipc_under_way_;
     if (!ipc_open_) return {kClosed, std::nullopt};
-    if (silence || (delay && *delay >= timeout_ms)) return {0, std::nullopt};
+    if (silence || Clock::now() - start >= timeout) return {0, std::nullopt};
 
     IpcMessage confirmation(id);
     if (!no_result) confirmation.AddNumber(kResultTlv, answer.result);
@@ -186,11 +188,7 @@ Modem::IpcAnswer Modem::AnswerGetLogLevel(const IpcMessage&) { return {0, settin
 Modem::IpcAnswer Modem::AnswerSetFlushInterval(const IpcMessage& request) {
     const auto interval = request.Number(kValueTlv);
     if (!interval || *interval < 0) return {kInvalid};
-    {
-        std::lock_guard lock(mutex_);
-        settings_.flush_interval = *interval;
-        SaveSettings();
-    }
+    SetFlushInterval(*interval);
     return {};
 }
 
@@ -198,7 +196,16 @@ Modem::IpcAnswer Modem::AnswerGetFlushInterval(const IpcMessage&) {
     return {0, settings().flush_interval};
 }
 
-Modem::IpcAnswer Modem::AnswerTriggerFlush(const IpcMessage&) { return {0, 0}; }
+Modem::IpcAnswer Modem::AnswerTriggerFlush(const IpcMessage&) {
+    {
+        std::lock_guard lock(mutex_);
+        Available();
+        Release();
+        flush_left_ = exhausted_ ? 0 : ready_;
+    }
+    port_cond_.notify_all();
+    return {0, 0};
+}
 
 Modem::IpcAnswer Modem::AnswerGetFlushStatus(const IpcMessage&) {
     return {0, ipc_status().flush_status};
@@ -262,29 +269,19 @@ std::string Modem::EarlyLogFilter(std::string_view command) {
     return std::string(kOk);
 }
 
-// --- what they set ---
-
-bool Modem::SetLogMode(int mode) {
-    std::lock_guard lock(mutex_);
-    if (mode < 0 || mode > 2) return false;
-    settings_.log_mode = mode;
-    SaveSettings();
-    return true;
-}
+// --- looking at it ---
 
 Modem::Settings Modem::settings() const {
     std::lock_guard lock(mutex_);
     return settings_;
 }
 
-void Modem::SaveSettings() {}
-
 std::vector<IpcRequest> Modem::ipc_requests() const {
     std::lock_guard lock(mutex_);
     return {ipc_requests_.begin(), ipc_requests_.end()};
 }
 
-Modem::IpcStatus Modem::ipc_status() const {
+Modem::IpcStatus Modem::ipc_status() {
     std::lock_guard lock(mutex_);
     IpcStatus status = {};
     status.open = ipc_open_;
@@ -293,6 +290,9 @@ Modem::IpcStatus Modem::ipc_status() const {
     status.exchanges = ipc_exchanges_;
     status.under_way = ipc_under_way_;
     status.misused = ipc_misused_;
+    Available();
+    status.held_back = HeldBack();
+    status.flush_status = flush_left_ != 0 ? 1 : 0;
     status.clock = clock_;
     status.clock_sets = clock_sets_;
     return status;

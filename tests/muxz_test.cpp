@@ -354,6 +354,16 @@ class MuxzRecovery : public testing::Test {
     std::string bytes;
 };
 
+// The header's length leads behind a block within the custom block, to bytes that are none.
+TEST_F(MuxzRecovery, EndsWhenAHeaderMisleads) {
+    const std::string hidden = BlockBytes(raws[0]);
+    std::string misleading = HeaderBytes();
+    const auto length = static_cast<uint32_t>(misleading.size() + hidden.size());
+    memcpy(misleading.data() + sim::log_header::kLengthAt, &length, sizeof(length));
+    misleading += hidden + std::string(50, '\xff');
+    EXPECT_EQ(RecoverBytes(misleading).raws, std::vector<std::string>{raws[0]});
+}
+
 TEST_F(MuxzRecovery, FindsAllOfAGoodFile) {
     for (const std::string& end : {std::string(), std::string("x"), std::string("xyzab")}) {
         const Recovered recovered = RecoverBytes(bytes + end);

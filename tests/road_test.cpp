@@ -84,9 +84,8 @@ TEST_F(Road, AFullDiskLosesNothingThatTheReaderTook) {
     // The ring fills up behind the disk, and the reader waits.
     ASSERT_TRUE(log.WaitFor("io: common_write fail, ..."));
     ASSERT_TRUE(test::WaitUntil([] { return g_quarn.stall_count > 0; }));
-    const test::Decoded full = test::Decode(kLogs);
-    EXPECT_TRUE(full.torn.empty());
-    EXPECT_TRUE(bytes.starts_with(full.bytes));
+    // The writer may just be trying again, so the newest file may end anywhere.
+    EXPECT_TRUE(bytes.starts_with(test::Decode(kLogs).bytes));
 
     fs::remove(kLogs + "ballast");
     ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/mcl.h"
+#include "platform/mipc.h"
 #include "platform/system_properties.h"
 #include "sim/console.h"
 #include "sim/console_server.h"
@@ -302,6 +303,315 @@ TEST(SimLayer, NotificationsComeInOrderFromOneThreadOfItsOwn) {
     EXPECT_EQ(seen.notifications.back().first, NTFY_MD_LOG_STOP);
 }
 
+// --- modem IPC ---
+
+struct Value {
+    int type;
+    std::string bytes;
+};
+
+std::string Word(int32_t number) {
+    return std::string(reinterpret_cast<const char*>(&number), sizeof(number));
+}
+
+struct Confirmation {
+    int cause = -1;
+    bool came = false;
+    std::optional<std::string> result, number, text;
+};
+
+std::optional<std::string> ValueOf(mipc_msg_t* message, int type) {
+    int length = -1;
+    const void* const value = mipc_msg_get_val_ptr(message, type, &length);
+    if (value == nullptr) return std::nullopt;
+    return std::string(static_cast<const char*>(value), static_cast<size_t>(length));
+}
+
+Confirmation Ask(int id, const std::vector<Value>& values = {}, int timeout_ms = 2000) {
+    mipc_msg_t* const request = mipc_msg_init(id, 16);
+    EXPECT_NE(request, nullptr);
+    for (const auto& [type, bytes] : values) {
+        EXPECT_EQ(mipc_msg_add_tlv(request, type, static_cast<int>(bytes.size()), bytes.data()), 0);
+    }
+    mipc_msg_set_timeout_once(timeout_ms);
+    mipc_msg_t* confirmation = nullptr;
+    Confirmation seen;
+    seen.cause = mipc_msg_sync_timeout_with_cause(request, &confirmation);
+    mipc_msg_deinit(request);
+    if (confirmation == nullptr) return seen;
+    seen.came = true;
+    seen.result = ValueOf(confirmation, 0);
+    seen.number = ValueOf(confirmation, 256);
+    seen.text = ValueOf(confirmation, 33024);
+    mipc_msg_deinit(confirmation);
+    return seen;
+}
+
+std::string AskAt(const std::string& command) {
+    return Ask(3, {{33024, std::string(command.c_str(), command.size() + 1)}}).text.value_or("");
+}
+
+class SimIpc : public SimPort {
+  protected:
+    SimIpc() {
+        EXPECT_EQ(mcl_registerNotifyCallback(Keep, &seen), 0);
+        EXPECT_EQ(mipc_init("/dev/wwanD0MIPC0"), 0);
+    }
+    ~SimIpc() override {
+        mipc_deinit();
+        mcl_deinit();
+    }
+
+    // The codes that came, in order.
+    std::vector<int> Codes() {
+        std::lock_guard lock(seen.mutex);
+        std::vector<int> codes;
+        for (const auto& [code, payload] : seen.notifications) codes.push_back(code);
+        return codes;
+    }
+
+    Seen seen;
+};
+
+TEST_F(SimIpc, EveryMessageIsAnswered) {
+    const std::vector<Value> clock = {{256, Word(2026)}, {257, Word(2)},  {258, Word(28)},
+                                      {259, Word(23)},   {260, Word(59)}, {261, Word(58)},
+                                      {262, Word(-210)}};
+    std::vector<Value> bad_clock = clock;
+    bad_clock[1] = {257, Word(13)};
+    const std::string filter("\0filter\xff", 8);
+    const struct {
+        int id;
+        std::vector<Value> values;
+        int result;
+        std::optional<int> number;
+    } kCases[] = {
+        {41, {}, 0, 0},
+        {39, {{256, Word(1)}}, 0, {}},
+        {41, {}, 0, 1},
+        {39, {{256, Word(3)}}, 1, {}},
+        {39, {{256, "\1"}}, 1, {}},
+        {39, {}, 1, {}},
+        {39, {{256, Word(0)}, {257, "\1"}}, 0, {}},
+        {41, {}, 0, 0},
+        {45, {}, 0, 1},
+        {43, {{256, Word(6)}}, 0, {}},
+        {43, {{256, Word(7)}}, 1, {}},
+        {43, {{256, Word(-1)}}, 1, {}},
+        {45, {}, 0, 6},
+        {121, {}, 0, 0},
+        {119, {{256, Word(600000)}}, 0, {}},
+        {119, {{256, Word(-1)}}, 1, {}},
+        {121, {}, 0, 600000},
+        {137, {}, 0, 0},
+        {139, {}, 0, 0},
+        {65, clock, 0, {}},
+        {65, bad_clock, 1, {}},
+        {161, {{256, filter}}, 0, 0},
+        {161, {}, 1, {}},
+        {45, {}, 0, -1},
+        {40, {}, 2, {}},
+    };
+    for (const auto& test : kCases) {
+        SCOPED_TRACE(test.id);
+        const Confirmation got = Ask(test.id, test.values);
+        EXPECT_EQ(got.cause, 0);
+        EXPECT_EQ(got.result, Word(test.result));
+        EXPECT_EQ(got.number, test.number ? std::optional(Word(*test.number)) : std::nullopt);
+    }
+    EXPECT_EQ(modem.settings().filter, std::vector<uint8_t>(filter.begin(), filter.end()));
+    EXPECT_EQ(modem.ipc_status().clock, "2026-02-28 23:59:58 UTC, offset -210 minutes");
+    EXPECT_EQ(modem.ipc_requests().size(), std::size(kCases));
+    EXPECT_EQ(modem.ipc_requests()[6].message.Bytes(257).size(), 1u);
+    EXPECT_EQ(modem.ipc_requests()[6].selector, 16);
+
+    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("3\r\n\r\nOK\r\n\0", 10));
+    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER=2"), std::string("OK\r\n\0", 5));
+    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER=x"), std::string("ERROR\r\n\0", 8));
+    EXPECT_EQ(AskAt("ATI"), std::string("ERROR\r\n\0", 8));
+    modem.AnswerAt("7", 1);
+    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("7\0", 2));
+    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("2\r\n\r\nOK\r\n\0", 10));
+}
+
+TEST_F(SimIpc, FaultsHitTheMessagesAskedFor) {
+    using sim::IpcFault;
+    modem.FailIpc(41, IpcFault::kMessage, 0, 1);
+    modem.FailIpc(0, IpcFault::kValue, 0, 1);
+    EXPECT_EQ(mipc_msg_init(41, 16), nullptr);
+    mipc_msg_t* const request = mipc_msg_init(41, 16);
+    EXPECT_NE(mipc_msg_add_tlv(request, 256, 1, "x"), 0);
+    EXPECT_EQ(mipc_msg_add_tlv(request, 256, 1, "x"), 0);
+    mipc_msg_deinit(request);
+
+    const std::vector<Value> level = {{256, Word(5)}};
+    modem.FailIpc(43, IpcFault::kCause, 17, 1);
+    modem.FailIpc(43, IpcFault::kResult, 9, 1);
+    EXPECT_EQ(Ask(43, level).cause, 17);
+    EXPECT_EQ(Ask(43, level).result, Word(9));
+    EXPECT_EQ(modem.settings().log_level, 1) << "not carried out";
+    modem.FailIpc(43, IpcFault::kSilence, 0, 1);
+    const auto asked = std::chrono::steady_clock::now();
+    const Confirmation silent = Ask(43, level, 100);
+    EXPECT_GE(std::chrono::steady_clock::now() - asked, 100ms);
+    EXPECT_EQ(silent.cause, 0);
+    EXPECT_FALSE(silent.came);
+    EXPECT_EQ(modem.settings().log_level, 1);
+    modem.FailIpc(43, IpcFault::kDelay, 200, 2);
+    EXPECT_FALSE(Ask(43, level, 100).came);
+    EXPECT_EQ(modem.settings().log_level, 5) << "carried out, but told too late";
+    EXPECT_TRUE(Ask(43, level).came);
+
+    modem.FailIpc(45, IpcFault::kNoResult, 0, 1);
+    modem.FailIpc(45, IpcFault::kNoAnswer, 0, 2);
+    modem.FailIpc(45, IpcFault::kAnswer, 77, 1);
+    const Confirmation bare = Ask(45);
+    EXPECT_TRUE(bare.came && !bare.result && !bare.number);
+    EXPECT_TRUE(Ask(41).result && modem.ipc_status().under_way == 0);
+    modem.FailIpc(45, IpcFault::kNoAnswer, 0, 0);
+    modem.FailIpc(45, IpcFault::kAnswer, 77, 1);
+    EXPECT_EQ(Ask(45).number, Word(77));
+    EXPECT_EQ(Ask(45).number, Word(5));
+
+    // Others are served meanwhile, and closing ends the one that waits.
+    modem.FailIpc(139, IpcFault::kSilence, 0, 1);
+    std::thread waiting([] { EXPECT_NE(Ask(139, {}, 60'000).cause, 0); });
+    EXPECT_TRUE(test::WaitUntil([&] { return modem.ipc_status().under_way == 1; }));
+    EXPECT_EQ(Ask(41).number, Word(0));
+    EXPECT_EQ(modem.ipc_status().misused, 0u);
+    mipc_deinit();
+    waiting.join();
+    EXPECT_EQ(modem.ipc_status().misused, 1u);
+    EXPECT_NE(Ask(41).cause, 0);
+    modem.FailIpcInit(4, 1);
+    EXPECT_EQ(mipc_init("port"), 4);
+    EXPECT_EQ(mipc_init("port"), 0);
+    EXPECT_NE(mipc_init("port"), 0) << "open already";
+}
+
+TEST_F(SimIpc, AChangeOfTheLogModeIsToldBeforeItIsConfirmed) {
+    modem.SetSource(sim::MakeGeneratedSource(1));
+    const struct {
+        int mode, code;  // 0: nothing is told
+        bool streaming;
+    } kCases[] = {{1, NTFY_MD_LOG_START, true},  {1, 0, true},
+                  {2, NTFY_MD_LOG_CLOSE, false}, {1, NTFY_MD_LOG_REOPEN, true},
+                  {0, NTFY_MD_LOG_STOP, false},  {0, 0, false},
+                  {2, NTFY_MD_LOG_START, false}, {0, NTFY_MD_LOG_STOP, false}};
+    std::vector<int> codes;
+    for (const auto& test : kCases) {
+        EXPECT_EQ(Ask(39, {{256, Word(test.mode)}}).result, Word(0));
+        if (test.code != 0) codes.push_back(test.code);
+        EXPECT_EQ(Codes(), codes);
+        EXPECT_EQ(modem.status().streaming, test.streaming);
+    }
+    EXPECT_EQ(seen.notifications[0].second, Word(0) + Word(1));
+    EXPECT_EQ(seen.notifications[4].second, Word(0) + Word(2));
+
+    // A handler that does not come to an end is not waited for without one.
+    seen.hold = true;
+    EXPECT_EQ(Ask(39, {{256, Word(1)}}, 10'000).result, Word(0));
+    EXPECT_EQ(Codes(), codes);
+    seen.hold = false;
+    modem.WaitForNotifications();
+}
+
+TEST_F(SimIpc, TheFlushIntervalHoldsTheStreamBack) {
+    modem.SetSource(sim::MakeGeneratedSource(1));
+    modem.SetWatermark(50'000);
+    modem.SetRate(400'000);
+    EXPECT_EQ(Ask(119, {{256, Word(60'000)}}).result, Word(0));
+    ASSERT_TRUE(modem.SetLogMode(1));
+    const auto held = [&](size_t bytes) {
+        return test::WaitUntil([&] { return modem.ipc_status().held_back >= bytes; });
+    };
+
+    ASSERT_TRUE(held(4000));
+    EXPECT_EQ(ReadError(), EAGAIN);
+    EXPECT_EQ(Ask(139).number, Word(0));
+    EXPECT_EQ(Ask(137).number, Word(0));
+    EXPECT_EQ(Ask(139).number, Word(1)) << "flushed, but not read yet";
+    EXPECT_GE(ReadPort(1'000'000).size(), 4000u);
+    EXPECT_EQ(Ask(139).number, Word(0));
+    EXPECT_EQ(ReadError(), EAGAIN);
+
+    EXPECT_EQ(mcl_pollLogPort(10'000), 1) << "the watermark";
+    EXPECT_GE(ReadPort(1'000'000).size(), 50'000u);
+
+    // A shorter interval counts from the last release, so setting it back at once loses nothing.
+    ASSERT_TRUE(held(30'000));
+    EXPECT_EQ(Ask(119, {{256, Word(20)}}).result, Word(0));
+    EXPECT_EQ(Ask(119, {{256, Word(60'000)}}).result, Word(0));
+    EXPECT_GE(ReadPort(1'000'000).size(), 30'000u);
+
+    // A stream that ends gives what is held back to its reader.
+    ASSERT_TRUE(held(20'000));
+    const uint64_t before = modem.bytes_delivered();
+    std::atomic<bool> ended = false;
+    std::thread reader([&] {
+        while (!ended) {
+            if (mcl_pollLogPort(10) == 1) ReadPort(5000);
+        }
+    });
+    EXPECT_TRUE(modem.SetLogMode(0));
+    const uint64_t after = modem.bytes_delivered();
+    ended = true;
+    reader.join();
+    EXPECT_GE(after - before, 20'000u);
+    EXPECT_EQ(modem.bytes_delivered(), after);
+}
+
+TEST_F(SimIpc, SettingsOutliveTheProcess) {
+    std::filesystem::create_directories(kFolder);
+    modem.KeepSettings(kFolder);
+    EXPECT_FALSE(modem.status().streaming);
+    for (const auto& [id, value] : std::vector<std::pair<int, std::string>>{
+             {39, Word(1)}, {119, Word(1234)}, {161, std::string("\0\x80", 2)}}) {
+        EXPECT_EQ(Ask(id, {{256, value}}).result, Word(0));
+    }
+    AskAt("AT+ZORVEARLYLOGFILTER=2");
+    modem.Reset();
+    EXPECT_EQ(modem.settings().log_mode, 0);
+    modem.KeepSettings(kFolder);
+    EXPECT_TRUE(modem.status().streaming) << "the log mode was streaming";
+    const Modem::Settings settings = modem.settings();
+    EXPECT_EQ(settings.log_mode, 1);
+    EXPECT_EQ(settings.log_level, -1);
+    EXPECT_EQ(settings.flush_interval, 1234);
+    EXPECT_EQ(settings.early_log_filter, 2);
+    EXPECT_EQ(settings.filter, (std::vector<uint8_t>{0, 0x80}));
+}
+
+// Takes a crash as a daemon does, in two writes.
+int TakeException(void*, MCL_NTFY_CODE code, void* payload) {
+    constexpr uint8_t kSync[40] = {0xac, 0xca, 0xef, 0x10, 0x18, 0,    0,    0,    0x10, 0xa0,
+                                   0,    0,    0xa4, 0x6a, 0xef, 0x10, 0x17, 8,    0,    0,
+                                   0xac, 0xdb, 0xcf, 0xe5, 0x16, 0x10, 0,    0,    0,    0x2e,
+                                   0,    0x2e, 0,    2,    0,    0,    0xbd, 0xdb, 0x5e, 0};
+    if (code == NTFY_MD_EXCEPTION) {
+        EXPECT_FALSE(Modem::Instance().status().streaming);
+        mcl_writeToLogPort("noise", 5);
+        mcl_writeToLogPort(kSync, 13);
+        mcl_writeToLogPort(kSync + 13, 27);
+        mcl_writeToLogPort(kSync, 39);
+    }
+    if (code == NTFY_QUERY_STORAGE_MODE) *static_cast<uint32_t*>(payload) = 1;
+    return 0;
+}
+
+TEST_F(SimIpc, AnExceptionPausesTheStreamAndWaitsForTheHandlers) {
+    modem.RegisterCallback(TakeException, nullptr);
+    modem.SetSource(sim::MakeGeneratedSource(1));
+    modem.StartStream();
+    modem.Exception();
+    EXPECT_EQ(modem.status().sync_blocks, 1u);
+    EXPECT_EQ(modem.status().notified, 2u);
+    EXPECT_TRUE(modem.status().streaming);
+    modem.Raise(NTFY_QUERY_STORAGE_MODE);
+    modem.WaitForNotifications();
+    EXPECT_EQ(modem.status().storage_answer, 1u);
+}
+
 TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     test::WriteFile("/box/with blank", "abc");
     const struct {
@@ -338,6 +648,15 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {"fail open x", "COUNT is not a number"},
         {"sprinkle 1001", "PER_MILLE is not a number from 0 to 1000"},
         {"notify 6 0001ff", ""},
+        {"ipc 39 result 5 2", ""},
+        {"ipc any no_result 2", ""},
+        {"ipc any silence -1 x", "COUNT is not a number"},
+        {"ipc 39 result 2", "what can go wrong is"},
+        {"ipc 39 answer x 2", "VALUE is not a whole number: x"},
+        {"ipc init -3 1", ""},
+        {"at \"1\\r\\nOK\" 1", ""},
+        {"log_mode 3", "log_mode: neither 0 (off)"},
+        {"watermark 64Ki", ""},
         {"notify 6 001", "PAYLOAD is not bytes in hexadecimal: 001"},
         {"notify 6 0g", "PAYLOAD is not bytes in hexadecimal: 0g"},
         {"property ro.test " + std::string(91, 'x'), ""},
@@ -367,6 +686,9 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     EXPECT_EQ(status.rate, 64u << 20);
     EXPECT_EQ(status.read_limit, 4096u);
     EXPECT_EQ(status.notify_queue, 1u);
+    EXPECT_EQ(mipc_init("port"), -3);
+    EXPECT_EQ(mipc_init("port"), 0);
+    EXPECT_EQ(AskAt("AT"), std::string("1\r\nOK\0", 6));
     EXPECT_EQ(android::base::GetProperty("ro.test", ""), std::string(91, 'x'));
 }
 
@@ -383,8 +705,9 @@ TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
               "= ok\nc\n= ok\n= ok\n"
               "= error: rate: RATE is not a number from 0 to 1000000000000: x\n= ok\n");
     const std::string state = Send("state\n");
-    for (const char* part : {"source: generated 4\n", "rate: 7 bytes/s\n", "stream: started\n",
-                             "calls: init 2,", "pid: "}) {
+    for (const char* part :
+         {"source: generated 4\n", "rate: 7 bytes/s\n", "stream: started\n", "calls: init 2,",
+          "pid: ", "log mode: 0 (off)\n", "log filter: none\n"}) {
         EXPECT_NE(state.find(part), std::string::npos) << state;
     }
     EXPECT_EQ(Send(std::string(100'000, 'x')), "= error: line of more than 8192 bytes\n");

@@ -646,7 +646,8 @@ int Info(const std::vector<std::string>& paths, bool all) {
 
 // An existing log must not be lost by a slip of the arguments.
 bool MayOverwrite(const std::string& path, const Input& input, Report& report) {
-    const std::string name(LastComponent(path));
+    char real[PATH_MAX];  // a link may lead to one
+    const std::string name(LastComponent(realpath(path.c_str(), real) != nullptr ? real : path));
     const bool is_log = quarn::log_names::ParseFile(name) || name == quarn::log_names::kPowerOnLog;
     if (!input.Holds(path) && !(is_log && access(path.c_str(), F_OK) == 0)) return true;
     report.IoError(path, "is a log file, it is not overwritten");

@@ -363,6 +363,7 @@ class Recoverer {
     const RecoverySinks& sinks;
     Recovery result{};
     uint64_t first_block;
+    bool started_over = false;
 
     std::unique_ptr<uint8_t[]> buffer;
     size_t capacity = 0;
@@ -444,8 +445,8 @@ bool Recoverer::FindBehind(uint64_t at, uint64_t& found) {
         if (IsTrusted(found)) return true;
         credit -= int64_t{2 * kReadPiece};  // the window goes there and back
     }
-    // A header whose length lies may have led past the first blocks.
-    found = at == first_block ? 0 : at + 1;
+    // A header whose length lies may have led past the first blocks: once the search starts over.
+    found = at == first_block && !std::exchange(started_over, true) ? 0 : at + 1;
     return Find(found);
 }
 

@@ -314,7 +314,7 @@ bool IsCapture(const std::string& folder) {
         return std::any_of(entries.begin(), entries.end(), is_it);
     };
     return holds([](const Entry& e) { return !e.is_folder && names::ParseFile(e.name); }) &&
-           !holds([](const Entry& e) { return e.is_folder && names::ParseFolder(e.name); });
+           !holds([](const Entry& e) { return e.is_folder; });
 }
 
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints) {

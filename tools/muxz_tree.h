@@ -73,8 +73,8 @@ struct Tree {
     std::vector<std::string> power_on_logs;  // paths; not those beside copies
 };
 
-// Whether `folder` is one capture, by its name or since log files lie directly in it; otherwise it
-// is a tree of captures.
+// Whether `folder` is one capture: by its name, or since log files and no folders lie in it.
+// Otherwise it is a tree of captures.
 bool IsCapture(const std::string& folder);
 
 // The capture whose folder is `path`, by its name; false when it is none or its number too large.

@@ -3,9 +3,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <thread>
 
 #include "core/quarn.h"
+#include "core/quarn_config.h"
+#include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
 #include "storage/custom_header.h"
@@ -48,6 +51,22 @@ void install_signal_handlers() {
     action.sa_handler = quarn_sighandler;  // without SA_RESTART: it is there to interrupt
     if (sigaction(SIGUSR1, &action, nullptr) != 0) {
         QUARN_LOGE("register signal handler failed, errno=%s", strerror(errno));
+    }
+}
+
+// Settings and the modem's clock need the modem's ear; without it the daemon goes on with defaults.
+void configure() {
+    if (const int32_t rc = quarn_loadConfig("/data/vendor/radio/quarn/config/quarn.cfg", 0);
+        rc != 0) {
+        QUARN_LOGE("load config failed, rc=%d", rc);
+    } else {
+        QUARN_LOGI("load config done");
+    }
+    time_t now;
+    if (time(&now) == static_cast<time_t>(-1)) {
+        QUARN_LOGE("get system time failed, errno=%s", strerror(errno));
+    } else if (quarn_mipcSetTime(&now) != 0) {
+        QUARN_LOGE("set md time failed");
     }
 }
 
@@ -97,11 +116,11 @@ int main() {
     quarn::zorvex::CustomHeaderInfoInit();
     start_first_group();
     install_signal_handlers();
-    // GAP modem IPC: opening the channel and, if that worked, the configuration and modem clock.
+    if (quarn_mipcInit("/dev/wwanD0MIPC0") == 0) configure();
     start_second_group();
     supervise();
     stop_handles();
-    // GAP modem IPC: closing the channel.
+    quarn_mipcDeinit();
     QUARN_LOGI("stop all handler done");
     // GAP power-on log: its de-initialisation.
     mcl_deinit();

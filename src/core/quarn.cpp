@@ -16,13 +16,12 @@ QUARN_FILE_IO g_file_io("/data/vendor/radio/quarn/");
 QUARN_RING g_ring;
 QUARN_READER_HANDLE g_reader(&g_ring);
 QUARN_WRITER_HANDLER g_writer(&g_ring, HANDLE_WRITER);
-// Base handles, which do nothing, until their components land.
-QUARN_HANDLE g_notify(HANDLE_NOTIFY);
-QUARN_HANDLE g_tool(HANDLE_TOOL);
-QUARN_HANDLE g_command(HANDLE_COMMAND);
+QUARN_NOTIFY_HANDLER g_notify;
+QUARN_HANDLE g_tool(HANDLE_TOOL);  // a base handle does nothing until its component lands
+QUARN_COMMAND_HANDLE g_command;
 QUARN_HANDLE g_event_detect(HANDLE_EVENT_DETECT);
 QUARN_HANDLE g_md_time_sync(HANDLE_MD_TIME_SYNC);
-QUARN_HANDLE g_log_filter_manager(HANDLE_LOG_FILTER_MANAGER);
+quarn::zorvex::LogFilterManagerHandle g_log_filter_manager;
 
 namespace {
 

@@ -1,11 +1,14 @@
 // The daemon's global objects, and small system utilities.
 #pragma once
 
+#include "control/quarn_command.h"
 #include "core/quarn_global.h"
 #include "core/quarn_handle.h"
 #include "datapath/quarn_reader.h"
 #include "datapath/quarn_ring.h"
 #include "datapath/quarn_writer.h"
+#include "modem/log_filter_manager.h"
+#include "modem/quarn_notify_handler.h"
 #include "storage/quarn_file_io.h"
 
 // In construction order. A callback of a closed library may come while the process exits, so
@@ -15,12 +18,12 @@ extern QUARN_FILE_IO g_file_io;
 extern QUARN_RING g_ring;
 extern QUARN_READER_HANDLE g_reader;
 extern QUARN_WRITER_HANDLER g_writer;
-extern QUARN_HANDLE g_notify;
+extern QUARN_NOTIFY_HANDLER g_notify;
 extern QUARN_HANDLE g_tool;
-extern QUARN_HANDLE g_command;
+extern QUARN_COMMAND_HANDLE g_command;
 extern QUARN_HANDLE g_event_detect;
 extern QUARN_HANDLE g_md_time_sync;
-extern QUARN_HANDLE g_log_filter_manager;
+extern quarn::zorvex::LogFilterManagerHandle g_log_filter_manager;
 
 // Sets a system property; 0 on success, else the property service's own code.
 int32_t quarn_property_set(const char* name, const char* value);

@@ -374,7 +374,7 @@ int QUARN_FILE_IO::io_closeDtor() {
 }
 
 void QUARN_FILE_IO::close_capture_files(Flush how) {
-    flush_compress_buf(how);
+    flush_last(how);
     if (fd >= 0) close_log_file();
     is_closed = true;
 }
@@ -396,7 +396,7 @@ int QUARN_FILE_IO::close_log_file_with_flush() {
         QUARN_LOGE("file_io: already close");
         return -1;
     }
-    flush_compress_buf(Flush::kWithStrayByte);
+    flush_last(Flush::kWithStrayByte);
     if (fd >= 0) close_log_file();
     return 0;
 }
@@ -407,19 +407,25 @@ int QUARN_FILE_IO::flush_ringBuf() {
         QUARN_LOGE("file_io: already close");
         return -1;
     }
-    flush_compress_buf(Flush::kExact);
+    flush_compress_buf(Flush::kExact);  // what could not be written stays for the next attempt
     return 0;
 }
 
-// Whatever does not reach the file now is given up: these are the ends of files and captures.
-void QUARN_FILE_IO::flush_compress_buf(Flush how) {
-    if (compress_used == 0) return;
+bool QUARN_FILE_IO::flush_compress_buf(Flush how) {
+    if (compress_used == 0) return true;
     const bool last = how == Flush::kWithStrayByte;
-    if (save_to_log_file(compress_buf.data(), compress_used + (last ? 1 : 0), last) == 0) {
-        QUARN_LOGI("file_io: flush compress_buf data to log file");
-    } else {
+    if (save_to_log_file(compress_buf.data(), compress_used + (last ? 1 : 0), last) != 0) {
         QUARN_LOGE("file_io: flush compress_buf data to log file fail");
+        return false;
     }
+    QUARN_LOGI("file_io: flush compress_buf data to log file");
+    compress_used = 0;
+    return true;
+}
+
+// At the end of a file or a capture, what does not reach the file now is given up.
+void QUARN_FILE_IO::flush_last(Flush how) {
+    flush_compress_buf(how);
     compress_used = 0;
 }
 

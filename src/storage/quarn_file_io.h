@@ -85,7 +85,9 @@ class QUARN_FILE_IO : public QUARN_IO {
     bool rename_folder(const std::string& from, const std::string& to);
     bool wants_ee_name() const;
 
-    void flush_compress_buf(Flush how);
+    // Writes what is buffered; false, with the buffer kept, on failure.
+    bool flush_compress_buf(Flush how);
+    void flush_last(Flush how);
     void close_capture_files(Flush how);
     void forget_capture();
 
