@@ -1,0 +1,558 @@
+// The command socket, the command table and the state notifications, over real sockets.
+#include <cutils/sockets.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/log_commands.h"
+#include "control/quarn_command.h"
+#include "control/quarn_ctrl_connect.h"
+#include "control/quarn_state_notify.h"
+#include "core/quarn.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "sim/modem.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+namespace {
+
+const std::string kLogs = "/data/vendor/radio/quarn/logs/";
+const std::string kConfig = "/data/vendor/radio/quarn/config/quarn.cfg";
+
+// A connection to one of the two servers.
+class Client {
+  public:
+    explicit Client(const char* name = "/dev/quarn_server.socket")
+        : fd(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
+        EXPECT_GE(fd, 0) << name;
+    }
+    ~Client() { Close(); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void Close() {
+        if (fd >= 0) close(fd);
+        fd = -1;
+    }
+    bool Send(const std::string& bytes) const {
+        return send(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
+    }
+    // Up to `count` bytes; fewer when the server closes the connection or nothing comes for long.
+    std::string Receive(size_t count) const {
+        std::string bytes(count, '\0');
+        size_t done = 0;
+        pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
+        while (done < count && poll(&readable, 1, 20000) > 0) {
+            const ssize_t n = recv(fd, bytes.data() + done, count - done, 0);
+            if (n <= 0) break;
+            done += static_cast<size_t>(n);
+        }
+        bytes.resize(done);
+        return bytes;
+    }
+    // The text of one reply block, which must be padded with zeros.
+    std::string Reply() const {
+        const std::string block = Receive(128);
+        if (block.empty()) return "<closed>";
+        const std::string text = block.c_str();
+        EXPECT_EQ(block, text + std::string(128 - text.size(), '\0'));
+        return text;
+    }
+    std::string Ask(const std::string& request) const {
+        return Send(request + '\0') ? Reply() : "<closed>";
+    }
+    bool HasInput() const {
+        pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
+        return poll(&readable, 1, 0) > 0;
+    }
+
+  private:
+    int fd;
+};
+
+struct Subscriber : Client {
+    Subscriber() : Client("/dev/quarn_callback_server.socket") {}
+};
+
+size_t OpenDescriptors() { return test::List("/proc/self/fd").size(); }
+
+class Control : public testing::Test {
+  protected:
+    Control() {
+        struct sigaction action = {};
+        action.sa_handler = quarn_sighandler;
+        sigaction(SIGUSR1, &action, nullptr);
+        action.sa_handler = SIG_IGN;
+        sigaction(SIGPIPE, &action, nullptr);
+        fs::create_directories("/data/vendor/radio");
+        g_file_io.create_top_folder();
+        sim::Modem::Instance().Init();
+        EXPECT_EQ(quarn_mipcInit("/dev/wwanD0MIPC0"), 0);
+        g_writer.init();
+        g_log_filter_manager.init();
+    }
+    ~Control() override {
+        handle.stop();
+        quarn_mipcDeinit();
+        sim::Modem::Instance().Deinit();
+    }
+    static sim::Modem& modem() { return sim::Modem::Instance(); }
+
+    // Waits until the server has taken so many subscribers in all.
+    bool AwaitSubscribers(size_t count) const {
+        return log.WaitFor("quarn_stateNotify: accept fd=...", count);
+    }
+
+    test::LogCapture log;
+    QUARN_COMMAND_HANDLE handle;
+};
+
+}  // namespace
+
+// --- the command table ---
+
+TEST_F(Control, AnswersEveryRow) {
+    ASSERT_EQ(handle.start(), 0);
+    test::WriteFile("/data/filter", "filter bytes");
+    {
+        // As the notification of the log mode does, without the data path.
+        std::lock_guard lock(g_quarn.exec_mutex);
+        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_MD_LOG_START, nullptr);
+    }
+    struct Row {
+        std::string request, reply;
+        std::string saved = "";  // line of the configuration that is there afterwards
+    };
+    const Row rows[] = {
+        {"log_mode", "ok,0"},
+        {"log_mode 1", "ok", "log_mode 1\n"},
+        {"log_mode", "ok,1"},
+        {"log_level", "ok,1"},
+        {"log_level 6", "ok", "log_level 6\n"},
+        {"log_level 7", "error", "log_level 6\n"},
+        {"log_level -1", "error"},
+        {"log_filter /data/filter", "ok", "log_filter /data/filter\n"},
+        {"log_filter", "error"},
+        {"log_filter /data/none", "error", "log_filter /data/filter\n"},
+        {"log_level=5", "ok", "log_level 5\n"},
+        {"log_level", "ok,5"},
+        {"log_mode,2", "ok", "log_mode 2\n"},
+        {"log_mode 3", "error", "log_mode 2\n"},
+        {"log_mode -1", "error"},
+        {"log_modeX0", "ok", "log_mode 0\n"},
+        {"log_mode ", "ok"},
+        {"trigger_flush", "ok"},
+        {"trigger_flush whatever", "ok"},
+        {"flush_status", "ok,0"},
+        {"flush_status 7", "ok,0"},
+        {"flush_interval 250", "ok", "flush_interval 250\n"},
+        {"flush_interval", "ok,250"},
+        {"transfer_type", "ok,1"},
+        {"transfer_type,1", "ok", "transfer_type 1\n"},
+        {"transfer_type 0", "error"},
+        {"transfer_type 2", "error"},
+        {"transfer_type 4", "error"},
+        {"transfer_type -1", "error", "transfer_type 1\n"},
+        {"file_size", "ok,50"},
+        {"file_size=1", "ok", "file_size 1\n"},
+        {"file_size,4095", "ok"},
+        {"file_size 0", "error"},
+        {"file_size 4096", "error"},
+        {"file_size ten", "error"},
+        {"file_size 10MB", "ok", "file_size 10MB\n"},
+        {"file_size", "ok,10"},
+        {"recycle_size", "ok,2500"},
+        {"recycle_size 4194303", "ok", "recycle_size 4194303\n"},
+        {"recycle_size 4194304", "error"},
+        {"recycle_size 0", "error"},
+        {"recycle_size 1", "ok"},
+        {"recycle_size", "ok,1"},
+        {"recycle_ee", "ok,1"},
+        {"recycle_ee 0", "ok", "recycle_ee 0\n"},
+        {"recycle_ee", "ok,0"},
+        {"recycle_keep_ee_size", "ok,0"},
+        {"recycle_keep_ee_size 4194303", "ok", "recycle_keep_ee_size 4194303\n"},
+        {"recycle_keep_ee_size -1", "error"},
+        {"recycle_keep_ee_size", "ok,4194303"},
+        {"flush_ring_buf", "error"},  // nothing is being written
+        {"log_folder", "ok," + kLogs},
+        {"log_folder /sdcard/x", "error"},
+        {"log_folder " + kLogs + "run1", "ok", "log_folder " + kLogs + "run1\n"},
+        {"log_folder", "ok," + kLogs + "run1"},
+        {"copy_log_file", "error"},
+        {"copy_log_file /nonexistent 1 0", "error"},
+        {"copy_log_file /data 1 0", "ok,0"},
+        {"flush_log_buffer 1", "error"},
+        {"flush_log_buffer", "ok"},
+        {"flush_log_buffer,", "ok"},
+        {"", "error"},
+        {"log_mod", "error"},
+        {" log_mode", "error"},
+        {"exit", "error"},
+    };
+    const Client client;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.request);
+        EXPECT_EQ(client.Ask(row.request), row.reply);
+        EXPECT_NE(("\n" + test::ReadFile(kConfig)).find("\n" + row.saved), std::string::npos);
+    }
+    const std::string config = test::ReadFile(kConfig);
+    EXPECT_EQ(config.find("log_filter"), std::string::npos);
+    EXPECT_EQ(config.find("copy_log_file"), std::string::npos);
+    EXPECT_EQ(modem().settings().log_mode, 0);
+    EXPECT_EQ(modem().settings().flush_interval, 250);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "HandleTransferType: Invalid transfer type = 4\n"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "command_handler: only accept transfer_type=1 in the "
+                        "user build"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "command_handler: already in transfer_type=1"));
+
+    g_file_io.io_open();
+    EXPECT_EQ(client.Ask("flush_ring_buf"), "ok");
+    g_quarn.transfer_type = SAVE_MODE_SOCKET;
+    EXPECT_EQ(client.Ask("flush_ring_buf"), "error");
+    EXPECT_EQ(client.Ask("transfer_type"), "ok,2");
+    g_quarn.transfer_type = static_cast<QUARN_SAVE_MODE>(9);
+    EXPECT_EQ(client.Ask("transfer_type"), "error");
+    g_file_io.io_close();
+}
+
+TEST_F(Control, AnswersErrorWhenTheModemFails) {
+    ASSERT_EQ(handle.start(), 0);
+    const Client client;
+    struct Row {
+        const char *request, *message;
+        sim::IpcFault fault = sim::IpcFault::kResult;
+        int value = 1;
+    };
+    const Row rows[] = {
+        {"log_mode", "HandleLogMode: Get log mode fail, mipc_rc = 1\n"},
+        {"log_mode 2", "HandleLogMode: Set log mode = 2 (wrapping) fail, mipc_rc = 1\n"},
+        {"log_mode", "HandleLogMode: Get unexpected log mode = 3\n", sim::IpcFault::kAnswer, 3},
+        {"log_level", "HandleLogLevel: Get log level fail, mipc_rc = 1\n"},
+        {"log_level", "HandleLogLevel: Get unexpected log level = -2\n", sim::IpcFault::kAnswer,
+         -2},
+        {"trigger_flush", "handleTriggerFlush Trigger flush fail, mipc_rc = 1\n"},
+        {"trigger_flush", "handleTriggerFlush: Trigger flush fail, trigger_result=4\n",
+         sim::IpcFault::kAnswer, 4},
+        {"flush_status", "handleFlushStatus: Get flush status fail, mipc_rc = 1\n"},
+        {"flush_interval", "handleFlushInterval: Get flush interval fail, mipc_rc = 1\n"},
+        {"flush_interval 9", "handleFlushInterval: Set flush interval = 9(ms) fail"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.message);
+        modem().FailIpc(0, row.fault, row.value, 1);
+        EXPECT_EQ(client.Ask(row.request), "error");
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.message));
+    }
+    EXPECT_FALSE(fs::exists(kConfig));  // nothing was saved
+    modem().FailIpc(0, sim::IpcFault::kAnswer, -1, 1);
+    EXPECT_EQ(client.Ask("log_level"), "ok,-1");
+}
+
+TEST_F(Control, SwitchesToStorageAndTellsIt) {
+    ASSERT_EQ(handle.start(), 0);
+    const Subscriber subscriber;
+    ASSERT_TRUE(AwaitSubscribers(1));
+    g_quarn.transfer_type = SAVE_MODE_SOCKET;
+    const Client client;
+    EXPECT_EQ(client.Ask("transfer_type 1"), "ok");
+    EXPECT_EQ(subscriber.Receive(19), "cb_transfer_type,1\0"s);
+    EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
+    // Reader and writer were told, and started.
+    std::vector<std::string> done;
+    for (const auto& message : log.messages()) {
+        if (message.text.find("exec_id=") != std::string::npos && message.text.ends_with(" done")) {
+            done.push_back(message.text);
+        }
+    }
+    const std::vector<std::string> expected = {
+        "reader_handler: handle exec_id=11 done", "writer_handler: handle exec_id=11 done",
+        "writer_handler: handle exec_id=12 done", "reader_handler: handle exec_id=12 done"};
+    EXPECT_EQ(done, expected);
+    EXPECT_EQ(client.Ask("log_mode 1"), "ok");
+    EXPECT_EQ(subscriber.Receive(14), "cb_log_mode,1\0"s);
+    g_reader.stop();
+    g_writer.stop();
+}
+
+TEST_F(Control, ExitsOnRequestWithoutWaitingForOtherRequests) {
+    ASSERT_EQ(handle.start(), 0);
+    ASSERT_EQ(g_writer.start(), 0);
+    const std::lock_guard busy(g_quarn.exec_mutex);
+    const Client client;
+    EXPECT_EQ(client.Ask("transfer_type 3"), "ok");
+    EXPECT_TRUE(g_quarn.is_close);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "writer_handler: stop success"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "command_handler: Do not save transfer_type 3\n"));
+    EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
+    EXPECT_EQ(test::ReadFile(kConfig), "");
+}
+
+TEST_F(Control, HandlersTakeNoReplyBuffer) {
+    EXPECT_EQ(quarn::zorvex::HandleCommandFlushLogBuffer(nullptr, nullptr), -1);
+    EXPECT_EQ(quarn::zorvex::HandleCommandFlushLogBuffer("1", nullptr), -1);
+    EXPECT_EQ(log.Count("HandleFlushLogBuffer: invalid ack pointer"), 2u);
+    EXPECT_EQ(log.Count("HandleFlushLogBuffer: invalid parameter counts"), 1u);
+}
+
+// --- framing of requests ---
+
+TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
+    ASSERT_EQ(handle.start(), 0);
+    const Client client;
+    const auto padded = [](size_t length) { return "file_size 7" + std::string(length - 11, ' '); };
+    struct Row {
+        const char* name;
+        std::string bytes;
+        std::vector<std::string> replies;
+    };
+    const Row rows[] = {
+        {"only a NUL", "\0"s, {"error"}},
+        {"126 bytes", padded(126) + '\0', {"ok"}},
+        {"127 bytes", padded(127) + '\0', {"ok", "error"}},
+        {"128 bytes", padded(128) + '\0', {"ok", "error"}},
+        {"two in one packet", "file_size\0recycle_ee\0"s, {"ok,7"}},
+        {"not terminated", "file_size", {"ok,7"}},
+        {"10,000 bytes", padded(10000), std::vector<std::string>(79, "error")},
+        {"noise", "\xff\x01\x80%s%n\n\0"s, {"error"}},
+        {"after all that", "file_size\0"s, {"ok,7"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::vector<std::string> expected = row.replies;
+        if (row.bytes.size() == 10000) expected[0] = "ok";
+        ASSERT_TRUE(client.Send(row.bytes));
+        for (const std::string& reply : expected) EXPECT_EQ(client.Reply(), reply);
+    }
+    // In ten pieces, each of them read before the next one comes.
+    for (const char c : "recycle_ee"s) {
+        log.Clear();
+        ASSERT_TRUE(client.Send(std::string(1, c)));
+        ASSERT_TRUE(log.WaitFor("ctrl_connect: The delimiter of read message is not found..."));
+    }
+    ASSERT_TRUE(client.Send("\0"s));
+    EXPECT_EQ(client.Reply(), "ok,1");
+    EXPECT_FALSE(client.HasInput());
+}
+
+TEST_F(Control, ReadsUpToTheDelimiter) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    char buf[16] = {};
+    using quarn::zorvex::ReceiveByDelimiter;
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 0, "x: "), 0);
+    ASSERT_EQ(send(ends[1], "abc", 4, 0), 4);
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 4);
+    ASSERT_EQ(send(ends[1], "0123456789", 10, 0), 10);
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 8, "x: "), 8);
+    EXPECT_EQ(std::string(buf, 8), "01234567");
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 2);
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_WARN, "x: Wait for read ready timeout fd: " + std::to_string(ends[0])));
+    // What came before the end is still read.
+    ASSERT_EQ(send(ends[1], "last", 5, 0), 5);
+    close(ends[1]);
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 5);
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 0);
+    close(ends[0]);
+    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "ReceiveByDelimiter: Error polling fd: " + std::to_string(ends[0])));
+}
+
+// --- clients ---
+
+TEST_F(Control, HoldsTenClientsAndReusesSlots) {
+    const size_t before = OpenDescriptors();
+    ASSERT_EQ(handle.start(), 0);
+    {
+        std::vector<std::unique_ptr<Client>> clients;
+        for (int i = 0; i < 10; ++i) {
+            clients.push_back(std::make_unique<Client>());
+            EXPECT_EQ(clients.back()->Ask("recycle_ee"), "ok,1");
+        }
+        const Client eleventh;
+        EXPECT_EQ(eleventh.Reply(), "<closed>");
+        EXPECT_TRUE(log.WaitFor("ctrl_connect: array full, accept fd=..."));
+        clients[3]->Close();
+        ASSERT_TRUE(log.WaitFor("command_handler: receive cmd fail, rc=0..."));
+        clients[3] = std::make_unique<Client>();
+        for (const auto& client : clients) EXPECT_EQ(client->Ask("recycle_ee"), "ok,1");
+    }
+    // Clients that come and go leave nothing behind.
+    for (int i = 0; i < 50; ++i) {
+        const Client client;
+        ASSERT_TRUE(client.Send("recycle_ee\0"s));
+    }
+    ASSERT_TRUE(log.WaitFor("ctrl_connect: begin to accept...", 62));
+    const Client client;
+    EXPECT_EQ(handle.start(), 0);
+    EXPECT_EQ(log.Count("ctrl_connect: already start listen"), 1u);
+    handle.stop();
+    handle.stop();
+    EXPECT_EQ(log.Count("ctrl_connect: already stop listen"), 1u);
+    EXPECT_EQ(OpenDescriptors(), before + 1);
+}
+
+TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
+    ASSERT_EQ(handle.start(), 0);
+    const Client deaf, other;
+    std::thread flood([&] {
+        while (deaf.Send(std::string(127 * 16, 'x'))) continue;
+    });
+    EXPECT_TRUE(log.WaitFor("command_handler: send cmd ack=error fail, rc=-1..."));
+    EXPECT_EQ(other.Ask("recycle_ee"), "ok,1");
+    flood.join();
+}
+
+TEST_F(Control, StopsWhateverClientsDo) {
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE(round);
+        log.Clear();
+        ASSERT_EQ(handle.start(), 0);
+        const Client half, deaf;
+        if (round % 2 != 0) {
+            ASSERT_TRUE(half.Send("file_size 3"));
+            ASSERT_TRUE(log.WaitFor("ctrl_connect: The delimiter of read message is not found..."));
+        }
+        handle.stop();
+        EXPECT_EQ(half.Reply(), "<closed>");
+        EXPECT_EQ(log.Count("ctrl_connect: quarn_ctrlConn_listen_thread terminate"), 1u);
+    }
+    EXPECT_EQ(g_file_io.get_file_size(), 50);  // half a request is no request
+}
+
+TEST_F(Control, FailsToStartWithoutSocketsOrThread) {
+    const size_t before = OpenDescriptors();
+    for (const char* name : {"/dev/quarn_server.socket", "/dev/quarn_callback_server.socket"}) {
+        const int taken = socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+        EXPECT_EQ(handle.start(), 1);
+        EXPECT_EQ(log.Count("command_handle: start listen ctrl command fail, rc=-1"), 1u);
+        close(taken);
+        handle.stop();
+        log.Clear();
+    }
+    {
+        const test::NoNewThreads limit;
+        EXPECT_EQ(handle.start(), 1);
+    }
+    // The one odd state: not serving, but started.
+    EXPECT_EQ(log.Count("ctrl_connect: ctrlConn thread fail..."), 1u);
+    EXPECT_EQ(handle.start(), 0);
+    handle.stop();
+    {
+        const test::NoNewThreads limit;
+        EXPECT_EQ(quarn_start_state_notify_socket_server(), -1);
+        quarn_stop_state_notify_socket_server();
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_EQ(handle.start(), 0);
+    const Client client;
+    EXPECT_EQ(client.Ask("recycle_ee"), "ok,1");
+}
+
+TEST_F(Control, RefusesDescriptorsTooLargeForSelect) {
+    ASSERT_EQ(handle.start(), 0);
+    const rlimit limit = {.rlim_cur = 4096, .rlim_max = 4096};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of descriptors is fixed";
+    std::vector<int> fillers;
+    while (fillers.empty() || fillers.back() < 1024) fillers.push_back(dup(0));
+    const Client client;
+    EXPECT_EQ(client.Reply(), "<closed>");
+    const Subscriber subscriber;
+    EXPECT_EQ(subscriber.Receive(1), "");
+    EXPECT_TRUE(log.WaitFor("fail, too large for select...", 2));
+    for (const int fd : fillers) close(fd);
+    const Client later;
+    EXPECT_EQ(later.Ask("recycle_ee"), "ok,1");
+}
+
+// --- state notifications ---
+
+TEST_F(Control, TellsEverySubscriber) {
+    EXPECT_EQ(quarn_notifyLogModeUpdate(1), 0);
+    EXPECT_EQ(log.Count("quarn_stateNotify: no callback client connected!"), 1u);
+    EXPECT_EQ(quarn_stateNotify("x", 1, 1000), -1);
+    ASSERT_EQ(handle.start(), 0);
+    std::vector<std::unique_ptr<Subscriber>> subscribers;
+    for (size_t i = 0; i < 10; ++i) subscribers.push_back(std::make_unique<Subscriber>());
+    ASSERT_TRUE(AwaitSubscribers(10));
+    const Subscriber refused;
+    EXPECT_EQ(refused.Receive(1), "");
+    EXPECT_TRUE(log.WaitFor("quarn_stateNotify: array full, accept fd=..."));
+    subscribers[4]->Close();
+    subscribers[4] = std::make_unique<Subscriber>();  // takes the place of the dead one
+    ASSERT_TRUE(log.WaitFor("quarn_stateNotify: accept fd=...", 11));
+    EXPECT_EQ(quarn_notifyTransferTypeUpdate(-5), 0);
+    for (const auto& subscriber : subscribers) {
+        EXPECT_EQ(subscriber->Receive(20), "cb_transfer_type,-5\0"s);
+    }
+    // A subscriber that went is let go at the next message, which the others get.
+    subscribers[0]->Close();
+    EXPECT_EQ(quarn_notifyLogModeUpdate(2), 0);
+    EXPECT_EQ(subscribers[9]->Receive(14), "cb_log_mode,2\0"s);
+    EXPECT_EQ(log.Count("quarn_stateNotify: Fail to send data to fd=..."), 1u);
+}
+
+TEST_F(Control, ASubscriberThatDoesNotReadDelaysNobody) {
+    ASSERT_EQ(handle.start(), 0);
+    const Subscriber deaf;
+    ASSERT_TRUE(AwaitSubscribers(1));
+    while (quarn_notifyLogModeUpdate(1) == 0) continue;
+    EXPECT_EQ(log.Count("quarn_stateNotify: Timeout occurred while waiting for sockets to be "
+                        "writable."),
+              1u);
+    const Subscriber other;
+    ASSERT_TRUE(AwaitSubscribers(2));
+    EXPECT_EQ(quarn_notifyLogModeUpdate(0), 0);
+    EXPECT_EQ(other.Receive(14), "cb_log_mode,0\0"s);
+}
+
+TEST_F(Control, SubscribersStayOverAStop) {
+    const size_t before = OpenDescriptors();
+    ASSERT_EQ(handle.start(), 0);
+    EXPECT_EQ(quarn_start_state_notify_socket_server(), -1);  // the first one goes on
+    Subscriber subscriber;
+    ASSERT_TRUE(AwaitSubscribers(1));
+    quarn_stop_state_notify_socket_server();
+    quarn_notifyModemReboot();
+    EXPECT_EQ(subscriber.Receive(10), "cb_reboot\0"s);
+    // The modem's restart and the end of the daemon may stop it at the same time.
+    ASSERT_EQ(quarn_start_state_notify_socket_server(), 0);
+    EXPECT_EQ(subscriber.Receive(1), "");  // a new server begins without subscribers
+    std::thread other(quarn_stop_state_notify_socket_server);
+    handle.stop();
+    other.join();
+    EXPECT_EQ(log.Count("quarn_stateNotify: already stop listen"), 1u);
+    subscriber.Close();
+    EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(Control, NotifiesFromManyThreadsWhileSubscribersComeAndGo) {
+    ASSERT_EQ(handle.start(), 0);
+    std::vector<std::thread> threads;
+    for (int mode = 0; mode < 3; ++mode) {
+        threads.emplace_back([mode] {
+            for (int i = 0; i < 100; ++i) quarn_notifyLogModeUpdate(mode);
+        });
+    }
+    for (int i = 0; i < 30; ++i) Subscriber().Send("ignored");
+    quarn_stop_state_notify_socket_server();
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(log.Count("quarn_stateNotify: Data paritially sent..."), 0u);
+}
