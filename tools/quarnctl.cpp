@@ -174,6 +174,12 @@ std::string NameOf(std::span<const char* const> names, std::string_view value) {
     return names[static_cast<size_t>(number)];
 }
 
+std::string NameOf(const Command& command, std::string_view value) {
+    // A filter has taken the place of every level.
+    if (command.names.data() == std::data(kLogLevels) && value == "-1") return "a custom filter";
+    return NameOf(command.names, value);
+}
+
 // --- what the daemon would misunderstand is not sent ---
 
 // The daemon takes anything that is not a number for 0, so names become numbers here.
@@ -408,7 +414,7 @@ int PrintStatus(Client& client) {
             continue;
         }
         const std::string value = reply.substr(3);
-        const std::string name = NameOf(command.names, value);
+        const std::string name = NameOf(command, value);
         answers[command.name] = value;
         printf("%-22s %s%s%s%s%s\n", command.name, value.c_str(), *command.unit != '\0' ? " " : "",
                command.unit, name.empty() ? "" : "  ", name.c_str());
