@@ -62,11 +62,12 @@ constexpr Command kCommands[] = {
     {"log_mode", true, Argument::kNumber, "0 disable, 1 streaming, 2 wrapping",
      "the modem's log mode; saved", kPatience, kLogModes},
     {"log_level", true, Argument::kNumber,
-     "0 all_off, 1 moderate, 2 standard, 3 slim, 4 ultra slim, 5 pls_ps_only, 6 low_power",
-     "how much the modem logs, only while it does; saved in place of log_filter", kPatience,
-     kLogLevels},
-    {"log_filter", false, Argument::kPath, "path of a filter file that the daemon can read",
-     "a filter of your own, only while the modem logs; saved in place of log_level", kPatience},
+     "0 all_off, 1 moderate, 2 standard, 3 slim, 4 ultra slim, 5 pls_ps_only, 6 low_power; "
+     "only while the modem logs",
+     "how much the modem logs; saved in place of log_filter", kPatience, kLogLevels},
+    {"log_filter", false, Argument::kPath,
+     "path of a filter file that the daemon can read; only while the modem logs",
+     "a filter of your own; saved in place of log_level", kPatience},
     {"flush_interval",
      true,
      Argument::kNumber,
@@ -172,6 +173,12 @@ std::string NameOf(std::span<const char* const> names, std::string_view value) {
         return "";
     }
     return names[static_cast<size_t>(number)];
+}
+
+std::string NameOf(const Command& command, std::string_view value) {
+    // A filter has taken the place of every level.
+    if (command.names.data() == std::data(kLogLevels) && value == "-1") return "a custom filter";
+    return NameOf(command.names, value);
 }
 
 // --- what the daemon would misunderstand is not sent ---
@@ -408,7 +415,7 @@ int PrintStatus(Client& client) {
             continue;
         }
         const std::string value = reply.substr(3);
-        const std::string name = NameOf(command.names, value);
+        const std::string name = NameOf(command, value);
         answers[command.name] = value;
         printf("%-22s %s%s%s%s%s\n", command.name, value.c_str(), *command.unit != '\0' ? " " : "",
                command.unit, name.empty() ? "" : "  ", name.c_str());

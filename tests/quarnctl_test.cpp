@@ -1,0 +1,217 @@
+// quarnctl, against a daemon of the test's own on the two sockets.
+#include <cutils/sockets.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+constexpr const char* kCommandSocket = "/dev/quarn_server.socket";
+constexpr const char* kNotifySocket = "/dev/quarn_callback_server.socket";
+
+class Listener {
+  public:
+    explicit Listener(const char* name)
+        : fd(socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
+        EXPECT_GE(fd, 0);
+    }
+    ~Listener() { close(fd); }
+    void Stop() const { shutdown(fd, SHUT_RDWR); }
+    int Accept() const { return accept4(fd, nullptr, nullptr, SOCK_CLOEXEC); }
+
+  private:
+    const int fd;
+};
+
+// Serves one client after the other; an unknown request gets no answer, "hang up" as an answer
+// means that.
+class FakeDaemon {
+  public:
+    explicit FakeDaemon(std::map<std::string, std::string> request_replies)
+        : replies(std::move(request_replies)), thread([this] { Serve(); }) {}
+    ~FakeDaemon() {
+        listener.Stop();
+        thread.join();
+    }
+    std::vector<std::string> Requests() {
+        std::lock_guard lock(mutex);
+        return std::exchange(requests, {});
+    }
+
+  private:
+    void Serve() {
+        for (int client; (client = listener.Accept()) >= 0; close(client)) {
+            std::string request;
+            char byte;
+            while (recv(client, &byte, 1, 0) == 1) {
+                if (byte != '\0') {
+                    request += byte;
+                } else if (!Answer(client, std::exchange(request, ""))) {
+                    break;
+                }
+            }
+        }
+    }
+    bool Answer(int client, const std::string& request) {
+        std::lock_guard lock(mutex);
+        requests.push_back(request);
+        const auto reply = replies.find(request);
+        if (reply == replies.end()) return true;
+        if (reply->second == "hang up") return false;
+        std::string block = reply->second;
+        block.resize(128);
+        // In two pieces, as a busy machine may deliver it.
+        send(client, block.data(), 5, MSG_NOSIGNAL);
+        return send(client, block.data() + 5, 123, MSG_NOSIGNAL) == 123;
+    }
+
+    const Listener listener{kCommandSocket};
+    const std::map<std::string, std::string> replies;
+    std::mutex mutex;
+    std::vector<std::string> requests;
+    std::thread thread;
+};
+
+// Standard output and error of one run together, and its exit status.
+struct Result {
+    int status;
+    std::string text;
+};
+Result Quarnctl(const std::string& arguments) {
+    FILE* const out = popen((QUARNCTL_PROGRAM " " + arguments + " 2>&1").c_str(), "re");
+    Result run;
+    char buf[4096];
+    while (const size_t n = fread(buf, 1, sizeof(buf), out)) run.text.append(buf, n);
+    run.status = WEXITSTATUS(pclose(out));
+    return run;
+}
+
+}  // namespace
+
+TEST(Quarnctl, CommandsAndTheirStatus) {
+    EXPECT_EQ(Quarnctl("log_mode").status, 2);  // nobody there
+    const std::string fits(127 - sizeof("log_filter ") - 1, 'f');
+    FakeDaemon daemon({{"log_mode", "ok,1"},
+                       {"log_mode 2", "ok"},
+                       {"log_level 4", "ok"},
+                       {"file_size 4096", "error"},
+                       {"log_filter /" + fits, "ok"},
+                       {"log_folder /x/file_size", "ok"},
+                       {"copy_log_file /data/local 10 1", "ok,123456"},
+                       {"transfer_type 3", "hang up"}});
+    const struct {
+        std::string arguments;
+        int status;
+        std::string request;  // empty: nothing is sent
+        std::string text;     // part of what is printed
+    } cases[] = {
+        {"log_mode", 0, "log_mode", "ok,1\n"},
+        {"log_mode wrapping", 0, "log_mode 2", "ok\n"},
+        {"log_level ultra slim", 0, "log_level 4", "ok\n"},
+        {"file_size 4096", 1, "file_size 4096", "takes 1 to 4095 MB"},
+        {"log_filter /" + fits, 0, "log_filter /" + fits, "ok\n"},
+        {"log_folder /x/file_size", 0, "log_folder /x/file_size", "holds the word file_size"},
+        {"copy_log_file /data/local 10 1", 0, "copy_log_file /data/local 10 1", "ok,123456\n"},
+        {"transfer_type exit", 2, "transfer_type 3", "hung up"},
+        {"--timeout 1 flush_status", 2, "flush_status", "no answer within 1 s"},
+        {"log_filter /f" + fits, 1, "", "too long by 1 bytes"},
+        {"log_modes", 1, "", "no such command: log_modes"},
+        {"log_mode on", 1, "", "does not know \"on\""},
+        {"log_mode ''", 1, "", "does not know"},
+        {"file_size 4294967297", 1, "", "does not know"},
+        {"log_filter", 1, "", "wants an argument"},
+        {"log_folder relative", 1, "", "begins with /"},
+        {"log_folder '/x\ny'", 1, "", "newline"},
+        {"flush_status 1", 1, "", "takes no argument"},
+        {"", 1, "", "Use: quarnctl"},
+        {"help", 0, "", "1 to 4194303 MB"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        const Result run = Quarnctl(c.arguments);
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_NE(run.text.find(c.text), std::string::npos) << run.text;
+        const std::vector<std::string> requests = daemon.Requests();
+        ASSERT_EQ(requests.size(), c.request.empty() ? 0u : 1u);
+        for (const std::string& request : requests) EXPECT_EQ(request, c.request);
+    }
+}
+
+TEST(Quarnctl, StatusNamesValuesAndWarns) {
+    std::map<std::string, std::string> replies = {
+        {"log_mode", "ok,1"},      {"log_level", "ok,2"},     {"flush_interval", "ok,600000"},
+        {"flush_status", "ok,0"},  {"transfer_type", "ok,1"}, {"file_size", "ok,50"},
+        {"recycle_size", "ok,50"}, {"recycle_ee", "ok,1"},    {"recycle_keep_ee_size", "ok,49"},
+        {"log_folder", "ok,/logs"}};
+    {
+        FakeDaemon daemon(replies);
+        const Result run = Quarnctl("status");
+        EXPECT_EQ(run.status, 0);
+        for (const char* part :
+             {"1  streaming", "2  standard", "600000 ms", "1  storage", "50 MB", "/logs"}) {
+            EXPECT_NE(run.text.find(part), std::string::npos) << part << " not in\n" << run.text;
+        }
+        EXPECT_EQ(run.text.find("warning"), std::string::npos);
+    }
+    replies["log_mode"] = "ok,0";
+    replies["recycle_size"] = "ok,49";
+    {
+        FakeDaemon daemon(replies);
+        const Result run = Quarnctl("status");
+        EXPECT_EQ(run.status, 0);
+        for (const char* part : {"recycle_size (49 MB) is below one file (50 MB)",
+                                 "recycle_keep_ee_size (49 MB) is not below recycle_size (49 MB)",
+                                 "log_level is 2 (standard), but log_mode is 0 (disable)"}) {
+            EXPECT_NE(run.text.find(part), std::string::npos) << part << " not in\n" << run.text;
+        }
+    }
+    replies["log_mode"] = "error";
+    replies["log_level"] = "ok,-1";
+    FakeDaemon daemon(replies);
+    const Result run = Quarnctl("status");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.text.find("-1  a custom filter"), std::string::npos) << run.text;
+}
+
+TEST(Quarnctl, WatchOutlivesTheDaemon) {
+    const std::string path = "/data/watched";
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", "exec " QUARNCTL_PROGRAM " watch >/data/watched 2>&1",
+              nullptr);
+        _exit(127);
+    }
+    const auto printed = [&](const std::string& text) {
+        return test::WaitUntil(
+            [&] { return test::ReadFile(path).find(text) != std::string::npos; });
+    };
+    EXPECT_TRUE(printed("waiting for the daemon"));
+    for (const std::string mode : {"1", "0"}) {
+        const Listener listener(kNotifySocket);
+        const int subscriber = listener.Accept();
+        const std::string sent = "cb_log_mode," + mode + '\0' + "cb_transfer_type,1" + '\0';
+        send(subscriber, sent.data(), 20, MSG_NOSIGNAL);  // ends within the second text
+        EXPECT_TRUE(
+            printed(mode == "1" ? "cb_log_mode,1  streaming\n" : "cb_log_mode,0  disable\n"));
+        send(subscriber, sent.data() + 20, sent.size() - 20, MSG_NOSIGNAL);
+        EXPECT_TRUE(printed("cb_transfer_type,1  storage\n"));
+        close(subscriber);
+        EXPECT_TRUE(printed("the daemon went away"));
+    }
+    kill(pid, SIGTERM);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+}
