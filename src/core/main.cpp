@@ -9,6 +9,7 @@
 #include "core/quarn.h"
 #include "core/quarn_config.h"
 #include "modem/quarn_mipc_cmd.h"
+#include "modem/quarn_notify_handler.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
 #include "storage/custom_header.h"
@@ -124,5 +125,6 @@ int main() {
     QUARN_LOGI("stop all handler done");
     // GAP power-on log: its de-initialisation.
     mcl_deinit();
+    quarn_endNotifications();
     return 0;
 }
