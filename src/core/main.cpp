@@ -57,8 +57,7 @@ void install_signal_handlers() {
 
 // Settings and the modem's clock need the modem's ear; without it the daemon goes on with defaults.
 void configure() {
-    if (const int32_t rc = quarn_loadConfig("/data/vendor/radio/quarn/config/quarn.cfg", 0);
-        rc != 0) {
+    if (const int32_t rc = quarn_loadConfig(kConfigPath, 0); rc != 0) {
         QUARN_LOGE("load config failed, rc=%d", rc);
     } else {
         QUARN_LOGI("load config done");
