@@ -6,8 +6,8 @@
 
 #include <csignal>
 #include <filesystem>
-#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "storage/log_names.h"
@@ -58,14 +58,19 @@ class Daemon {
     pid_t pid;
 };
 
-// What a command on the phone's console prints.
-std::string Console(const std::string& command) {
+// What a program prints that ends well.
+std::string Output(const std::string& command) {
     std::string text;
-    FILE* const out = popen((SIMCTL_PROGRAM " --box /data " + command).c_str(), "re");
+    FILE* const out = popen(command.c_str(), "re");
     char buf[4096];
     while (const size_t n = fread(buf, 1, sizeof(buf), out)) text.append(buf, n);
     EXPECT_EQ(pclose(out), 0) << command;
     return text;
+}
+
+// The same for a command on the phone's console.
+std::string Console(const std::string& command) {
+    return Output(SIMCTL_PROGRAM " --box /data " + command);
 }
 
 uint64_t Polls() {
@@ -117,6 +122,44 @@ TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 
+// Asked to exit while the ring is full, the daemon answers first, ends within its usual time, and
+// leaves no hole: what is lost is the end of the stream.
+TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
+    for (const int delay_ms : {0, 500}) {
+        SCOPED_TRACE(delay_ms);
+        for (const char* left : {"/data/vendor", "/data/tap"}) fs::remove_all(left);
+        Daemon daemon("exit", "tap /data/tap\nsource generated 3\nrate 0\nstream start\n");
+        ASSERT_TRUE(daemon.WaitFor("ctrl_connect: create listen_fd="));
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+        EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+        EXPECT_EQ(daemon.Wait(), 0);
+        const std::string captured = test::DecodeTree(kLogs);
+        EXPECT_GT(captured.size(), 1'000'000u);
+        EXPECT_TRUE(test::ReadFile("/data/tap").starts_with(captured));
+    }
+}
+
+TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 2\nlog_mode 1\n");
+    Daemon daemon("copy", "tap /data/tap\nsource generated 3\nrate 60M\n");
+    ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 12'000'000; }));
+    for (const char* flush : {"0", "1"}) {
+        const std::string folder = std::string("/data/copy") + flush;
+        fs::create_directory(folder);
+        const std::string copy = " copy_log_file " + folder + " 8 " + flush;
+        const std::string reply = Output(QUARNCTL_PROGRAM + copy);
+        EXPECT_EQ(reply, "ok," +
+                             std::to_string(test::TreeSize(folder) -
+                                            fs::file_size(folder + "/copied_folder_list")) +
+                             "\n");
+        EXPECT_EQ(system((MUXZ_PROGRAM " verify " + folder + "/QRX* >/dev/null").c_str()), 0);
+    }
+    Console("log_mode 0");
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    EXPECT_EQ(daemon.Wait(), 0);
+    EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
+}
+
 // Without a configuration the factory default is taken, here one that turns the modem's log on.
 TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 50\nlog_mode 1\n");
@@ -136,7 +179,6 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
 // After any sudden end every block that reached a file decodes, and the next start goes on.
 TEST(Daemon, SuddenEndsTearNothingButTheLastBlock) {
     constexpr int kRuns = 8;
-    uintmax_t torn = 0;
     for (int run = 0; run < kRuns; ++run) {
         const std::string number = std::to_string(run);
         const uintmax_t stored = test::TreeSize(kLogs);
@@ -157,9 +199,8 @@ TEST(Daemon, SuddenEndsTearNothingButTheLastBlock) {
         EXPECT_EQ(quarn::log_names::IsUnfinished(folder), last);
         for (const auto& file : test::List(kLogs + folder)) EXPECT_EQ(file.ends_with(".tmp"), last);
         const test::Decoded decoded = test::Decode(kLogs + folder);
-        torn += decoded.torn.size();
+        EXPECT_LE(decoded.torn.size(), 1u);
         EXPECT_GT(decoded.bytes.size(), 1'000'000u);
         EXPECT_TRUE(test::ReadFile("/data/tap." + std::to_string(run)).starts_with(decoded.bytes));
     }
-    EXPECT_LE(torn, static_cast<uintmax_t>(kRuns));
 }
