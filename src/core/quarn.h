@@ -11,8 +11,9 @@
 #include "modem/quarn_notify_handler.h"
 #include "storage/quarn_file_io.h"
 
-// In construction order. A callback of a closed library may come while the process exits, so
-// `g_quarn`, whose mutex each one takes first, is never destroyed.
+// In construction order. A callback of a closed library may come until the process is gone, so
+// `g_quarn`, whose mutex each one takes first, is never destroyed; `main` sees to it that none does
+// anything any more before the others are.
 extern QUARN_GLOBAL& g_quarn;
 extern QUARN_FILE_IO g_file_io;
 extern QUARN_RING g_ring;
