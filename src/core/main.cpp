@@ -123,7 +123,7 @@ int main() {
     quarn_mipcDeinit();
     QUARN_LOGI("stop all handler done");
     // GAP power-on log: its de-initialisation.
-    mcl_deinit();
     quarn_endNotifications();
+    mcl_deinit();
     return 0;
 }

@@ -15,7 +15,7 @@ constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
 // the log mode is read and applied.
 int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 
-// Replaces the line that holds `key` and drops those that hold a displaced key; 0, or -1. Does
+// Replaces each line that holds `key` and drops those that hold a displaced key; 0, or -1. Does
 // nothing for a null value, and refuses one with a newline, which would make lines of its own.
 int32_t quarn_command_saveConfig(const char* key, const char* value,
                                  const std::vector<const char*>& displaced_keys);

@@ -1,7 +1,7 @@
 // Requests to the modem over modem IPC: the only place that touches the IPC library.
 //
 // Every function is one synchronous exchange of up to 5 s, on any thread. They return 0 on success,
-// 1 on failure and 2 when no confirmation came; a failure is logged once and never retried. While
+// 1 on failure and 2 when no confirmation came; a failure is logged and never retried. While
 // the channel is closed they fail with 1 and leave the library alone. Getters store their answer
 // only on success.
 #pragma once
@@ -22,7 +22,7 @@ void quarn_mipcDeinit();
 int32_t quarn_mipcSendCmd(mipc_msg_t* req, mipc_msg_t** cnf);
 
 // Modes: 0 disable, 1 streaming, 2 wrapping. A mode that was set is told to subscribers; streaming
-// also sends the configured flush interval again.
+// also sends the configured flush interval again, a second exchange under `flush_interval_mutex`.
 int32_t quarn_mipcSetLogMode(int mode);
 int32_t quarn_mipcGetLogMode(int* mode);
 // Levels: 0 to 6.
