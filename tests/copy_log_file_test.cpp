@@ -194,6 +194,17 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     EXPECT_EQ(status.st_mode & 07777, 0644u);
 }
 
+// A client that names the log folder itself gets no copy, and costs nothing.
+TEST_F(CopyLogFile, LeavesTheLogsAloneWhenTheyAreTheDestination) {
+    AddFolder("QRXMDLog_0_2024_0101_000000", "t", 3);
+    WriteFile(kLogs + "power_on_log.muxz", "first minute");
+    EXPECT_EQ(Ask((kLogs + " 100 0").c_str(), 0), "ok,0");
+    EXPECT_EQ(ReadFile(kLogs + "power_on_log.muxz"), "first minute");
+    for (const auto& entry : fs::directory_iterator(kLogs + "QRXMDLog_0_2024_0101_000000t")) {
+        EXPECT_EQ(entry.file_size(), 1000u) << entry.path();
+    }
+}
+
 TEST_F(CopyLogFile, SortsNewestFirst) {
     const auto compare = [](const char* a, const char* b) {
         dirent first{}, second{};

@@ -320,11 +320,23 @@ int CopyFile(const std::string& source, const std::string& destination, int& cop
     copied = 0;
     const OpenFile from(source, O_RDONLY);
     if (!from.is_open()) return kNotOpened;
-    const OpenFile to(destination, O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
+    const OpenFile to(destination, O_WRONLY | O_CREAT, kFileMode);
     if (!to.is_open()) return kNotOpened;
     struct stat status;
     if (fstat(from.get(), &status) != 0) {
         QUARN_LOGD("%s: Error getting state %s: %s", "CopyFile", source.c_str(), strerror(errno));
+        return kNotCopied;
+    }
+    // Emptied only now: a client that names the log folder itself must not cost it its logs.
+    struct stat target;
+    if (fstat(to.get(), &target) == 0 && target.st_dev == status.st_dev &&
+        target.st_ino == status.st_ino) {
+        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(),
+                   "it is the destination itself");
+        return kNotCopied;
+    }
+    if (ftruncate(to.get(), 0) != 0) {
+        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
         return kNotCopied;
     }
     // The kernel moves less than 2 GiB at once, so the result fits.

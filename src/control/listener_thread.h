@@ -20,11 +20,26 @@ class ListenerThread {
     bool Exists() const { return exists; }
     unsigned long id() const { return static_cast<unsigned long>(thread); }
 
-    // Sends SIGUSR1, which makes a blocked system call of the thread fail with EINTR; 0, or an
+    // What the thread holds while it waits for clients; the rest of its work is not to be cut
+    // short.
+    class Wait {
+      public:
+        explicit Wait(ListenerThread& waiting_thread) : owner(waiting_thread) {
+            owner.waits = true;
+        }
+        ~Wait() { owner.waits = false; }
+        Wait(const Wait&) = delete;
+        Wait& operator=(const Wait&) = delete;
+
+      private:
+        ListenerThread& owner;
+    };
+
+    // Sends SIGUSR1 to a thread that waits, which makes its system call fail with EINTR; 0, or an
     // error number.
-    int Interrupt() const { return pthread_kill(thread, SIGUSR1); }
-    // Interrupts the thread until it has ended, since a signal that comes just before a wait begins
-    // is lost, and joins it; 0, or an error number. Its owner has told it to end before.
+    int Interrupt() const { return waits ? pthread_kill(thread, SIGUSR1) : 0; }
+    // Interrupts the thread's waits until it has ended, since a signal that comes just before one
+    // begins is lost, and joins it; 0, or an error number. Its owner has told it to end before.
     int Join();
 
   private:
@@ -35,6 +50,7 @@ class ListenerThread {
     const char* name = nullptr;
     Body body = nullptr;
     std::atomic<bool> ended{false};
+    std::atomic<bool> waits{false};
 };
 
 }  // namespace quarn::zorvex

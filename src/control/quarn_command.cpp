@@ -398,6 +398,8 @@ void request_exit() {
 }  // namespace
 
 int quarn_ctrlConnCallback(int fd) {
+    // Who asks behind an exit request would hold up the end, or be cut off by it.
+    if (g_quarn.is_close) return -1;
     char request[kCommandBufferSize] = {};
     char ack[kCommandBufferSize] = {};
     if (const int rc = quarn_ctrlConn_recvData(fd, request, kMaxRequest); rc < 1) {

@@ -156,7 +156,11 @@ void listen_once() {
     }
 
     timeval timeout = kSelectTimeout;
-    const int ready = select(max_fd + 1, &readable, nullptr, nullptr, &timeout);
+    int ready;
+    {
+        const quarn::zorvex::ListenerThread::Wait wait(listener);
+        ready = select(max_fd + 1, &readable, nullptr, nullptr, &timeout);
+    }
     if (ready < 0) QUARN_LOGE("ctrl_connect: select failed, errno = %s", strerror(errno));
     if (ready <= 0) {
         std::this_thread::sleep_for(kIdlePause);
@@ -207,6 +211,7 @@ void close_clients() {
 // Positive when `fd` can be read, hung up or not; 0 after a time-out; negative on an error.
 int wait_for_piece(int fd) {
     pollfd client = {.fd = fd, .events = POLLIN, .revents = 0};
+    const quarn::zorvex::ListenerThread::Wait wait(listener);
     const int ready = poll(&client, 1, kPieceTimeoutMs);
     return ready > 0 && (client.revents & POLLIN) == 0 ? -1 : ready;
 }

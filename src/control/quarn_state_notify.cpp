@@ -159,7 +159,11 @@ void listen_once() {
     FD_ZERO(&readable);
     FD_SET(listen_fd, &readable);
     timeval timeout = kSelectTimeout;
-    const int ready = select(listen_fd + 1, &readable, nullptr, nullptr, &timeout);
+    int ready;
+    {
+        const quarn::zorvex::ListenerThread::Wait wait(listener);
+        ready = select(listen_fd + 1, &readable, nullptr, nullptr, &timeout);
+    }
     if (ready < 0) QUARN_LOGE("quarn_stateNotify: select failed, errno = %s", strerror(errno));
     if (ready <= 0) {
         std::this_thread::sleep_for(kIdlePause);
