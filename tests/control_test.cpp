@@ -299,7 +299,10 @@ TEST_F(Control, ExitsOnRequestWithoutWaitingForOtherRequests) {
     EXPECT_TRUE(g_quarn.is_close);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "writer_handler: stop success"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "command_handler: Do not save transfer_type 3\n"));
-    EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
+    EXPECT_EQ(client.Ask("transfer_type"), "<closed>");  // nothing is served behind it
+    int type = -1;
+    EXPECT_EQ(quarn_getTransferType(&type), 0);
+    EXPECT_EQ(type, SAVE_MODE_STORAGE);
     EXPECT_EQ(test::ReadFile(kConfig), "");
 }
 
