@@ -34,6 +34,9 @@ constexpr std::chrono::milliseconds kIdlePause(100);
 constexpr std::chrono::seconds kAcceptFailPause(1);
 
 constexpr int kPieceTimeoutMs = 1000;
+// Requests are served at once unless more of them come than this, the burst aside.
+constexpr std::chrono::microseconds kRequestInterval(200);
+constexpr int kRequestBurst = 100;
 constexpr int kPieceSize = 128;
 
 struct Client {
@@ -122,7 +125,18 @@ bool accept_client() {
     return true;
 }
 
+// Clients that ask without pause must not take the processor from the capture: each request uses up
+// an interval, and when the burst is used up the next one waits. Only the listener thread calls it.
+void await_turn() {
+    using Clock = std::chrono::steady_clock;
+    static Clock::time_point used_up_to;
+    used_up_to = std::max(used_up_to, Clock::now() - kRequestBurst * kRequestInterval);
+    std::this_thread::sleep_until(used_up_to);
+    used_up_to += kRequestInterval;
+}
+
 void serve_client(Client& client) {
+    await_turn();
     const int fd = client.fd;
     QUARN_LOGI("ctrl_connect: handle fd=%d msg", fd);
     if (handle_request(fd) >= 0) return;
