@@ -4,7 +4,8 @@ run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev)
 
-# install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1, with one line on standard error, when that is not possible.
+# install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1,
+# with one line on standard error, when that is not possible.
 install_missing() {
     local package missing=() root=()
     if ! command -v dpkg-query >/dev/null; then
