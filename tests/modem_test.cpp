@@ -531,7 +531,7 @@ TEST_F(Notify, AnExceptionPutsTheSyncBlockIntoThePort) {
 }
 
 TEST_F(Notify, NothingHappensAfterTheEnd) {
-    quarn_endNotifications();
+    quarn_endCallbacks();
     uint32_t word = 7;
     for (int code = 1; code <= 9; ++code) {
         EXPECT_EQ(quarn_mclNtfyCallback(nullptr, static_cast<MCL_NTFY_CODE>(code),

@@ -9,10 +9,10 @@
 #include "core/quarn.h"
 #include "core/quarn_config.h"
 #include "modem/quarn_mipc_cmd.h"
-#include "modem/quarn_notify_handler.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
 #include "storage/custom_header.h"
+#include "storage/power_on_log.h"
 
 namespace {
 
@@ -112,7 +112,7 @@ int main() {
     init_handles();
     wait_for_modem_layer();
     g_file_io.create_top_folder();
-    // GAP power-on log: its initialisation.
+    quarn::zorvex::PowerOnLogInit();
     quarn::zorvex::CustomHeaderInfoInit();
     start_first_group();
     install_signal_handlers();
@@ -122,8 +122,8 @@ int main() {
     stop_handles();
     quarn_mipcDeinit();
     QUARN_LOGI("stop all handler done");
-    // GAP power-on log: its de-initialisation.
-    quarn_endNotifications();
+    quarn::zorvex::PowerOnLogDeInit();
+    quarn_endCallbacks();
     mcl_deinit();
     return 0;
 }

@@ -17,10 +17,10 @@ QUARN_RING g_ring;
 QUARN_READER_HANDLE g_reader(&g_ring);
 QUARN_WRITER_HANDLER g_writer(&g_ring, HANDLE_WRITER);
 QUARN_NOTIFY_HANDLER g_notify;
-QUARN_HANDLE g_tool(HANDLE_TOOL);  // a base handle does nothing until its component lands
+QUARN_TOOL_HANDLE g_tool;
 QUARN_COMMAND_HANDLE g_command;
-QUARN_HANDLE g_event_detect(HANDLE_EVENT_DETECT);
-QUARN_HANDLE g_md_time_sync(HANDLE_MD_TIME_SYNC);
+QUARN_EVENT_DETECT_HANDLE g_event_detect;
+QUARN_MD_TIME_SYNC_HANDLE g_md_time_sync;
 quarn::zorvex::LogFilterManagerHandle g_log_filter_manager;
 
 namespace {
@@ -49,6 +49,11 @@ int32_t quarn_property_set(const char* name, const char* value) {
 bool quarn_check_dir_exist(const char* path) {
     struct stat status;
     return stat(path, &status) == 0 && (status.st_mode & S_IFDIR) != 0;
+}
+
+void quarn_endCallbacks() {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    g_quarn.callbacks_ended = true;
 }
 
 void quarn_sighandler(int) {}

@@ -8,7 +8,10 @@
 #include "datapath/quarn_ring.h"
 #include "datapath/quarn_writer.h"
 #include "modem/log_filter_manager.h"
+#include "modem/quarn_event_detect.h"
+#include "modem/quarn_md_time_sync.h"
 #include "modem/quarn_notify_handler.h"
+#include "modem/quarn_tool.h"
 #include "storage/quarn_file_io.h"
 
 // In construction order. A callback of a closed library may come until the process is gone, so
@@ -20,10 +23,10 @@ extern QUARN_RING g_ring;
 extern QUARN_READER_HANDLE g_reader;
 extern QUARN_WRITER_HANDLER g_writer;
 extern QUARN_NOTIFY_HANDLER g_notify;
-extern QUARN_HANDLE g_tool;
+extern QUARN_TOOL_HANDLE g_tool;
 extern QUARN_COMMAND_HANDLE g_command;
-extern QUARN_HANDLE g_event_detect;
-extern QUARN_HANDLE g_md_time_sync;
+extern QUARN_EVENT_DETECT_HANDLE g_event_detect;
+extern QUARN_MD_TIME_SYNC_HANDLE g_md_time_sync;
 extern quarn::zorvex::LogFilterManagerHandle g_log_filter_manager;
 
 // Sets a system property; 0 on success, else the property service's own code.
@@ -32,6 +35,10 @@ int32_t quarn_property_set(const char* name, const char* value);
 // Whether `path` can be looked at and has the directory bit in its mode. Only that one bit is
 // tested, so a socket file counts as a directory too; this is meant.
 bool quarn_check_dir_exist(const char* path);
+
+// For the end of the process, once all handles are stopped: waits for the closed libraries' callback
+// that runs and lets none that they still bring do anything. For good. Takes `exec_mutex`.
+void quarn_endCallbacks();
 
 // The SIGUSR1 handler: does nothing, but lets the signal interrupt a blocked system call.
 void quarn_sighandler(int);

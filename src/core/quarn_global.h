@@ -66,6 +66,7 @@ struct QUARN_GLOBAL {
     std::mutex stats_mutex;
     // Serialises requests to handles, see `quarn_runHandleExec`.
     std::mutex exec_mutex;
+    bool callbacks_ended = false;  // see `quarn_endCallbacks`; guarded by `exec_mutex`
     QUARN_READER_STATS stats = {};
 
     std::atomic<bool> is_started{false};           // every handle has been started

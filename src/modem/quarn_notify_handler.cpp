@@ -26,8 +26,6 @@ constexpr std::array<uint8_t, 40> kSyncData = {
 constexpr int kSyncRetries = 10;
 constexpr std::chrono::milliseconds kSyncPause(200);
 
-bool modem_layer_gone = false;  // guarded by `exec_mutex`
-
 void update_md_info(const void* payload, size_t record_offset) {
     if (payload == nullptr) return;
     const auto* const record = static_cast<const uint8_t*>(payload) + record_offset;
@@ -113,11 +111,6 @@ int32_t QUARN_NOTIFY_HANDLER::init() {
 int quarn_mclNtfyCallback(void* /*user*/, MCL_NTFY_CODE code, void* payload) {
     QUARN_LOGI("notify_handler: ntfy_code=%d", code);
     std::lock_guard lock(g_quarn.exec_mutex);
-    if (!modem_layer_gone) handle_notification(code, payload);
+    if (!g_quarn.callbacks_ended) handle_notification(code, payload);
     return 0;
-}
-
-void quarn_endNotifications() {
-    std::lock_guard lock(g_quarn.exec_mutex);
-    modem_layer_gone = true;
 }

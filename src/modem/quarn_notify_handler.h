@@ -15,6 +15,3 @@ class QUARN_NOTIFY_HANDLER : public QUARN_HANDLE {
 
 // The callback; runs on the modem layer's thread and holds `exec_mutex` throughout. Always 0.
 int quarn_mclNtfyCallback(void* user, MCL_NTFY_CODE code, void* payload);
-// For the end of the process, once all handles are stopped: waits for the callback that runs and
-// lets none that the library still brings do anything. For good. Takes `exec_mutex`.
-void quarn_endNotifications();
