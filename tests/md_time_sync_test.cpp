@@ -125,7 +125,8 @@ TEST_F(MdTimeSync, NothingIsLeftAfterManyStarts) {
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(handle.start(), 0);
         if (i % 3 == 1) Step(std::chrono::seconds(i % 2 == 0 ? 1 : -1));
-        if (i % 5 == 1) EXPECT_TRUE(log.WaitFor("md_time_sync_handle: md_time_sync..."));
+        const bool runs = i % 5 != 1 || log.WaitFor("md_time_sync_handle: md_time_sync...");
+        EXPECT_TRUE(runs);
         ASSERT_EQ(handle.stop(), 0);
         log.Clear();
     }
