@@ -151,22 +151,16 @@ class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
         EXPECT_TRUE(is_usb || test::WaitUntil([&] { return !socket.is_connected(); }));
     }
     void DoAnything(std::mt19937_64& random) {
-        switch (random() % 6) {
-            case 0:
-            case 1:
-                g_tool.start();
-                break;
-            case 2:
-                g_tool.stop();
-                break;
-            case 3: {
-                std::lock_guard lock(g_quarn.exec_mutex);
-                quarn_runHandleExec(HANDLE_TOOL, EXEC_START, nullptr);
-                break;
-            }
-            default:
-                host.Deliver(TCL_MSG_HOST_PORT_ERROR);
-                break;
+        const uint64_t dice = random() % 6;
+        if (dice < 2) {
+            g_tool.start();
+        } else if (dice == 2) {
+            g_tool.stop();
+        } else if (dice == 3) {
+            std::lock_guard lock(g_quarn.exec_mutex);
+            quarn_runHandleExec(HANDLE_TOOL, EXEC_START, nullptr);
+        } else {
+            host.Deliver(TCL_MSG_HOST_PORT_ERROR);
         }
     }
 
