@@ -103,6 +103,7 @@ class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
     ToolPort() {
         signal(SIGPIPE, SIG_IGN);
         short_waits = true;
+        host.Reset();
         modem.Init();
         g_tool.init();
         ToolAccess::SetChannel(is_usb ? static_cast<QUARN_IO*>(&usb) : &socket);
@@ -211,8 +212,15 @@ TEST_P(ToolPort, EveryPortErrorIsRecovered) {
     EXPECT_TRUE(test::WaitUntil([&] { return host.status().listen_calls == 4; }));
     EXPECT_TRUE(Arrives());
 
+    // Stopped in the middle of a recovery, which then must not listen again.
+    unplugged.lock();
+    const uint64_t stops = host.status().stop_calls;
+    BreakPort();
     QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
-    EXPECT_EQ(g_tool.exec(EXEC_SET_SAVE_MODE, &mode), 0);
+    std::thread stopper([&] { g_tool.exec(EXEC_SET_SAVE_MODE, &mode); });
+    EXPECT_TRUE(test::WaitUntil([&] { return host.status().stop_calls == stops + 2; }));
+    unplugged.unlock();
+    stopper.join();
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "tool_handler: stop success"));
     EXPECT_EQ(g_tool.exec(EXEC_START, nullptr), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, kNotForFiles));
