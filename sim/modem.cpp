@@ -431,6 +431,8 @@ void Modem::Notify(MCL_NTFY_CODE code, const void* payload, size_t payload_size)
     const auto* bytes = static_cast<const uint8_t*>(payload);
     Notification notification{code, payload != nullptr, {}};
     if (payload != nullptr) notification.payload.assign(bytes, bytes + payload_size);
+    // A handler knows no size, only the code, and takes what a modem sends with that.
+    if (payload != nullptr) notification.payload.resize(std::max(payload_size, kLargestPayload));
     Queue(std::move(notification));
 }
 
