@@ -218,7 +218,7 @@ Reply FailIpc(Words words) {
         {"cause", IpcFault::kCause, true},         {"silence", IpcFault::kSilence, true},
         {"delay", IpcFault::kDelay, true},         {"result", IpcFault::kResult, true},
         {"no_result", IpcFault::kNoResult, false}, {"no_answer", IpcFault::kNoAnswer, false},
-        {"answer", IpcFault::kAnswer, true},
+        {"answer", IpcFault::kAnswer, true},       {"short", IpcFault::kShort, false},
     };
     const auto id = words[1] == "any" ? 0 : Number(words[1], INT_MAX);
     if (!id) return BadNumber("MESSAGE", words[1], INT_MAX);
@@ -233,7 +233,8 @@ Reply FailIpc(Words words) {
         return Ok();
     }
     return Refuse(
-        "what can go wrong is message, value, no_result or no_answer, and with a VALUE cause, "
+        "what can go wrong is message, value, no_result, no_answer or short, and with a VALUE "
+        "cause, "
         "silence, delay, result or answer");
 }
 
@@ -501,7 +502,9 @@ constexpr Command kCommands[] = {
      "makes modem IPC fail: its opening with a code, or what has to do with a message by number. "
      "FAULT: message (none can be made), value (none can be added), cause VALUE (not sent), "
      "silence VALUE (lost; so many ms, 0 for the whole time-out), delay VALUE (ms), result VALUE "
-     "(refused), no_result, no_answer, answer VALUE (this number); a COUNT of 0 takes all back",
+     "(refused), no_result, no_answer, answer VALUE (this number), short (without the answer's "
+     "last "
+     "byte); a COUNT of 0 takes all back",
      Ipc},
     {"at", 3, 3, "TEXT COUNT",
      "answers the next COUNT AT commands with this text, with \\r and \\n in it", At},
@@ -519,7 +522,6 @@ constexpr Command kCommands[] = {
     {"notify", 2, 3, "CODE [PAYLOAD | null]",
      "raises a notification, with the payload a modem would send, or this one in hexadecimal",
      Notify},
-<<<<<<< HEAD
     {"uevent", 3, kMaxWords, "ACTION SUBSYSTEM DEVNAME [KEY=VALUE...] | noise BYTES [SEED]",
      "sends a device event as the kernel would, or so many random bytes in its place. With remove "
      "vqmi wwanD0MDLog the log device goes: its port is closed until it is opened after the same "
@@ -527,12 +529,10 @@ constexpr Command kCommands[] = {
      Uevent},
     {"md_state", 2, 2, "STATE | none",
      "what the modem's state file shows, 6 when it is ready; or that there is none", MdState},
-=======
     {"host", 2, 3, "connect | disconnect | error | message CODE | send TEXT | hex BYTES",
      "a logging tool on a host computer connects, leaves, finds its port broken, or makes the tool "
      "library tell something else; or sends bytes to the modem, with \\r and \\n in the text",
      Host},
->>>>>>> clocktool
     {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},

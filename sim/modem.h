@@ -62,6 +62,7 @@ enum class IpcFault {
     kNoResult,  // it is carried out, and the confirmation has no result code
     kNoAnswer,  // it is carried out, and the confirmation has no answer
     kAnswer,    // it is carried out, and the answer is this number
+    kShort,     // it is carried out, and of the answer's last value the last byte is missing
 };
 
 class Modem {
@@ -190,7 +191,8 @@ class Modem {
     Calls calls() const;
 
     // --- notifications: from the library's own thread, one at a time, in order ---
-    // Returns at once; the payload is copied. Before `Init` they queue up.
+    // Returns at once; the payload is copied, a short one with zeros behind it. Before `Init` they
+    // queue up.
     void Notify(MCL_NTFY_CODE code, const void* payload = nullptr, size_t payload_size = 0);
     // With the payload that a modem sends with this code.
     void Raise(MCL_NTFY_CODE code);
@@ -239,6 +241,9 @@ class Modem {
     ~Modem() = delete;
 
     static constexpr size_t kDefaultWatermark = 1 << 20;
+    // Faults of a kind, and notifications, that can wait; then the oldest are dropped.
+    static constexpr size_t kMostQueued = 4096;
+    static constexpr size_t kLargestPayload = 4 + 4 + 204 + 4;  // bytes; that of code 1
 
     struct Fault {
         int value;
@@ -358,6 +363,7 @@ class Modem {
     int ipc_under_way_ = 0;
     uint64_t ipc_misused_ = 0;
     std::deque<IpcRequest> ipc_requests_;
+    size_t ipc_request_bytes_ = 0;
     std::vector<PendingIpcFault> ipc_faults_;
     std::deque<Fault> ipc_init_faults_;
     std::deque<std::string> at_answers_;
