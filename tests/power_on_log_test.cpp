@@ -264,7 +264,7 @@ Outcome LiveAndEnd(unsigned int seed) {
     test::ShiftedClock clock;
     sim::Modem& modem = sim::Modem::Instance();
     modem.SetSource(sim::MakeGeneratedSource(seed));
-    modem.SetRate(4 * kMb);
+    modem.SetRate(kMb);
     for (QUARN_HANDLE* handle :
          std::initializer_list<QUARN_HANDLE*>{&g_writer, &g_notify, &g_log_filter_manager}) {
         handle->init();
