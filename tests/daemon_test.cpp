@@ -181,9 +181,8 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 
-// The daemon asks for its restart when the log device goes, here while the stream is as fast as it
-// can be. What it held is in the files, and the next process goes on with what the modem hands
-// over.
+// The daemon asks for its restart when the log device goes, here in mid-stream. What it held is in
+// the files, and the next process goes on with what the modem hands over.
 TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 2\nlog_mode 1\n");
     const std::string scenario = "tap /data/tap\nsource replay /data/stream\n";
