@@ -121,6 +121,8 @@ TEST_F(MdTimeSync, NothingIsLeftAfterManyStarts) {
         return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
     };
     quarn_setCtrlPortReady();
+    handle.start();  // a sanitizer makes a thread of its own with the first one
+    handle.stop();
     const auto before = left();
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(handle.start(), 0);
