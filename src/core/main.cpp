@@ -101,6 +101,7 @@ void stop_handles() {
     g_tool.stop();
     g_command.stop();
     g_reader.stop();
+    quarn_endCallbacks();  // one that came later would have the writer begin again
     g_writer.stop();
 }
 
@@ -123,7 +124,6 @@ int main() {
     quarn_mipcDeinit();
     QUARN_LOGI("stop all handler done");
     quarn::zorvex::PowerOnLogDeInit();
-    quarn_endCallbacks();
     mcl_deinit();
     return 0;
 }
