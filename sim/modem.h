@@ -120,8 +120,8 @@ class Modem {
     // 0 stands for every message; a count of 0 drops all faults of that id.
     void FailIpc(int message_id, IpcFault kind, int value, int count);
     void FailIpcInit(int code, int count);
-    // The next `count` AT commands, behind those that are to be answered so already, are answered by
-    // this text and change nothing; a count of 0 drops all such answers.
+    // The next `count` AT commands, behind those that are to be answered so already, are answered
+    // by this text and change nothing; a count of 0 drops all such answers.
     void AnswerAt(const std::string& text, int count);
     // What was asked, the last 256 requests, oldest first.
     std::vector<IpcRequest> ipc_requests() const;

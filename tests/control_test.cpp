@@ -273,7 +273,7 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
     EXPECT_EQ(client.Ask("transfer_type 1"), "ok");
     EXPECT_EQ(subscriber.Receive(19), "cb_transfer_type,1\0"s);
     EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
-    // Reader and writer were told, and started.
+    // Reader, writer and tool port were told, and started.
     std::vector<std::string> done;
     for (const auto& message : log.messages()) {
         if (message.text.find("exec_id=") != std::string::npos && message.text.ends_with(" done")) {
@@ -282,7 +282,8 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
     }
     const std::vector<std::string> expected = {
         "reader_handler: handle exec_id=11 done", "writer_handler: handle exec_id=11 done",
-        "writer_handler: handle exec_id=12 done", "reader_handler: handle exec_id=12 done"};
+        "tool_handler: handle exec_id=11 done",   "writer_handler: handle exec_id=12 done",
+        "reader_handler: handle exec_id=12 done", "tool_handler: handle exec_id=12 done"};
     EXPECT_EQ(done, expected);
     EXPECT_EQ(client.Ask("log_mode 1"), "ok");
     EXPECT_EQ(subscriber.Receive(14), "cb_log_mode,1\0"s);
