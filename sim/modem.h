@@ -366,7 +366,11 @@ class Modem {
     size_t ipc_request_bytes_ = 0;
     std::vector<PendingIpcFault> ipc_faults_;
     std::deque<Fault> ipc_init_faults_;
-    std::deque<std::string> at_answers_;
+    struct AtAnswer {
+        std::string text;
+        int count;
+    };
+    std::deque<AtAnswer> at_answers_;
     Settings settings_;
     std::string settings_folder_;  // empty: nowhere
     int delivered_fd_ = -1;        // where `delivered_` is kept; -1: nowhere

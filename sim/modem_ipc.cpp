@@ -142,8 +142,12 @@ void Modem::FailIpcInit(int code, int count) {
 
 void Modem::AnswerAt(const std::string& text, int count) {
     std::lock_guard lock(mutex_);
-    if (count == 0) at_answers_.clear();
-    for (int i = 0; i < count; ++i) at_answers_.push_back(text);
+    if (count <= 0) {
+        at_answers_.clear();
+        return;
+    }
+    at_answers_.push_back({text, count});
+    if (at_answers_.size() > kMostQueued) at_answers_.pop_front();
 }
 
 std::optional<int> Modem::TakeIpcFault(int message_id, IpcFault kind) {
@@ -255,8 +259,8 @@ Modem::IpcAnswer Modem::AnswerAtCommand(const IpcMessage& request) {
     const std::string_view command(reinterpret_cast<const char*>(bytes.data()), bytes.size() - 1);
     std::lock_guard lock(mutex_);
     if (!at_answers_.empty()) {
-        std::string text = std::move(at_answers_.front());
-        at_answers_.pop_front();
+        std::string text = at_answers_.front().text;
+        if (--at_answers_.front().count == 0) at_answers_.pop_front();
         return {0, std::nullopt, std::move(text)};
     }
     return {0, std::nullopt, EarlyLogFilter(command)};
