@@ -1,9 +1,9 @@
 #include "support.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -125,6 +125,30 @@ std::string StreamBytes(size_t size, uint64_t seed) {
     return bytes;
 }
 
+namespace {
+
+// Appends what the blocks of a file hold; false when it ends in the middle of one or of its header.
+bool AppendBlocks(int fd, std::string& bytes) {
+    muxz::FileSource source(fd);
+    muxz::Header header;
+    if (muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) return false;
+    muxz::BlockReader blocks(source, header.length);
+    muxz::Block block;
+    while (blocks.Next(block)) {
+        const size_t at = bytes.size();
+        bytes.resize(at + block.lengths.raw_length);
+        if (!blocks.Unpack(block, reinterpret_cast<uint8_t*>(bytes.data() + at))) bytes.resize(at);
+    }
+    return blocks.end() == muxz::End::kWhole || blocks.end() == muxz::End::kStrayByte;
+}
+
+}  // namespace
+
+bool DecodeFile(const std::filesystem::path& path, std::string& bytes) {
+    const muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && AppendBlocks(fd.get(), bytes);
+}
+
 Decoded Decode(const std::filesystem::path& tree) {
     Decoded decoded;
     muxz::Tree found;
@@ -142,22 +166,9 @@ Decoded Decode(const std::filesystem::path& tree) {
         for (muxz::LogFile& file : files) {
             std::string why;
             const muxz::Fd fd = muxz::OpenFile(folder, file, why);
-            muxz::FileSource source(fd.get());
-            muxz::Header header;
-            const muxz::HeaderState state = muxz::ReadHeader(source, header);
-            muxz::BlockReader blocks(source, header.length);
-            muxz::Block block;
-            while (state == muxz::HeaderState::kWhole && blocks.Next(block)) {
-                const size_t at = decoded.bytes.size();
-                decoded.bytes.resize(at + block.lengths.raw_length);
-                if (!blocks.Unpack(block, reinterpret_cast<uint8_t*>(decoded.bytes.data() + at))) {
-                    decoded.bytes.resize(at);
-                }
+            if (!AppendBlocks(fd.get(), decoded.bytes)) {
+                decoded.torn.push_back(capture.path() + "/" + file.name);
             }
-            const bool whole =
-                state == muxz::HeaderState::kWhole &&
-                (blocks.end() == muxz::End::kWhole || blocks.end() == muxz::End::kStrayByte);
-            if (!whole) decoded.torn.push_back(capture.path() + "/" + file.name);
         }
     }
     return decoded;
@@ -170,14 +181,3 @@ std::string DecodeTree(const std::filesystem::path& tree) {
 }
 
 }  // namespace test
-
-int main(int argc, char** argv) {
-    testing::InitGoogleTest(&argc, argv);
-    // The paths are the daemon's own fixed ones: they must not be this machine's.
-    if (!std::filesystem::exists("/box")) {
-        fprintf(stderr, "run this in a box: sim/box %s\n", argv[0]);
-        return 2;
-    }
-    __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
-    return RUN_ALL_TESTS();
-}

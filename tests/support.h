@@ -47,6 +47,10 @@ uintmax_t TreeSize(const std::filesystem::path& folder);
 // `size` bytes that look like a log stream: some repetition, no two pieces alike.
 std::string StreamBytes(size_t size, uint64_t seed = 1);
 
+// Appends the raw stream of one log file; false when it ends in the middle of a block or of its
+// header.
+bool DecodeFile(const std::filesystem::path& path, std::string& bytes);
+
 // The raw stream of a log tree in capture order, or of one capture folder, and the files that end
 // in the middle of a block or of their header.
 struct Decoded {
