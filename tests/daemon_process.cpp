@@ -81,9 +81,8 @@ std::optional<std::string> Request(const std::string& request) {
     if (fd < 0) return {};
     std::array<char, 129> reply = {};
     const ssize_t length = static_cast<ssize_t>(reply.size()) - 1;
-    const bool whole =
-        send(fd, request.c_str(), request.size() + 1, MSG_NOSIGNAL) > 0 &&
-        recv(fd, reply.data(), static_cast<size_t>(length), MSG_WAITALL) == length;
+    const bool whole = send(fd, request.c_str(), request.size() + 1, MSG_NOSIGNAL) > 0 &&
+                       recv(fd, reply.data(), static_cast<size_t>(length), MSG_WAITALL) == length;
     close(fd);
     if (!whole) return {};
     return reply.data();

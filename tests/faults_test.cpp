@@ -82,8 +82,8 @@ class RoadFaults : public testing::TestWithParam<RoadFault> {
         g_writer.start();
     }
     bool Drained() {
-        return test::WaitUntil(
-            [&] { return g_quarn.write_bytes == given; }, std::chrono::seconds(60));
+        return test::WaitUntil([&] { return g_quarn.write_bytes == given; },
+                               std::chrono::seconds(60));
     }
     void Stop() {
         ASSERT_TRUE(Drained());
@@ -172,9 +172,8 @@ INSTANTIATE_TEST_SUITE_P(
         RoadFault{"OpenReadOnly",
                   {.call = Call::kOpen, .error = EROFS, .where = ".muxz"},
                   "fail, errno=Read-only file system..."},
-        RoadFault{"OpenTwice",
-                  {.call = Call::kOpen, .error = EMFILE, .where = ".muxz", .count = 2},
-                  ""},
+        RoadFault{
+            "OpenTwice", {.call = Call::kOpen, .error = EMFILE, .where = ".muxz", .count = 2}, ""},
         RoadFault{"Close",
                   {.call = Call::kClose, .error = EIO, .where = ".muxz", .count = 2},
                   ") failed, errno=Input/output error..."},
@@ -258,8 +257,7 @@ TEST_F(RoadLoss, ACaptureThatEndsMeanwhileLosesWhatWasBuffered) {
         const FailCalls fault({.call = Call::kWrite, .error = ENOSPC, .where = ".muxz"});
         EXPECT_EQ(g_file_io.io_close(), 0);
     }
-    EXPECT_TRUE(
-        log.Has(ANDROID_LOG_ERROR, "file_io: flush compress_buf data to log file fail"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: flush compress_buf data to log file fail"));
     Flow(second);
     Stop();
     const std::string on_disk = test::DecodeTree(kLogs);
@@ -274,8 +272,10 @@ TEST_F(RoadLoss, TheHistoryHoldsWholeRecordsOnly) {
     using quarn::zorvex::UpdateFolderHistory;
     EXPECT_EQ(UpdateFolderHistory("/first"), 0);
     {
-        const FailCalls full({.call = Call::kWrite, .error = ENOSPC, .where = "log_folder_history"});
-        const FailCalls piece({.call = Call::kWrite, .where = "log_folder_history", .count = 1, .limit = 3});
+        const FailCalls full(
+            {.call = Call::kWrite, .error = ENOSPC, .where = "log_folder_history"});
+        const FailCalls piece(
+            {.call = Call::kWrite, .where = "log_folder_history", .count = 1, .limit = 3});
         EXPECT_NE(UpdateFolderHistory("/second"), 0);
     }
     EXPECT_EQ(UpdateFolderHistory("/third"), 0);
@@ -293,8 +293,8 @@ TEST_F(RoadLoss, TopFoldersThatCannotBeMadeAreReported) {
     EXPECT_EQ(g_file_io.create_top_folder(), 0);
     const FailCalls fault({.call = Call::kOpenFolder, .error = EMFILE, .where = "config"});
     EXPECT_EQ(g_file_io.create_top_folder(), 0);
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: open dir=" + kBase +
-                                               "config/ fail, errno=Too many open files"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "file_io: open dir=" + kBase + "config/ fail, errno=Too many open files"));
 }
 
 // --- sockets and threads ---

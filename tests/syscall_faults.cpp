@@ -99,8 +99,8 @@ FailCalls::~FailCalls() {
 
 int FailCalls::failed() const {
     std::lock_guard lock(armed_mutex);
-    const auto entry = std::find_if(armed.begin(), armed.end(),
-                                    [&](const Armed& a) { return a.fault == &fault; });
+    const auto entry =
+        std::find_if(armed.begin(), armed.end(), [&](const Armed& a) { return a.fault == &fault; });
     return std::clamp(entry->seen - fault.after, 0, fault.count);
 }
 
