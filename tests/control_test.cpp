@@ -23,7 +23,6 @@
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
 #include "support.h"
-#include "thread_limit.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
@@ -439,35 +438,6 @@ TEST_F(Control, StopsWhateverClientsDo) {
         EXPECT_EQ(log.Count("ctrl_connect: quarn_ctrlConn_listen_thread terminate"), 1u);
     }
     EXPECT_EQ(g_file_io.get_file_size(), 50);  // half a request is no request
-}
-
-TEST_F(Control, FailsToStartWithoutSocketsOrThread) {
-    const size_t before = OpenDescriptors();
-    for (const char* name : {"/dev/quarn_server.socket", "/dev/quarn_callback_server.socket"}) {
-        const int taken = socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-        EXPECT_EQ(handle.start(), 1);
-        EXPECT_EQ(log.Count("command_handle: start listen ctrl command fail, rc=-1"), 1u);
-        close(taken);
-        handle.stop();
-        log.Clear();
-    }
-    {
-        const test::NoNewThreads limit;
-        EXPECT_EQ(handle.start(), 1);
-    }
-    // The one odd state: not serving, but started.
-    EXPECT_EQ(log.Count("ctrl_connect: ctrlConn thread fail..."), 1u);
-    EXPECT_EQ(handle.start(), 0);
-    handle.stop();
-    {
-        const test::NoNewThreads limit;
-        EXPECT_EQ(quarn_start_state_notify_socket_server(), -1);
-        quarn_stop_state_notify_socket_server();
-    }
-    EXPECT_EQ(OpenDescriptors(), before);
-    EXPECT_EQ(handle.start(), 0);
-    const Client client;
-    EXPECT_EQ(client.Ask("recycle_ee"), "ok,1");
 }
 
 TEST_F(Control, RefusesDescriptorsTooLargeForSelect) {

@@ -1,82 +1,26 @@
-// The daemon's own process on the simulated phone: start-up, orderly end, sudden end.
+// The daemon's own process on the simulated phone: start-up, orderly end, restart. crash_safety.cpp
+// ends it suddenly.
 #include <cutils/sockets.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "daemon_process.h"
 #include "sim/restart.h"
-#include "storage/log_names.h"
 #include "support.h"
 
 namespace fs = std::filesystem;
+using test::Console;
+using test::Daemon;
 
 namespace {
 
-const std::string kModem = "/data/modem";
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
 constexpr int kRestartAsked = 75;
-
-// One run of the unchanged daemon; its Android log goes to a file.
-class Daemon {
-  public:
-    Daemon(const std::string& name, const std::string& scenario) : log_path("/data/log." + name) {
-        fs::create_directories("/data/vendor/radio");
-        test::WriteFile(kModem + "/scenario", scenario);
-        pid = fork();
-        if (pid == 0) {
-            const int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(log, STDERR_FILENO);
-            setenv("QUARN_SIM_DIR", kModem.c_str(), 1);
-            setenv(sim::kRestartStatusVariable, std::to_string(kRestartAsked).c_str(), 1);
-            execl(QUARN_PROGRAM, "quarn", nullptr);
-            _exit(127);
-        }
-    }
-    ~Daemon() { Kill(); }
-
-    std::string Log() const { return test::ReadFile(log_path); }
-    bool WaitFor(const std::string& text) const {
-        return test::WaitUntil([&] { return Log().find(text) != std::string::npos; });
-    }
-    void Kill() {
-        if (pid > 0) kill(pid, SIGKILL);
-        Wait();
-    }
-    // The exit status, or minus the signal.
-    int Wait() {
-        int status = 0;
-        if (pid > 0) waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-    }
-
-  private:
-    const std::string log_path;
-    pid_t pid;
-};
-
-// What a program prints that ends well.
-std::string Output(const std::string& command) {
-    std::string text;
-    FILE* const out = popen(command.c_str(), "re");
-    char buf[4096];
-    while (const size_t n = fread(buf, 1, sizeof(buf), out)) text.append(buf, n);
-    EXPECT_EQ(pclose(out), 0) << command;
-    return text;
-}
-
-// The same for a command on the phone's console.
-std::string Console(const std::string& command) {
-    return Output(SIMCTL_PROGRAM " --box /data " + command);
-}
 
 uint64_t Polls() {
     const std::string state = Console("state");
@@ -122,7 +66,7 @@ TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     ASSERT_TRUE(test::WaitUntil([&] { return Polls() >= polls + 3; }));
     const auto handed_over = fs::file_size("/data/tap");
     ASSERT_GT(handed_over, 6'000'000u);
-    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
@@ -136,7 +80,7 @@ TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
         Daemon daemon("exit", "tap /data/tap\nsource generated 3\nrate 0\nstream start\n");
         ASSERT_TRUE(daemon.WaitFor("ctrl_connect: create listen_fd="));
         std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
-        EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+        test::Quarnctl("transfer_type 3");
         EXPECT_EQ(daemon.Wait(), 0);
         const std::string captured = test::DecodeTree(kLogs);
         EXPECT_GT(captured.size(), 1'000'000u);
@@ -152,7 +96,7 @@ TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
         const std::string folder = std::string("/data/copy") + flush;
         fs::create_directory(folder);
         const std::string copy = " copy_log_file " + folder + " 8 " + flush;
-        const std::string reply = Output(QUARNCTL_PROGRAM + copy);
+        const std::string reply = test::Quarnctl(copy);
         EXPECT_EQ(reply, "ok," +
                              std::to_string(test::TreeSize(folder) -
                                             fs::file_size(folder + "/copied_folder_list")) +
@@ -160,7 +104,7 @@ TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
         EXPECT_EQ(system((MUXZ_PROGRAM " verify " + folder + "/QRX* >/dev/null").c_str()), 0);
     }
     Console("log_mode 0");
-    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
@@ -175,7 +119,7 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     ASSERT_TRUE(test::WaitUntil([&] { return test::TreeSize(kLogs) > stored + 1'000'000; }));
     Console("log_mode 0");
     EXPECT_NE(Console("state").find("sync blocks: 1\n"), std::string::npos);
-    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::List(kLogs).at(0).ends_with("_EE"));
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
@@ -188,7 +132,8 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
     const std::string scenario = "tap /data/tap\nsource replay /data/stream\n";
     test::WriteFile("/data/stream", test::StreamBytes(60'000'000));
     {
-        Daemon daemon("removal", scenario + "rate 30M\n");
+        Daemon daemon("removal", scenario + "rate 30M\n",
+                      {{sim::kRestartStatusVariable, std::to_string(kRestartAsked)}});
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
         const int subscriber = socket_local_client("/dev/quarn_callback_server.socket",
                                                    ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
@@ -218,35 +163,4 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_EQ(test::List(kLogs).size(), 3u);  // two captures and the power-on log
     EXPECT_TRUE(test::DecodeTree(kLogs) == stream);
-}
-
-// After any sudden end every block that reached a file decodes, and the next start goes on.
-TEST(Daemon, SuddenEndsTearNothingButTheLastBlock) {
-    constexpr int kRuns = 8;
-    for (int run = 0; run < kRuns; ++run) {
-        const std::string number = std::to_string(run);
-        const uintmax_t stored = test::TreeSize(kLogs);
-        Daemon daemon(number, "tap /data/tap." + number + "\nsource generated " + number +
-                                  "\nrate 0\nstream start\n");
-        ASSERT_TRUE(test::WaitUntil([&] {
-            return test::TreeSize(kLogs) >
-                   stored + 1'000'000 + static_cast<uintmax_t>(run) * 700'000;
-        }));
-    }
-    auto folders = test::List(kLogs);
-    ASSERT_EQ(folders.size(), static_cast<size_t>(kRuns) + 1);
-    EXPECT_EQ(folders.back(), quarn::log_names::kPowerOnLog);
-    folders.pop_back();
-    for (int run = 0; run < kRuns; ++run) {
-        SCOPED_TRACE(folders[static_cast<size_t>(run)]);
-        const std::string folder = folders[static_cast<size_t>(run)];
-        EXPECT_TRUE(folder.starts_with("QRXMDLog_" + std::to_string(run) + "_"));
-        const bool last = run + 1 == kRuns;
-        EXPECT_EQ(quarn::log_names::IsUnfinished(folder), last);
-        for (const auto& file : test::List(kLogs + folder)) EXPECT_EQ(file.ends_with(".tmp"), last);
-        const test::Decoded decoded = test::Decode(kLogs + folder);
-        EXPECT_LE(decoded.torn.size(), 1u);
-        EXPECT_GT(decoded.bytes.size(), 1'000'000u);
-        EXPECT_TRUE(test::ReadFile("/data/tap." + std::to_string(run)).starts_with(decoded.bytes));
-    }
 }

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -77,11 +78,16 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
                    strerror(errno));
         return -1;
     }
+    const off_t size = lseek(fd, 0, SEEK_END);
     const bool recorded = android::base::WriteStringToFd(folder_path + '\n', fd);
     if (recorded) {
         QUARN_LOGD("CopyLogFile: record %s in the history file", folder_path.c_str());
     } else {
         QUARN_LOGE("%s: Error writing file: %s", "UpdateFolderHistory", strerror(errno));
+        // A piece of a record would run into the next one.
+        if (size < 0 || ftruncate(fd, size) != 0) {
+            QUARN_LOGE("CopyLogFile: cut the history file fail, errno=%s", strerror(errno));
+        }
     }
     if (!existed && fchmod(fd, kHistoryMode) != 0) {
         QUARN_LOGE("%s: Error setting permission: %s\n", "UpdateFolderHistory", strerror(errno));

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -486,7 +487,8 @@ int QUARN_FILE_IO::make_room() {
 }
 
 // A write that fails after a part of it went out is undone, so that its retry appends whole blocks.
-// Where it cannot be undone the file ends with it.
+// Where it cannot be undone the file ends with it, and the blocks that are whole in it are not
+// written again.
 int QUARN_FILE_IO::append_whole(const char* buf, int len) {
     const off_t length_before = lseek(fd, 0, SEEK_END);
     const int written = common_write(buf, len);
@@ -494,9 +496,28 @@ int QUARN_FILE_IO::append_whole(const char* buf, int len) {
     if (length_before < 0 || ftruncate(fd, length_before) != 0) {
         QUARN_LOGE("file_io: cut log_file=%s fail, errno=%s", cur_file_path.c_str(),
                    strerror(errno));
+        const off_t length_now = lseek(fd, 0, SEEK_END);
+        if (length_before >= 0 && length_now > length_before) {
+            drop_blocks_within(static_cast<size_t>(length_now - length_before));
+        }
         close_log_file();
     }
     return -1;
+}
+
+// Drops from the front of the buffer the blocks that end within its first `size` bytes.
+void QUARN_FILE_IO::drop_blocks_within(size_t size) {
+    const size_t limit = std::min<size_t>(size, compress_used);
+    uint32_t dropped = 0;
+    while (dropped + kBlockHeaderSize <= limit) {
+        const auto lengths = quarn::log_file::GetBlockHeader(
+            reinterpret_cast<const uint8_t*>(compress_buf.data() + dropped));
+        const size_t end = dropped + kBlockHeaderSize + lengths.packed_length;
+        if (end > limit) break;
+        dropped = static_cast<uint32_t>(end);
+    }
+    compress_used -= dropped;
+    memmove(compress_buf.data(), compress_buf.data() + dropped, compress_used);
 }
 
 int QUARN_FILE_IO::open_new_log_file() {

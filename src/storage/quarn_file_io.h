@@ -92,7 +92,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     void forget_capture();
 
     // Writes whole blocks (and with `last` the stray byte) to the current file, after opening the
-    // first one or the next one. On -1 the file holds nothing of `buf`.
+    // first one or the next one. On -1 the file holds nothing of what is left in the buffer.
     int save_to_log_file(const char* buf, unsigned int len, bool last);
     // Sees to it that a file is open which may take more.
     int ready_file();
@@ -101,6 +101,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     int rotate();
     int make_room();  // under `recycle_mutex`
     int append_whole(const char* buf, int len);
+    void drop_blocks_within(size_t size);
     int open_new_log_file();
     int open_cur_file();
     int write_header();

@@ -1,0 +1,54 @@
+// System calls of this process that fail, from outside the code that makes them.
+#pragma once
+
+#include <climits>
+#include <cstddef>
+
+namespace test {
+
+enum class Call {
+    kOpen,  // also fopen
+    kOpenFolder,
+    kRead,
+    kWrite,
+    kSeek,
+    kTruncate,
+    kClose,  // the descriptor is gone all the same, as on Linux; also fclose
+    kSendFile,
+    kCopyRange,
+    kMakeFolder,
+    kRename,  // `where` is the old name
+    kRemoveFile,
+    kRemoveFolder,
+    kSocket,
+    kBind,
+    kListen,
+    kAccept,
+    kThread,
+};
+
+struct Fault {
+    Call call;
+    int error = 0;           // errno; 0: a write is made, but takes no more than `limit` bytes
+    const char* where = "";  // in the path, or in the name that the socket is bound to
+    int after = 0;           // calls that still go well
+    int count = INT_MAX;     // calls that fail then
+    size_t limit = 0;
+};
+
+// While it lives, the calls that its fault names fail. Several may live at once: the newest one
+// that fits counts. Calls that the C library makes for itself are not seen.
+class FailCalls {
+  public:
+    explicit FailCalls(Fault what);
+    ~FailCalls();
+    FailCalls(const FailCalls&) = delete;
+    FailCalls& operator=(const FailCalls&) = delete;
+
+    int failed() const;  // calls so far
+
+  private:
+    const Fault fault;
+};
+
+}  // namespace test
