@@ -24,6 +24,14 @@ class IpcMessage {
     }
     void AddNumber(int type, int32_t number) { Add(type, &number, sizeof(number)); }
 
+    // Takes the last byte off the value that was added last.
+    void Shorten() {
+        if (values_.empty() || values_.back().length == 0) return;
+        --values_.back().length;
+        bytes_.pop_back();
+        bytes_.shrink_to_fit();  // so that a sanitizer sees who reads on
+    }
+
     bool Has(int type) const { return Find(type) != nullptr; }
     // Of the first value of that type; empty when there is none. Valid until the next `Add`, and
     // never aligned, as on the wire.

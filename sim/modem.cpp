@@ -53,7 +53,7 @@ int Modem::Init() {
     }
     if (up_) return 0;
     up_ = true;
-    port_open_ = true;
+    port_open_ = log_device_;
     RestartRateClock();
     notifier_ = std::thread(&Modem::NotifyThread, this);
     return 0;
@@ -80,7 +80,7 @@ int Modem::Deinit() {
 int Modem::OpenPort() {
     std::lock_guard lock(mutex_);
     ++calls_.open;
-    if (!up_) return -1;
+    if (!up_ || !log_device_) return -1;
     if (open_faults_ > 0) {
         --open_faults_;
         return -1;
@@ -98,6 +98,20 @@ int Modem::ClosePort() {
     port_cond_.notify_all();
     quiet_cond_.notify_all();
     return 0;
+}
+
+void Modem::RemoveLogDevice() {
+    {
+        std::lock_guard lock(mutex_);
+        log_device_ = port_open_ = false;
+    }
+    port_cond_.notify_all();
+    quiet_cond_.notify_all();
+}
+
+void Modem::AddLogDevice() {
+    std::lock_guard lock(mutex_);
+    log_device_ = true;
 }
 
 int Modem::PollPort(int timeout_ms) {
@@ -127,7 +141,7 @@ int Modem::ReadPort(void* buf, size_t len, int* err) {
     ++calls_.read;
     int error = 0;
     if (!port_open_) {
-        error = EBADF;
+        error = log_device_ ? EBADF : ENODEV;
     } else if (TakeFault(read_faults_, &error) || SprinkleRead(&error)) {
         if (error == 0) return 0;
     } else {
@@ -136,6 +150,7 @@ int Modem::ReadPort(void* buf, size_t len, int* err) {
         const size_t got = want == 0 ? 0 : source_->Read(static_cast<uint8_t*>(buf), want);
         if (got != 0) {
             delivered_ += got;
+            SaveDelivered();
             if (rate_ != 0) {
                 credit_ -= got * kTicksPerSecond;
                 ready_ -= got;
@@ -431,6 +446,8 @@ void Modem::Notify(MCL_NTFY_CODE code, const void* payload, size_t payload_size)
     const auto* bytes = static_cast<const uint8_t*>(payload);
     Notification notification{code, payload != nullptr, {}};
     if (payload != nullptr) notification.payload.assign(bytes, bytes + payload_size);
+    // A handler knows no size, only the code, and takes what a modem sends with that.
+    if (payload != nullptr) notification.payload.resize(std::max(payload_size, kLargestPayload));
     Queue(std::move(notification));
 }
 
@@ -486,6 +503,7 @@ Modem::Status Modem::status() const {
     Status status = {};
     status.up = up_;
     status.port_open = port_open_;
+    status.log_device = log_device_;
     status.streaming = streaming_;
     status.exhausted = exhausted_;
     if (source_) status.source = source_->Describe();
@@ -510,6 +528,7 @@ void Modem::Reset() {
     SetTap("");
     std::lock_guard lock(mutex_);
     streaming_ = false;
+    log_device_ = true;
     rate_ = 0;
     read_limit_ = 0;
     delivered_ = 0;
@@ -535,6 +554,8 @@ void Modem::Reset() {
     at_answers_ = 0;
     settings_ = {};
     settings_folder_.clear();
+    if (delivered_fd_ != -1) close(delivered_fd_);
+    delivered_fd_ = -1;
     clock_.clear();
     clock_sets_ = 0;
 }

@@ -62,6 +62,7 @@ enum class IpcFault {
     kNoResult,  // it is carried out, and the confirmation has no result code
     kNoAnswer,  // it is carried out, and the confirmation has no answer
     kAnswer,    // it is carried out, and the answer is this number
+    kShort,     // it is carried out, and of the answer's last value the last byte is missing
 };
 
 class Modem {
@@ -151,7 +152,8 @@ class Modem {
         std::vector<uint8_t> filter;  // the custom filter's bytes
     };
     Settings settings() const;
-    // Takes up the settings that are kept in this folder, and keeps each change there.
+    // Takes up the settings that are kept in this folder, and keeps each change there; the same
+    // with the count of delivered bytes, which is exact even after a kill -9.
     void KeepSettings(const std::string& folder);
 
     struct IpcStatus {
@@ -188,7 +190,8 @@ class Modem {
     Calls calls() const;
 
     // --- notifications: from the library's own thread, one at a time, in order ---
-    // Returns at once; the payload is copied. Before `Init` they queue up.
+    // Returns at once; the payload is copied, a short one with zeros behind it. Before `Init` they
+    // queue up.
     void Notify(MCL_NTFY_CODE code, const void* payload = nullptr, size_t payload_size = 0);
     // With the payload that a modem sends with this code.
     void Raise(MCL_NTFY_CODE code);
@@ -200,12 +203,18 @@ class Modem {
     // taken longer than 5 s.
     void Exception();
 
+    // --- the log device, whose port it is ---
+    // While it is gone the port is closed and cannot be opened; reads fail with ENODEV. A device
+    // that comes back has a closed port.
+    void RemoveLogDevice();
+    void AddLogDevice();
+
     // --- what the daemon wrote to the log port ---
     std::string written() const;  // the last mebibyte
 
     // How the modem stands, for people and for programs that wait for it.
     struct Status {
-        bool up, port_open, streaming, exhausted;
+        bool up, port_open, log_device, streaming, exhausted;
         std::string source;  // as it describes itself; empty: none
         uint64_t rate;
         size_t read_limit;
@@ -231,6 +240,7 @@ class Modem {
     ~Modem() = delete;
 
     static constexpr size_t kDefaultWatermark = 1 << 20;
+    static constexpr size_t kLargestPayload = 4 + 4 + 204 + 4;  // bytes; that of code 1
 
     struct Fault {
         int value;
@@ -280,6 +290,8 @@ class Modem {
     std::optional<int> TakeIpcFault(int message_id, IpcFault kind);
     std::string EarlyLogFilter(std::string_view command);
     void SaveSettings();
+    void KeepDelivered(const std::string& path);
+    void SaveDelivered();
     void Produce();
     void Release();
     size_t HeldBack() const;
@@ -310,6 +322,7 @@ class Modem {
 
     bool up_ = false;
     bool port_open_ = false;
+    bool log_device_ = true;
     bool streaming_ = false;
     bool exhausted_ = false;
     std::unique_ptr<LogSource> source_;
@@ -353,6 +366,7 @@ class Modem {
     int at_answers_ = 0;
     Settings settings_;
     std::string settings_folder_;  // empty: nowhere
+    int delivered_fd_ = -1;        // where `delivered_` is kept; -1: nowhere
     std::string clock_;
     uint64_t clock_sets_ = 0;
 

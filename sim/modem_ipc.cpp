@@ -89,6 +89,7 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     const bool no_result = TakeIpcFault(id, IpcFault::kNoResult).has_value();
     const bool no_answer = TakeIpcFault(id, IpcFault::kNoAnswer).has_value();
     const auto other_answer = TakeIpcFault(id, IpcFault::kAnswer);
+    const bool is_short = TakeIpcFault(id, IpcFault::kShort).has_value();
 
     ++ipc_under_way_;
     IpcAnswer answer;
@@ -112,6 +113,7 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     if (other_answer) answer.number = other_answer;
     if (answer.number) confirmation.AddNumber(kValueTlv, *answer.number);
     if (answer.text) confirmation.Add(kTextTlv, answer.text->c_str(), answer.text->size() + 1);
+    if (is_short) confirmation.Shorten();
     return {0, std::move(confirmation)};
 }
 

@@ -27,13 +27,13 @@
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_names.h"
+#include "storage/power_on_log.h"
 #include "storage/quarn_file_io.h"
 
 namespace quarn::zorvex {
 
 namespace {
 
-constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs/";
 constexpr const char* kListName = "copied_folder_list";
 constexpr const char* kListHeader = "List from oldest to newest";
 
@@ -290,9 +290,8 @@ int CopyLatestLogFile(const std::string& directory, int limit, bool flush_first)
 
     Copies copies{.limit = limit, .records = {}};
     int power_on_copied = 0;
-    const std::string power_on_log(log_names::kPowerOnLog);
-    if (CopyFile(kLogFolder + power_on_log, directory + "/" + power_on_log, power_on_copied) ==
-        kCopied) {
+    const std::string power_on_copy = directory + "/" + std::string(log_names::kPowerOnLog);
+    if (CopyFile(kPowerOnLogPath, power_on_copy, power_on_copied) == kCopied) {
         copies.total = power_on_copied;
     }
 

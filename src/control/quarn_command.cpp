@@ -16,6 +16,7 @@
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
+#include "storage/power_on_log.h"
 
 namespace {
 
@@ -378,7 +379,7 @@ void switch_to_storage() {
     }
     QUARN_LOGI("command_handler: switch transfer_type from %d to %d", old_type, kType);
     switch_handles(kType);
-    // GAP power-on log: the side effects of a switch on it.
+    quarn::zorvex::HandleTransferTypeSwitch(old_type, kType);
     g_quarn.transfer_type = kType;
     if (quarn_notifyTransferTypeUpdate(kType) < 0) {
         QUARN_LOGE("command_handler: notify transfer type update to %d failed!", kType);
@@ -461,3 +462,28 @@ int32_t QUARN_COMMAND_HANDLE::stop() {
     quarn_ctrlConn_stopListen();
     return 0;
 }
+
+namespace quarn::zorvex {
+
+void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type) {
+    constexpr int kFilterOff = 2;
+    constexpr int kFilterOn = 3;
+    const auto is_host = [](QUARN_SAVE_MODE type) {
+        return type == SAVE_MODE_USB || type == SAVE_MODE_SOCKET;
+    };
+    int value = -1;
+    bool done = GetPowerOnLogFilterEnableNvramCfg(value);
+    if (old_type == SAVE_MODE_STORAGE && is_host(new_type)) {
+        PowerOnLogStop();
+        {
+            std::lock_guard lock(g_quarn.exec_mutex);
+            quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
+        }
+        done = SetPowerOnLogFilterEnableNvramCfg(kFilterOff) && done;
+    } else if (is_host(old_type) && new_type == SAVE_MODE_STORAGE) {
+        done = SetPowerOnLogFilterEnableNvramCfg(kFilterOn) && done;
+    }
+    if (!done) QUARN_LOGW("Switch transfer_type with warnings");
+}
+
+}  // namespace quarn::zorvex

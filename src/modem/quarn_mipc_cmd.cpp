@@ -1,5 +1,6 @@
 #include "modem/quarn_mipc_cmd.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "control/quarn_state_notify.h"
 #include "core/quarn.h"
@@ -76,11 +78,12 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<mipc_msg_t, MessageDeleter>;
 
-// Values lie in a message as they came, aligned or not.
+// Values lie in a message as they came, aligned or not, and may be too short to be one.
 std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
-    const void* const value = mipc_msg_get_val_ptr(msg, type, nullptr);
-    if (value == nullptr) return std::nullopt;
+    int length = 0;
+    const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
     int32_t number;
+    if (value == nullptr || length < static_cast<int>(sizeof(number))) return std::nullopt;
     memcpy(&number, value, sizeof(number));
     return number;
 }
@@ -152,9 +155,14 @@ class Exchange {
         return 0;
     }
 
-    // After a send that succeeded; null when there is no such value.
-    const char* text(int type) {
-        return static_cast<const char*>(mipc_msg_get_val_ptr(confirmation.get(), type, nullptr));
+    // After a send that succeeded: up to the text's NUL, or all of it; none when there is no such
+    // value.
+    std::optional<std::string> text(int type) {
+        int length = 0;
+        const void* const value = mipc_msg_get_val_ptr(confirmation.get(), type, &length);
+        if (value == nullptr) return std::nullopt;
+        const auto* const chars = static_cast<const char*>(value);
+        return std::string(chars, strnlen(chars, static_cast<size_t>(std::max(length, 0))));
     }
 
   private:
@@ -305,12 +313,12 @@ bool SendAtCommandByMipc(const std::string& cmd, std::string& result) {
         QUARN_LOGE("AT command: Send mipc cmd failed: %d", status);
         return false;
     }
-    const char* const response = exchange.text(kAtTextTlv);
-    if (response == nullptr) {
+    std::optional<std::string> response = exchange.text(kAtTextTlv);
+    if (!response) {
         QUARN_LOGE("AT command: Get mipc cmd cnf result failed");
         return false;
     }
-    result = response;
+    result = std::move(*response);
     QUARN_LOGD("AT command: Return result message: %s", result.c_str());
     return true;
 }

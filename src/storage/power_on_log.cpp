@@ -1,8 +1,337 @@
 #include "storage/power_on_log.h"
 
+#include <android-base/file.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+#include "core/quarn.h"
+#include "modem/log_flush.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "platform/quarn_log.h"
+#include "storage/log_file_header.h"
+#include "storage/log_names.h"
+
 namespace quarn::zorvex {
 
-void PowerOnLogInit() {}
-void PowerOnLogDeInit() {}
+namespace {
+
+static_assert(std::string_view(kPowerOnLogPath).ends_with(log_names::kPowerOnLog));
+
+constexpr std::chrono::seconds kDuration(60);
+constexpr int kSizeUnitShift = 21;        // 2 MiB
+constexpr uint32_t kMaxSizeInUnits = 25;  // 50 MiB
+constexpr mode_t kMode = 0644;
+constexpr char kEnd = 0;  // the file's last byte
+
+constexpr const char* kThreadEntry = "PowerOnEventDetectThreadEntry";
+constexpr std::string_view kFilterSetting = "AT+ZORVEARLYLOGFILTER";
+constexpr std::string_view kLineEnds = "\r\n";
+
+enum class State { kNotInitialised, kInitialised, kWriting, kStopped };
+
+// A mutex for two kinds of holders, so that a stop can join a thread while it holds it.
+class PowerOnMutex {
+  public:
+    // For a stop: waits for whoever holds it.
+    void lock() {
+        std::unique_lock guard(mutex);
+        ++stops;
+        changed.notify_all();
+        changed.wait(guard, [this] { return holder == Holder::kNobody; });
+        holder = Holder::kStop;
+    }
+    // For everybody else: waits for its turn, but gives up as soon as a stop is under way.
+    bool try_lock() {
+        std::unique_lock guard(mutex);
+        changed.wait(guard, [this] { return stops != 0 || holder == Holder::kNobody; });
+        if (stops != 0) return false;
+        holder = Holder::kOther;
+        return true;
+    }
+    void unlock() {
+        std::lock_guard guard(mutex);
+        if (holder == Holder::kStop) --stops;
+        holder = Holder::kNobody;
+        changed.notify_all();
+    }
+
+  private:
+    enum class Holder { kNobody, kStop, kOther };
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    Holder holder = Holder::kNobody;
+    int stops = 0;  // that hold it or wait for it
+};
+
+using StopLock = std::lock_guard<PowerOnMutex>;
+
+// False when a stop is under way.
+class UseLock : public std::unique_lock<PowerOnMutex> {
+  public:
+    explicit UseLock(PowerOnMutex& mutex) : unique_lock(mutex, std::try_to_lock) {}
+};
+
+struct PowerOnLog {
+    PowerOnMutex mutex;  // guards what follows
+    State state = State::kNotInitialised;
+    int32_t fd = -1;
+    uint32_t bytes_written = 0;  // header and end not counted
+    std::thread event_thread;
+
+    std::mutex wait_mutex;  // taken inside the other; around each change of `running`
+    std::condition_variable wait_cond;
+    std::atomic<bool> running{false};
+};
+
+// Never destroyed: a capture may still be closed, and the event thread wait, while the process
+// exits.
+PowerOnLog& Module() {
+    static PowerOnLog& module = *new PowerOnLog;
+    return module;
+}
+
+// --- the file; under the power-on mutex ---
+
+// All of it, or, as far as that can be undone, nothing, so that what is in the file stays whole.
+bool Append(int fd, const char* buf, size_t size) {
+    const off_t before = lseek(fd, 0, SEEK_CUR);
+    if (android::base::WriteFully(fd, buf, size)) return true;
+    const int error = errno;
+    if (before >= 0 && ftruncate(fd, before) == 0) lseek(fd, before, SEEK_SET);
+    errno = error;
+    return false;
+}
+
+void CloseFile(PowerOnLog& log, const char* who) {
+    if (close(log.fd) != 0) {
+        QUARN_LOGE("%s: Error closing log file %s: %s", who, kPowerOnLogPath, strerror(errno));
+    }
+    log.fd = -1;
+}
+
+void EndFile(PowerOnLog& log, const char* who) {
+    if (log.fd < 0) return;
+    if (!Append(log.fd, &kEnd, sizeof(kEnd))) {
+        QUARN_LOGE("%s: Error writing log file: %s", who, strerror(errno));
+    }
+    CloseFile(log, who);
+}
+
+void RemovePreviousFile(const char* who) {
+    if (remove(kPowerOnLogPath) == 0) {
+        QUARN_LOGD("Power-on log: previous log file: %s is removed", kPowerOnLogPath);
+    } else {
+        QUARN_LOGD("%s: Failed to remove %s: %s", who, kPowerOnLogPath, strerror(errno));
+    }
+}
+
+// False, with no file open, on failure.
+bool OpenFile(PowerOnLog& log, const char* who) {
+    RemovePreviousFile(who);
+    const LogFileHeader header(g_file_io.get_cur_folder_time(), 0);
+    if (!header.has_modem_info()) QUARN_LOGE("%s: Error missing modem info", who);
+    log.fd = open(kPowerOnLogPath, O_WRONLY | O_CREAT | O_CLOEXEC, kMode);
+    if (log.fd < 0) {
+        QUARN_LOGE("%s: Error opening log file %s: %s", who, kPowerOnLogPath, strerror(errno));
+        return false;
+    }
+    if (header.Write(log.fd) != 0) {
+        QUARN_LOGE("%s: Error writing log file %s header", who, kPowerOnLogPath);
+        CloseFile(log, who);
+        return false;
+    }
+    return true;
+}
+
+void CountWritten(PowerOnLog& log, const char* who, uint32_t size) {
+    if (size > std::numeric_limits<uint32_t>::max() - log.bytes_written) {
+        QUARN_LOGE("%s: Error adding variables: overflow", who);
+        log.state = State::kStopped;
+        return;
+    }
+    log.bytes_written += size;
+    if (log.bytes_written >> kSizeUnitShift < kMaxSizeInUnits) return;
+    QUARN_LOGI("Power-on log: stop writing log, file size=%d bytes",
+               static_cast<int>(log.bytes_written));
+    log.state = State::kStopped;
+}
+
+// --- the event thread ---
+
+// False when a stop came first.
+bool WaitForEnd(PowerOnLog& log) {
+    const auto deadline = std::chrono::steady_clock::now() + kDuration;
+    std::unique_lock lock(log.wait_mutex);
+    return !log.wait_cond.wait_until(lock, deadline, [&log] { return !log.running; });
+}
+
+void HandleEnd(PowerOnLog& log) {
+    QUARN_LOGI("Power-on Log: detect power-on end event");
+    {
+        std::lock_guard lock(g_quarn.exec_mutex);
+        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
+    }
+    FlushLogBuffers();
+    if (const UseLock lock(log.mutex); lock) log.state = State::kStopped;
+}
+
+}  // namespace
+
+void PowerOnLogInit() {
+    PowerOnLog& log = Module();
+    const UseLock lock(log.mutex);
+    if (!lock) return;
+    log.bytes_written = 0;
+    log.state = State::kInitialised;
+    log.running = true;
+    try {
+        log.event_thread = std::thread(PowerOnEventDetectThreadEntry);
+    } catch (const std::system_error& error) {
+        QUARN_LOGE("%s: Error creating thread: %s", "PowerOnLogInit",
+                   strerror(error.code().value()));
+        // Nobody would end the minute.
+        log.running = false;
+        log.state = State::kStopped;
+        return;
+    }
+    QUARN_LOGI("Power-on Log: init successfully");
+}
+
+void PowerOnEventDetectThreadEntry() {
+    pthread_setname_np(pthread_self(), "quarn_power_on");
+    QUARN_LOGI("Power-on Log: thread %s starts", kThreadEntry);
+    PowerOnLog& log = Module();
+    if (WaitForEnd(log)) HandleEnd(log);
+    QUARN_LOGI("Power-on Log: thread %s terminate", kThreadEntry);
+}
+
+void PowerOnLogStart() {
+    constexpr const char* kWho = "PowerOnLogStart";
+    PowerOnLog& log = Module();
+    const UseLock lock(log.mutex);
+    switch (lock ? log.state : State::kStopped) {
+        case State::kNotInitialised:
+            QUARN_LOGE("%s: Error starting power-on log: init function should be called first",
+                       kWho);
+            return;
+        case State::kWriting:
+            QUARN_LOGI("Power-on log: already started");
+            return;
+        case State::kStopped:
+            QUARN_LOGW("Power-on log: already stopped");
+            return;
+        case State::kInitialised:
+            break;
+    }
+    // Read without `command_mutex`, whose holder may be waiting for `io_mutex`.
+    if (const QUARN_SAVE_MODE type = g_quarn.transfer_type; type != SAVE_MODE_STORAGE) {
+        QUARN_LOGE("%s: Error starting power-on log: transfer type %d should be storage", kWho,
+                   type);
+        return;
+    }
+    if (!OpenFile(log, kWho)) return;  // the next capture folder tries again
+    QUARN_LOGI("Power-on log: start writing log to %s", kPowerOnLogPath);
+    log.state = State::kWriting;
+}
+
+void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
+    constexpr const char* kWho = "PowerOnLogWrite";
+    PowerOnLog& log = Module();
+    const UseLock lock(log.mutex);
+    if (!lock) return;  // who stops ends the file
+    if (log.state != State::kWriting) {
+        EndFile(log, kWho);
+        return;
+    }
+    if (len == 0) return;
+    const uint32_t size = last ? len - 1 : len;
+    if (!Append(log.fd, buf, size)) {
+        QUARN_LOGE("%s: Error writing log file: %s", kWho, strerror(errno));
+        log.state = State::kStopped;
+        return;
+    }
+    QUARN_LOGD("Power-on log: write log, size=%zd KB", static_cast<ssize_t>(size / 1024));
+    CountWritten(log, kWho, size);
+}
+
+void PowerOnLogStop() {
+    PowerOnLog& log = Module();
+    const StopLock lock(log.mutex);
+    {
+        std::lock_guard wait_lock(log.wait_mutex);
+        log.running = false;
+    }
+    log.wait_cond.notify_one();
+    if (log.event_thread.joinable()) {
+        log.event_thread.join();
+    } else {
+        QUARN_LOGD("Power-on Log: thread is not joinable");
+    }
+    QUARN_LOGI("Power-on log: stop event detect thread and stop writing log");
+    log.state = State::kStopped;
+}
+
+void PowerOnLogDeInit() {
+    PowerOnLogStop();
+    PowerOnLog& log = Module();
+    const StopLock lock(log.mutex);
+    EndFile(log, "PowerOnLogDeInit");
+    QUARN_LOGI("Power-on Log: de-init successfully");
+}
+
+bool GetPowerOnLogFilterEnableNvramCfg(int& value) {
+    value = -1;
+    std::string response;
+    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "?", response)) return false;
+    if (!GetAtCommandExecStatus(response)) return false;
+
+    const size_t start = response.find_first_not_of(kLineEnds);
+    if (start == std::string::npos) {
+        QUARN_LOGE(
+            "Power-on log: Cannot find power-on log filter enable value in AT command result");
+        return false;
+    }
+    const std::string line =
+        response.substr(start, response.find_first_of(kLineEnds, start) - start);
+    int number = -1;
+    const char* const line_end = line.data() + line.size();
+    auto [end, error] = std::from_chars(line.data(), line_end, number);
+    if (error == std::errc() && end != line_end) error = std::errc::invalid_argument;
+    if (error != std::errc()) {
+        QUARN_LOGE("Power-on log: Convert power-on log filter enable %s to int failed: %s",
+                   line.c_str(), strerror(static_cast<int>(error)));
+        return false;
+    }
+    value = number;
+    QUARN_LOGI("Power-on log: Get power-on log filter enable=%d by AT command", value);
+    return true;
+}
+
+bool SetPowerOnLogFilterEnableNvramCfg(int value) {
+    std::string response;
+    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "=" + std::to_string(value), response) ||
+        !GetAtCommandExecStatus(response)) {
+        return false;
+    }
+    QUARN_LOGI("Power-on log: Set power-on log filter enable=%d by AT command", value);
+    return true;
+}
 
 }  // namespace quarn::zorvex

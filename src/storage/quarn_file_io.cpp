@@ -16,17 +16,18 @@
 
 #include "core/path_utility.h"
 #include "core/quarn.h"
-#include "platform/qrx_log_format.h"
 #include "platform/quarn_log.h"
-#include "storage/custom_header.h"
 #include "storage/folder_history.h"
 #include "storage/log_file_format.h"
+#include "storage/log_file_header.h"
 #include "storage/log_file_recycler.h"
 #include "storage/log_names.h"
+#include "storage/power_on_log.h"
 
 namespace {
 
 using quarn::log_file::kBlockHeaderSize;
+using quarn::log_file::kCompressBufSize;
 using quarn::log_names::kException;
 using quarn::log_names::kOpenEnding;
 
@@ -205,7 +206,7 @@ int QUARN_FILE_IO::io_open() {
     recycle_config.folder_created = true;
     ++next_folder_idx;
     file_idx = 0;
-    // GAP power-on log: its capture starts here.
+    quarn::zorvex::PowerOnLogStart();
     is_closed = false;
     return 0;
 }
@@ -429,14 +430,15 @@ void QUARN_FILE_IO::flush_last(Flush how) {
     compress_used = 0;
 }
 
-int QUARN_FILE_IO::save_to_log_file(const char* buf, unsigned int len, [[maybe_unused]] bool last) {
+int QUARN_FILE_IO::save_to_log_file(const char* buf, unsigned int len, bool last) {
     if (ready_file() != 0) {
         give_up_vanished_capture();
         return -1;
     }
-    // GAP power-on log: it gets these bytes too, and `last`.
     if (append_whole(buf, static_cast<int>(len)) < 0) return -1;
     file_written += len;
+    // Only now: a write that failed is offered again, and may not come twice into the other file.
+    quarn::zorvex::PowerOnLogWrite(buf, len, last);
     return 0;
 }
 
@@ -531,23 +533,9 @@ int QUARN_FILE_IO::open_cur_file() {
 }
 
 int QUARN_FILE_IO::write_header() {
-    QRX_LOG_FORMAT_AP ap = {};
-    ap.compress_buf_size = kCompressBufSize;
-    ap.folder_time = static_cast<uint32_t>(cur_folder_time);
-    ap.file_idx = file_idx;
-    quarn::zorvex::GetCustomHeaderInfo(ap.custom_header);
-
-    std::lock_guard lock(g_quarn.md_info_mutex);
-    QRX_LOG_FORMAT_MODEM modem = {};
-    modem.md_info = &g_quarn.md_info;
-    modem.md_info_word_b = g_quarn.md_info.md_info_word_b;
-    modem.md_info_word_a = g_quarn.md_info_word_a;
-    modem.md_info_time = static_cast<uint32_t>(g_quarn.md_info_time);
-    if (g_quarn.md_info_time == 0) {
-        QUARN_LOGE("file_io: no modem info");
-        modem.md_info_time = static_cast<uint32_t>(time(nullptr));
-    }
-    return qrx_log_format_writeHeader(fd, modem, ap);
+    const quarn::zorvex::LogFileHeader header(cur_folder_time, file_idx);
+    if (!header.has_modem_info()) QUARN_LOGE("file_io: no modem info");
+    return header.Write(fd);
 }
 
 void QUARN_FILE_IO::finalise_last_file() {

@@ -9,14 +9,16 @@
 #include <string>
 
 #include "datapath/quarn_io.h"
+#include "storage/log_file_format.h"
 #include "storage/recycle_config.h"
 
 // States: closed -> `io_open` -> capture open, no file -> first flushed block -> file open (".tmp")
 // -> rotation: next file open, the one before renamed without ".tmp" -> `io_close` -> closed. The
 // names in the tree are told in log_names.h, the files' framing in log_file_format.h.
 //
-// Locks, in order: `io_mutex`, then either `recycle_mutex` or `folder_name_mutex`. All operations
-// return 0 on success and -1 on failure unless they say otherwise.
+// Locks, in order: `io_mutex`, then one of `recycle_mutex`, `folder_name_mutex` and the power-on
+// mutex (power_on_log.h). All operations return 0 on success and -1 on failure unless they say
+// otherwise.
 class QUARN_FILE_IO : public QUARN_IO {
   public:
     explicit QUARN_FILE_IO(std::string base_folder);
@@ -65,8 +67,6 @@ class QUARN_FILE_IO : public QUARN_IO {
     void release_folder_name_lock();
 
   private:
-    static constexpr size_t kCompressBufSize = 1024 * 1024;
-
     // How a flush of the buffer ends. The stray byte, one more than the blocks, marks the end of a
     // file that was closed on purpose; readers ignore it.
     enum class Flush { kExact, kWithStrayByte };
@@ -112,7 +112,8 @@ class QUARN_FILE_IO : public QUARN_IO {
     const std::string top_log_folder;
     std::string log_folder;  // the top one or one directly in it
 
-    std::array<char, kCompressBufSize> compress_buf{};  // whole blocks not yet in the file
+    std::array<char, quarn::log_file::kCompressBufSize>
+        compress_buf{};                                 // whole blocks not yet in the file
     uint32_t compress_used = 0;                         // bytes
     uint32_t file_written = 0;                          // bytes, header not counted
     std::atomic<uint32_t> file_size{50 * 1024 * 1024};  // bytes; atomic: read without a lock

@@ -1,0 +1,41 @@
+// Lines for the simulated phone, whose notifications reach the daemon's handler.
+#include "sim/console.h"
+
+#include <filesystem>
+
+#include "core/quarn.h"
+#include "fuzz.h"
+#include "platform/mcl.h"
+#include "sim/modem.h"
+
+void fuzz::SetUp() {
+    StartPhone();
+    g_notify.init();
+    g_quarn.is_started = true;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    constexpr int kMaxLines = 16;
+    const sim::Console console("/box/modem");
+    sim::Modem& modem = sim::Modem::Instance();
+    mcl_init();
+    mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    std::string_view lines = fuzz::Text(data, size);
+    for (int i = 0; i < kMaxLines && !lines.empty(); ++i) {
+        const std::string line = fuzz::TakeLine(lines);
+        if (fuzz::LeavesBox(line)) continue;
+        const sim::Reply reply = console.Execute(line);
+        fuzz::Check(reply.ok || !reply.text.empty(), "a refusal says why");
+        fuzz::Check(!reply.ok || reply.text.empty() || reply.text.back() == '\n',
+                    "a reply is whole lines");
+    }
+    modem.WaitForNotifications();
+    modem.Reset();
+
+    static int runs = 0;
+    if (++runs % 256 == 0) {
+        g_file_io.io_close();
+        std::filesystem::remove_all("/data/vendor/radio/quarn/logs");
+    }
+    return 0;
+}

@@ -1,0 +1,28 @@
+// A device event: any bytes of a datagram, closed by two NULs as its receiver does.
+#include <cstring>
+
+#include "fuzz.h"
+#include "modem/quarn_event_detect.h"
+
+void fuzz::SetUp() {}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string message = std::string(fuzz::Text(data, size)) + std::string(2, '\0');
+    // Exactly as large, so that one byte too many is seen.
+    const std::vector<char> buffer(message.begin(), message.end());
+    event_info info;
+    const QUARN_EVENT event = QUARN_EVENT_DETECT_HANDLE::parse_uevent(buffer.data(), &info);
+
+    for (const char* text : {info.device_name, info.action, info.subsystem, info.device_path}) {
+        fuzz::Check(text == nullptr || (text > buffer.data() && text < &buffer.back()),
+                    "texts lie in the message");
+    }
+    if (event == EVENT_NONE) return 0;
+    fuzz::Check(info.subsystem != nullptr && strcmp(info.subsystem, "vqmi") == 0,
+                "an event is one of the modem's");
+    fuzz::Check(info.device_name != nullptr && info.action != nullptr, "of a device");
+    const bool removed = event == EVENT_MD_LOG_PORT_REMOVED;
+    fuzz::Check(strcmp(info.action, removed ? "remove" : "add") == 0, "it says what happened");
+    fuzz::Check(strcmp(info.device_name, removed ? "wwanD0MDLog" : "wwanD0MIPC0") == 0, "to what");
+    return 0;
+}
