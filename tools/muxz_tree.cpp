@@ -37,10 +37,10 @@ bool MayBeOpen(std::string_view path) {
 
 namespace {
 
-constexpr int kMostReadings = 8;         // of a folder that changes all the time
-constexpr int kMostAttempts = 3;         // to open what is renamed again and again
-constexpr int kMaxDepth = 8;             // of a capture below the root of its tree
-constexpr size_t kCompared = 64 * 1024;  // bytes of two files that tell a copy
+constexpr int kMostReadings = 8;                 // of a folder that changes all the time
+constexpr int kMostAttempts = 3;                 // to open what is renamed again and again
+constexpr int kMaxDepth = 8;                     // of a capture below the root of its tree
+constexpr size_t kCompared = size_t{64} * 1024;  // bytes of two files that tell a copy
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
@@ -216,6 +216,7 @@ class TreeWalk {
   public:
     TreeWalk(Tree& found, std::vector<Complaint>& told) : tree(found), complaints(told) {}
 
+    // NOLINTNEXTLINE(misc-no-recursion): no deeper than kMaxDepth.
     bool Walk(const std::string& path, int depth) {
         std::vector<Entry> entries;
         if (!ReadFolder(OpenFolder(path), entries)) return false;
@@ -240,6 +241,7 @@ class TreeWalk {
     }
 
   private:
+    // NOLINTNEXTLINE(misc-no-recursion): no deeper than kMaxDepth.
     void TakeFolder(const std::string& path, const std::string& name, int depth, bool copies) {
         const std::string own_path = path + "/" + name;
         Capture capture;

@@ -18,6 +18,7 @@
 #include <limits>
 #include <sstream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "control/quarn_command.h"
@@ -52,9 +53,9 @@ constexpr int kCopied = 2;
 // An open file that is closed, with a message on failure, at the end.
 class OpenFile {
   public:
-    OpenFile(const std::string& file_path, int flags, mode_t mode = 0)
+    OpenFile(std::string file_path, int flags, mode_t mode = 0)
         // Never waits: in the place of a file a client may have put a pipe.
-        : path(file_path), fd(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, mode)) {
+        : path(std::move(file_path)), fd(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, mode)) {
         if (fd < 0) {
             QUARN_LOGE("%s: Error opening file %s: %s", "CopyFile", path.c_str(), strerror(errno));
         }
@@ -114,6 +115,7 @@ class ScannedFolder {
     bool empty() const { return count <= 0; }
     std::vector<std::string> names() const {
         std::vector<std::string> found;
+        if (!empty()) found.reserve(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) found.emplace_back(entries[i]->d_name);
         return found;
     }
