@@ -48,6 +48,7 @@ class IpcMessage {
         memcpy(&number, bytes.data(), sizeof(number));
         return number;
     }
+    size_t size() const { return bytes_.size(); }
     size_t count() const { return values_.size(); }
 
   private:

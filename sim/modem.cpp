@@ -382,6 +382,7 @@ void Modem::AddFault(std::deque<Fault>& faults, int value, int count) {
         faults.clear();
     } else {
         faults.push_back({value, count});
+        if (faults.size() > kMostQueued) faults.pop_front();
     }
 }
 
@@ -437,6 +438,10 @@ uint64_t Modem::Queue(Notification notification) {
         std::lock_guard lock(mutex_);
         notifications_.push_back(std::move(notification));
         ticket = ++raised_;
+        if (notifications_.size() > kMostQueued) {
+            notifications_.pop_front();
+            ++settled_;
+        }
     }
     notify_cond_.notify_one();
     return ticket;
@@ -549,6 +554,7 @@ void Modem::Reset() {
     ipc_timeout_ms_ = 0;
     ipc_exchanges_ = ipc_misused_ = 0;
     ipc_requests_.clear();
+    ipc_request_bytes_ = 0;
     ipc_faults_.clear();
     ipc_init_faults_.clear();
     at_answers_ = 0;

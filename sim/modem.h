@@ -240,6 +240,8 @@ class Modem {
     ~Modem() = delete;
 
     static constexpr size_t kDefaultWatermark = 1 << 20;
+    // Faults of a kind, and notifications, that can wait; then the oldest are dropped.
+    static constexpr size_t kMostQueued = 4096;
     static constexpr size_t kLargestPayload = 4 + 4 + 204 + 4;  // bytes; that of code 1
 
     struct Fault {
@@ -360,6 +362,7 @@ class Modem {
     int ipc_under_way_ = 0;
     uint64_t ipc_misused_ = 0;
     std::deque<IpcRequest> ipc_requests_;
+    size_t ipc_request_bytes_ = 0;
     std::vector<PendingIpcFault> ipc_faults_;
     std::deque<Fault> ipc_init_faults_;
     std::string at_answer_;

@@ -14,6 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t kRequestsKept = 256;
+constexpr size_t kRequestBytesKept = 64 << 20;  // of their values; a filter may have 16 MiB
 
 constexpr int kResultTlv = 0;
 constexpr int kValueTlv = 256;
@@ -78,7 +79,12 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     }
     ++ipc_exchanges_;
     ipc_requests_.push_back(request);
-    if (ipc_requests_.size() > kRequestsKept) ipc_requests_.pop_front();
+    ipc_request_bytes_ += request.message.size();
+    while (ipc_requests_.size() > kRequestsKept ||
+           (ipc_requests_.size() > 1 && ipc_request_bytes_ > kRequestBytesKept)) {
+        ipc_request_bytes_ -= ipc_requests_.front().message.size();
+        ipc_requests_.pop_front();
+    }
     if (const auto cause = TakeIpcFault(id, IpcFault::kCause)) return {*cause, std::nullopt};
 
     const std::chrono::milliseconds timeout(request.timeout_ms >= 0 ? request.timeout_ms
@@ -123,6 +129,7 @@ void Modem::FailIpc(int message_id, IpcFault kind, int value, int count) {
     std::lock_guard lock(mutex_);
     if (count > 0) {
         ipc_faults_.push_back({message_id, kind, value, count});
+        if (ipc_faults_.size() > kMostQueued) ipc_faults_.erase(ipc_faults_.begin());
     } else {
         std::erase_if(ipc_faults_, [&](const auto& f) { return f.message_id == message_id; });
     }

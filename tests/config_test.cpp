@@ -334,3 +334,19 @@ TEST_F(Config, SavedLines) {
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), -1);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "saveConfig: open file: " + kPath + " failed, ..."));
 }
+
+// What takes no end, or waits for somebody, in the place of the file.
+TEST_F(Config, NoFileHoldsTheDaemonUp) {
+    fs::remove(kPath);
+    ASSERT_EQ(mkfifo(kPath.c_str(), 0600), 0);
+    EXPECT_EQ(quarn_loadConfig(kConfigPath, 0), -1);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), -1);
+    fs::remove(kPath);
+    fs::create_symlink("/dev/zero", kPath);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
+    fs::remove(kPath);
+    test::WriteFile(kPath, "a 1\n");
+    fs::resize_file(kPath, uintmax_t{1} << 40);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
+    EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 5\n");
+}

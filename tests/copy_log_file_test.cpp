@@ -183,6 +183,9 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     // A pipe that nobody reads does not hold it up.
     ASSERT_EQ(mkfifo("/data/pipe", 0600), 0);
     EXPECT_EQ(CopyFile("/data/source", "/data/pipe", copied), 0);
+    // Neither does a link make the daemon write where the client could not.
+    fs::create_symlink("/data/copy", "/data/link");
+    EXPECT_EQ(CopyFile("/data/source", "/data/link", copied), 0);
     EXPECT_EQ(CopyFile("/data", "/data/copy", copied), 1);
     EXPECT_EQ(copied, -1);
     EXPECT_EQ(ReadFile("/data/copy"), "");

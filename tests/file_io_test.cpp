@@ -379,6 +379,13 @@ TEST_F(FileIo, SettingsKeepTheirBounds) {
     EXPECT_EQ(io->set_log_folder("/data/vendor/radio/quarn//logs//run1/"), 0);
     EXPECT_EQ(io->get_log_folder(), "/data/vendor/radio/quarn//logs//run1/");
     EXPECT_TRUE(fs::is_directory(kLogs + "run1"));
+    // Clients can have folders made, but not without end.
+    std::vector<std::string> folders;
+    for (int i = 0; i < 4096; ++i) folders.push_back(kLogs + std::to_string(i));
+    for (const auto& folder : folders) fs::create_directory(folder);
+    EXPECT_EQ(io->set_log_folder(kLogs + "new"), -1);
+    EXPECT_EQ(io->set_log_folder(folders[7]), 0);
+    for (const auto& folder : folders) fs::remove(folder);
 }
 
 // Requests come from other threads while the writer writes.

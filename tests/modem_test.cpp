@@ -200,12 +200,14 @@ TEST_P(MipcCommand, ReportsEachFailureOnceAndWritesNothing) {
         EXPECT_EQ(modem.ipc_status().exchanges, exchanges);
     }
     if (row.answer_failure != nullptr) {
-        modem.FailIpc(row.id, IpcFault::kNoAnswer, 0, 1);
-        log.Clear();
-        EXPECT_EQ(row.run(&answer), 1);
-        EXPECT_EQ(answer, kUntouched);
-        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.answer_failure));
-        EXPECT_EQ(log.messages().size(), 1u);
+        for (const IpcFault fault : {IpcFault::kNoAnswer, IpcFault::kShort}) {
+            modem.FailIpc(row.id, fault, 0, 1);
+            log.Clear();
+            EXPECT_EQ(row.run(&answer), 1);
+            EXPECT_EQ(answer, kUntouched);
+            EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.answer_failure));
+            EXPECT_EQ(log.messages().size(), 1u);
+        }
     }
     quarn_mipcDeinit();
     expect_failure(1, nullptr);
@@ -342,6 +344,14 @@ TEST_F(Mipc, AtCommandsGiveWhateverTextCameBack) {
         EXPECT_EQ(response, "");
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, message)) << message;
     }
+}
+
+TEST_F(Mipc, AnAtTextMayLackItsEnd) {
+    std::string response;
+    sim::Modem::Instance().AnswerAt("OK", 1);
+    sim::Modem::Instance().FailIpc(3, IpcFault::kShort, 0, 1);
+    EXPECT_TRUE(SendAtCommandByMipc("AT", response));
+    EXPECT_EQ(response, "OK");
 }
 
 TEST(AtStatus, IsTheLastLine) {

@@ -199,6 +199,21 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     EXPECT_FALSE(fs::exists(kLogs + Expand("<B>")));
 }
 
+TEST_F(Recycler, LinksToFoldersAreNotFollowed) {
+    MakeTree(Expand("<B>t: 0=4"));
+    const std::string outside = Expand("/data/outside/<A>/QRXMDLog_0_2024_0101_000000.muxz");
+    MakeFile(outside, 4096);
+    fs::create_directory_symlink("/data/outside", kLogs + "out");
+    fs::create_directory_symlink(Expand("/data/outside/<A>"), kLogs + Expand("<A>"));
+    // Two ways round in circles are ever so many ways down.
+    for (const char* circle : {"here", "there"})
+        fs::create_directory_symlink(kLogs, kLogs + circle);
+    config.recycle_size = 3;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: still remain 1024KB not cleared"));
+    EXPECT_TRUE(fs::exists(outside));
+}
+
 TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
     MakeTree(Expand("<A>: 0=4; <B>t: 0=4"));
     MakeFile(kLogs + "power_on_log.muxz", 9000);

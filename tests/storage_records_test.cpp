@@ -72,6 +72,11 @@ TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
     // However large the file is, only what can be records is read.
     fs::resize_file(kHistory, uintmax_t{1} << 40);
     EXPECT_LE(GetLatestHistoryRecord(20).size(), 1u);
+    // Nobody at the other end of a pipe is waited for.
+    fs::remove(kHistory);
+    ASSERT_EQ(mkfifo(kHistory.c_str(), 0600), 0);
+    EXPECT_TRUE(GetLatestHistoryRecord(20).empty());
+    EXPECT_EQ(UpdateFolderHistory("/logs/QRXMDLog_1_x"), -1);
 }
 
 TEST_F(StorageRecords, TheCustomHeaderHoldsWhatTheDeviceTells) {

@@ -18,7 +18,6 @@
 #include <limits>
 #include <sstream>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "control/quarn_command.h"
@@ -38,6 +37,9 @@ namespace {
 constexpr const char* kListName = "copied_folder_list";
 constexpr const char* kListHeader = "List from oldest to newest";
 
+// In the place of a file a client may have put a pipe, which is not waited for, or a link to a file
+// that it could not write to itself.
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW;
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0644;
 constexpr long kMaxLimitMb = 2047;
@@ -53,9 +55,8 @@ constexpr int kCopied = 2;
 // An open file that is closed, with a message on failure, at the end.
 class OpenFile {
   public:
-    OpenFile(std::string file_path, int flags, mode_t mode = 0)
-        // Never waits: in the place of a file a client may have put a pipe.
-        : path(std::move(file_path)), fd(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK, mode)) {
+    OpenFile(const std::string& file_path, int flags, mode_t mode = 0)
+        : path(file_path), fd(open(path.c_str(), flags | kOpenFlags, mode)) {
         if (fd < 0) {
             QUARN_LOGE("%s: Error opening file %s: %s", "CopyFile", path.c_str(), strerror(errno));
         }
@@ -204,7 +205,7 @@ bool DumpCopiedFolderHistory(const std::string& path, const std::deque<std::stri
     std::string text = std::string(kListHeader) + "\n";
     for (const std::string& record : records) text += record + "\n";
     const android::base::unique_fd fd(
-        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, kFileMode));
+        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | kOpenFlags, kFileMode));
     if (fd < 0) {
         QUARN_LOGE("%s: Error opening file: %s", "DumpCopiedFolderHistory", strerror(errno));
         return false;

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "control/quarn_command.h"
 #include "core/quarn.h"
@@ -31,6 +32,8 @@ constexpr mode_t kConfigMode = 0774;
 constexpr size_t kMaxLoadSize = 1023;  // bytes of the file that count when it is loaded
 constexpr size_t kMaxSaveSize = 1024;  // bytes that a saved file may have
 constexpr size_t kMaxLineSize = 510;   // longer lines are taken in pieces, each a line of its own
+constexpr int kMaxLines = 4096;        // far more than a file that was saved can have
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should it be a pipe
 
 constexpr int kDefaultFlushInterval = 600000;  // ms
 constexpr int kLogModeStreaming = 1;
@@ -78,7 +81,7 @@ unique_fd create_from_default(const char* path) {
 }
 
 unique_fd open_config(const char* path) {
-    unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
+    unique_fd fd(open(path, O_RDONLY | kOpenFlags));
     if (fd >= 0) return fd;
     const int error = errno;
     QUARN_LOGE("open file: %s failed, errno=%s", path, strerror(error));
@@ -280,7 +283,7 @@ void edit_lines(FILE* file, const char* key, const char* value, std::string_view
                 const std::vector<const char*>& displaced_keys, Output& output) {
     bool replaced = false;
     char line[kMaxLineSize + 1];
-    while (fgets(line, sizeof(line), file) != nullptr) {
+    for (int lines = 0; lines < kMaxLines && fgets(line, sizeof(line), file) != nullptr; ++lines) {
         if (std::strstr(line, key) != nullptr) {
             output.append(new_line);
             replaced = true;
@@ -299,7 +302,7 @@ void edit_lines(FILE* file, const char* key, const char* value, std::string_view
 // After a crash in between the file is empty, and the next start keeps the built-in settings; one
 // write makes that moment as short as can be.
 int32_t write_config(std::string_view text) {
-    unique_fd fd(open(kConfigPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kConfigMode));
+    unique_fd fd(open(kConfigPath, O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, kConfigMode));
     if (fd < 0) {
         QUARN_LOGE("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
         return -1;
@@ -342,7 +345,8 @@ int32_t quarn_command_saveConfig(const char* key, const char* value,
         return -1;
     }
     Output output;
-    FILE* const file = fopen(kConfigPath, "re");
+    unique_fd fd(open(kConfigPath, O_RDONLY | kOpenFlags));
+    FILE* const file = fd >= 0 ? android::base::Fdopen(std::move(fd), "r") : nullptr;
     if (file == nullptr) {
         QUARN_LOGW("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
         output.append(new_line);

@@ -22,6 +22,7 @@ using android::base::unique_fd;
 constexpr const char* kHistoryPath = "/data/vendor/radio/quarn/log_folder_history";
 constexpr off_t kMaxHistorySize = 102400;  // bytes; above it the file is cut
 constexpr mode_t kHistoryMode = 0644;
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should it be a pipe
 
 std::mutex history_mutex;  // around every open of the file
 
@@ -30,6 +31,7 @@ std::mutex history_mutex;  // around every open of the file
 std::string ReadHistoryTail(int fd, int n) {
     const off_t tail_size = static_cast<off_t>(n) * (PATH_MAX + 1);
     const off_t size = lseek(fd, 0, SEEK_END);
+    if (size < 0) return {};  // a pipe
     const off_t start = std::max<off_t>(0, size - tail_size);
     lseek(fd, start, SEEK_SET);
     std::string tail(static_cast<size_t>(size - start), '\0');
@@ -46,7 +48,7 @@ void TruncateFolderHistory(off_t size) {
     for (const std::string& record : GetLatestHistoryRecord(kHistoryRecords)) kept += record + '\n';
 
     std::lock_guard lock(history_mutex);
-    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_TRUNC | O_CLOEXEC));
+    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_TRUNC | kOpenFlags));
     if (fd < 0) {
         QUARN_LOGE("%s: Error opening file: %s", "TruncateFolderHistory", strerror(errno));
         return;
@@ -68,7 +70,8 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
     if (existed && status.st_size > kMaxHistorySize) TruncateFolderHistory(status.st_size);
 
     std::lock_guard lock(history_mutex);
-    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kHistoryMode));
+    const unique_fd fd(
+        open(kHistoryPath, O_WRONLY | O_APPEND | O_CREAT | kOpenFlags, kHistoryMode));
     if (fd < 0) {
         QUARN_LOGE("%s: Error opening or creating file: %s", "UpdateFolderHistory",
                    strerror(errno));
@@ -88,7 +91,7 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
 
 std::deque<std::string> GetLatestHistoryRecord(int n) {
     std::lock_guard lock(history_mutex);
-    const unique_fd fd(open(kHistoryPath, O_RDONLY | O_CLOEXEC));
+    const unique_fd fd(open(kHistoryPath, O_RDONLY | kOpenFlags));
     if (fd < 0) {
         QUARN_LOGE("%s: Error opening file: %s", "GetLatestHistoryRecord", strerror(errno));
         return {};

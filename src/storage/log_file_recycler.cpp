@@ -22,10 +22,18 @@ namespace quarn::zorvex {
 namespace {
 
 constexpr int kKbShift = 10;  // bytes to KiB, and MB to KiB the other way
+// Captures lie one or two folders deep. Each level that is walked holds a descriptor.
+constexpr int kMaxDepth = 16;
 
 std::string LastComponent(std::string path) {
     while (path.ends_with('/')) path.pop_back();
     return path.substr(path.rfind('/') + 1);
+}
+
+// A link to a folder leads out of the tree, or back into it and round in circles.
+bool IsLink(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 // Calls `visit` with the name and status of each entry that can be examined, under `function`'s
@@ -107,26 +115,26 @@ void LogFileRecycler::BuildLogFolderHistoryIndex() {
     }
 }
 
-bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path) {
-    return ForEachEntry(path, "TraverseAndBuildFolderList",
-                        [&](const std::string& name, const struct stat& status) {
-                            if (S_ISREG(status.st_mode)) {
-                                if (IsLogFileName(name)) {
-                                    total_kb += status.st_size >> kKbShift;
-                                } else if (std::find(known_files.begin(), known_files.end(),
-                                                     name) == known_files.end()) {
-                                    QUARN_LOGW("%s: Unexpected file in log folder %s",
-                                               "TraverseAndBuildFolderList",
-                                               (path + "/" + name).c_str());
-                                }
-                            } else if (S_ISDIR(status.st_mode)) {
-                                LogFolderInfo info;
-                                if (IsLogFolderName(name) && GetLogFolderInfo(path, name, info)) {
-                                    folder_list.push_back(std::move(info));
-                                }
-                                TraverseAndBuildFolderList(path + "/" + name);
-                            }
-                        });
+bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path, int depth) {
+    return ForEachEntry(
+        path, "TraverseAndBuildFolderList",
+        [&](const std::string& name, const struct stat& status) {
+            if (S_ISREG(status.st_mode)) {
+                if (IsLogFileName(name)) {
+                    total_kb += status.st_size >> kKbShift;
+                } else if (std::find(known_files.begin(), known_files.end(), name) ==
+                           known_files.end()) {
+                    QUARN_LOGW("%s: Unexpected file in log folder %s", "TraverseAndBuildFolderList",
+                               (path + "/" + name).c_str());
+                }
+            } else if (S_ISDIR(status.st_mode) && depth < kMaxDepth && !IsLink(path + "/" + name)) {
+                LogFolderInfo info;
+                if (IsLogFolderName(name) && GetLogFolderInfo(path, name, info)) {
+                    folder_list.push_back(std::move(info));
+                }
+                TraverseAndBuildFolderList(path + "/" + name, depth + 1);
+            }
+        });
 }
 
 bool LogFileRecycler::IsLogFolderName(const std::string& name) {

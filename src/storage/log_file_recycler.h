@@ -45,7 +45,8 @@ class LogFileRecycler {
     LogFileRecycler() = default;
 
     void BuildLogFolderHistoryIndex();
-    bool TraverseAndBuildFolderList(const std::string& path);
+    // Links to folders are not followed; `depth` is that of `path` below the root.
+    bool TraverseAndBuildFolderList(const std::string& path, int depth = 0);
     static bool IsLogFolderName(const std::string& name);
     static bool IsLogFileName(const std::string& name);
     bool GetLogFolderInfo(const std::string& parent_path, const std::string& name,

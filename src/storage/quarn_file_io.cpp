@@ -37,6 +37,8 @@ constexpr auto kOpenPause = std::chrono::seconds(1);
 constexpr int kBytesPerMbShift = 20;
 constexpr int kMaxFileSizeMb = 4095;
 constexpr unsigned int kMaxRecycleSizeMb = 4194303;
+// Entries of the top log folder beyond which clients get no more folders made in it.
+constexpr int kMaxLogFolders = 4096;
 
 std::string local_time_text(time_t time) {
     std::array<char, 32> text;
@@ -112,6 +114,13 @@ class OpenFolder {
     const std::string path;
     DIR* const dir;
 };
+
+bool is_full(const std::string& path) {
+    OpenFolder folder(path);
+    int entries = 0;
+    while (entries < kMaxLogFolders && folder.next() != nullptr) ++entries;
+    return entries == kMaxLogFolders;
+}
 
 // The number between the first and the second "_" of a folder's name.
 bool folder_index(std::string_view name, uint32_t& idx) {
@@ -642,8 +651,12 @@ int QUARN_FILE_IO::set_log_folder(std::string path) {
         QUARN_LOGE("file_io: set log folder %s fail, reason=not allowed path", path.c_str());
         return -1;
     }
-    if (!quarn_check_dir_exist(path.c_str()) && create_folder("file_io io_open", path) != 0) {
-        return -1;
+    if (!quarn_check_dir_exist(path.c_str())) {
+        if (is_full(top_log_folder)) {
+            QUARN_LOGE("file_io: set log folder %s fail, reason=too many folders", path.c_str());
+            return -1;
+        }
+        if (create_folder("file_io io_open", path) != 0) return -1;
     }
     log_folder = std::move(path);
     return 0;

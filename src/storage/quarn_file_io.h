@@ -52,8 +52,8 @@ class QUARN_FILE_IO : public QUARN_IO {
     // Reading takes no lock: recycling, which holds the mutex, may last long.
     int set_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int value);
     int get_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int* value) const;
-    // The log folder or one folder directly in it; created if missing. Takes effect with the next
-    // capture.
+    // The log folder or one folder directly in it; created if missing, unless the log folder
+    // holds 4,096 entries. Takes effect with the next capture.
     int set_log_folder(std::string path);
     std::string get_log_folder();
 
