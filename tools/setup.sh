@@ -2,7 +2,7 @@
 
 run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
-test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev)
+test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
 
 # install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1,
 # with one line on standard error, when that is not possible.
