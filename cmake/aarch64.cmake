@@ -1,5 +1,5 @@
-# 64-bit Arm by Debian's cross compiler. The libraries stand in build/arm64-root, made by ./test arm64
-# from arm64 packages; what is built runs under user-mode emulation.
+# 64-bit Arm by Debian's cross compiler. The libraries stand in build/arm64-root, which `./test arm64`
+# makes from arm64 packages; what is built runs under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
