@@ -41,6 +41,7 @@ constexpr int kMostReadings = 8;                 // of a folder that changes all
 constexpr int kMostAttempts = 3;                 // to open what is renamed again and again
 constexpr int kMaxDepth = 8;                     // of a capture below the root of its tree
 constexpr size_t kCompared = size_t{64} * 1024;  // bytes of two files that tell a copy
+constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is looked for among
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
@@ -144,14 +145,15 @@ bool HoldsSame(Capture a, Capture b) {
     if (!ListFiles(folder_a, "", files_a, ignored) || !ListFiles(folder_b, "", files_b, ignored))
         return false;
     std::string why;
+    std::map<std::tuple<uint32_t, std::string, bool>, LogFile*> by_name;
+    for (LogFile& file_b : files_b) {
+        by_name.try_emplace({file_b.index, file_b.time, file_b.exception}, &file_b);
+    }
     for (LogFile& file_a : files_a) {
-        const auto namesake =
-            std::find_if(files_b.begin(), files_b.end(), [&](const LogFile& file_b) {
-                return std::tie(file_a.index, file_a.time, file_a.exception) ==
-                       std::tie(file_b.index, file_b.time, file_b.exception);
-            });
-        if (namesake == files_b.end()) continue;
-        const Fd fd_a = OpenFile(folder_a, file_a, why), fd_b = OpenFile(folder_b, *namesake, why);
+        const auto namesake = by_name.find({file_a.index, file_a.time, file_a.exception});
+        if (namesake == by_name.end()) continue;
+        const Fd fd_a = OpenFile(folder_a, file_a, why),
+                 fd_b = OpenFile(folder_b, *namesake->second, why);
         if (fd_a && fd_b && SameBeginning(fd_a, fd_b)) return true;
     }
     return false;
@@ -174,7 +176,7 @@ void MarkCopies(std::vector<Capture>& captures) {
         std::sort(ranks.begin(), ranks.end());
         for (size_t i = 1; i < ranks.size(); ++i) {
             Capture& candidate = *std::get<Capture*>(ranks[i]);
-            for (size_t k = 0; k < i && !candidate.copy; ++k) {
+            for (size_t k = 0; k < std::min(i, kMostOriginals) && !candidate.copy; ++k) {
                 const Capture& original = *std::get<Capture*>(ranks[k]);
                 candidate.copy = !original.copy && HoldsSame(original, candidate);
             }
