@@ -557,7 +557,7 @@ void Modem::Reset() {
     ipc_request_bytes_ = 0;
     ipc_faults_.clear();
     ipc_init_faults_.clear();
-    at_answers_ = 0;
+    at_answers_.clear();
     settings_ = {};
     settings_folder_.clear();
     if (delivered_fd_ != -1) close(delivered_fd_);
