@@ -26,6 +26,10 @@ void HostTool::RegisterCallback(tcl_msg_callback callback, void* user) {
 int HostTool::ListenStart(int fd, tcl_host_data_callback to_modem) {
     if (to_modem == nullptr) return -1;
     std::lock_guard lifecycle(lifecycle_mutex_);
+    {
+        std::lock_guard lock(mutex_);
+        if (fd < 0 || fd_ >= 0) ++misused_;
+    }
     EndListening();
     end_fd_ = eventfd(0, EFD_CLOEXEC);
     if (end_fd_ < 0) return -1;
@@ -131,14 +135,15 @@ HostTool::Status HostTool::status() const {
             .waiting = messages_.size(),
             .sent = sent_,
             .listen_calls = listen_calls_,
-            .stop_calls = stop_calls_};
+            .stop_calls = stop_calls_,
+            .misused = misused_};
 }
 
 void HostTool::Reset() {
     ListenStop();
     WaitForMessages();
     std::lock_guard lock(mutex_);
-    handled_ = sent_ = listen_calls_ = stop_calls_ = 0;
+    handled_ = sent_ = listen_calls_ = stop_calls_ = misused_ = 0;
 }
 
 }  // namespace sim

@@ -47,6 +47,7 @@ class HostTool {
         uint64_t sent;          // bytes that the modem took
         uint64_t listen_calls;  // to start
         uint64_t stop_calls;
+        uint64_t misused;  // starts without a descriptor, or while it listened
     };
     Status status() const;
 
@@ -80,6 +81,7 @@ class HostTool {
     uint64_t sent_ = 0;
     uint64_t listen_calls_ = 0;
     uint64_t stop_calls_ = 0;
+    uint64_t misused_ = 0;
     int fd_ = -1;
 };
 

@@ -16,13 +16,16 @@ namespace {
 
 constexpr uint32_t kKernelGroup = 1;
 
-// The kernel skips the port that a message comes from, so this one is not the daemon's own.
+// The kernel skips the port that a message comes from, and gives a socket without a wish the
+// process id, which is the daemon's: this one takes a number that is no process's.
 int OpenSocket() {
+    static std::atomic<uint32_t> sockets{0};
     const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
     if (fd == -1) return -1;
-    sockaddr_nl any_port = {};
-    any_port.nl_family = AF_NETLINK;
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&any_port), sizeof(any_port)) == 0) return fd;
+    sockaddr_nl own_port = {};
+    own_port.nl_family = AF_NETLINK;
+    own_port.nl_pid = 0x80000000u | ++sockets;
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&own_port), sizeof(own_port)) == 0) return fd;
     const int error = errno;
     close(fd);
     errno = error;

@@ -297,12 +297,14 @@ Outcome LiveAndEnd(unsigned int seed) {
         });
     }
     std::this_thread::sleep_for(pause());
+    if (random() % 8 == 0) modem.FailIpc(0, sim::IpcFault::kSilence, 0, 1000);
     quarn_setTransferType(SAVE_MODE_EXIT);
     g_reader.stop();
+    g_quarn.callbacks_ended = true;
     g_writer.stop();
     quarn_mipcDeinit();
     PowerOnLogDeInit();
-    quarn_endCallbacks();
+    quarn_awaitCallbacks();
     mcl_deinit();
     for (std::thread& thread : threads) thread.join();
     const test::DecodedFile copy = DecodeFile(kPowerOnLogPath);

@@ -77,6 +77,20 @@ void ShiftedClock::Shift(clockid_t clock, std::chrono::nanoseconds by) {
 int ShiftedClock::timer_reads() const { return timer.reads; }
 int ShiftedClock::timer_cancels() const { return timer.cancels; }
 
+std::optional<ssize_t> ReadShiftedTimer(int fd, void* buf, size_t len) {
+    static const auto function = real<ssize_t(int, void*, size_t)>("read");
+    if (!in_use || fd != timer.fd) return std::nullopt;
+    ++timer.reads;
+    const ssize_t got = function(fd, buf, len);
+    std::lock_guard lock(timer.mutex);
+    if (got < 0 || !timer.cancelled) return got;
+    timer.cancelled = false;
+    real_settime(fd, timer.flags, &timer.armed, nullptr);
+    ++timer.cancels;
+    errno = ECANCELED;
+    return -1;
+}
+
 }  // namespace test
 
 // These stand before the C library's own.
@@ -117,20 +131,6 @@ int timerfd_settime(int fd, int flags, const itimerspec* when, itimerspec* old) 
         timer.flags = flags;
     }
     return rc;
-}
-
-ssize_t read(int fd, void* buf, size_t len) {
-    static const auto function = real<ssize_t(int, void*, size_t)>("read");
-    if (!in_use || fd != timer.fd) return function(fd, buf, len);
-    ++timer.reads;
-    const ssize_t got = function(fd, buf, len);
-    std::lock_guard lock(timer.mutex);
-    if (got < 0 || !timer.cancelled) return got;
-    timer.cancelled = false;
-    real_settime(fd, timer.flags, &timer.armed, nullptr);
-    ++timer.cancels;
-    errno = ECANCELED;
-    return -1;
 }
 
 // Sleeps in slices, each of which ends like a spurious wake-up.

@@ -1,8 +1,11 @@
 // Clocks of this process that a test can move, in place of minutes of waiting.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <ctime>
+#include <optional>
 
 namespace test {
 
@@ -25,5 +28,9 @@ class ShiftedClock {
     int timer_reads() const;
     int timer_cancels() const;
 };
+
+// A read of the timer that the clock's steps cancel; none for any other descriptor. For the one
+// place that stands before the C library's `read`.
+std::optional<ssize_t> ReadShiftedTimer(int fd, void* buf, size_t len);
 
 }  // namespace test

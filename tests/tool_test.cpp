@@ -305,7 +305,7 @@ TEST(Tool, MessagesBecomeRequests) {
     g_tool.init();
     sim::HostTool& host = sim::HostTool::Instance();
     for (const bool ended : {false, true}) {
-        if (ended) quarn_endCallbacks();
+        if (ended) g_quarn.callbacks_ended = true;
         for (const auto& test : kCases) {
             test::LogCapture log;
             host.Deliver(static_cast<TCL_MSG>(test.message));

@@ -195,7 +195,10 @@ std::string Size(uint64_t bytes, bool exact) {
     if (exact || bytes < 1024) return std::to_string(bytes);
     const char* unit = "KMGTPE";
     double value = static_cast<double>(bytes) / 1024;
-    for (; value >= 1024; value /= 1024) ++unit;
+    while (value >= 1024) {
+        value /= 1024;
+        ++unit;
+    }
     char text[32];
     snprintf(text, sizeof(text), "%.1f%c", value, *unit);
     return text;
@@ -250,7 +253,7 @@ class Output {
     }
 
   private:
-    static constexpr size_t kBufferSize = 512 * 1024;
+    static constexpr size_t kBufferSize = size_t{512} * 1024;
 
     [[noreturn]] void Fail() {
         fprintf(stderr, "muxz: %s: %s\n", PrintablePath(name).c_str(), strerror(errno));

@@ -147,7 +147,7 @@ Bytes Window::At(uint64_t offset, size_t size) {
             used += static_cast<size_t>(got);
         }
     }
-    const size_t skip = static_cast<size_t>(offset - start);
+    const auto skip = static_cast<size_t>(offset - start);
     return {buffer.get() + skip, used - skip};
 }
 
@@ -175,9 +175,9 @@ void Window::MakeRoom(uint64_t offset, size_t size) {
 
 namespace {
 
-constexpr size_t kReadPiece = 1024 * 1024;  // bytes
-constexpr size_t kSkimPiece = 4096;         // bytes
-constexpr size_t kMaxVarint = 5;            // bytes of a 32-bit number
+constexpr size_t kReadPiece = size_t{1024} * 1024;  // bytes
+constexpr size_t kSkimPiece = 4096;                 // bytes
+constexpr size_t kMaxVarint = 5;                    // bytes of a 32-bit number
 
 // The number that a Snappy block begins with, the size of what it unpacks to.
 struct Varint {
@@ -285,7 +285,7 @@ constexpr size_t kLeastPacked = 1 + 1 + 1;  // a number, a tag and a byte
 constexpr size_t kLeastBlock = kBlockHeaderSize + kLeastPacked;
 // What may be spent, in bytes read or unpacked, on what turns out to be no block. It grows with the
 // bytes gone by, far faster than chance spends it, so that only contrived input ever runs out.
-constexpr int64_t kMostCredit = 256 * 1024 * 1024;
+constexpr int64_t kMostCredit = int64_t{256} * 1024 * 1024;
 constexpr int64_t kCreditPerByte = 16;
 constexpr size_t kLookAhead = 4096;  // bytes at least that a search has before it
 

@@ -37,11 +37,11 @@ bool MayBeOpen(std::string_view path) {
 
 namespace {
 
-constexpr int kMostReadings = 8;         // of a folder that changes all the time
-constexpr int kMostAttempts = 3;         // to open what is renamed again and again
-constexpr int kMaxDepth = 8;             // of a capture below the root of its tree
-constexpr size_t kCompared = 64 * 1024;  // bytes of two files that tell a copy
-constexpr size_t kMostOriginals = 16;    // of one number and time, that a copy is looked for among
+constexpr int kMostReadings = 8;                 // of a folder that changes all the time
+constexpr int kMostAttempts = 3;                 // to open what is renamed again and again
+constexpr int kMaxDepth = 8;                     // of a capture below the root of its tree
+constexpr size_t kCompared = size_t{64} * 1024;  // bytes of two files that tell a copy
+constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is looked for among
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
@@ -218,6 +218,7 @@ class TreeWalk {
   public:
     TreeWalk(Tree& found, std::vector<Complaint>& told) : tree(found), complaints(told) {}
 
+    // NOLINTNEXTLINE(misc-no-recursion): no deeper than kMaxDepth.
     bool Walk(const std::string& path, int depth) {
         std::vector<Entry> entries;
         if (!ReadFolder(OpenFolder(path), entries)) return false;
@@ -242,6 +243,7 @@ class TreeWalk {
     }
 
   private:
+    // NOLINTNEXTLINE(misc-no-recursion): no deeper than kMaxDepth.
     void TakeFolder(const std::string& path, const std::string& name, int depth, bool copies) {
         const std::string own_path = path + "/" + name;
         Capture capture;

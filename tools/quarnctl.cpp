@@ -156,8 +156,9 @@ void PrintHelp() {
 }
 
 const Command* FindCommand(std::string_view name) {
-    const auto found = std::find_if(std::begin(kCommands), std::end(kCommands),
-                                    [&](const Command& command) { return command.name == name; });
+    const auto* const found =
+        std::find_if(std::begin(kCommands), std::end(kCommands),
+                     [&](const Command& command) { return command.name == name; });
     return found == std::end(kCommands) ? nullptr : found;
 }
 
@@ -334,7 +335,7 @@ void WarnOfKeysIn(const Command& command, const std::string& argument) {
 
 int RunCommand(Client& client, const Command& command, const std::vector<std::string>& words) {
     std::string argument;
-    for (const std::string& word : words) argument += (&word == &words[0] ? "" : " ") + word;
+    for (const std::string& word : words) argument += (&word == words.data() ? "" : " ") + word;
     const std::string why = CheckArgument(command, !words.empty(), argument);
     if (!why.empty()) return Complain(kRefused, why);
 

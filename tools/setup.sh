@@ -3,6 +3,11 @@
 run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
+# What single steps of ./test want beside these.
+lint_packages=(clang-tidy cppcheck)
+fuzz_packages=(libclang-rt-14-dev)
+arm64_packages=(g++-aarch64-linux-gnu qemu-user)
+arm64_root_packages=(libsnappy-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)
 
 # install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1,
 # with one line on standard error, when that is not possible.
@@ -29,4 +34,25 @@ install_missing() {
     { "${root[@]}" apt-get update -qq &&
       "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"; } >&2 ||
         { echo "could not install: ${missing[*]}" >&2; return 1; }
+}
+
+# make_arm64_root DIR PACKAGE...: unpacks arm64 packages, with all that they depend on, into a folder,
+# unless it has them. Needs no root and leaves the machine's own packages and their lists alone. Status
+# 1, with a line on standard error, when that is not possible.
+make_arm64_root() {
+    local root=$1 apt=$PWD/$1.apt deb options
+    shift
+    [ "$(cat "$root/packages" 2>/dev/null)" != "$*" ] || return 0
+    rm -rf "$root" "$apt"
+    mkdir -p "$root" "$apt"/{lists,archives}/partial || return 1
+    : >"$apt/status"
+    options=(-qq -o APT::Architecture=arm64 -o APT::Architectures=arm64 -o APT::Install-Recommends=0
+             -o APT::Sandbox::User= -o Dir::State="$apt" -o Dir::State::status="$apt/status"
+             -o Dir::Cache="$apt" -o Debug::NoLocking=1)
+    echo "Unpacking $* for arm64 into $root" >&2
+    { apt-get "${options[@]}" update && apt-get "${options[@]}" install -y --download-only "$@" &&
+      for deb in "$apt"/archives/*.deb; do dpkg-deb -x "$deb" "$root" || return 1; done; } >&2 ||
+        { echo "could not get the arm64 packages (they come from Debian's own package servers)" >&2; return 1; }
+    rm -rf "$apt"
+    echo "$*" >"$root/packages"
 }

@@ -54,7 +54,7 @@ int Connect(const std::string& box) {
     const sim::SocketAddress address(box + "/modem", sim::kConsoleSocketName);
     if (!address.ok()) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd != -1 && connect(fd, address.address(), address.size()) != 0) {
+    if (fd != -1 && connect(fd, address.address(), sim::SocketAddress::size()) != 0) {
         const int error = errno;
         close(fd);
         errno = error;

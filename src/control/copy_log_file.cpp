@@ -116,6 +116,7 @@ class ScannedFolder {
     bool empty() const { return count <= 0; }
     std::vector<std::string> names() const {
         std::vector<std::string> found;
+        if (!empty()) found.reserve(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) found.emplace_back(entries[i]->d_name);
         return found;
     }

@@ -279,7 +279,7 @@ int quarn_stateNotify(const void* buf, int len, int timeout_ms) {
         return 0;
     }
     // Without the mutex: the slots may change meanwhile, and are looked at afresh below.
-    timeval timeout = {.tv_sec = 0, .tv_usec = timeout_ms * 1000};
+    timeval timeout = {.tv_sec = 0, .tv_usec = suseconds_t{timeout_ms} * 1000};
     const int ready = select(max_fd + 1, nullptr, &writable, nullptr, &timeout);
     if (ready < 0) {
         QUARN_LOGE("quarn_stateNotify: select failed, errno = %s", strerror(errno));

@@ -66,7 +66,9 @@ struct QUARN_GLOBAL {
     std::mutex stats_mutex;
     // Serialises requests to handles, see `quarn_runHandleExec`.
     std::mutex exec_mutex;
-    bool callbacks_ended = false;  // see `quarn_endCallbacks`; guarded by `exec_mutex`
+    // The closed libraries' callbacks do nothing any more; they look at it under `exec_mutex`. Set
+    // at the end of the process, see also `quarn_awaitCallbacks`.
+    std::atomic<bool> callbacks_ended{false};
     QUARN_READER_STATS stats = {};
 
     std::atomic<bool> is_started{false};           // every handle has been started

@@ -81,7 +81,7 @@ bool ParseFlushIntervalConfig(const char* text, int& interval) {
     return ParseIntConfig(text, "flush_interval", interval);
 }
 
-int32_t SetLogFolderConfig(std::string folder) {
+int32_t SetLogFolderConfig(const std::string& folder) {
     if (folder.empty() || folder == g_file_io.get_log_folder()) return 0;
     if (g_file_io.set_log_folder(folder) < 0) {
         QUARN_LOGW("Fail to set log folder %s from config file", folder.c_str());

@@ -19,7 +19,7 @@ bool ParseLogFolderConfig(const char* text, std::string& folder);
 bool ParseLogFilterConfig(const char* text, int& level, std::string& filter);
 bool ParseFlushIntervalConfig(const char* text, int& interval);
 
-int32_t SetLogFolderConfig(std::string folder);
+int32_t SetLogFolderConfig(const std::string& folder);
 int32_t SetLogFilterConfig(int level, std::string& filter);
 int32_t SetFlushIntervalConfig(int interval);
 // Tells the log filter manager the mode that no notification will announce.

@@ -14,7 +14,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr uint64_t kChunkLimit = 256 * 1024;
+constexpr uint64_t kChunkLimit = uint64_t{256} * 1024;
 constexpr unsigned int kIdleWaitMs = 2000;
 constexpr milliseconds kFailedWritePause(200);
 

@@ -165,6 +165,7 @@ int32_t LogFilterManagerHandle::exec(QUARN_EXEC_ID exec_id, void* arg) {
         QUARN_LOGE("%s: Error getting memory", "exec");
     }
     QUARN_LOGI("Log Filter Manager: handle exec_id=%d done", exec_id);
+    // cppcheck-suppress knownConditionTrueFalse; it forgets what happened inside `try`.
     return done ? 0 : 1;
 }
 

@@ -151,7 +151,13 @@ bool QUARN_EVENT_DETECT_HANDLE::start_processing() {
         QUARN_LOGI("event_process: already start");
         return true;
     }
-    process_running = true;
+    {
+        // What a stop left in the queue is out of date.
+        std::lock_guard lock(queue_mutex);
+        event_queue.clear();
+        queue_overflows = false;
+        process_running = true;
+    }
     try {
         process_thread = std::thread(&QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread, this);
     } catch (const std::system_error& error) {

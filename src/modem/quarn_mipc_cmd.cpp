@@ -254,6 +254,7 @@ int32_t quarn_mipcTriggerFlush(int* result) { return get_number(kTriggerFlush, r
 
 int32_t quarn_mipcGetFlushStatus(int* status) { return get_number(kGetFlushStatus, status); }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the interface is as other code knows it.
 int32_t quarn_mipcSetTime(long* t) {
     const time_t seconds = *t;
     struct tm utc = {};

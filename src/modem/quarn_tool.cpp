@@ -180,6 +180,8 @@ bool QUARN_TOOL_HANDLE::begin_serving() {
         running = true;
         port_error = false;  // of before
     }
+    // Held until the library listens: a port error that comes at once is handled after that.
+    std::lock_guard lock(listen_mutex);
     if (!create_thread(host_port_error_thread, &QUARN_TOOL_HANDLE::host_port_error_handle_thread)) {
         give_up();
         return false;
@@ -188,8 +190,8 @@ bool QUARN_TOOL_HANDLE::begin_serving() {
     return true;
 }
 
+// Call with `listen_mutex` held.
 void QUARN_TOOL_HANDLE::start_listening() {
-    std::lock_guard lock(listen_mutex);
     if (running) tcl_listenToHostStart(tool_io->fd, mcl_writeToLogPort);
 }
 
@@ -233,6 +235,7 @@ bool QUARN_TOOL_HANDLE::recover() {
     QUARN_LOGI("tool_handler: start handle host port error");
     stop_listening();
     if (!reach_host_again()) return false;
+    std::lock_guard lock(listen_mutex);
     start_listening();
     return true;
 }

@@ -15,7 +15,8 @@ namespace quarn::log_file {
 
 constexpr size_t kLengthSize = 3;
 constexpr size_t kBlockHeaderSize = kLengthSize + kLengthSize;
-constexpr size_t kCompressBufSize = 1024 * 1024;  // blocks gather in it on their way to the file
+constexpr size_t kCompressBufSize =
+    size_t{1024} * 1024;  // blocks gather in it on their way to the file
 constexpr uint32_t kMaxLength = (1u << (8 * kLengthSize)) - 1;  // most that a length can say
 
 struct BlockHeader {

@@ -182,22 +182,23 @@ bool WaitForEnd(PowerOnLog& log) {
     return !log.wait_cond.wait_until(lock, deadline, [&log] { return !log.running; });
 }
 
+// The log filter manager sends what waits for the end of the first minute.
+void EndPowerOnPhase() {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
+}
+
 void HandleEnd(PowerOnLog& log) {
     QUARN_LOGI("Power-on Log: detect power-on end event");
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
-    }
+    EndPowerOnPhase();
     FlushLogBuffers();
     if (const UseLock lock(log.mutex); lock) log.state = State::kStopped;
 }
 
-}  // namespace
-
-void PowerOnLogInit() {
-    PowerOnLog& log = Module();
+// False when there can be no thread that would end the minute; then it has ended.
+bool BeginMinute(PowerOnLog& log) {
     const UseLock lock(log.mutex);
-    if (!lock) return;
+    if (!lock) return true;  // who stops has ended it
     log.bytes_written = 0;
     log.state = State::kInitialised;
     log.running = true;
@@ -206,12 +207,18 @@ void PowerOnLogInit() {
     } catch (const std::system_error& error) {
         QUARN_LOGE("%s: Error creating thread: %s", "PowerOnLogInit",
                    strerror(error.code().value()));
-        // Nobody would end the minute.
         log.running = false;
         log.state = State::kStopped;
-        return;
+        return false;
     }
     QUARN_LOGI("Power-on Log: init successfully");
+    return true;
+}
+
+}  // namespace
+
+void PowerOnLogInit() {
+    if (!BeginMinute(Module())) EndPowerOnPhase();
 }
 
 void PowerOnEventDetectThreadEntry() {
@@ -255,7 +262,7 @@ void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
     constexpr const char* kWho = "PowerOnLogWrite";
     PowerOnLog& log = Module();
     const UseLock lock(log.mutex);
-    if (!lock) return;  // who stops ends the file
+    if (!lock) return;  // the next write or the de-initialisation ends the file
     if (log.state != State::kWriting) {
         EndFile(log, kWho);
         return;

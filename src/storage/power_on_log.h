@@ -9,7 +9,7 @@
 // One mutex, the power-on mutex, guards it all. A stop joins the event thread while it holds this
 // mutex, and that thread, or whom it waits for, may want it. So while a stop is under way only
 // another stop waits for the mutex: everybody else does without, and acts as in state 3. Inside it
-// only `md_info_mutex` is taken.
+// only `md_info_mutex` and the event thread's own mutex are taken.
 #pragma once
 
 namespace quarn::zorvex {

@@ -16,9 +16,9 @@
 // -> rotation: next file open, the one before renamed without ".tmp" -> `io_close` -> closed. The
 // names in the tree are told in log_names.h, the files' framing in log_file_format.h.
 //
-// Locks, in order: `io_mutex`, then one of `recycle_mutex`, `folder_name_mutex` and the power-on
-// mutex (power_on_log.h). All operations return 0 on success and -1 on failure unless they say
-// otherwise.
+// Locks, in order: `io_mutex`, then one of `recycle_mutex`, `folder_name_mutex`, the history mutex,
+// the power-on mutex (power_on_log.h) and, also inside the last, `md_info_mutex`. All operations
+// return 0 on success and -1 on failure unless they say otherwise.
 class QUARN_FILE_IO : public QUARN_IO {
   public:
     explicit QUARN_FILE_IO(std::string base_folder);
