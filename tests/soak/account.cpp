@@ -1,0 +1,290 @@
+#include "tests/soak/account.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "storage/log_names.h"
+#include "tools/muxz_reader.h"
+
+namespace fs = std::filesystem;
+
+namespace soak {
+
+namespace {
+
+constexpr uint64_t kMiB = 1 << 20;
+// What a process may hold that no file has yet: the ring and a chunk on its way there; a full
+// buffer of blocks, and one that was being written, of a stream that packs at most so many times.
+constexpr uint64_t kRing = 16 * kMiB + 64 * 1024;
+constexpr uint64_t kMostPacking = 5;
+constexpr uint64_t kBuffer = kMiB * kMostPacking;
+
+// What stands behind `mark` in a line, up to a blank.
+std::optional<std::string> Behind(const std::string& line, std::string_view mark) {
+    const size_t at = line.find(mark);
+    if (at == std::string::npos) return std::nullopt;
+    const size_t start = at + mark.size();
+    return line.substr(start, line.find(' ', start) - start);
+}
+
+// A log file whose folder may have got its final name meanwhile.
+muxz::Fd OpenRenamed(const fs::path& path) {
+    if (const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) return muxz::Fd(fd);
+    const auto wanted = quarn::log_names::ParseFolder(path.parent_path().filename().native());
+    const std::string stem = path.filename().native().substr(0, path.filename().native().find('.'));
+    std::error_code gone;
+    for (const auto& folder : fs::directory_iterator(path.parent_path().parent_path(), gone)) {
+        const std::string name = folder.path().filename();
+        const auto parsed = quarn::log_names::ParseFolder(name);
+        if (!wanted || !parsed || parsed->index != wanted->index || parsed->time != wanted->time) {
+            continue;
+        }
+        for (const auto& file : fs::directory_iterator(folder, gone)) {
+            if (!file.path().filename().native().starts_with(stem + ".")) continue;
+            if (const int fd = open(file.path().c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
+                return muxz::Fd(fd);
+            }
+        }
+    }
+    return {};
+}
+
+uint64_t SizeOf(const muxz::Fd& fd) {
+    struct stat status = {};
+    fstat(fd.get(), &status);
+    return static_cast<uint64_t>(status.st_size);
+}
+
+}  // namespace
+
+// --- the stream
+
+void KnownStream::Extend(size_t size) {
+    const size_t have = ahead.size();
+    if (have >= size) return;
+    ahead.resize(size);
+    source->Read(ahead.data() + have, size - have);
+}
+
+bool KnownStream::Take(const uint8_t* bytes, size_t size) {
+    Extend(size);
+    if (memcmp(ahead.data(), bytes, size) != 0) return false;
+    ahead.erase(ahead.begin(), ahead.begin() + static_cast<ptrdiff_t>(size));
+    at += size;
+    return true;
+}
+
+bool KnownStream::SkipTo(const uint8_t* bytes, size_t size) {
+    constexpr size_t kFar = 100 * kMiB;
+    const size_t needle = std::min<size_t>(size, 2048);
+    for (size_t from = 0; from < kFar; from += kMiB) {
+        Extend(from + kMiB + needle);
+        const auto begin = ahead.begin() + static_cast<ptrdiff_t>(from);
+        const auto* const found =
+            static_cast<const uint8_t*>(memmem(&*begin, kMiB + needle, bytes, needle));
+        if (found == nullptr) continue;
+        const ptrdiff_t gap = found - ahead.data();
+        ahead.erase(ahead.begin(), ahead.begin() + gap);
+        at += static_cast<uint64_t>(gap);
+        return true;
+    }
+    return false;
+}
+
+// --- what the daemon's log tells
+
+void Account::Begin(uint64_t seed, const std::string& path) {
+    stream_seed = seed;
+    stream = std::make_unique<KnownStream>(seed);
+    log_path = path;
+    partial.clear();
+    power_on.clear();
+    log_at = dropped = 0;
+    given_up = gaps = 0;
+    power_on_failed = false;
+    told.reset();
+    files.clear();
+}
+
+void Account::Follow() {
+    std::ifstream in(log_path, std::ios::binary);
+    in.seekg(static_cast<std::streamoff>(log_at));
+    std::string piece(256 * 1024, '\0');
+    while (in.read(piece.data(), static_cast<std::streamsize>(piece.size())), in.gcount() > 0) {
+        log_at += static_cast<uint64_t>(in.gcount());
+        partial.append(piece.data(), static_cast<size_t>(in.gcount()));
+        size_t start = 0;
+        for (size_t end; (end = partial.find('\n', start)) != std::string::npos; start = end + 1) {
+            TakeLine(partial.substr(start, end - start));
+        }
+        partial.erase(0, start);
+    }
+    while (!files.empty() && files.front().closed) {
+        Verify(files.front(), false);
+        files.pop_front();
+    }
+    uint64_t bytes = 0;
+    for (const File& file : files) bytes += SizeOf(file.fd);
+    waiting = bytes;
+    open_end = given_up != 0;
+}
+
+void Account::TakeLine(const std::string& line) {
+    // Requests are somebody else's text.
+    if (line.find("command_handler: receive req=") != std::string::npos) return;
+    if (const auto opened = Behind(line, "file_io: open log_file=")) {
+        if (line.find("fail, errno") != std::string::npos) return;
+        files.push_back({OpenRenamed(*opened), *opened, false, std::exchange(given_up, 0)});
+    } else if (line.find(" header fail") != std::string::npos && !files.empty()) {
+        // Taken back; its name may come again.
+        given_up += files.back().given_up;
+        files.pop_back();
+    } else if (Behind(line, "file_io: close log_file=")) {
+        if (!files.empty()) files.back().closed = true;
+    } else if (Behind(line, "file_io: flush compress_buf data to log file fail")) {
+        ++given_up;
+        ++gaps;
+    } else if (const auto count = Behind(line, "write_handler: drop ")) {
+        dropped += std::stoull(*count);
+    } else if (Behind(line, "LogFileRecycler: remove file ")) {
+        ++sums.recycled;
+    } else if (const auto path = Behind(line, "Power-on log: start writing log to ")) {
+        power_on = *path;
+    } else if (Behind(line, "PowerOnLogWrite: Error ") ||
+               Behind(line, "PowerOnLogDeInit: Error ")) {
+        power_on_failed = true;
+    } else if (const auto handed_over = Behind(line, "log port: handed over ")) {
+        told = std::stoull(*handed_over);
+    }
+}
+
+// --- what the files hold
+
+bool Account::Meet(KnownStream& known, const std::vector<uint8_t>& raw, unsigned& gaps_allowed,
+                   uint64_t* skipped, const std::string& path) {
+    if (known.Take(raw.data(), raw.size())) return true;
+    const uint64_t before = known.position();
+    const bool found = known.SkipTo(raw.data(), raw.size());
+    const uint64_t gap = known.position() - before;
+    const std::string where = path + ", byte " + std::to_string(before) +
+                              " of the stream of seed " + std::to_string(stream_seed);
+    if (!found || !known.Take(raw.data(), raw.size())) {
+        report.Fault("bytes that are damaged, twice there or out of order: " + where);
+        return false;
+    }
+    if (gap > gaps_allowed * kBuffer) {
+        report.Fault("a hole of " + std::to_string(gap) + " bytes, but " +
+                     std::to_string(gaps_allowed) + " closings told of one: " + where);
+    }
+    gaps_allowed = 0;
+    *skipped += gap;
+    return true;
+}
+
+void Account::Verify(File& file, bool may_be_torn) {
+    muxz::FileSource source(file.fd.get());
+    muxz::Header header;
+    if (muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) {
+        if (!may_be_torn) report.Fault("no whole header: " + file.path);
+        return;
+    }
+    ++sums.files;
+    muxz::BlockReader blocks(source, header.length);
+    muxz::Block block;
+    std::vector<uint8_t> raw;
+    unsigned allowed = file.given_up;
+    sums.closings += allowed;
+    while (blocks.Next(block)) {
+        raw.resize(block.lengths.raw_length);
+        if (!blocks.Unpack(block, raw.data()) ||
+            !Meet(*stream, raw, allowed, &sums.given_up, file.path)) {
+            break;
+        }
+        allowed = 0;
+        sums.kept += raw.size();
+    }
+    const muxz::End end = blocks.end();
+    if (end == muxz::End::kWhole || end == muxz::End::kStrayByte) return;
+    ++sums.torn;
+    if (may_be_torn && (end == muxz::End::kCutBlock || end == muxz::End::kCutLengths)) return;
+    report.Fault("torn: " + file.path + " at " + std::to_string(blocks.offset()) + ": " +
+                 blocks.reason());
+}
+
+// The power-on log is what the captures hold, from the front on.
+void Account::CheckPowerOnLog(Ending how) {
+    if (power_on.empty()) return;
+    const muxz::Fd fd(open(power_on.c_str(), O_RDONLY | O_CLOEXEC));
+    muxz::FileSource source(fd.get());
+    muxz::Header header;
+    if (!fd || muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) {
+        report.Fault("no power-on log");
+        return;
+    }
+    KnownStream front(stream_seed);
+    muxz::BlockReader blocks(source, header.length);
+    muxz::Block block;
+    std::vector<uint8_t> raw;
+    unsigned allowed = gaps;
+    uint64_t skipped = 0;
+    while (blocks.Next(block)) {
+        raw.resize(block.lengths.raw_length);
+        const unsigned left = allowed;
+        if (!blocks.Unpack(block, raw.data()) ||
+            !Meet(front, raw, allowed, &skipped, "power-on log")) {
+            return;
+        }
+        allowed = left;
+        sums.power_on += raw.size();
+    }
+    uint8_t last = 1;
+    if (blocks.end() == muxz::End::kStrayByte) source.ReadAt(blocks.offset(), &last, 1);
+    if (how != Ending::kKilled && !power_on_failed && last != 0) {
+        report.Fault("the power-on log has no end: " + blocks.reason());
+    }
+}
+
+// --- the end
+
+void Account::End(Ending how, std::optional<uint64_t> delivered) {
+    Follow();
+    while (!files.empty()) {
+        Verify(files.front(), how == Ending::kKilled && files.size() == 1);
+        files.pop_front();
+    }
+    waiting = 0;
+    CheckPowerOnLog(how);
+    AccountForTheRest(how, delivered);
+}
+
+void Account::AccountForTheRest(Ending how, std::optional<uint64_t> delivered) {
+    sums.closings += given_up;
+    if (!delivered) return;
+    const uint64_t met = stream->position();
+    const uint64_t missing = *delivered - std::min(met, *delivered);
+    const uint64_t closing = given_up * kBuffer;
+    const uint64_t most = how == Ending::kKilled      ? kRing + 2 * kBuffer + closing
+                          : how == Ending::kUnderLoad ? dropped + kRing + closing
+                                                      : dropped + closing;
+    if (met > *delivered || missing < dropped || missing > most) {
+        report.Fault("the modem handed over " + std::to_string(*delivered) + " bytes, and " +
+                     std::to_string(met) + " are accounted for; the log tells of " +
+                     std::to_string(dropped) + " dropped and " + std::to_string(given_up) +
+                     " closings that could not write; at most " + std::to_string(most) +
+                     " may be missing");
+        return;
+    }
+    sums.dropped += dropped;
+    uint64_t& left = how == Ending::kKilled ? sums.killed
+                     : given_up != 0        ? sums.given_up
+                                            : sums.behind_exit;
+    left += missing - dropped;
+}
+
+}  // namespace soak

@@ -1,0 +1,101 @@
+// Accounts for every byte that a process of the daemon took from the modem. The modem's stream is
+// known from its seed; the daemon's own log tells which file came after which and where something
+// was given up.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/modem.h"
+#include "tests/soak/report.h"
+#include "tools/muxz_tree.h"
+
+namespace soak {
+
+// The stream that a seed makes, and how far it has been met.
+class KnownStream {
+  public:
+    explicit KnownStream(uint64_t seed) : source(sim::MakeGeneratedSource(seed)) {}
+
+    // Goes on by these bytes; false, going nowhere, when something else comes next.
+    bool Take(const uint8_t* bytes, size_t size);
+    // Goes on to where these bytes are; false, going nowhere, when they are not within some 100 MB.
+    bool SkipTo(const uint8_t* bytes, size_t size);
+    uint64_t position() const { return at; }
+
+  private:
+    void Extend(size_t size);
+    const std::unique_ptr<sim::LogSource> source;
+    std::vector<uint8_t> ahead;  // what was made of it and not yet met
+    std::atomic<uint64_t> at = 0;
+};
+
+struct Totals {
+    uint64_t kept = 0;         // bytes found in files, in order
+    uint64_t dropped = 0;      // as the log counts them
+    uint64_t given_up = 0;     // by closings that could not write, as the log tells
+    uint64_t behind_exit = 0;  // taken from the modem while the process ended in order
+    uint64_t killed = 0;       // by processes that were killed, as far as the modem could be asked
+    uint64_t files = 0, recycled = 0, closings = 0, torn = 0, power_on = 0;
+};
+
+enum class Ending { kAtRest, kUnderLoad, kKilled };
+
+class Account {
+  public:
+    explicit Account(Report& out) : report(out) {}
+
+    void Begin(uint64_t seed, const std::string& log_path);
+    // Takes up what the log tells and verifies the files that were closed.
+    void Follow();
+    // After the process has ended; `delivered` is what the modem handed over, none when nobody
+    // knows.
+    void End(Ending how, std::optional<uint64_t> delivered);
+
+    // Bytes of the stream gone by, and bytes on storage still to be verified. Any thread may ask.
+    uint64_t position() const { return stream->position(); }
+    uint64_t backlog() const { return waiting; }
+    // A closing could not write, and no file was opened since: how much that cost is not yet known.
+    bool ends_in_a_gap() const { return open_end; }
+    // Bytes that the modem layer says it handed over, once it has ended in order.
+    std::optional<uint64_t> delivered() const { return told; }
+    const Totals& totals() const { return sums; }
+
+  private:
+    struct File {
+        muxz::Fd fd;
+        std::string path;
+        bool closed;
+        unsigned given_up;  // closings before it that could not write what was buffered
+    };
+    void TakeLine(const std::string& line);
+    void Verify(File& file, bool may_be_torn);
+    // Meets the bytes of one block; false when they are not where they belong.
+    bool Meet(KnownStream& known, const std::vector<uint8_t>& raw, unsigned& gaps_allowed,
+              uint64_t* skipped, const std::string& path);
+    void CheckPowerOnLog(Ending how);
+    void AccountForTheRest(Ending how, std::optional<uint64_t> delivered);
+
+    Report& report;
+    Totals sums;
+    uint64_t stream_seed = 0;
+    std::unique_ptr<KnownStream> stream;
+    std::string log_path, partial;
+    uint64_t log_at = 0;
+    std::deque<File> files;  // in the order of the stream
+    unsigned given_up = 0;   // closings since the newest file was opened
+    unsigned gaps = 0;       // closings of this process that could not write
+    uint64_t dropped = 0;
+    std::string power_on;  // the path, once it is written to
+    bool power_on_failed = false;
+    std::optional<uint64_t> told;
+    std::atomic<uint64_t> waiting = 0;
+    std::atomic<bool> open_end = false;
+};
+
+}  // namespace soak
