@@ -20,6 +20,7 @@
 #include "sim/modem.h"
 #include "sim/replay_place.h"
 #include "sim/text.h"
+#include "sim/uevents.h"
 
 namespace sim {
 
@@ -96,6 +97,9 @@ std::string Unescaped(std::string_view word) {
     }
     return text;
 }
+
+// Where a phone shows the state of its modem.
+constexpr const char* kMdStateFile = "/dev/wwan_fsm_state";
 
 Reply NotAbsolute(const std::string& path) {
     return Refuse("not an absolute path (as it is inside the box): " + path);
@@ -294,6 +298,38 @@ Reply Notify(const Console&, Words words) {
     return Ok();
 }
 
+Reply UeventNoise(Words words) {
+    constexpr uint64_t kMax = 65536;
+    const auto length = Number(words[2], kMax);
+    if (!length) return BadNumber("BYTES", words[2], kMax);
+    const auto seed = words.size() > 3 ? Number(words[3], UINT64_MAX) : 1;
+    if (!seed) return BadNumber("SEED", words[3], UINT64_MAX);
+    if (SendUevent(NoiseUevent(*length, *seed))) return Ok();
+    return Refuse(std::string("cannot send it: ") + strerror(errno));
+}
+
+Reply Uevent(const Console&, Words words) {
+    if (words[1] == "noise" && words.size() <= 4) return UeventNoise(words);
+    if (words.size() < 4) return Refuse("no DEVNAME");
+    if (SendDeviceEvent(words[1], words[2], words[3], words.subspan(4))) return Ok();
+    return Refuse(std::string("cannot send it: ") + strerror(errno));
+}
+
+Reply MdState(const Console&, Words words) {
+    const auto number = words[1] == "none" ? 0 : Number(words[1], INT_MAX);
+    if (!number) return BadNumber("STATE", words[1], INT_MAX);
+    const std::string path = kMdStateFile;
+    std::error_code error;
+    if (words[1] == "none") {
+        std::filesystem::remove(path, error);
+        return error ? Refuse("cannot remove " + path + ": " + error.message()) : Ok();
+    }
+    const std::string fresh = path + ".new";
+    std::ofstream(fresh) << "state=" << *number << '\n';
+    std::filesystem::rename(fresh, path, error);
+    return error ? Refuse("cannot write " + path + ": " + error.message()) : Ok();
+}
+
 Reply Property(const Console&, Words words) {
     if (words.size() == 2) {
         char value[PROP_VALUE_MAX];
@@ -341,6 +377,7 @@ void AddPort(const Modem::Status& s, StateText* out) {
     const auto yes_no = [](bool value) { return value ? "yes" : "no"; };
     out->Line("layer up", yes_no(s.up));
     out->Line("port open", yes_no(s.port_open));
+    out->Line("log device", s.log_device ? "there" : "removed");
     out->Line("stream", s.streaming ? "started" : "stopped");
     out->Line("source", s.source.empty() ? "none" : s.source);
     out->Line("at its end", yes_no(s.exhausted));
@@ -438,6 +475,13 @@ constexpr Command kCommands[] = {
     {"notify", 2, 3, "CODE [PAYLOAD | null]",
      "raises a notification, with the payload a modem would send, or this one in hexadecimal",
      Notify},
+    {"uevent", 3, kMaxWords, "ACTION SUBSYSTEM DEVNAME [KEY=VALUE...] | noise BYTES [SEED]",
+     "sends a device event as the kernel would, or so many random bytes in its place. With remove "
+     "vqmi wwanD0MDLog the log device goes: its port is closed until it is opened after the same "
+     "with add, or until the process starts anew",
+     Uevent},
+    {"md_state", 2, 2, "STATE | none",
+     "what the modem's state file shows, 6 when it is ready; or that there is none", MdState},
     {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},

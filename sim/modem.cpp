@@ -53,7 +53,7 @@ int Modem::Init() {
     }
     if (up_) return 0;
     up_ = true;
-    port_open_ = true;
+    port_open_ = log_device_;
     RestartRateClock();
     notifier_ = std::thread(&Modem::NotifyThread, this);
     return 0;
@@ -83,7 +83,7 @@ int Modem::Deinit() {
 int Modem::OpenPort() {
     std::lock_guard lock(mutex_);
     ++calls_.open;
-    if (!up_) return -1;
+    if (!up_ || !log_device_) return -1;
     if (open_faults_ > 0) {
         --open_faults_;
         return -1;
@@ -101,6 +101,20 @@ int Modem::ClosePort() {
     port_cond_.notify_all();
     quiet_cond_.notify_all();
     return 0;
+}
+
+void Modem::RemoveLogDevice() {
+    {
+        std::lock_guard lock(mutex_);
+        log_device_ = port_open_ = false;
+    }
+    port_cond_.notify_all();
+    quiet_cond_.notify_all();
+}
+
+void Modem::AddLogDevice() {
+    std::lock_guard lock(mutex_);
+    log_device_ = true;
 }
 
 int Modem::PollPort(int timeout_ms) {
@@ -130,7 +144,7 @@ int Modem::ReadPort(void* buf, size_t len, int* err) {
     ++calls_.read;
     int error = 0;
     if (!port_open_) {
-        error = EBADF;
+        error = log_device_ ? EBADF : ENODEV;
     } else if (TakeFault(read_faults_, &error) || SprinkleRead(&error)) {
         if (error == 0) return 0;
     } else {
@@ -139,6 +153,7 @@ int Modem::ReadPort(void* buf, size_t len, int* err) {
         const size_t got = want == 0 ? 0 : source_->Read(static_cast<uint8_t*>(buf), want);
         if (got != 0) {
             delivered_ += got;
+            SaveDelivered();
             if (rate_ != 0) {
                 credit_ -= got * kTicksPerSecond;
                 ready_ -= got;
@@ -489,6 +504,7 @@ Modem::Status Modem::status() const {
     Status status = {};
     status.up = up_;
     status.port_open = port_open_;
+    status.log_device = log_device_;
     status.streaming = streaming_;
     status.exhausted = exhausted_;
     if (source_) status.source = source_->Describe();
@@ -513,6 +529,7 @@ void Modem::Reset() {
     SetTap("");
     std::lock_guard lock(mutex_);
     streaming_ = false;
+    log_device_ = true;
     rate_ = 0;
     read_limit_ = 0;
     delivered_ = 0;
@@ -538,6 +555,8 @@ void Modem::Reset() {
     at_answers_ = 0;
     settings_ = {};
     settings_folder_.clear();
+    if (delivered_fd_ != -1) close(delivered_fd_);
+    delivered_fd_ = -1;
     clock_.clear();
     clock_sets_ = 0;
 }

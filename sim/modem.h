@@ -151,7 +151,8 @@ class Modem {
         std::vector<uint8_t> filter;  // the custom filter's bytes
     };
     Settings settings() const;
-    // Takes up the settings that are kept in this folder, and keeps each change there.
+    // Takes up the settings that are kept in this folder, and keeps each change there; the same
+    // with the count of delivered bytes, which is exact even after a kill -9.
     void KeepSettings(const std::string& folder);
 
     struct IpcStatus {
@@ -200,12 +201,18 @@ class Modem {
     // taken longer than 5 s.
     void Exception();
 
+    // --- the log device, whose port it is ---
+    // While it is gone the port is closed and cannot be opened; reads fail with ENODEV. A device
+    // that comes back has a closed port.
+    void RemoveLogDevice();
+    void AddLogDevice();
+
     // --- what the daemon wrote to the log port ---
     std::string written() const;  // the last mebibyte
 
     // How the modem stands, for people and for programs that wait for it.
     struct Status {
-        bool up, port_open, streaming, exhausted;
+        bool up, port_open, log_device, streaming, exhausted;
         std::string source;  // as it describes itself; empty: none
         uint64_t rate;
         size_t read_limit;
@@ -280,6 +287,8 @@ class Modem {
     std::optional<int> TakeIpcFault(int message_id, IpcFault kind);
     std::string EarlyLogFilter(std::string_view command);
     void SaveSettings();
+    void KeepDelivered(const std::string& path);
+    void SaveDelivered();
     void Produce();
     void Release();
     size_t HeldBack() const;
@@ -310,6 +319,7 @@ class Modem {
 
     bool up_ = false;
     bool port_open_ = false;
+    bool log_device_ = true;
     bool streaming_ = false;
     bool exhausted_ = false;
     std::unique_ptr<LogSource> source_;
@@ -353,6 +363,7 @@ class Modem {
     int at_answers_ = 0;
     Settings settings_;
     std::string settings_folder_;  // empty: nowhere
+    int delivered_fd_ = -1;        // where `delivered_` is kept; -1: nowhere
     std::string clock_;
     uint64_t clock_sets_ = 0;
 

@@ -1,7 +1,10 @@
 // What the modem keeps while the daemon's process ends and starts anew.
 //
-//   settings = lines of key + blank + value + newline; of the filter, its bytes in hexadecimal
+//   settings  = lines of key + blank + value + newline; of the filter, its bytes in hexadecimal
+//   delivered = bytes handed over at the log port, as 20 decimal digits
 #include <android/log.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -44,10 +47,27 @@ void Modem::KeepSettings(const std::string& folder) {
     std::lock_guard lock(mutex_);
     settings_folder_ = folder;
     settings_ = Read(File(folder));
+    KeepDelivered(folder + "/delivered");
     if (settings_.log_mode == 1 && !streaming_) {
         RestartRateClock();
         streaming_ = true;
     }
+}
+
+void Modem::KeepDelivered(const std::string& path) {
+    std::ifstream(path) >> delivered_;
+    if (delivered_fd_ != -1) close(delivered_fd_);
+    delivered_fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    SaveDelivered();
+}
+
+// In place and in one piece, so that the file holds one number or the other at any moment.
+void Modem::SaveDelivered() {
+    if (delivered_fd_ == -1) return;
+    char digits[24];
+    const int length =
+        snprintf(digits, sizeof(digits), "%020llu", static_cast<unsigned long long>(delivered_));
+    if (pwrite(delivered_fd_, digits, static_cast<size_t>(length), 0) < 0) perror("delivered");
 }
 
 void Modem::SaveSettings() {

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "sim/restart.h"
+
 namespace {
 
 std::mutex property_mutex;  // the store of a workstation's libbase has none
@@ -19,8 +21,12 @@ int __system_property_set(const char* name, const char* value) {
     if (name == nullptr || *name == '\0') return -1;
     const std::string text = value != nullptr ? value : "";
     if (text.size() >= PROP_VALUE_MAX) return -1;
-    std::lock_guard lock(property_mutex);
-    return android::base::SetProperty(name, text) ? 0 : -1;
+    {
+        std::lock_guard lock(property_mutex);
+        if (!android::base::SetProperty(name, text)) return -1;
+    }
+    sim::PropertySet(name, text);
+    return 0;
 }
 
 int __system_property_get(const char* name, char* value) {

@@ -1,5 +1,328 @@
 #include "modem/quarn_event_detect.h"
 
-int32_t QUARN_EVENT_DETECT_HANDLE::init() { return 0; }
-int32_t QUARN_EVENT_DETECT_HANDLE::start() { return 0; }
-int32_t QUARN_EVENT_DETECT_HANDLE::stop() { return 0; }
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <system_error>
+
+#include "control/quarn_ctrl_connect.h"
+#include "control/quarn_state_notify.h"
+#include "core/quarn.h"
+#include "platform/quarn_log.h"
+
+namespace {
+
+constexpr std::string_view kSubsystem = "vqmi";
+constexpr const char* kLogDevice = "wwanD0MDLog";
+constexpr const char* kMipcDevice = "wwanD0MIPC0";
+
+constexpr const char* kStateFile = "/dev/wwan_fsm_state";
+constexpr size_t kStateSize = 63;
+constexpr std::string_view kStateReady = "state=6";
+
+constexpr size_t kMaxMessage = 2048;  // a datagram of this size may have been cut
+constexpr int kWaitTimeoutMs = 5000;
+constexpr std::chrono::seconds kErrorPause(1);
+
+// Events come singly, minutes apart. So many at once are noise, and the process thread is busy with
+// a removal, after which none of them matters.
+constexpr size_t kMaxEvents = 64;
+
+// What stands behind the key, or null when the text does not begin with it.
+const char* value_of(const char* text, std::string_view key) {
+    return strncmp(text, key.data(), key.size()) == 0 ? text + key.size() : nullptr;
+}
+
+void read_field(const char* text, event_info& info) {
+    if (const char* const action = value_of(text, "ACTION=")) {
+        info.action = action;
+    } else if (const char* const path = value_of(text, "DEVPATH=")) {
+        info.device_path = path;
+    } else if (const char* const subsystem = value_of(text, "SUBSYSTEM=")) {
+        info.subsystem = subsystem;
+    } else if (const char* const name = value_of(text, "DEVNAME=")) {
+        info.device_name = name;
+    } else if (const char* const major = value_of(text, "MAJOR=")) {
+        info.major = atoi(major);
+    } else if (const char* const minor = value_of(text, "MINOR=")) {
+        info.minor = atoi(minor);
+    }
+}
+
+// `who` closes it, for the message.
+void close_fd(int fd, const char* who) {
+    if (close(fd) != 0) QUARN_LOGE("%s: close fd %d fail, errno=%s", who, fd, strerror(errno));
+}
+
+// Whether the modem's state file says so. As long as there is none, or nothing in it, it does not.
+bool quarn_checkMdReady() {
+    const int fd = open(kStateFile, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    std::array<char, kStateSize> state;
+    const ssize_t length = read(fd, state.data(), state.size());
+    close_fd(fd, "quarn_checkMdReady");
+    return length > 0 &&
+           std::string_view(state.data(), static_cast<size_t>(length)).starts_with(kStateReady);
+}
+
+// Positive when a message has come or the thread shall end, 0 after the time-out, -1 with errno.
+int wait_for_message(int socket_fd, int wake_fd) {
+    // A negative descriptor is passed over.
+    std::array<pollfd, 2> fds = {{{.fd = socket_fd, .events = POLLIN, .revents = 0},
+                                  {.fd = wake_fd, .events = POLLIN, .revents = 0}}};
+    const int ready = poll(fds.data(), fds.size(), kWaitTimeoutMs);
+    if (ready <= 0 || (fds[0].revents & POLLNVAL) == 0) return ready;
+    errno = EBADF;
+    return -1;
+}
+
+// Init kills the daemon soon after the property is set, so that comes last.
+void restart_daemon() {
+    {
+        std::lock_guard lock(g_quarn.exec_mutex);
+        quarn_runHandleExec(HANDLE_WRITER, EXEC_MD_LOG_STOP, nullptr);
+    }
+    quarn_stop_state_notify_socket_server();
+    quarn_notifyModemReboot();
+    QUARN_LOGE("event_detect_handle: restart quarn");
+    quarn_property_set("vendor.quarn.qrx.restart", "1");
+}
+
+}  // namespace
+
+QUARN_EVENT_DETECT_HANDLE::~QUARN_EVENT_DETECT_HANDLE() {
+    end_detecting();
+    end_processing();
+}
+
+int32_t QUARN_EVENT_DETECT_HANDLE::init() {
+    uevent_fd = -1;
+    detect_running = false;
+    md_ready_seen = false;
+    process_running = false;
+    return 0;
+}
+
+int32_t QUARN_EVENT_DETECT_HANDLE::start() {
+    const bool processing = start_processing();
+    const bool detecting = start_detecting();
+    return processing && detecting ? 0 : 1;
+}
+
+int32_t QUARN_EVENT_DETECT_HANDLE::stop() {
+    if (detect_running) {
+        QUARN_LOGI("event_detect_handle: wait event_detect_handle_thread joinable");
+        end_detecting();
+        QUARN_LOGI("event_detect_handle: stop success");
+    } else {
+        QUARN_LOGI("event_detect_handle: already stop");
+    }
+    if (process_running) {
+        QUARN_LOGI("event_process: wait quarn_event_process_thread joinable");
+        end_processing();
+        QUARN_LOGI("event_process: stop success");
+    } else {
+        QUARN_LOGI("event_process: already stop");
+    }
+    return 0;
+}
+
+bool QUARN_EVENT_DETECT_HANDLE::start_processing() {
+    if (process_running) {
+        QUARN_LOGI("event_process: already start");
+        return true;
+    }
+    process_running = true;
+    try {
+        process_thread = std::thread(&QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread, this);
+    } catch (const std::system_error& error) {
+        const int code = error.code().value();
+        QUARN_LOGE("event_process: create thread fail, errno=%d(%s)", code, strerror(code));
+        process_running = false;
+        return false;
+    }
+    QUARN_LOGI("event_process: start success");
+    return true;
+}
+
+bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
+    if (detect_running) {
+        QUARN_LOGI("event_detect_handle: already start");
+        return true;
+    }
+    uevent_fd = open_uevent_socket();
+    if (uevent_fd < 0) return false;
+    wake_fd = eventfd(0, EFD_CLOEXEC);
+    detect_running = true;
+    try {
+        detect_thread =
+            std::thread(&QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread, this);
+    } catch (const std::system_error& error) {
+        const int code = error.code().value();
+        QUARN_LOGE("event_detect_handle: create thread fail, errno=%d(%s)", code, strerror(code));
+        end_detecting();
+        return false;
+    }
+    QUARN_LOGI("event_detect_handle: start success");
+    return true;
+}
+
+void QUARN_EVENT_DETECT_HANDLE::end_detecting() {
+    if (!detect_running.exchange(false)) return;
+    const uint64_t one = 1;
+    // Without it the thread still ends, a time-out later.
+    if (write(wake_fd, &one, sizeof(one)) < 0) {
+        QUARN_LOGW("event_detect_handle: wake thread fail, errno=%s", strerror(errno));
+    }
+    if (detect_thread.joinable()) detect_thread.join();
+    if (wake_fd >= 0) close_fd(wake_fd, "event_detect_handle");
+    close_fd(uevent_fd, "event_detect_handle");
+    wake_fd = uevent_fd = -1;
+}
+
+void QUARN_EVENT_DETECT_HANDLE::end_processing() {
+    {
+        std::lock_guard lock(queue_mutex);
+        process_running = false;
+    }
+    queue_cond.notify_one();
+    if (process_thread.joinable()) process_thread.join();
+}
+
+int QUARN_EVENT_DETECT_HANDLE::open_uevent_socket() {
+    const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    if (fd < 0) {
+        QUARN_LOGE("event_detect_handle: open_uevent_socket fd<0, errno=%s", strerror(errno));
+        return -1;
+    }
+    const int on = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0) {
+        QUARN_LOGE("event_detect_handle: set SO_PASSCRED failed, errno=%s", strerror(errno));
+    }
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<uint32_t>(getpid());
+    address.nl_groups = 0xFFFFFFFF;
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        QUARN_LOGE("event_detect_handle: open_uevent_socket bind failed, errno=%s",
+                   strerror(errno));
+        close_fd(fd, "event_detect_handle");
+        return -1;
+    }
+    if (fcntl(fd, F_SETFL, O_NONBLOCK) != 0) {
+        QUARN_LOGE("event_detect_handle: set file flags failed, errno=%s", strerror(errno));
+    }
+    return fd;
+}
+
+QUARN_EVENT QUARN_EVENT_DETECT_HANDLE::parse_uevent(char const* message, event_info* info) {
+    for (const char* text = message; *text != '\0'; text += strlen(text) + 1) {
+        read_field(text, *info);
+    }
+    if (info->subsystem == nullptr || info->device_name == nullptr || info->action == nullptr) {
+        return EVENT_NONE;
+    }
+    const std::string_view name = info->device_name;
+    const std::string_view action = info->action;
+    if (info->subsystem != kSubsystem) return EVENT_NONE;
+    if (name == kLogDevice && action == "remove") {
+        QUARN_LOGI("event_detect_handle: %s is removed\n", kLogDevice);
+        return EVENT_MD_LOG_PORT_REMOVED;
+    }
+    if (name == kMipcDevice && action == "add") {
+        QUARN_LOGI("event_detect_handle: %s is recover\n", kMipcDevice);
+        return EVENT_MIPC_PORT_ADDED;
+    }
+    return EVENT_NONE;
+}
+
+void QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread() {
+    pthread_setname_np(pthread_self(), "quarn_uevent");
+    QUARN_LOGI("event_detect_handle: event_detect_handle_thread start");
+    QUARN_LOGI("event_detect_handle: uevent_socket_server = %d\n", uevent_fd);
+    while (detect_running) detect_once();
+    QUARN_LOGI("event_detect_handle: thread terminate");
+}
+
+// Waits for one message and queues what it says. The modem's state is looked at while none comes.
+void QUARN_EVENT_DETECT_HANDLE::detect_once() {
+    const int ready = wait_for_message(uevent_fd, wake_fd);
+    if (ready > 0) {
+        receive_message();
+    } else if (ready < 0) {
+        QUARN_LOGE("event_detect_handle: select failed, errno = %s", strerror(errno));
+        std::this_thread::sleep_for(kErrorPause);
+    } else if (!md_ready_seen && quarn_checkMdReady()) {
+        QUARN_LOGI("event_detect_handle: md ready");
+        quarn_setCtrlPortReady();
+        md_ready_seen = true;
+    }
+}
+
+void QUARN_EVENT_DETECT_HANDLE::receive_message() {
+    std::array<char, kMaxMessage + 2> buffer = {};
+    const ssize_t received =
+        recvfrom(uevent_fd, buffer.data(), kMaxMessage, MSG_DONTWAIT, nullptr, nullptr);
+    if (received < 1 || received == kMaxMessage) return;
+    // Two NULs end any text and the message, whatever the sender left out.
+    const auto length = static_cast<size_t>(received);
+    buffer[length] = buffer[length + 1] = '\0';
+    event_info info;
+    const QUARN_EVENT event = parse_uevent(buffer.data(), &info);
+    if (event != EVENT_NONE) push_event(event);
+}
+
+void QUARN_EVENT_DETECT_HANDLE::push_event(QUARN_EVENT event) {
+    {
+        std::lock_guard lock(queue_mutex);
+        if (event_queue.size() >= kMaxEvents) {
+            if (!queue_overflows) {
+                QUARN_LOGE("event_detect_handle: %zu events wait, more are dropped", kMaxEvents);
+            }
+            queue_overflows = true;
+            return;
+        }
+        queue_overflows = false;
+        event_queue.push_back(event);
+    }
+    queue_cond.notify_one();
+}
+
+void QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread() {
+    pthread_setname_np(pthread_self(), "quarn_event");
+    QUARN_LOGI("event_process: quarn_event_process_thread start");
+    while (process_running) {
+        for (size_t count = wait_for_events(); count > 0; --count) process_event(pop_event());
+    }
+    QUARN_LOGI("event_process: thread terminate");
+}
+
+// How many events there are to be processed now; 0: the thread shall end.
+size_t QUARN_EVENT_DETECT_HANDLE::wait_for_events() {
+    std::unique_lock lock(queue_mutex);
+    queue_cond.wait(lock, [this] { return !process_running || !event_queue.empty(); });
+    return event_queue.size();
+}
+
+QUARN_EVENT QUARN_EVENT_DETECT_HANDLE::pop_event() {
+    std::lock_guard lock(queue_mutex);
+    const QUARN_EVENT event = event_queue.front();
+    event_queue.pop_front();
+    return event;
+}
+
+void QUARN_EVENT_DETECT_HANDLE::process_event(QUARN_EVENT event) {
+    // A device that was added needs nothing here.
+    if (event == EVENT_MD_LOG_PORT_REMOVED) restart_daemon();
+}

@@ -30,29 +30,51 @@ struct event_info {
 class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_EVENT_DETECT_HANDLE() : QUARN_HANDLE(HANDLE_EVENT_DETECT) {}
+    ~QUARN_EVENT_DETECT_HANDLE() override;
 
+    // These three are called by one thread.
     int32_t init() override;
-    // 0, or 1 when the socket for device events could not be opened.
+    // 0, or 1 when the socket for device events could not be opened or a thread not be created;
+    // what could be started runs, and another start tries the rest again.
     int32_t start() override;
+    // Joins both threads: the first ends at once, the other when the restart that it may be in the
+    // middle of is asked for, which takes some seconds and the writer's part of it `exec_mutex`.
     int32_t stop() override;
 
     // Reads a device event as the kernel sends it: NUL-terminated "KEY=value" texts, closed by an
-    // empty one.
+    // empty one. A message of any other content is safe as long as two NULs end it. Sets the fields
+    // of `info` that the message has, leaves the others.
     static QUARN_EVENT parse_uevent(char const* message, event_info* info);
 
   private:
+    bool start_processing();
+    bool start_detecting();
+    void end_detecting();
+    void end_processing();
     // The descriptor, or -1.
     int open_uevent_socket();
-    void quarn_event_detect_handle_thread();
-    void quarn_event_process_thread();
 
-    int uevent_fd = -1;  // -1: closed
+    void quarn_event_detect_handle_thread();
+    void detect_once();
+    void receive_message();
+    void push_event(QUARN_EVENT event);
+
+    void quarn_event_process_thread();
+    size_t wait_for_events();
+    QUARN_EVENT pop_event();
+    void process_event(QUARN_EVENT event);
+
+    // Set while there is no detect thread, which reads both. -1: closed.
+    int uevent_fd = -1;
+    int wake_fd = -1;  // readable: look at `detect_running`
     std::atomic<bool> detect_running{false};
     std::thread detect_thread;
     std::atomic<bool> md_ready_seen{false};
-    std::atomic<bool> process_running{false};
+
+    std::atomic<bool> process_running{false};  // cleared under `queue_mutex`
     std::thread process_thread;
     std::deque<QUARN_EVENT> event_queue;
-    std::mutex queue_mutex;
+    bool queue_overflows = false;  // events are being dropped, which has been told
+    std::mutex queue_mutex;        // guards the two above
     std::condition_variable queue_cond;
 };
