@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "platform/system_properties.h"
+#include "sim/host_tool.h"
 #include "sim/modem.h"
 #include "sim/replay_place.h"
 #include "sim/text.h"
@@ -330,6 +331,40 @@ Reply MdState(const Console&, Words words) {
     return error ? Refuse("cannot write " + path + ": " + error.message()) : Ok();
 }
 
+Reply HostSend(Words words) {
+    std::string bytes = Unescaped(words[2]);
+    if (words[1] == "hex") {
+        std::vector<uint8_t> values;
+        if (!HexBytes(words[2], &values)) {
+            return Refuse("BYTES is not bytes in hexadecimal: " + words[2]);
+        }
+        bytes.assign(values.begin(), values.end());
+    }
+    if (HostTool::Instance().Send(bytes)) return Ok();
+    return Refuse("nobody listens to the host, or the modem took nothing");
+}
+
+Reply Host(const Console&, Words words) {
+    static constexpr std::array<std::pair<std::string_view, TCL_MSG>, 3> kMessages = {
+        {{"connect", TCL_MSG_HOST_CONNECTED},
+         {"disconnect", TCL_MSG_HOST_DISCONNECTED},
+         {"error", TCL_MSG_HOST_PORT_ERROR}}};
+    for (const auto& [name, message] : kMessages) {
+        if (words[1] != name || words.size() != 2) continue;
+        HostTool::Instance().Deliver(message);
+        return Ok();
+    }
+    if (words.size() == 3 && (words[1] == "send" || words[1] == "hex")) return HostSend(words);
+    if (words.size() != 3 || words[1] != "message") {
+        return Refuse(
+            "a host does connect, disconnect, error, message CODE, send TEXT or hex BYTES");
+    }
+    const auto code = Number(words[2], INT_MAX);
+    if (!code) return BadNumber("CODE", words[2], INT_MAX);
+    HostTool::Instance().Deliver(static_cast<TCL_MSG>(*code));
+    return Ok();
+}
+
 Reply Property(const Console&, Words words) {
     if (words.size() == 2) {
         char value[PROP_VALUE_MAX];
@@ -416,12 +451,21 @@ void AddSettings(const Modem::Settings& settings, const Modem::IpcStatus& ipc, S
                          ", calls while closed " + number(ipc.misused));
 }
 
+void AddHostTool(const HostTool::Status& host, StateText* out) {
+    const auto number = [](auto value) { return std::to_string(value); };
+    out->Line("host tool",
+              (host.listening ? "listened to on fd " + number(host.fd) : "not listened to") +
+                  ", messages " + number(host.handled) + " handled and " + number(host.waiting) +
+                  " waiting, " + number(host.sent) + " bytes sent");
+}
+
 Reply State(const Console&, Words) {
     Modem& modem = Modem::Instance();
     StateText out;
     out.Line("pid", std::to_string(getpid()));
     AddPort(modem.status(), &out);
     AddSettings(modem.settings(), modem.ipc_status(), &out);
+    AddHostTool(HostTool::Instance().status(), &out);
     return Ok(std::move(out.text));
 }
 
@@ -482,6 +526,10 @@ constexpr Command kCommands[] = {
      Uevent},
     {"md_state", 2, 2, "STATE | none",
      "what the modem's state file shows, 6 when it is ready; or that there is none", MdState},
+    {"host", 2, 3, "connect | disconnect | error | message CODE | send TEXT | hex BYTES",
+     "a logging tool on a host computer connects, leaves, finds its port broken, or makes the tool "
+     "library tell something else; or sends bytes to the modem, with \\r and \\n in the text",
+     Host},
     {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},

@@ -2,11 +2,14 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <mutex>
 
 namespace {
 
@@ -29,6 +32,32 @@ int real_gettime(clockid_t clock, timespec* time) {
     return function(clock, time);
 }
 
+int real_settime(int fd, int flags, const itimerspec* when, itimerspec* old) {
+    static const auto function =
+        real<int(int, int, const itimerspec*, itimerspec*)>("timerfd_settime");
+    return function(fd, flags, when, old);
+}
+
+// The kernel's own timer, which a cancellation makes expire early.
+struct Timer {
+    std::mutex mutex;  // guards the three below
+    itimerspec armed = {};
+    int flags = 0;
+    bool cancelled = false;
+    std::atomic<int> fd{-1};
+    std::atomic<int> reads{0};
+    std::atomic<int> cancels{0};
+};
+Timer timer;
+
+void cancel_timer() {
+    std::lock_guard lock(timer.mutex);
+    if ((timer.flags & TFD_TIMER_CANCEL_ON_SET) == 0) return;
+    timer.cancelled = true;
+    const itimerspec long_past = {{}, {0, 1}};
+    real_settime(timer.fd, TFD_TIMER_ABSTIME, &long_past, nullptr);
+}
+
 }  // namespace
 
 namespace test {
@@ -42,7 +71,11 @@ ShiftedClock::~ShiftedClock() {
 
 void ShiftedClock::Shift(clockid_t clock, std::chrono::nanoseconds by) {
     shifts[static_cast<size_t>(clock)] += by.count();
+    if (clock == CLOCK_REALTIME) cancel_timer();
 }
+
+int ShiftedClock::timer_reads() const { return timer.reads; }
+int ShiftedClock::timer_cancels() const { return timer.cancels; }
 
 }  // namespace test
 
@@ -63,6 +96,41 @@ time_t time(time_t* out) noexcept {
     clock_gettime(CLOCK_REALTIME, &now);
     if (out != nullptr) *out = now.tv_sec;
     return now.tv_sec;
+}
+
+int timerfd_create(clockid_t clock, int flags) noexcept {
+    static const auto function = real<int(clockid_t, int)>("timerfd_create");
+    const int fd = function(clock, flags);
+    if (!in_use) return fd;
+    std::lock_guard lock(timer.mutex);
+    timer.flags = 0;
+    timer.cancelled = false;
+    timer.fd = fd;
+    return fd;
+}
+
+int timerfd_settime(int fd, int flags, const itimerspec* when, itimerspec* old) noexcept {
+    std::lock_guard lock(timer.mutex);
+    const int rc = real_settime(fd, flags, when, old);
+    if (rc == 0 && fd == timer.fd) {
+        timer.armed = *when;
+        timer.flags = flags;
+    }
+    return rc;
+}
+
+ssize_t read(int fd, void* buf, size_t len) {
+    static const auto function = real<ssize_t(int, void*, size_t)>("read");
+    if (!in_use || fd != timer.fd) return function(fd, buf, len);
+    ++timer.reads;
+    const ssize_t got = function(fd, buf, len);
+    std::lock_guard lock(timer.mutex);
+    if (got < 0 || !timer.cancelled) return got;
+    timer.cancelled = false;
+    real_settime(fd, timer.flags, &timer.armed, nullptr);
+    ++timer.cancels;
+    errno = ECANCELED;
+    return -1;
 }
 
 // Sleeps in slices, each of which ends like a spurious wake-up.

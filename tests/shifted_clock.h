@@ -16,8 +16,14 @@ class ShiftedClock {
     ShiftedClock(const ShiftedClock&) = delete;
     ShiftedClock& operator=(const ShiftedClock&) = delete;
 
-    // CLOCK_REALTIME (which `time` follows), CLOCK_MONOTONIC or CLOCK_BOOTTIME; may go backwards.
+    // CLOCK_REALTIME (which `time` follows), CLOCK_MONOTONIC or CLOCK_BOOTTIME; may go backwards. A
+    // shift of CLOCK_REALTIME cancels the timer that was made last while this lived, if it was
+    // armed to be cancelled when the clock is set.
     void Shift(clockid_t clock, std::chrono::nanoseconds by);
+
+    // Reads of that timer that have begun, and that were cancelled.
+    int timer_reads() const;
+    int timer_cancels() const;
 };
 
 }  // namespace test

@@ -1,0 +1,161 @@
+// The modem's clock follows steps of this phone's clock.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <ctime>
+
+#include "control/quarn_ctrl_connect.h"
+#include "modem/quarn_md_time_sync.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "shifted_clock.h"
+#include "sim/modem.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr char kStart[] = "md_time_sync_handle: start success";
+constexpr char kStopped[] = "md_time_sync_handle: stop success";
+
+class MdTimeSync : public testing::Test {
+  protected:
+    MdTimeSync() {
+        // Both clocks begin their seconds together, so that whole seconds tell a step exactly.
+        timespec real_time, boot_time;
+        clock_gettime(CLOCK_BOOTTIME, &boot_time);
+        clock_gettime(CLOCK_REALTIME, &real_time);
+        clock.Shift(CLOCK_REALTIME,
+                    std::chrono::nanoseconds(boot_time.tv_nsec - real_time.tv_nsec));
+        EXPECT_EQ(quarn_mipcInit("/dev/wwanD0MIPC0"), 0);
+        handle.init();
+    }
+    ~MdTimeSync() override { quarn_mipcDeinit(); }
+
+    void Start() {
+        const int before = clock.timer_reads();
+        ASSERT_EQ(handle.start(), 0);
+        ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_reads() > before; }));
+    }
+    // Boot time first: whoever sees the real one moved sees both.
+    void Step(std::chrono::seconds real_time, std::chrono::seconds boot_time = 0s) {
+        clock.Shift(CLOCK_BOOTTIME, boot_time);
+        clock.Shift(CLOCK_REALTIME, real_time);
+    }
+
+    test::LogCapture log;
+    test::ShiftedClock clock;
+    sim::Modem& modem = sim::Modem::Instance();
+    QUARN_MD_TIME_SYNC_HANDLE handle;
+};
+
+TEST_F(MdTimeSync, EachStepOfTwoSecondsIsToldOnce) {
+    static constexpr struct {
+        std::chrono::seconds real_time, boot_time;
+        uint64_t sets;  // so far
+    } kSteps[] = {
+        {1s, 0s, 0},        // too small
+        {1s, 0s, 1},        // but not forgotten
+        {2s, 0s, 2},        //
+        {-2s, 0s, 3},       //
+        {3600s, 3600s, 3},  // the phone was asleep
+        {-1s, 0s, 3},       //
+        {1s, 0s, 3},        // and back
+        {-86400s, 0s, 4},   //
+        {86402s, 2s, 5},    // stepped while it was asleep
+    };
+    quarn_setCtrlPortReady();
+    Start();
+    for (const auto& step : kSteps) {
+        const int reads = clock.timer_reads();
+        Step(step.real_time, step.boot_time);
+        ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_reads() > reads; }));
+        EXPECT_EQ(modem.ipc_status().clock_sets, step.sets) << (&step - kSteps);
+    }
+    // To the minute; the next one may have begun meanwhile.
+    const time_t now = time(nullptr);
+    char texts[2][32];
+    for (const int back : {0, 1}) {
+        const time_t then = now - 60 * back;
+        tm utc;
+        strftime(texts[back], sizeof(texts[back]), "%Y-%m-%d %H:%M:", gmtime_r(&then, &utc));
+    }
+    const std::string shown = modem.ipc_status().clock;
+    EXPECT_TRUE(shown.starts_with(texts[0]) || shown.starts_with(texts[1])) << shown;
+
+    modem.FailIpc(0, sim::IpcFault::kCause, 7, 1);
+    Step(5s);
+    EXPECT_TRUE(log.WaitFor("md_time_sync_handle: set md time failed"));
+    EXPECT_EQ(handle.stop(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, kStopped));
+    EXPECT_EQ(log.Count("md_time_sync_handle: create timer failed..."), 0u);
+}
+
+TEST_F(MdTimeSync, StepsAreHeldBackUntilTheModemIsReady) {
+    // Time stands still for a pause that has begun, so that only a stop can end it.
+    Start();
+    Step(5s);
+    ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_cancels() == 1; }));
+    clock.Shift(CLOCK_MONOTONIC, -1h);
+    EXPECT_EQ(handle.stop(), 0);
+    clock.Shift(CLOCK_MONOTONIC, 1h);
+
+    Start();
+    const int reads = clock.timer_reads();
+    Step(5s);
+    ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_cancels() == 2; }));
+    Step(-1s);  // judged together with the first
+    clock.Shift(CLOCK_MONOTONIC, 3s);
+    EXPECT_EQ(modem.ipc_status().clock_sets, 0u);
+    EXPECT_EQ(clock.timer_reads(), reads);
+    quarn_setCtrlPortReady();
+    clock.Shift(CLOCK_MONOTONIC, 3s);
+    EXPECT_TRUE(test::WaitUntil([&] { return clock.timer_reads() == reads + 2; }));
+    EXPECT_EQ(modem.ipc_status().clock_sets, 1u);
+    EXPECT_EQ(handle.stop(), 0);
+}
+
+TEST_F(MdTimeSync, NothingIsLeftAfterManyStarts) {
+    const auto left = [] {
+        return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
+    };
+    quarn_setCtrlPortReady();
+    const auto before = left();
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(handle.start(), 0);
+        if (i % 3 == 1) Step(std::chrono::seconds(i % 2 == 0 ? 1 : -1));
+        if (i % 5 == 1) EXPECT_TRUE(log.WaitFor("md_time_sync_handle: md_time_sync..."));
+        ASSERT_EQ(handle.stop(), 0);
+        log.Clear();
+    }
+    EXPECT_TRUE(test::WaitUntil([&] { return left() == before; }));
+}
+
+TEST_F(MdTimeSync, GoesWithoutWhatItCannotHave) {
+    {
+        test::NoNewThreads none;
+        EXPECT_EQ(handle.start(), 1);
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "md_time_sync_handle: create thread fail, ..."));
+    }
+    EXPECT_EQ(handle.stop(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "md_time_sync_handle: already stop"));
+
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(handle.start(), 0);
+    EXPECT_TRUE(log.WaitFor("md_time_sync_handle: create timer failed, fd=-1"));
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(handle.start(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "md_time_sync_handle: already start"));
+    EXPECT_EQ(handle.stop(), 0);
+
+    log.Clear();
+    Start();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, kStart));
+    EXPECT_EQ(handle.stop(), 0);
+}
+
+}  // namespace
