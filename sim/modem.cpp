@@ -68,9 +68,6 @@ int Modem::Deinit() {
         port_open_ = false;
         settled_ += notifications_.size();
         notifications_.clear();
-        // The last word: no more can follow.
-        __android_log_print(ANDROID_LOG_INFO, "SIM", "log port: handed over %llu bytes",
-                            static_cast<unsigned long long>(delivered_));
     }
     port_cond_.notify_all();
     quiet_cond_.notify_all();

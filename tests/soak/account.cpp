@@ -36,8 +36,10 @@ std::optional<std::string> Behind(const std::string& line, std::string_view mark
 // A log file whose folder may have got its final name meanwhile.
 muxz::Fd OpenRenamed(const fs::path& path) {
     if (const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) return muxz::Fd(fd);
-    const auto wanted = quarn::log_names::ParseFolder(path.parent_path().filename().native());
-    const std::string stem = path.filename().native().substr(0, path.filename().native().find('.'));
+    const std::string folder_name = path.parent_path().filename();
+    const std::string file_name = path.filename();
+    const auto wanted = quarn::log_names::ParseFolder(folder_name);
+    const std::string stem = file_name.substr(0, file_name.find('.') + 1);
     std::error_code gone;
     for (const auto& folder : fs::directory_iterator(path.parent_path().parent_path(), gone)) {
         const std::string name = folder.path().filename();
@@ -46,7 +48,7 @@ muxz::Fd OpenRenamed(const fs::path& path) {
             continue;
         }
         for (const auto& file : fs::directory_iterator(folder, gone)) {
-            if (!file.path().filename().native().starts_with(stem + ".")) continue;
+            if (!file.path().filename().native().starts_with(stem)) continue;
             if (const int fd = open(file.path().c_str(), O_RDONLY | O_CLOEXEC); fd >= 0) {
                 return muxz::Fd(fd);
             }
@@ -108,7 +110,6 @@ void Account::Begin(uint64_t seed, const std::string& path) {
     log_at = dropped = 0;
     given_up = gaps = 0;
     power_on_failed = false;
-    told.reset();
     files.clear();
 }
 
@@ -159,8 +160,6 @@ void Account::TakeLine(const std::string& line) {
     } else if (Behind(line, "PowerOnLogWrite: Error ") ||
                Behind(line, "PowerOnLogDeInit: Error ")) {
         power_on_failed = true;
-    } else if (const auto handed_over = Behind(line, "log port: handed over ")) {
-        told = std::stoull(*handed_over);
     }
 }
 
@@ -252,7 +251,7 @@ void Account::CheckPowerOnLog(Ending how) {
 
 // --- the end
 
-void Account::End(Ending how, std::optional<uint64_t> delivered) {
+void Account::End(Ending how, uint64_t delivered) {
     Follow();
     while (!files.empty()) {
         Verify(files.front(), how == Ending::kKilled && files.size() == 1);
@@ -263,17 +262,16 @@ void Account::End(Ending how, std::optional<uint64_t> delivered) {
     AccountForTheRest(how, delivered);
 }
 
-void Account::AccountForTheRest(Ending how, std::optional<uint64_t> delivered) {
+void Account::AccountForTheRest(Ending how, uint64_t delivered) {
     sums.closings += given_up;
-    if (!delivered) return;
     const uint64_t met = stream->position();
-    const uint64_t missing = *delivered - std::min(met, *delivered);
+    const uint64_t missing = delivered - std::min(met, delivered);
     const uint64_t closing = given_up * kBuffer;
     const uint64_t most = how == Ending::kKilled      ? kRing + 2 * kBuffer + closing
                           : how == Ending::kUnderLoad ? dropped + kRing + closing
                                                       : dropped + closing;
-    if (met > *delivered || missing < dropped || missing > most) {
-        report.Fault("the modem handed over " + std::to_string(*delivered) + " bytes, and " +
+    if (met > delivered || missing < dropped || missing > most) {
+        report.Fault("the modem handed over " + std::to_string(delivered) + " bytes, and " +
                      std::to_string(met) + " are accounted for; the log tells of " +
                      std::to_string(dropped) + " dropped and " + std::to_string(given_up) +
                      " closings that could not write; at most " + std::to_string(most) +

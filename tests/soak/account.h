@@ -40,7 +40,7 @@ struct Totals {
     uint64_t dropped = 0;      // as the log counts them
     uint64_t given_up = 0;     // by closings that could not write, as the log tells
     uint64_t behind_exit = 0;  // taken from the modem while the process ended in order
-    uint64_t killed = 0;       // by processes that were killed, as far as the modem could be asked
+    uint64_t killed = 0;       // by processes that were killed
     uint64_t files = 0, recycled = 0, closings = 0, torn = 0, power_on = 0;
 };
 
@@ -53,17 +53,14 @@ class Account {
     void Begin(uint64_t seed, const std::string& log_path);
     // Takes up what the log tells and verifies the files that were closed.
     void Follow();
-    // After the process has ended; `delivered` is what the modem handed over, none when nobody
-    // knows.
-    void End(Ending how, std::optional<uint64_t> delivered);
+    // After the process has ended; `delivered` is what the modem handed over to it.
+    void End(Ending how, uint64_t delivered);
 
     // Bytes of the stream gone by, and bytes on storage still to be verified. Any thread may ask.
     uint64_t position() const { return stream->position(); }
     uint64_t backlog() const { return waiting; }
     // A closing could not write, and no file was opened since: how much that cost is not yet known.
     bool ends_in_a_gap() const { return open_end; }
-    // Bytes that the modem layer says it handed over, once it has ended in order.
-    std::optional<uint64_t> delivered() const { return told; }
     const Totals& totals() const { return sums; }
 
   private:
@@ -79,7 +76,7 @@ class Account {
     bool Meet(KnownStream& known, const std::vector<uint8_t>& raw, unsigned& gaps_allowed,
               uint64_t* skipped, const std::string& path);
     void CheckPowerOnLog(Ending how);
-    void AccountForTheRest(Ending how, std::optional<uint64_t> delivered);
+    void AccountForTheRest(Ending how, uint64_t delivered);
 
     Report& report;
     Totals sums;
@@ -93,7 +90,6 @@ class Account {
     uint64_t dropped = 0;
     std::string power_on;  // the path, once it is written to
     bool power_on_failed = false;
-    std::optional<uint64_t> told;
     std::atomic<uint64_t> waiting = 0;
     std::atomic<bool> open_end = false;
 };

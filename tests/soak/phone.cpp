@@ -30,6 +30,7 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 const std::string kModem = "/data/modem";
+constexpr seconds kConsolePatience(60);
 
 std::string ReadFile(const std::string& path) {
     std::ostringstream text;
@@ -43,12 +44,24 @@ void SetPatience(int fd, seconds limit) {
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
 }
 
+// A child that ends elsewhere in this program may interrupt a wait.
+ssize_t Receive(int fd, char* out, size_t size) {
+    ssize_t got = 0;
+    do {
+        got = recv(fd, out, size, 0);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+// Entries of a folder of /proc but for those of the power-on log: links to its file, its thread.
 size_t Entries(const std::string& folder) {
     std::error_code gone;
     size_t count = 0;
-    for (fs::directory_iterator entry(folder, gone), end; !gone && entry != end;
-         entry.increment(gone)) {
-        ++count;
+    for (const auto& entry : fs::directory_iterator(folder, gone)) {
+        const std::string what = entry.is_directory(gone)
+                                     ? ReadFile(entry.path() / "comm")
+                                     : fs::read_symlink(entry.path(), gone).native();
+        if (what.find("power_on") == std::string::npos) ++count;
     }
     return count;
 }
@@ -63,6 +76,7 @@ long StatusValue(const std::string& status, const std::string& key) {
 bool Phone::Start(const std::string& scenario, const std::string& log_path) {
     log = log_path;
     fs::create_directories(kModem);
+    fs::remove(kModem + "/delivered");  // it goes on counting over restarts
     std::ofstream(kModem + "/scenario") << scenario;
     pid = fork();
     if (pid == 0) {
@@ -109,36 +123,27 @@ std::optional<int> Phone::WaitForEnd(seconds limit) {
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-std::optional<std::string> Phone::Console(const std::string& line) {
+std::string Phone::Console(const std::string& line) {
     const sim::SocketAddress address(kModem, sim::kConsoleSocketName);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    SetPatience(fd, seconds(60));
+    SetPatience(fd, kConsolePatience);
     std::string text;
-    const std::string request = line + "\n";
-    ssize_t got = 0;
-    if (connect(fd, address.address(), address.size()) == 0 &&
-        send(fd, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
-        char piece[4096];
-        while ((got = recv(fd, piece, sizeof(piece), 0)) > 0) {
-            text.append(piece, static_cast<size_t>(got));
-            if (text.starts_with(sim::kErrorMark) || text.find(sim::kOkMark) != std::string::npos) {
-                break;
-            }
-        }
+    ssize_t got = connect(fd, address.address(), address.size()) == 0
+                      ? send(fd, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL)
+                      : 0;
+    char piece[4096];
+    while (got > 0 && text.find("\n= ") == std::string::npos && !text.starts_with("= ")) {
+        got = Receive(fd, piece, sizeof(piece));
+        if (got > 0) text.append(piece, static_cast<size_t>(got));
     }
-    const bool hangs = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    close(fd);
-    if (hangs) report.Fault("the phone's console hangs at " + line + "\n" + Stacks());
+    if (got < 0 && errno == EAGAIN) report.Fault("the console hangs at " + line + "\n" + Stacks());
     if (text.starts_with(sim::kErrorMark)) report.Fault("the phone refuses " + line + ": " + text);
-    const size_t mark = text.find(sim::kOkMark);
-    if (mark == std::string::npos) return std::nullopt;
-    return text.substr(0, mark);
+    close(fd);
+    return text;
 }
 
-int64_t Phone::State(std::string_view key) {
-    const std::string text = "\n" + Console("state").value_or("");
-    const size_t at = text.find("\n" + std::string(key) + ": ");
-    return at == std::string::npos ? -1 : atoll(text.c_str() + at + key.size() + 3);
+uint64_t Phone::Delivered() {
+    return strtoull(ReadFile(kModem + "/delivered").c_str(), nullptr, 10);
 }
 
 Holdings Phone::Holds() const {
@@ -194,9 +199,14 @@ bool Client::Send(std::string_view bytes) const {
 std::optional<std::string> Client::Reply(seconds limit, bool* hangs) const {
     SetPatience(socket_fd, limit);
     char block[128];
-    const ssize_t got = recv(socket_fd, block, sizeof(block), MSG_WAITALL);
-    *hangs = got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    if (got != static_cast<ssize_t>(sizeof(block))) return std::nullopt;
+    size_t have = 0;
+    ssize_t got = 1;
+    while (have < sizeof(block) && got > 0) {
+        got = Receive(socket_fd, block + have, sizeof(block) - have);
+        if (got > 0) have += static_cast<size_t>(got);
+    }
+    *hangs = got < 0 && errno == EAGAIN;
+    if (have < sizeof(block)) return std::nullopt;
     return std::string(block, strnlen(block, sizeof(block)));
 }
 

@@ -16,7 +16,7 @@ namespace soak {
 inline const std::string kTree = "/data/vendor/radio/quarn";
 inline const std::string kLogs = kTree + "/logs";
 
-// What a process holds.
+// What a process holds, apart from what the power-on log has for a minute.
 struct Holdings {
     size_t descriptors;
     size_t threads;
@@ -39,11 +39,11 @@ class Phone {
     std::optional<int> WaitForEnd(std::chrono::seconds limit);
     bool Runs();
 
-    // A line for the phone's console and its answer; none when it is refused or nobody answers.
-    // Served one at a time, so that a caller may wait for others.
-    std::optional<std::string> Console(const std::string& line);
-    // A number of the phone's state, -1 when it cannot be asked.
-    int64_t State(std::string_view key);
+    // A line for the phone's console and its answer, nothing when nobody answers. Lines are served
+    // one at a time, so that a caller may wait for others.
+    std::string Console(const std::string& line);
+    // Bytes that the modem has handed over to this process, also once it has ended.
+    static uint64_t Delivered();
     Holdings Holds() const;
     // Where its threads wait, and the end of its log.
     std::string Stacks() const;

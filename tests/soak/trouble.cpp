@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -27,85 +28,142 @@ constexpr uint64_t kMuchBacklog = 24 << 20;
 
 const std::string kFiller = kTree + "/filler";
 
-std::string Hex(Dice& dice, size_t bytes) {
+// Lines in which "#A-B" stands for a number from A to B, and "$N" for N random bytes in
+// hexadecimal.
+constexpr std::string_view kPhoneLines[] = {
+    "rate 0",
+    "rate 0",
+    "rate 60M",
+    "rate 8M",
+    "rate 1M",
+    "log_mode 1",
+    "log_mode 1",
+    "log_mode 1",
+    "log_mode 1",
+    "log_mode #0-2",
+    "exception",
+    "watermark #1-2000000",
+    "limit 0",
+    "limit #1-99999",
+    "at \"\\r\\nERROR\\r\\n\" 1",
+    "at noise #1-2",
+    "sprinkle #0-5 #0-1000",
+    "sprinkle 0",
+    "fail read EAGAIN #1-12",
+    "fail read EBADF #1-12",
+    "fail read EINTR #1-12",
+    "fail read EIO #1-3",
+    "fail read ENODEV #1-12",
+    "fail read 71 #1-3",
+    "fail read zero #1-12",
+    "fail poll timeout #1-4",
+    "fail poll failure #1-2",
+    "fail open #1-2",
+    "fail write #1-12",
+    "ipc any message #1-2",
+    "ipc any value #1-2",
+    "ipc any cause 3 #1-2",
+    "ipc any silence 50 #1-2",
+    "ipc any silence 0 1",
+    "ipc any delay 80 #1-2",
+    "ipc any result 5 #1-2",
+    "ipc any no_result 1",
+    "ipc any no_answer 1",
+    "ipc any answer #0-9 1",
+    "uevent noise #0-2048 #0-1000",
+    "uevent add vqmi wwanD0MIPC0",
+    "uevent add vqmi wwanD0MDLog",
+    "uevent remove vqmi wwanD0MDLogs",
+    "uevent remove tty wwanD0MDLog",
+    "md_state #0-6",
+};
+// Records are copied out of the payloads of 1, 3, 6 and 9: a modem never sends short ones.
+constexpr std::string_view kNotifications[] = {
+    "notify #0-12",
+    "notify #0-12",
+    "notify #10-2147483647 null",
+    "notify #10-2147483647 $300",
+    "notify 1 $#220-600",
+    "notify 3 $#220-600",
+    "notify 6 $#220-600",
+    "notify 9 $#220-600",
+    "notify 1 null",
+    "notify 3 null",
+    "notify 6 null",
+    "notify 2 $1",
+    "notify 4 $9",
+    "notify 5 $70",
+    "notify 7 $2",
+    "notify 8 null",
+    "notify 8 $4",
+    "notify 9 null",
+};
+constexpr std::string_view kHostLines[] = {"host error", "host message #4-99", "host message 2"};
+constexpr std::string_view kRequests[] = {
+    "log_mode",
+    "log_mode 1",
+    "log_mode 1",
+    "log_mode #0-3",
+    "log_level",
+    "log_level #0-7",
+    "log_filter",
+    "log_filter /data/filter",
+    "log_filter /data/none",
+    "flush_interval",
+    "flush_interval #0-500",
+    "flush_status",
+    "trigger_flush",
+    "flush_ring_buf",
+    "flush_log_buffer",
+    "flush_log_buffer 1",
+    "transfer_type",
+    "transfer_type #0-2",
+    "file_size",
+    "file_size=#0-3",
+    "recycle_size",
+    "recycle_size #32-96",
+    "recycle_ee",
+    "recycle_ee,#0-1",
+    "recycle_keep_ee_size",
+    "recycle_keep_ee_size #0-4",
+    "log_folder",
+    "log_folder /data/no",
+    "log_folder /data/vendor/radio/quarn/logs",
+    "log_folder /data/vendor/radio/quarn/logs/run#1-3",
+    "copy_log_file",
+    "copy_log_file /data/none 1 0",
+    "nothing of ours",
+    "",
+};
+
+std::string Filled(Dice& dice, std::string_view line) {
     std::string text;
-    for (size_t i = 0; i < 2 * bytes; ++i) text += "0123456789abcdef"[dice.Below(16)];
+    while (!line.empty()) {
+        const char mark = line.front();
+        if (mark != '#' && mark != '$') {
+            text += mark;
+            line.remove_prefix(1);
+            continue;
+        }
+        uint64_t from = 0;
+        uint64_t to = 0;
+        int used = 0;
+        const std::string rest(line.substr(mark == '$' && line[1] == '#' ? 2 : 1));
+        if (sscanf(rest.c_str(), "%" SCNu64 "%n-%" SCNu64 "%n", &from, &used, &to, &used) < 2)
+            to = from;
+        line.remove_prefix(line.size() - rest.size() + static_cast<size_t>(used));
+        const uint64_t value = from + dice.Below(to - from + 1);
+        if (mark == '#') text += std::to_string(value);
+        for (uint64_t i = 0; mark == '$' && i < 2 * value; ++i) {
+            text += "0123456789abcdef"[dice.Below(16)];
+        }
+    }
     return text;
 }
 
-std::string Notification(Dice& dice) {
-    // Records are copied out of payloads, so a modem never sends short ones with these codes.
-    static const std::string kWithRecord[] = {"1", "3", "6", "9"};
-    static const std::string kOthers[] = {"0", "2", "4", "5", "7", "8", "10", "77", "2147483647"};
-    switch (dice.Below(4)) {
-        case 0:
-            return "notify " + dice.Of(kWithRecord) + " " + Hex(dice, 300 + dice.Below(300));
-        case 1:
-            return "notify " + dice.Of(kOthers) + " " + Hex(dice, 4 + dice.Below(600));
-        case 2:
-            return "notify " + dice.Of(kOthers) + " null";
-        default:
-            return "notify " + dice.Number(0, 12);
-    }
-}
-
-std::string IpcFault(Dice& dice) {
-    static const std::string kFaults[] = {"message",  "value",     "cause 3",   "silence 50",
-                                          "delay 80", "result 5",  "no_result", "no_answer",
-                                          "answer 7", "answer -1", "silence 0"};
-    return "ipc any " + dice.Of(kFaults) + " " + dice.Number(1, 2);
-}
-
-std::string PortFault(Dice& dice) {
-    static const std::string kErrors[] = {"EAGAIN", "EBADF", "EINTR", "EIO",
-                                          "ENODEV", "zero",  "71"};
-    switch (dice.Below(6)) {
-        case 0:
-            return "sprinkle " + dice.Number(0, 5) + " " + dice.Number(0, 1000);
-        case 1:
-            return "fail read " + dice.Of(kErrors) + " " + dice.Number(1, 12);
-        case 2:
-            return std::string("fail poll ") + (dice.OneIn(2) ? "timeout " : "failure ") +
-                   dice.Number(1, 4);
-        case 3:
-            return "fail open " + dice.Number(1, 2);
-        case 4:
-            return "fail write " + dice.Number(1, 12);
-        default:
-            return "limit " + dice.Number(0, 1) + dice.Number(0, 99999);
-    }
-}
-
-std::string Command(Dice& dice) {
-    static const std::string kQueries[] = {
-        "log_mode",   "log_level",     "flush_interval", "flush_status",   "transfer_type",
-        "file_size",  "recycle_size",  "recycle_ee",     "log_folder",     "recycle_keep_ee_size",
-        "log_filter", "copy_log_file", "trigger_flush",  "flush_ring_buf", "flush_log_buffer"};
-    static const std::string kFolders[] = {kLogs, kLogs + "/run1", kLogs + "/run2", "/data/no"};
-    switch (dice.Below(14)) {
-        case 0:
-            return "log_mode " + dice.Number(0, dice.OneIn(4) ? 3 : 1);
-        case 1:
-            return "log_level " + dice.Number(0, 7);
-        case 2:
-            return std::string("log_filter ") + (dice.OneIn(2) ? "/data/filter" : "/data/none");
-        case 3:
-            return "flush_interval " + dice.Number(0, 500);
-        case 4:
-            return "file_size=" + dice.Number(0, 3);
-        case 5:
-            return "recycle_size " + dice.Number(32, 96);
-        case 6:
-            return "recycle_ee," + dice.Number(0, 1);
-        case 7:
-            return "recycle_keep_ee_size " + dice.Number(0, 4);
-        case 8:
-            return "log_folder " + dice.Of(kFolders);
-        case 9:
-            return "transfer_type " + dice.Number(0, 2);
-        default:
-            return dice.Of(kQueries);
-    }
+template <size_t kCount>
+std::string Drawn(Dice& dice, const std::string_view (&lines)[kCount]) {
+    return Filled(dice, lines[dice.Below(kCount)]);
 }
 
 }  // namespace
@@ -144,69 +202,40 @@ void Trouble::Pause(Dice& dice, uint64_t most_ms) const {
     }
 }
 
+// Never so fast that much waits to be looked at.
 void Trouble::SteerThePhone(Dice dice) {
-    static const std::string kRates[] = {"0", "0", "0", "60M", "8M", "1M"};
-    std::string rate = "0";
     bool slow = false;
-    while (!stopping) {
-        // Never so fast that files go before they were looked at.
-        const bool too_fast = account.backlog() > (slow ? kMuchBacklog / 4 : kMuchBacklog);
-        std::string line;
-        if (too_fast != slow) {
-            slow = too_fast;
-            line = "rate " + (slow ? "500k" : rate);
-        } else {
-            switch (dice.Below(24)) {
-                case 0:
-                    rate = dice.Of(kRates);
-                    if (!slow) line = "rate " + rate;
-                    break;
-                case 1:
-                    line = "log_mode " + dice.Number(0, 2);
-                    break;
-                case 2:
-                    line = "exception";
-                    ++counts.exceptions;
-                    break;
-                case 3:
-                    line = IpcFault(dice);
-                    ++counts.faults;
-                    break;
-                case 4:
-                    line = PortFault(dice);
-                    ++counts.faults;
-                    break;
-                case 5:
-                    line = "at \"" + std::string(dice.OneIn(2) ? "\\r\\nERROR\\r\\n" : "noise") +
-                           "\" 1";
-                    break;
-                case 6:
-                    line = "watermark " + dice.Number(1, 2'000'000);
-                    break;
-                case 7:
-                case 8:
-                    // Some of them keep the daemon for seconds.
-                    if (const auto state = phone.Console("state");
-                        state && state->find(" handled, 0 waiting") != std::string::npos) {
-                        line = Notification(dice);
-                        ++counts.notifications;
-                    }
-                    break;
-                default:
-                    line = dice.OneIn(3) ? "log_mode 1" : "";
-            }
+    bool connected = false;
+    for (; !stopping; Pause(dice, 150)) {
+        const bool much = account.backlog() > (slow ? kMuchBacklog / 4 : kMuchBacklog);
+        std::string line = Drawn(dice, kPhoneLines);
+        if (much != slow) {
+            slow = much;
+            line = slow ? "rate 500k" : "rate 0";
+        } else if (slow && line.starts_with("rate")) {
+            continue;
+        } else if (dice.OneIn(30)) {
+            // Some of them keep the daemon for seconds.
+            if (phone.Console("state").find(" handled, 0 waiting") == std::string::npos) continue;
+            line = Drawn(dice, kNotifications);
+        } else if (dice.OneIn(connected ? 5 : 40)) {
+            line = connected ? "host disconnect" : "host connect";
+            connected = !connected;
+        } else if (dice.OneIn(30)) {
+            line = Drawn(dice, kHostLines);
         }
-        if (!line.empty()) {
-            report.Note("phone: " + line.substr(0, 60));
-            phone.Console(line);
-        }
-        Pause(dice, 100);
+        report.Note("phone: " + line.substr(0, 60));
+        phone.Console(line);
+        counts.exceptions += line == "exception";
+        counts.notifications += line.starts_with("notify");
+        counts.faults += line.starts_with("fail") || line.starts_with("ipc");
     }
+    if (connected) phone.Console("host disconnect");
 }
 
 void Trouble::FillTheDisk(Dice dice) {
     while (!stopping) {
-        Pause(dice, 4000);
+        Pause(dice, 8000);
         struct statvfs disk = {};
         const int fd = open(kFiller.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (statvfs(kTree.c_str(), &disk) == 0) {
@@ -217,7 +246,7 @@ void Trouble::FillTheDisk(Dice dice) {
             (void)!posix_fallocate(fd, 0, static_cast<off_t>(take));
         }
         close(fd);
-        Pause(dice, 1500);
+        Pause(dice, 1000);
         unlink(kFiller.c_str());
         report.Note("the disk has room");
     }
@@ -226,7 +255,7 @@ void Trouble::FillTheDisk(Dice dice) {
 void Trouble::SendGarbage(Dice& dice, const Client& client) {
     std::string bytes(1 + dice.Below(400), '\0');
     for (char& byte : bytes) byte = static_cast<char>(dice.Below(256));
-    if (dice.OneIn(2)) bytes.insert(0, Command(dice));
+    if (dice.OneIn(2)) bytes.insert(0, Drawn(dice, kRequests));
     if (bytes.starts_with("transfer_type")) bytes[0] = 'T';
     client.Send(bytes);
     ++counts.garbage;
@@ -237,7 +266,7 @@ void Trouble::SendRequests(Dice dice) {
     std::unique_ptr<Client> client;
     for (; !stopping; Pause(dice, 120)) {
         if (!client) client = std::make_unique<Client>(kCommandSocket);
-        const std::string request = Command(dice);
+        const std::string request = Drawn(dice, kRequests);
         if (dice.OneIn(12)) {
             SendGarbage(dice, *client);
             client.reset();
@@ -267,8 +296,7 @@ void Trouble::Copy(Dice dice) {
     for (; !stopping && !ending; Pause(dice, 1500)) {
         fs::create_directories(folder);
         const auto reply =
-            Ask(phone, report,
-                "copy_log_file " + folder + " " + dice.Number(1, 12) + " " + dice.Number(0, 1));
+            Ask(phone, report, Filled(dice, "copy_log_file " + folder + " #1-12 #0-1"));
         if (reply && reply->starts_with("ok,")) {
             ++counts.copies;
             const std::string check = MUXZ_PROGRAM " verify " + folder + " >/data/verify 2>&1";
@@ -276,7 +304,7 @@ void Trouble::Copy(Dice dice) {
                 std::ifstream out("/data/verify");
                 report.Fault("a copy does not verify:\n" +
                              std::string(std::istreambuf_iterator<char>(out), {}));
-                fs::rename(folder, folder + "." + std::to_string(report.faults()));
+                fs::rename(folder, folder + "." + std::to_string(report.faults));
             }
         }
         fs::remove_all(folder);

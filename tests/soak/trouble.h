@@ -15,7 +15,7 @@ namespace soak {
 
 struct Counts {
     std::atomic<uint64_t> requests, answered_ok, garbage, copies, notifications, exceptions, faults,
-        full_disks, subscribers, told, reboots;
+        full_disks, subscribers, told, reboots, removals;
 };
 
 // Sends one request and waits for its reply, which is a fault when it does not come.
