@@ -549,7 +549,7 @@ void Modem::Reset() {
     ipc_requests_.clear();
     ipc_faults_.clear();
     ipc_init_faults_.clear();
-    at_answers_ = 0;
+    at_answers_.clear();
     settings_ = {};
     settings_folder_.clear();
     if (delivered_fd_ != -1) close(delivered_fd_);

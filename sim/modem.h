@@ -119,7 +119,8 @@ class Modem {
     // 0 stands for every message; a count of 0 drops all faults of that id.
     void FailIpc(int message_id, IpcFault kind, int value, int count);
     void FailIpcInit(int code, int count);
-    // The next `count` AT commands are answered by this text and change nothing.
+    // The next `count` AT commands, behind those that are to be answered so already, are answered by
+    // this text and change nothing; a count of 0 drops all such answers.
     void AnswerAt(const std::string& text, int count);
     // What was asked, the last 256 requests, oldest first.
     std::vector<IpcRequest> ipc_requests() const;
@@ -359,8 +360,7 @@ class Modem {
     std::deque<IpcRequest> ipc_requests_;
     std::vector<PendingIpcFault> ipc_faults_;
     std::deque<Fault> ipc_init_faults_;
-    std::string at_answer_;
-    int at_answers_ = 0;
+    std::deque<std::string> at_answers_;
     Settings settings_;
     std::string settings_folder_;  // empty: nowhere
     int delivered_fd_ = -1;        // where `delivered_` is kept; -1: nowhere

@@ -133,8 +133,8 @@ void Modem::FailIpcInit(int code, int count) {
 
 void Modem::AnswerAt(const std::string& text, int count) {
     std::lock_guard lock(mutex_);
-    at_answer_ = text;
-    at_answers_ = count;
+    if (count == 0) at_answers_.clear();
+    for (int i = 0; i < count; ++i) at_answers_.push_back(text);
 }
 
 std::optional<int> Modem::TakeIpcFault(int message_id, IpcFault kind) {
@@ -245,9 +245,10 @@ Modem::IpcAnswer Modem::AnswerAtCommand(const IpcMessage& request) {
     if (bytes.empty() || bytes.back() != 0) return {kInvalid};
     const std::string_view command(reinterpret_cast<const char*>(bytes.data()), bytes.size() - 1);
     std::lock_guard lock(mutex_);
-    if (at_answers_ > 0) {
-        --at_answers_;
-        return {0, std::nullopt, at_answer_};
+    if (!at_answers_.empty()) {
+        std::string text = std::move(at_answers_.front());
+        at_answers_.pop_front();
+        return {0, std::nullopt, std::move(text)};
     }
     return {0, std::nullopt, EarlyLogFilter(command)};
 }

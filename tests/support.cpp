@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -125,6 +126,34 @@ std::string StreamBytes(size_t size, uint64_t seed) {
     return bytes;
 }
 
+namespace {
+
+DecodedFile DecodeOpenFile(int fd) {
+    DecodedFile decoded;
+    muxz::FileSource source(fd);
+    muxz::Header header;
+    if (muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) return decoded;
+    muxz::BlockReader blocks(source, header.length);
+    muxz::Block block;
+    while (blocks.Next(block)) {
+        const size_t at = decoded.bytes.size();
+        decoded.bytes.resize(at + block.lengths.raw_length);
+        if (!blocks.Unpack(block, reinterpret_cast<uint8_t*>(decoded.bytes.data() + at))) {
+            decoded.bytes.resize(at);
+        }
+    }
+    decoded.stray_byte = blocks.end() == muxz::End::kStrayByte;
+    decoded.whole = decoded.stray_byte || blocks.end() == muxz::End::kWhole;
+    return decoded;
+}
+
+}  // namespace
+
+DecodedFile DecodeFile(const std::filesystem::path& path) {
+    const muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return DecodeOpenFile(fd.get());
+}
+
 Decoded Decode(const std::filesystem::path& tree) {
     Decoded decoded;
     muxz::Tree found;
@@ -142,22 +171,9 @@ Decoded Decode(const std::filesystem::path& tree) {
         for (muxz::LogFile& file : files) {
             std::string why;
             const muxz::Fd fd = muxz::OpenFile(folder, file, why);
-            muxz::FileSource source(fd.get());
-            muxz::Header header;
-            const muxz::HeaderState state = muxz::ReadHeader(source, header);
-            muxz::BlockReader blocks(source, header.length);
-            muxz::Block block;
-            while (state == muxz::HeaderState::kWhole && blocks.Next(block)) {
-                const size_t at = decoded.bytes.size();
-                decoded.bytes.resize(at + block.lengths.raw_length);
-                if (!blocks.Unpack(block, reinterpret_cast<uint8_t*>(decoded.bytes.data() + at))) {
-                    decoded.bytes.resize(at);
-                }
-            }
-            const bool whole =
-                state == muxz::HeaderState::kWhole &&
-                (blocks.end() == muxz::End::kWhole || blocks.end() == muxz::End::kStrayByte);
-            if (!whole) decoded.torn.push_back(capture.path() + "/" + file.name);
+            const DecodedFile content = DecodeOpenFile(fd.get());
+            decoded.bytes += content.bytes;
+            if (!content.whole) decoded.torn.push_back(capture.path() + "/" + file.name);
         }
     }
     return decoded;

@@ -47,6 +47,14 @@ uintmax_t TreeSize(const std::filesystem::path& folder);
 // `size` bytes that look like a log stream: some repetition, no two pieces alike.
 std::string StreamBytes(size_t size, uint64_t seed = 1);
 
+// The raw stream of one log file, and how it ends.
+struct DecodedFile {
+    std::string bytes;
+    bool whole = false;       // with a whole block, or with one byte behind that
+    bool stray_byte = false;  // with such a byte
+};
+DecodedFile DecodeFile(const std::filesystem::path& path);
+
 // The raw stream of a log tree in capture order, or of one capture folder, and the files that end
 // in the middle of a block or of their header.
 struct Decoded {

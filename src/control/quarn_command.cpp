@@ -466,8 +466,8 @@ int32_t QUARN_COMMAND_HANDLE::stop() {
 namespace quarn::zorvex {
 
 void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type) {
-    constexpr int kFilterOff = 2;
-    constexpr int kFilterOn = 3;
+    constexpr int kAwayFromStorage = 2;
+    constexpr int kBackToStorage = 3;
     const auto is_host = [](QUARN_SAVE_MODE type) {
         return type == SAVE_MODE_USB || type == SAVE_MODE_SOCKET;
     };
@@ -479,9 +479,9 @@ void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type
             std::lock_guard lock(g_quarn.exec_mutex);
             quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
         }
-        done = SetPowerOnLogFilterEnableNvramCfg(kFilterOff) && done;
+        done = SetPowerOnLogFilterEnableNvramCfg(kAwayFromStorage) && done;
     } else if (is_host(old_type) && new_type == SAVE_MODE_STORAGE) {
-        done = SetPowerOnLogFilterEnableNvramCfg(kFilterOn) && done;
+        done = SetPowerOnLogFilterEnableNvramCfg(kBackToStorage) && done;
     }
     if (!done) QUARN_LOGW("Switch transfer_type with warnings");
 }

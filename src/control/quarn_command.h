@@ -42,9 +42,9 @@ int quarn_getTransferType(int* type);
 
 namespace quarn::zorvex {
 
-// What a switch of the transfer type does to the power-on log: away from storage it ends, and the
-// modem's early log filter is turned off; back to storage the filter is turned on again for the
-// next start. Two AT commands at most. Nobody who holds `io_mutex` or `exec_mutex` may call it.
+// What a switch between storage and a host does to the power-on log: away from storage it ends.
+// Either way the modem's early-log-filter setting follows; what its values mean is the modem's. Two
+// AT commands at most. Nobody who holds `io_mutex` or `exec_mutex` may call it.
 void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type);
 
 }  // namespace quarn::zorvex

@@ -1,0 +1,416 @@
+// The power-on log: the first minute's copy of the stream, its end, and the switch that goes with
+// it.
+#include "storage/power_on_log.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "byte_source.h"
+#include "core/quarn.h"
+#include "modem/quarn_mipc_cmd.h"
+#include "platform/mcl.h"
+#include "shifted_clock.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace fs = std::filesystem;
+using namespace quarn::zorvex;
+using namespace std::chrono_literals;
+using sim::IpcFault;
+using test::DecodeFile;
+
+namespace {
+
+const std::string kLogs = "/data/vendor/radio/quarn/logs/";
+constexpr size_t kMb = 1 << 20;
+constexpr const char* kDetected = "Power-on Log: detect power-on end event";
+constexpr const char* kTerminated = "Power-on Log: thread PowerOnEventDetectThreadEntry terminate";
+constexpr const char* kAlreadyStopped = "Power-on log: already stopped";
+constexpr const char* kStopped = "Power-on log: stop event detect thread and stop writing log";
+
+class PowerOn : public testing::Test {
+  protected:
+    void SetUp() override {
+        fs::create_directories("/data/vendor/radio");
+        mcl_init();
+        g_file_io.create_top_folder();
+        g_writer.init();
+        g_log_filter_manager.init();
+        quarn_mipcInit("/dev/wwanD0MIPC0");
+    }
+    void TearDown() override {
+        g_reader.stop();
+        g_writer.stop();
+        quarn_mipcDeinit();
+        PowerOnLogDeInit();
+        mcl_deinit();
+    }
+
+    // Until all bytes that the modem shall hand over by now have left the ring.
+    void Drain(size_t count) {
+        ASSERT_TRUE(test::WaitUntil([&] { return modem.bytes_delivered() >= count; }, 60s));
+        ASSERT_TRUE(test::WaitUntil([&] { return g_quarn.write_bytes == count; }, 60s));
+    }
+    // Stores bytes without reader and writer.
+    static void Store(const std::string& bytes) {
+        ASSERT_EQ(g_file_io.io_write(bytes.data(), static_cast<int>(bytes.size())),
+                  static_cast<int>(bytes.size()));
+        g_file_io.flush_ringBuf();
+    }
+
+    test::LogCapture log;
+    test::ShiftedClock clock;
+    sim::Modem& modem = sim::Modem::Instance();
+};
+
+}  // namespace
+
+TEST_F(PowerOn, HoldsTheHeadOfTheStreamAndEndsWithTheMinute) {
+    test::WriteFile(kPowerOnLogPath, "of the run before");
+    PowerOnLogInit();
+    g_log_filter_manager.exec(EXEC_MD_LOG_START, nullptr);
+    int32_t level = 4;
+    EXPECT_EQ(g_log_filter_manager.exec(EXEC_SET_LOG_LEVEL, &level), 0);
+    const std::string first = test::StreamBytes(9 * kMb);
+    const std::string second = test::StreamBytes(3 * kMb, 2);
+    modem.SetSource(nullptr);
+    modem.SetLogMode(1);
+    g_reader.start();
+    g_writer.start();
+    for (size_t capture = 1; capture <= 3; ++capture) {
+        if (capture > 1) g_file_io.io_close();
+        const size_t part = first.size() / 3;
+        test::Feed(first.substr((capture - 1) * part, part));
+        Drain(capture * part);
+    }
+    EXPECT_EQ(test::List(kLogs).size(), 4u);
+    EXPECT_EQ(log.Count("Power-on log: already started"), 2u);
+    EXPECT_EQ(modem.settings().log_level, 1);
+
+    clock.Shift(CLOCK_MONOTONIC, 59s);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(log.Count(kDetected), 0u);
+    clock.Shift(CLOCK_MONOTONIC, 1s);
+    ASSERT_TRUE(log.WaitFor(kTerminated));
+    EXPECT_EQ(modem.settings().log_level, 4);
+    // The flush at the end belongs to the minute.
+    EXPECT_TRUE(DecodeFile(kPowerOnLogPath).bytes == first);
+    EXPECT_FALSE(DecodeFile(kPowerOnLogPath).stray_byte);
+
+    test::Feed(second);
+    Drain(first.size() + second.size());
+    g_writer.stop();
+    const test::DecodedFile copy = DecodeFile(kPowerOnLogPath);
+    EXPECT_TRUE(copy.bytes == first);
+    EXPECT_TRUE(copy.stray_byte && test::ReadFile(kPowerOnLogPath).back() == 0);
+    EXPECT_TRUE(test::DecodeTree(kLogs) == first + second);
+    struct stat status = {};
+    stat(kPowerOnLogPath, &status);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, std::string("Power-on log: previous log file: ") +
+                                               kPowerOnLogPath + " is removed"));
+    g_file_io.io_open();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
+}
+
+TEST_F(PowerOn, StopsAtTheSizeBoundWithTheWriteThatReachesIt) {
+    constexpr unsigned int kBound = 52'428'800;
+    PowerOnLogInit();
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    const auto header = fs::file_size(kPowerOnLogPath);
+    const std::string bytes(kBound, 'x');
+    PowerOnLogWrite(bytes.data(), kBound - 2, false);
+    PowerOnLogWrite(bytes.data(), 2, true);  // without the stray byte
+    EXPECT_EQ(log.Count("Power-on log: stop writing log, ..."), 0u);
+    PowerOnLogWrite(bytes.data(), 5, false);
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_INFO, "Power-on log: stop writing log, file size=52428804 bytes"));
+    EXPECT_EQ(fs::file_size(kPowerOnLogPath), header + kBound + 4);
+    for (int i = 0; i < 2; ++i) PowerOnLogWrite(bytes.data(), 7, false);
+    EXPECT_EQ(fs::file_size(kPowerOnLogPath), header + kBound + 5);
+    EXPECT_EQ(test::ReadFile(kPowerOnLogPath).back(), 0);
+}
+
+TEST_F(PowerOn, StartsOnlyWhenItCan) {
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "PowerOnLogStart: Error starting power-on log: init function should be "
+                        "called first"));
+    {
+        const test::NoNewThreads limit;
+        PowerOnLogInit();
+        PowerOnLogStart();
+        EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
+        PowerOnLogStop();
+        EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, "Power-on Log: thread is not joinable"));
+    }
+    PowerOnLogInit();
+    g_quarn.transfer_type = SAVE_MODE_USB;
+    PowerOnLogStart();
+    g_quarn.transfer_type = SAVE_MODE_STORAGE;
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "PowerOnLogStart: Error starting power-on log: transfer type 0 should be "
+                        "storage"));
+    test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
+    PowerOnLogStart();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_DEBUG, std::string("PowerOnLogStart: Failed to remove ") +
+                                               kPowerOnLogPath + ": Directory not empty"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "PowerOnLogStart: Error missing modem info"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +
+                                               kPowerOnLogPath + ": Is a directory"));
+    fs::remove_all(kPowerOnLogPath);
+    PowerOnLogStart();
+    Store("abc");
+    PowerOnLogStop();
+    EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "abc");
+    EXPECT_FALSE(DecodeFile(kPowerOnLogPath).stray_byte);
+    PowerOnLogDeInit();
+    EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
+}
+
+// The files lie on two small disks, of which first the captures' is full, then the other.
+TEST_F(PowerOn, AFullDiskNeitherDoublesNorTearsABlock) {
+    ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", 0, "size=6m"), 0);
+    ASSERT_EQ(g_file_io.set_log_folder(kLogs + "run1"), 0);
+    ASSERT_EQ(mount("none", (kLogs + "run1").c_str(), "tmpfs", 0, "size=2m"), 0);
+    PowerOnLogInit();
+    const std::string bytes = test::StreamBytes(36 * kMb);
+    test::Feed(bytes);
+    g_reader.start();
+    g_writer.start();
+    ASSERT_TRUE(log.WaitFor("io: common_write fail, ...", 3));
+    ASSERT_EQ(mount("none", (kLogs + "run1").c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);
+    ASSERT_TRUE(log.WaitFor("PowerOnLogWrite: Error writing log file: No space left on device"));
+    Drain(bytes.size());
+    g_writer.stop();
+    EXPECT_TRUE(test::DecodeTree(kLogs + "run1") == bytes);
+    const test::DecodedFile copy = DecodeFile(kPowerOnLogPath);
+    EXPECT_GT(copy.bytes.size(), 8 * kMb);
+    EXPECT_TRUE(bytes.starts_with(copy.bytes));
+    EXPECT_TRUE(copy.stray_byte);
+}
+
+// While a stop waits for the event thread, which waits for `exec_mutex` or for the modem, neither a
+// notification nor the writer may wait for the stop.
+TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
+    for (const bool in_flush : {false, true}) {
+        SCOPED_TRACE(in_flush);
+        PowerOnLogInit();
+        ASSERT_EQ(g_file_io.io_open(), 0);
+        Store("kept,");
+        std::unique_lock notification(g_quarn.exec_mutex, std::defer_lock);
+        if (in_flush) {
+            modem.FailIpc(119, IpcFault::kSilence, 0, 1);
+        } else {
+            notification.lock();
+        }
+        while (in_flush ? modem.ipc_status().under_way == 0 : log.Count(kDetected) == 0) {
+            clock.Shift(CLOCK_MONOTONIC, 60s);  // again when the thread did not wait yet
+            std::this_thread::sleep_for(5ms);
+        }
+        if (in_flush) notification.lock();
+        std::thread stop(PowerOnLogStop);
+        EXPECT_TRUE(test::WaitUntil([&] {
+            PowerOnLogStart();
+            return log.Count(kAlreadyStopped) > 0;
+        }));
+        g_file_io.io_close();
+        EXPECT_EQ(g_file_io.io_open(), 0);
+        Store("left out");
+        EXPECT_EQ(log.Count(kStopped), 0u);
+        // What the event thread flushes itself.
+        ASSERT_GT(g_file_io.io_write("x", 1), 0);
+        std::thread second_stop(PowerOnLogStop);
+        notification.unlock();
+        stop.join();
+        second_stop.join();
+        EXPECT_EQ(log.Count("Flush log buffers done"), 1u);
+        PowerOnLogDeInit();
+        EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "kept,");
+        EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
+        g_file_io.io_close();
+        log.Clear();
+    }
+}
+
+namespace {
+
+enum Outcome { kFine, kNoPlace, kNotEnded, kNotTheHead };
+
+// One life of the daemon, in a /data of its own, with an exit around the end of the first minute
+// and now and then a notification or the stop of a switch on top of it.
+Outcome LiveAndEnd(unsigned int seed) {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/data", "tmpfs", 0, nullptr) != 0) {
+        return kNoPlace;
+    }
+    fs::create_directories("/data/vendor/radio");
+    std::mt19937 random(seed);
+    const auto pause = [&random] { return std::chrono::milliseconds(random() % 2600); };
+    test::ShiftedClock clock;
+    sim::Modem& modem = sim::Modem::Instance();
+    modem.SetSource(sim::MakeGeneratedSource(seed));
+    modem.SetRate(4 * kMb);
+    for (QUARN_HANDLE* handle :
+         std::initializer_list<QUARN_HANDLE*>{&g_writer, &g_notify, &g_log_filter_manager}) {
+        handle->init();
+    }
+    mcl_init();
+    g_file_io.create_top_folder();
+    PowerOnLogInit();
+    g_reader.start();
+    quarn_mipcInit("/dev/wwanD0MIPC0");
+    g_writer.start();
+    quarn_mipcSetLogMode(1);
+    test::WaitUntil([] { return fs::exists(kPowerOnLogPath); });
+
+    std::vector<std::thread> threads;
+    threads.emplace_back([&clock, at = pause()] {
+        std::this_thread::sleep_for(at);
+        clock.Shift(CLOCK_MONOTONIC, 60s);
+    });
+    if (random() % 3 == 0) {
+        threads.emplace_back([at = pause()] {
+            std::this_thread::sleep_for(at);
+            PowerOnLogStop();
+        });
+    }
+    if (random() % 2 == 0) {
+        threads.emplace_back([&modem, at = pause()] {
+            std::this_thread::sleep_for(at);
+            modem.Raise(NTFY_MD_LOG_END);
+            modem.Raise(NTFY_MD_EXCEPTION);
+        });
+    }
+    std::this_thread::sleep_for(pause());
+    quarn_setTransferType(SAVE_MODE_EXIT);
+    g_reader.stop();
+    g_writer.stop();
+    quarn_mipcDeinit();
+    PowerOnLogDeInit();
+    quarn_endCallbacks();
+    mcl_deinit();
+    for (std::thread& thread : threads) thread.join();
+    const test::DecodedFile copy = DecodeFile(kPowerOnLogPath);
+    if (!copy.stray_byte) return kNotEnded;
+    return test::Decode(kLogs).bytes.starts_with(copy.bytes) ? kFine : kNotTheHead;
+}
+
+}  // namespace
+
+TEST(PowerOnEnd, AnExitAtAnyMomentNeitherHangsNorLeavesTheFileOpen) {
+    constexpr unsigned int kRounds = 60;
+    constexpr unsigned int kAtOnce = 15;
+    const test::LogCapture quiet;
+    std::vector<pid_t> children;
+    for (unsigned int round = 0; round < kRounds; ++round) {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            alarm(60);  // ends one that hangs
+            _exit(LiveAndEnd(round));
+        }
+        children.push_back(pid);
+        if (children.size() < kAtOnce && round + 1 < kRounds) continue;
+        for (const pid_t child : children) {
+            int status = -1;
+            waitpid(child, &status, 0);
+            EXPECT_EQ(status, 0) << "round of child " << child << ", last round " << round;
+        }
+        children.clear();
+    }
+}
+
+// --- the setting ---
+
+TEST_F(PowerOn, ReadsTheFilterSettingFromTheFirstLine) {
+    const std::string convert = "Power-on log: Convert power-on log filter enable ";
+    const struct {
+        const char* answer;
+        int value;  // -1: the reading fails
+        std::string message;
+    } cases[] = {
+        {"3\r\n\r\nOK\r\n", 3, "Power-on log: Get power-on log filter enable=3 by AT command"},
+        {"\r\n2\r\n\r\nOK\r\n", 2, "Power-on log: Get power-on log filter enable=2 by AT command"},
+        {"\n\r-7\nOK", -7, "Power-on log: Get power-on log filter enable=-7 by AT command"},
+        {"AT+ZORVEARLYLOGFILTER?\r\n3\r\nOK\r\n", -1,
+         convert + "AT+ZORVEARLYLOGFILTER? to int failed: Invalid argument"},
+        {"12x\r\nOK", -1, convert + "12x to int failed: Invalid argument"},
+        {" 3\r\nOK", -1, convert + " 3 to int failed: Invalid argument"},
+        {"+3\r\nOK", -1, convert + "+3 to int failed: Invalid argument"},
+        {"OK\r\n", -1, convert + "OK to int failed: Invalid argument"},
+        {"2147483648\r\nOK", -1,
+         convert + "2147483648 to int failed: Numerical result out of range"},
+        {"3\r\nERROR\r\n", -1, "AT command: Return result message: ..."},
+        {"ERROR", -1, "AT command: Return result message: ..."},
+        {"", -1, "AT command: execution status not found"},
+        {"\r\n", -1, "AT command: execution status not found"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.answer);
+        log.Clear();
+        modem.AnswerAt(c.answer, 1);
+        int value = 99;
+        EXPECT_EQ(GetPowerOnLogFilterEnableNvramCfg(value), c.value != -1);
+        EXPECT_EQ(value, c.value);
+        EXPECT_EQ(log.Count(c.message), 1u);
+    }
+    EXPECT_TRUE(SetPowerOnLogFilterEnableNvramCfg(-12));
+    int value = 0;
+    EXPECT_TRUE(GetPowerOnLogFilterEnableNvramCfg(value));
+    EXPECT_EQ(value, -12);
+    modem.AnswerAt("ERROR\r\n", 1);
+    EXPECT_FALSE(SetPowerOnLogFilterEnableNvramCfg(3));
+    EXPECT_EQ(modem.settings().early_log_filter, -12);
+    EXPECT_EQ(log.Count("Power-on log: Set power-on log filter enable=..."), 1u);
+}
+
+TEST_F(PowerOn, ASwitchOfTheTransferTypeSetsTheFilter) {
+    enum Fault { kNone, kRead, kWrite, kBoth };
+    const auto is_host = [](int type) { return type == SAVE_MODE_USB || type == SAVE_MODE_SOCKET; };
+    for (const Fault fault : {kNone, kRead, kWrite, kBoth}) {
+        for (int from = SAVE_MODE_USB; from <= SAVE_MODE_EXIT; ++from) {
+            for (int to = SAVE_MODE_USB; to <= SAVE_MODE_EXIT; ++to) {
+                SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to) + ", fault " +
+                             std::to_string(fault));
+                const bool leaves = from == SAVE_MODE_STORAGE && is_host(to);
+                const bool comes = is_host(from) && to == SAVE_MODE_STORAGE;
+                SetPowerOnLogFilterEnableNvramCfg(0);
+                g_log_filter_manager.init();
+                log.Clear();
+                const char* const good = "5\r\n\r\nOK\r\n";
+                modem.AnswerAt(fault == kRead || fault == kBoth ? "ERROR\r\n" : good, 1);
+                if (fault == kWrite || fault == kBoth) modem.AnswerAt("ERROR\r\n", 1);
+                HandleTransferTypeSwitch(static_cast<QUARN_SAVE_MODE>(from),
+                                         static_cast<QUARN_SAVE_MODE>(to));
+                modem.AnswerAt("", 0);
+                const bool fails =
+                    fault == kRead || fault == kBoth || (fault == kWrite && (leaves || comes));
+                const int written = fault == kWrite || fault == kBoth ? 0
+                                    : leaves                          ? 2
+                                    : comes                           ? 3
+                                                                      : 0;
+                EXPECT_EQ(modem.settings().early_log_filter, written);
+                EXPECT_EQ(log.Count("AT command: Send mipc cmd: AT+ZORVEARLYLOGFILTER=..."),
+                          leaves || comes ? 1u : 0u);
+                EXPECT_EQ(log.Count("Switch transfer_type with warnings"), fails ? 1u : 0u);
+                EXPECT_EQ(log.Count(kStopped), leaves ? 1u : 0u);
+                EXPECT_EQ(log.Count("Log Filter Manager: logging state changes to 0x0"),
+                          leaves ? 1u : 0u);
+            }
+        }
+    }
+}
