@@ -1,6 +1,8 @@
 // The daemon's own process on the simulated phone: start-up, orderly end, sudden end.
+#include <cutils/sockets.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim/restart.h"
 #include "storage/log_names.h"
 #include "support.h"
 
@@ -19,6 +22,7 @@ namespace {
 
 const std::string kModem = "/data/modem";
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
+constexpr int kRestartAsked = 75;
 
 // One run of the unchanged daemon; its Android log goes to a file.
 class Daemon {
@@ -31,6 +35,7 @@ class Daemon {
             const int log = open(log_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
             dup2(log, STDERR_FILENO);
             setenv("QUARN_SIM_DIR", kModem.c_str(), 1);
+            setenv(sim::kRestartStatusVariable, std::to_string(kRestartAsked).c_str(), 1);
             execl(QUARN_PROGRAM, "quarn", nullptr);
             _exit(127);
         }
@@ -174,6 +179,46 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::List(kLogs).at(0).ends_with("_EE"));
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
+}
+
+// The daemon asks for its restart when the log device goes, here while the stream is as fast as it
+// can be. What it held is in the files, and the next process goes on with what the modem hands
+// over.
+TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 2\nlog_mode 1\n");
+    const std::string scenario = "tap /data/tap\nsource replay /data/stream\n";
+    test::WriteFile("/data/stream", test::StreamBytes(100'000'000));
+    {
+        Daemon daemon("removal", scenario + "rate 60M\n");
+        ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
+        const int subscriber = socket_local_client("/dev/quarn_callback_server.socket",
+                                                   ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+        ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
+        ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 5'000'000; }));
+        Console("uevent remove vqmi wwanD0MDLog");
+        char told[64] = {};
+        EXPECT_EQ(recv(subscriber, told, sizeof(told), 0), 10);
+        EXPECT_STREQ(told, "cb_reboot");
+        EXPECT_EQ(recv(subscriber, told, sizeof(told), 0), 0);
+        close(subscriber);
+        EXPECT_EQ(daemon.Wait(), kRestartAsked);
+    }
+    const std::string stream = test::ReadFile("/data/stream");
+    const std::string before = test::DecodeTree(kLogs);
+    EXPECT_TRUE(before == test::ReadFile("/data/tap"));
+    ASSERT_LT(before.size(), stream.size());
+
+    Daemon daemon("anew", scenario + "rate 0\n");
+    ASSERT_TRUE(daemon.WaitFor("start all handler done"));
+    ASSERT_TRUE(test::WaitUntil(
+        [] { return Console("state").find("at its end: yes") != std::string::npos; }));
+    EXPECT_NE(Console("state").find("delivered: 100000000 bytes"), std::string::npos);
+    EXPECT_EQ(Console("property vendor.quarn.qrx.restart"), "0\n");
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " flush_log_buffer >/dev/null"), 0);
+    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    EXPECT_EQ(daemon.Wait(), 0);
+    EXPECT_EQ(test::List(kLogs).size(), 2u);
+    EXPECT_TRUE(test::DecodeTree(kLogs) == stream);
 }
 
 // After any sudden end every block that reached a file decodes, and the next start goes on.

@@ -20,6 +20,7 @@
 #include "sim/modem.h"
 #include "sim/replay_place.h"
 #include "sim/socket_address.h"
+#include "sim/uevents.h"
 #include "tests/support.h"
 
 namespace {
@@ -85,6 +86,21 @@ class SimPort : public testing::Test {
 
     Modem& modem = Modem::Instance();
 };
+
+TEST_F(SimPort, ARemovedLogDeviceComesBackWithAClosedPort) {
+    std::thread removal([] { EXPECT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog")); });
+    EXPECT_EQ(mcl_pollLogPort(-1), -1);
+    removal.join();
+    char byte;
+    int error = 0;
+    EXPECT_EQ(mcl_readFromLogPort(&byte, 1, &error), -1);
+    EXPECT_EQ(error, ENODEV);
+    EXPECT_EQ(mcl_openLogPort(), -1);
+    ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MDLog"));
+    EXPECT_EQ(mcl_pollLogPort(0), -1);
+    EXPECT_EQ(mcl_openLogPort(), 0);
+    EXPECT_EQ(mcl_pollLogPort(0), -2);
+}
 
 TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
     constexpr size_t kTotal = 3'000'000;
@@ -659,6 +675,13 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {"watermark 64Ki", ""},
         {"notify 6 001", "PAYLOAD is not bytes in hexadecimal: 001"},
         {"notify 6 0g", "PAYLOAD is not bytes in hexadecimal: 0g"},
+        {"uevent add vqmi wwanD0MIPC0 MAJOR=1", ""},
+        {"uevent add vqmi", "uevent: no DEVNAME"},
+        {"uevent noise 2048 7", ""},
+        {"uevent noise x", "BYTES is not a number"},
+        {"md_state ready", "md_state: STATE is not a number"},
+        {"md_state none", ""},
+        {"md_state 6", ""},
         {"property ro.test " + std::string(91, 'x'), ""},
         {"property ro.test " + std::string(92, 'x'), "more than 91 bytes"},
         {"log debug", ""},
@@ -686,6 +709,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     EXPECT_EQ(status.rate, 64u << 20);
     EXPECT_EQ(status.read_limit, 4096u);
     EXPECT_EQ(status.notify_queue, 1u);
+    EXPECT_EQ(test::ReadFile("/dev/wwan_fsm_state"), "state=6\n");
     EXPECT_EQ(mipc_init("port"), -3);
     EXPECT_EQ(mipc_init("port"), 0);
     EXPECT_EQ(AskAt("AT"), std::string("1\r\nOK\0", 6));

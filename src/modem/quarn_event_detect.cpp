@@ -102,8 +102,14 @@ void restart_daemon() {
 }  // namespace
 
 QUARN_EVENT_DETECT_HANDLE::~QUARN_EVENT_DETECT_HANDLE() {
-    end_detecting();
-    end_processing();
+    if (detect_running) {
+        ask_detecting_to_end();
+        end_detecting();
+    }
+    if (process_running) {
+        ask_processing_to_end();
+        process_thread.join();
+    }
 }
 
 int32_t QUARN_EVENT_DETECT_HANDLE::init() {
@@ -122,6 +128,7 @@ int32_t QUARN_EVENT_DETECT_HANDLE::start() {
 
 int32_t QUARN_EVENT_DETECT_HANDLE::stop() {
     if (detect_running) {
+        ask_detecting_to_end();
         QUARN_LOGI("event_detect_handle: wait event_detect_handle_thread joinable");
         end_detecting();
         QUARN_LOGI("event_detect_handle: stop success");
@@ -129,8 +136,9 @@ int32_t QUARN_EVENT_DETECT_HANDLE::stop() {
         QUARN_LOGI("event_detect_handle: already stop");
     }
     if (process_running) {
+        ask_processing_to_end();
         QUARN_LOGI("event_process: wait quarn_event_process_thread joinable");
-        end_processing();
+        process_thread.join();
         QUARN_LOGI("event_process: stop success");
     } else {
         QUARN_LOGI("event_process: already stop");
@@ -171,6 +179,7 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
     } catch (const std::system_error& error) {
         const int code = error.code().value();
         QUARN_LOGE("event_detect_handle: create thread fail, errno=%d(%s)", code, strerror(code));
+        detect_running = false;
         end_detecting();
         return false;
     }
@@ -178,26 +187,29 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
     return true;
 }
 
-void QUARN_EVENT_DETECT_HANDLE::end_detecting() {
-    if (!detect_running.exchange(false)) return;
+void QUARN_EVENT_DETECT_HANDLE::ask_detecting_to_end() {
+    detect_running = false;
     const uint64_t one = 1;
     // Without it the thread still ends, a time-out later.
     if (write(wake_fd, &one, sizeof(one)) < 0) {
         QUARN_LOGW("event_detect_handle: wake thread fail, errno=%s", strerror(errno));
     }
+}
+
+// Joins the thread, if there is one, and closes what it used.
+void QUARN_EVENT_DETECT_HANDLE::end_detecting() {
     if (detect_thread.joinable()) detect_thread.join();
     if (wake_fd >= 0) close_fd(wake_fd, "event_detect_handle");
     close_fd(uevent_fd, "event_detect_handle");
     wake_fd = uevent_fd = -1;
 }
 
-void QUARN_EVENT_DETECT_HANDLE::end_processing() {
+void QUARN_EVENT_DETECT_HANDLE::ask_processing_to_end() {
     {
         std::lock_guard lock(queue_mutex);
         process_running = false;
     }
     queue_cond.notify_one();
-    if (process_thread.joinable()) process_thread.join();
 }
 
 int QUARN_EVENT_DETECT_HANDLE::open_uevent_socket() {

@@ -37,8 +37,8 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     // 0, or 1 when the socket for device events could not be opened or a thread not be created;
     // what could be started runs, and another start tries the rest again.
     int32_t start() override;
-    // Joins both threads: the first ends at once, the other when the restart that it may be in the
-    // middle of is asked for, which takes some seconds and the writer's part of it `exec_mutex`.
+    // Joins both threads. One that is in the middle of a restart first comes to its end, which
+    // takes some seconds and `exec_mutex`: not to be called with that held.
     int32_t stop() override;
 
     // Reads a device event as the kernel sends it: NUL-terminated "KEY=value" texts, closed by an
@@ -49,8 +49,9 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
   private:
     bool start_processing();
     bool start_detecting();
+    void ask_detecting_to_end();
     void end_detecting();
-    void end_processing();
+    void ask_processing_to_end();
     // The descriptor, or -1.
     int open_uevent_socket();
 

@@ -1,0 +1,214 @@
+// Device events and the modem's state file, in the box's own network namespace.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "byte_source.h"
+#include "control/quarn_ctrl_connect.h"
+#include "core/quarn.h"
+#include "modem/quarn_event_detect.h"
+#include "platform/mcl.h"
+#include "platform/system_properties.h"
+#include "sim/uevents.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const std::string kStateFile = "/dev/wwan_fsm_state";
+constexpr const char* kRemoved = "event_detect_handle: wwanD0MDLog is removed\n";
+constexpr const char* kRestart = "event_detect_handle: restart quarn";
+
+std::string RestartProperty() {
+    char value[PROP_VALUE_MAX] = {};
+    __system_property_get("vendor.quarn.qrx.restart", value);
+    return value;
+}
+
+// Whether it was looked at since its access time was set back.
+class Looked {
+  public:
+    Looked() {
+        const timespec times[2] = {{1, 0}, {2, 0}};
+        EXPECT_EQ(utimensat(AT_FDCWD, kStateFile.c_str(), times, 0), 0);
+    }
+    bool operator()() const {
+        struct stat status = {};
+        return stat(kStateFile.c_str(), &status) == 0 && status.st_atim.tv_sec != 1;
+    }
+};
+
+class EventDetect : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::filesystem::create_directories("/data/vendor/radio");
+        g_event_detect.init();
+    }
+    void TearDown() override { g_event_detect.stop(); }
+
+    test::LogCapture log;
+};
+
+}  // namespace
+
+TEST(ParseUevent, TakesExactlyTwoEvents) {
+    const struct {
+        std::vector<std::string> texts;
+        int32_t event;
+    } cases[] = {
+        {{"remove@/d", "ACTION=remove", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog"}, 1},
+        {{"DEVNAME=wwanD0MDLog", "X=Y", "SUBSYSTEM=vqmi", "ACTION=remove"}, 1},
+        {{"add@/d", "ACTION=add", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MIPC0"}, 2},
+        {{"ACTION=add", "ACTION=remove", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog"}, 1},
+        {{"ACTION=add", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MIPC0"}, 0},
+        {{"ACTION=removed", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog1"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLo"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi2", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=wwan", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"SUBSYSTEM=vqmi", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=remove", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi"}, 0},
+        {{"ACTION=remove", "SUBSYSTEM=vqmi", "", "DEVNAME=wwanD0MDLog"}, 0},
+        {{"remove@/d ACTION=remove SUBSYSTEM=vqmi DEVNAME=wwanD0MDLog"}, 0},
+        {{"ACTION=", "SUBSYSTEM=", "DEVNAME=", "MAJOR=", "MINOR=-x", "DEVPATH="}, 0},
+        {{}, 0},
+    };
+    for (const auto& c : cases) {
+        std::string message;
+        for (const std::string& text : c.texts) message += text + '\0';
+        SCOPED_TRACE(message);
+        message += '\0';
+        // Of exactly its size, so that a look behind the end is seen.
+        const std::vector<char> exact(message.begin(), message.end());
+        event_info info;
+        EXPECT_EQ(QUARN_EVENT_DETECT_HANDLE::parse_uevent(exact.data(), &info), c.event);
+    }
+    const std::string event = sim::DeviceEvent("change", "net", "wwan0") + '\0';
+    event_info info;
+    EXPECT_EQ(QUARN_EVENT_DETECT_HANDLE::parse_uevent(event.c_str(), &info), 0);
+    EXPECT_STREQ(info.action, "change");
+    EXPECT_STREQ(info.subsystem, "net");
+    EXPECT_STREQ(info.device_name, "wwan0");
+    EXPECT_STREQ(info.device_path, "/devices/virtual/net/wwan0");
+    EXPECT_EQ(info.major, 511);
+    EXPECT_EQ(info.minor, 7);
+}
+
+TEST_F(EventDetect, ARemovalClosesTheCaptureAndAsksForTheRestart) {
+    mcl_init();
+    g_file_io.create_top_folder();
+    g_writer.init();
+    const std::string bytes = test::StreamBytes(3'000'000);
+    test::Feed(bytes);
+    g_reader.start();
+    g_writer.start();
+    ASSERT_TRUE(test::WaitUntil([&] { return g_quarn.write_bytes == bytes.size(); }));
+    quarn_property_set("vendor.quarn.qrx.restart", "0");
+    ASSERT_EQ(g_event_detect.start(), 0);
+
+    // A removal of as many bytes as one read takes may be cut, one byte less is whole.
+    const auto removal = [](size_t size) {
+        std::string message = sim::DeviceEvent("remove", "vqmi", "wwanD0MDLog");
+        message += "PAD=" + std::string(size - message.size() - 5, 'x') + '\0';
+        EXPECT_EQ(message.size(), size);
+        return message;
+    };
+    ASSERT_TRUE(sim::SendUevent(removal(2048)));
+    ASSERT_TRUE(sim::SendUevent(removal(5000)));
+    ASSERT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog1"));
+    ASSERT_TRUE(sim::SendDeviceEvent("remove", "usb", "wwanD0MDLog"));
+    ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MDLog"));
+    for (size_t seed = 1; seed <= 50; ++seed) {
+        ASSERT_TRUE(sim::SendUevent(sim::NoiseUevent(seed * 41, seed)));
+    }
+    ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
+    ASSERT_TRUE(log.WaitFor("event_detect_handle: wwanD0MIPC0 is recover\n"));
+    EXPECT_EQ(log.Count(kRemoved), 0u);
+    EXPECT_EQ(RestartProperty(), "0");
+
+    ASSERT_TRUE(sim::SendUevent(removal(2047)));
+    ASSERT_TRUE(log.WaitFor(kRestart));
+    ASSERT_TRUE(test::WaitUntil([] { return RestartProperty() == "1"; }));
+    EXPECT_EQ(log.Count(kRemoved), 1u);
+    EXPECT_FALSE(g_file_io.check_io_open());
+    EXPECT_TRUE(test::DecodeTree("/data/vendor/radio/quarn/logs/") == bytes);
+    g_reader.stop();
+    g_writer.stop();
+    mcl_deinit();
+}
+
+// The removal holds up the queue, not the thread that reads the socket; a stop waits for it.
+TEST_F(EventDetect, TheQueueIsBoundedAndAStopWaitsForTheRestartUnderWay) {
+    ASSERT_EQ(g_event_detect.start(), 0);
+    std::unique_lock busy(g_quarn.exec_mutex);
+    ASSERT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog"));
+    ASSERT_TRUE(log.WaitFor(kRemoved));
+    for (size_t i = 1; i <= 80; ++i) {
+        ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
+        ASSERT_TRUE(log.WaitFor("event_detect_handle: wwanD0MIPC0 is recover\n", i));
+    }
+    EXPECT_EQ(log.Count("event_detect_handle: 64 events wait, more are dropped"), 1u);
+    std::thread stopping([] { g_event_detect.stop(); });
+    EXPECT_TRUE(log.WaitFor("event_process: wait quarn_event_process_thread joinable"));
+    busy.unlock();
+    stopping.join();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, kRestart));
+}
+
+TEST_F(EventDetect, StartsOnceAndStops) {
+    {
+        const test::NoNewThreads limit;
+        EXPECT_EQ(g_event_detect.start(), 1);
+    }
+    EXPECT_EQ(log.Count("event_process: create thread fail, ..."), 1u);
+    EXPECT_EQ(log.Count("event_detect_handle: create thread fail, ..."), 1u);
+    for (int run = 0; run < 20; ++run) {
+        SCOPED_TRACE(run);
+        log.Clear();
+        ASSERT_EQ(g_event_detect.start(), 0);
+        ASSERT_EQ(g_event_detect.start(), 0);
+        EXPECT_EQ(log.Count("event_process: already start"), 1u);
+        EXPECT_EQ(log.Count("event_detect_handle: already start"), 1u);
+        if (run == 0) {
+            // Another socket cannot have this process's port.
+            QUARN_EVENT_DETECT_HANDLE second;
+            EXPECT_EQ(second.start(), 1);
+            EXPECT_EQ(log.Count("event_detect_handle: open_uevent_socket bind failed, ..."), 1u);
+        }
+        g_event_detect.stop();
+        EXPECT_EQ(log.Count("event_detect_handle: thread terminate"), 1u);
+        EXPECT_EQ(log.Count("event_process: stop success"), 1u);
+    }
+    const size_t descriptors = test::List("/proc/self/fd").size();
+    g_event_detect.start();
+    g_event_detect.stop();
+    g_event_detect.stop();
+    EXPECT_EQ(log.Count("event_process: already stop"), 1u);
+    EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
+}
+
+TEST_F(EventDetect, LooksAtTheStateFileUntilTheModemIsReady) {
+    ASSERT_EQ(g_event_detect.start(), 0);
+    const auto start = std::chrono::steady_clock::now();
+    test::WriteFile(kStateFile, "state=5\nstate=6\n");
+    ASSERT_TRUE(test::WaitUntil(Looked()));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 5s);
+    EXPECT_FALSE(quarn_getCtrlPortStatus());
+    test::WriteFile(kStateFile, "state=6");
+    ASSERT_TRUE(log.WaitFor("event_detect_handle: md ready"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "event_detect_handle: md ready"));
+    EXPECT_TRUE(test::WaitUntil(quarn_getCtrlPortStatus));
+    const Looked again;
+    EXPECT_FALSE(test::WaitUntil(again, 5500ms));
+}
