@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 #include <utility>
 
 #include "storage/log_names.h"
@@ -24,6 +25,7 @@ constexpr uint64_t kMiB = 1 << 20;
 constexpr uint64_t kRing = 16 * kMiB + 64 * 1024;
 constexpr uint64_t kMostPacking = 5;
 constexpr uint64_t kBuffer = kMiB * kMostPacking;
+constexpr uint64_t kFile = 4 * kMiB * kMostPacking;  // none is set to be larger
 
 // What stands behind `mark` in a line, up to a blank.
 std::optional<std::string> Behind(const std::string& line, std::string_view mark) {
@@ -57,6 +59,15 @@ muxz::Fd OpenRenamed(const fs::path& path) {
     return {};
 }
 
+// Folder and file by what never changes in their names.
+std::string Key(const fs::path& path) {
+    const std::string folder = path.parent_path().filename();
+    const std::string file = path.filename();
+    return folder.substr(0, folder.find_first_of("t", sizeof("QRXMDLog_") - 1))
+               .substr(0, folder.find("_EE")) +
+           "/" + file.substr(0, file.find_first_of(".E"));
+}
+
 uint64_t SizeOf(const muxz::Fd& fd) {
     struct stat status = {};
     fstat(fd.get(), &status);
@@ -83,7 +94,7 @@ bool KnownStream::Take(const uint8_t* bytes, size_t size) {
 }
 
 bool KnownStream::SkipTo(const uint8_t* bytes, size_t size) {
-    constexpr size_t kFar = 100 * kMiB;
+    constexpr size_t kFar = 400 * kMiB;
     const size_t needle = std::min<size_t>(size, 2048);
     for (size_t from = 0; from < kFar; from += kMiB) {
         Extend(from + kMiB + needle);
@@ -108,12 +119,27 @@ void Account::Begin(uint64_t seed, const std::string& path) {
     partial.clear();
     power_on.clear();
     log_at = dropped = 0;
-    given_up = gaps = 0;
+    may_lack = all_may_lack = 0;
+    recycled.clear();
     power_on_failed = false;
     files.clear();
 }
 
-void Account::Follow() {
+bool Account::Follow() {
+    ReadLog();
+    const bool closed = !files.empty() && files.front().closed;
+    if (closed) {
+        Verify(files.front(), false);
+        files.pop_front();
+    }
+    uint64_t bytes = 0;
+    for (const File& file : files) bytes += SizeOf(file.fd);
+    waiting = bytes;
+    open_end = may_lack != 0;
+    return closed;
+}
+
+void Account::ReadLog() {
     std::ifstream in(log_path, std::ios::binary);
     in.seekg(static_cast<std::streamoff>(log_at));
     std::string piece(256 * 1024, '\0');
@@ -126,14 +152,6 @@ void Account::Follow() {
         }
         partial.erase(0, start);
     }
-    while (!files.empty() && files.front().closed) {
-        Verify(files.front(), false);
-        files.pop_front();
-    }
-    uint64_t bytes = 0;
-    for (const File& file : files) bytes += SizeOf(file.fd);
-    waiting = bytes;
-    open_end = given_up != 0;
 }
 
 void Account::TakeLine(const std::string& line) {
@@ -141,19 +159,21 @@ void Account::TakeLine(const std::string& line) {
     if (line.find("command_handler: receive req=") != std::string::npos) return;
     if (const auto opened = Behind(line, "file_io: open log_file=")) {
         if (line.find("fail, errno") != std::string::npos) return;
-        files.push_back({OpenRenamed(*opened), *opened, false, std::exchange(given_up, 0)});
+        files.push_back({OpenRenamed(*opened), *opened, false, std::exchange(may_lack, 0)});
     } else if (line.find(" header fail") != std::string::npos && !files.empty()) {
         // Taken back; its name may come again.
-        given_up += files.back().given_up;
+        may_lack += files.back().may_lack;
         files.pop_back();
     } else if (Behind(line, "file_io: close log_file=")) {
         if (!files.empty()) files.back().closed = true;
     } else if (Behind(line, "file_io: flush compress_buf data to log file fail")) {
-        ++given_up;
-        ++gaps;
+        may_lack += kBuffer;
+        all_may_lack += kBuffer;
+        ++sums.closings;
     } else if (const auto count = Behind(line, "write_handler: drop ")) {
         dropped += std::stoull(*count);
-    } else if (Behind(line, "LogFileRecycler: remove file ")) {
+    } else if (const auto removed = Behind(line, "LogFileRecycler: remove file ")) {
+        recycled.insert(Key(*removed));
         ++sums.recycled;
     } else if (const auto path = Behind(line, "Power-on log: start writing log to ")) {
         power_on = *path;
@@ -165,28 +185,33 @@ void Account::TakeLine(const std::string& line) {
 
 // --- what the files hold
 
-bool Account::Meet(KnownStream& known, const std::vector<uint8_t>& raw, unsigned& gaps_allowed,
-                   uint64_t* skipped, const std::string& path) {
+bool Account::Meet(KnownStream& known, const std::vector<uint8_t>& raw, uint64_t most,
+                   const std::string& path) {
     if (known.Take(raw.data(), raw.size())) return true;
     const uint64_t before = known.position();
     const bool found = known.SkipTo(raw.data(), raw.size());
     const uint64_t gap = known.position() - before;
-    const std::string where = path + ", byte " + std::to_string(before) +
-                              " of the stream of seed " + std::to_string(stream_seed);
-    if (!found || !known.Take(raw.data(), raw.size())) {
-        report.Fault("bytes that are damaged, twice there or out of order: " + where);
-        return false;
+    if (found && gap <= most && known.Take(raw.data(), raw.size())) {
+        skipped += gap;
+        return true;
     }
-    if (gap > gaps_allowed * kBuffer) {
-        report.Fault("a hole of " + std::to_string(gap) + " bytes, but " +
-                     std::to_string(gaps_allowed) + " closings told of one: " + where);
-    }
-    gaps_allowed = 0;
-    *skipped += gap;
-    return true;
+    report.Fault((found
+                      ? "a hole of " + std::to_string(gap) + " bytes, of which the log tells "
+                      : "bytes that are damaged, twice there or out of order, and the log tells ") +
+                 std::to_string(most) + " at most: " + path + ", byte " + std::to_string(before) +
+                 " of the stream of seed " + std::to_string(stream_seed));
+    return found && known.Take(raw.data(), raw.size());
 }
 
 void Account::Verify(File& file, bool may_be_torn) {
+    if (!file.fd) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        ReadLog();  // by now it tells why there is no such file
+        if (!recycled.contains(Key(file.path))) report.Fault("no such file: " + file.path);
+        ++sums.unread;
+        (files.size() > 1 ? files[1].may_lack : may_lack) += file.may_lack + kFile;
+        return;
+    }
     muxz::FileSource source(file.fd.get());
     muxz::Header header;
     if (muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) {
@@ -197,17 +222,16 @@ void Account::Verify(File& file, bool may_be_torn) {
     muxz::BlockReader blocks(source, header.length);
     muxz::Block block;
     std::vector<uint8_t> raw;
-    unsigned allowed = file.given_up;
-    sums.closings += allowed;
+    skipped = 0;
     while (blocks.Next(block)) {
         raw.resize(block.lengths.raw_length);
-        if (!blocks.Unpack(block, raw.data()) ||
-            !Meet(*stream, raw, allowed, &sums.given_up, file.path)) {
+        if (!blocks.Unpack(block, raw.data()) || !Meet(*stream, raw, file.may_lack, file.path)) {
             break;
         }
-        allowed = 0;
+        file.may_lack = 0;  // holes are in front of a file, never within one
         sums.kept += raw.size();
     }
+    sums.given_up += skipped;
     const muxz::End end = blocks.end();
     if (end == muxz::End::kWhole || end == muxz::End::kStrayByte) return;
     ++sums.torn;
@@ -230,16 +254,9 @@ void Account::CheckPowerOnLog(Ending how) {
     muxz::BlockReader blocks(source, header.length);
     muxz::Block block;
     std::vector<uint8_t> raw;
-    unsigned allowed = gaps;
-    uint64_t skipped = 0;
     while (blocks.Next(block)) {
         raw.resize(block.lengths.raw_length);
-        const unsigned left = allowed;
-        if (!blocks.Unpack(block, raw.data()) ||
-            !Meet(front, raw, allowed, &skipped, "power-on log")) {
-            return;
-        }
-        allowed = left;
+        if (!blocks.Unpack(block, raw.data()) || !Meet(front, raw, all_may_lack, power_on)) return;
         sums.power_on += raw.size();
     }
     uint8_t last = 1;
@@ -252,7 +269,7 @@ void Account::CheckPowerOnLog(Ending how) {
 // --- the end
 
 void Account::End(Ending how, uint64_t delivered) {
-    Follow();
+    ReadLog();
     while (!files.empty()) {
         Verify(files.front(), how == Ending::kKilled && files.size() == 1);
         files.pop_front();
@@ -263,24 +280,21 @@ void Account::End(Ending how, uint64_t delivered) {
 }
 
 void Account::AccountForTheRest(Ending how, uint64_t delivered) {
-    sums.closings += given_up;
     const uint64_t met = stream->position();
     const uint64_t missing = delivered - std::min(met, delivered);
-    const uint64_t closing = given_up * kBuffer;
-    const uint64_t most = how == Ending::kKilled      ? kRing + 2 * kBuffer + closing
-                          : how == Ending::kUnderLoad ? dropped + kRing + closing
-                                                      : dropped + closing;
+    const uint64_t most = how == Ending::kKilled      ? kRing + 2 * kBuffer + may_lack
+                          : how == Ending::kUnderLoad ? dropped + kRing + may_lack
+                                                      : dropped + may_lack;
     if (met > delivered || missing < dropped || missing > most) {
         report.Fault("the modem handed over " + std::to_string(delivered) + " bytes, and " +
                      std::to_string(met) + " are accounted for; the log tells of " +
-                     std::to_string(dropped) + " dropped and " + std::to_string(given_up) +
-                     " closings that could not write; at most " + std::to_string(most) +
+                     std::to_string(dropped) + " dropped; at most " + std::to_string(most) +
                      " may be missing");
         return;
     }
     sums.dropped += dropped;
     uint64_t& left = how == Ending::kKilled ? sums.killed
-                     : given_up != 0        ? sums.given_up
+                     : may_lack != 0        ? sums.given_up
                                             : sums.behind_exit;
     left += missing - dropped;
 }

@@ -8,6 +8,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ class KnownStream {
 
     // Goes on by these bytes; false, going nowhere, when something else comes next.
     bool Take(const uint8_t* bytes, size_t size);
-    // Goes on to where these bytes are; false, going nowhere, when they are not within some 100 MB.
+    // Goes on to where these bytes are; false, going nowhere, when they are not within some 400 MB.
     bool SkipTo(const uint8_t* bytes, size_t size);
     uint64_t position() const { return at; }
 
@@ -38,10 +39,10 @@ class KnownStream {
 struct Totals {
     uint64_t kept = 0;         // bytes found in files, in order
     uint64_t dropped = 0;      // as the log counts them
-    uint64_t given_up = 0;     // by closings that could not write, as the log tells
+    uint64_t given_up = 0;     // by closings that could not write, and recycled before it was read
     uint64_t behind_exit = 0;  // taken from the modem while the process ended in order
     uint64_t killed = 0;       // by processes that were killed
-    uint64_t files = 0, recycled = 0, closings = 0, torn = 0, power_on = 0;
+    uint64_t files = 0, recycled = 0, unread = 0, closings = 0, torn = 0, power_on = 0;
 };
 
 enum class Ending { kAtRest, kUnderLoad, kKilled };
@@ -51,8 +52,8 @@ class Account {
     explicit Account(Report& out) : report(out) {}
 
     void Begin(uint64_t seed, const std::string& log_path);
-    // Takes up what the log tells and verifies the files that were closed.
-    void Follow();
+    // Takes up what the log tells and verifies one file that was closed; false when there is none.
+    bool Follow();
     // After the process has ended; `delivered` is what the modem handed over to it.
     void End(Ending how, uint64_t delivered);
 
@@ -68,13 +69,15 @@ class Account {
         muxz::Fd fd;
         std::string path;
         bool closed;
-        unsigned given_up;  // closings before it that could not write what was buffered
+        uint64_t may_lack;  // bytes that, by the log, may be missing in front of it
     };
+    void ReadLog();
     void TakeLine(const std::string& line);
     void Verify(File& file, bool may_be_torn);
-    // Meets the bytes of one block; false when they are not where they belong.
-    bool Meet(KnownStream& known, const std::vector<uint8_t>& raw, unsigned& gaps_allowed,
-              uint64_t* skipped, const std::string& path);
+    // Meets the bytes of one block, at most so many behind where they should be; false when they
+    // are nowhere.
+    bool Meet(KnownStream& known, const std::vector<uint8_t>& raw, uint64_t most,
+              const std::string& path);
     void CheckPowerOnLog(Ending how);
     void AccountForTheRest(Ending how, uint64_t delivered);
 
@@ -85,8 +88,10 @@ class Account {
     std::string log_path, partial;
     uint64_t log_at = 0;
     std::deque<File> files;  // in the order of the stream
-    unsigned given_up = 0;   // closings since the newest file was opened
-    unsigned gaps = 0;       // closings of this process that could not write
+    uint64_t may_lack = 0;   // for the next file
+    uint64_t all_may_lack = 0;
+    uint64_t skipped = 0;
+    std::set<std::string> recycled;
     uint64_t dropped = 0;
     std::string power_on;  // the path, once it is written to
     bool power_on_failed = false;

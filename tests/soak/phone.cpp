@@ -78,14 +78,16 @@ bool Phone::Start(const std::string& scenario, const std::string& log_path) {
     fs::create_directories(kModem);
     fs::remove(kModem + "/delivered");  // it goes on counting over restarts
     std::ofstream(kModem + "/scenario") << scenario;
+    setenv("QUARN_SIM_DIR", kModem.c_str(), 1);
+    const int log_fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     pid = fork();
     if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), STDERR_FILENO);
-        setenv("QUARN_SIM_DIR", kModem.c_str(), 1);
+        dup2(log_fd, STDERR_FILENO);
         execl(QUARN_PROGRAM, "quarn", nullptr);
         _exit(127);
     }
+    close(log_fd);
     const auto limit = steady_clock::now() + seconds(60);
     while (Runs() && ReadFile(log).find("start all handler done") == std::string::npos) {
         if (steady_clock::now() > limit) {

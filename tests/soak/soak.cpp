@@ -82,6 +82,7 @@ class Life {
     void Run(int rounds, Ending ending, std::optional<Holdings>& rested);
 
   private:
+    void Live(int rounds, Ending ending, std::optional<Holdings>& rested);
     void Work(Ending ending);
     void Rest(std::optional<Holdings>& rested);
     void Heal();
@@ -104,20 +105,25 @@ class Life {
 };
 
 void Life::Run(int rounds, Ending ending, std::optional<Holdings>& rested) {
-    const std::string failures = std::to_string(dice.Below(4));
-    if (!phone.Start("property ro.boot.cdt_hwid soak\nmd_state 6\nsource generated " +
-                         std::to_string(seed) + "\nfail init " + failures + "\n",
-                     log)) {
-        return;
-    }
+    // Where the modem's log was left on, it is slow until someone looks.
+    const std::string scenario = "property ro.boot.cdt_hwid soak\nmd_state 6\nsource generated " +
+                                 std::to_string(seed) + "\nrate 20M\nfail init " +
+                                 std::to_string(dice.Below(4)) + "\n";
     books.Begin(seed, log);
     std::atomic<bool> over = false;
     std::thread follower([&] {
         while (!over) {
-            books.Follow();
-            std::this_thread::sleep_for(milliseconds(5));
+            if (!books.Follow()) std::this_thread::sleep_for(milliseconds(5));
         }
     });
+    if (phone.Start(scenario, log)) Live(rounds, ending, rested);
+    phone.Kill();
+    over = true;
+    follower.join();
+    books.End(ending, Phone::Delivered());
+}
+
+void Life::Live(int rounds, Ending ending, std::optional<Holdings>& rested) {
     if (!rested) Rest(rested);
     for (int round = 1; round < rounds && phone.Runs(); ++round) {
         Work(Ending::kAtRest);
@@ -128,10 +134,6 @@ void Life::Run(int rounds, Ending ending, std::optional<Holdings>& rested) {
         Rest(rested);
         EndInOrder();
     }
-    phone.Kill();
-    over = true;
-    follower.join();
-    books.End(ending, Phone::Delivered());
 }
 
 // Ends with trouble stopped, or with the process ended in the middle of it.
@@ -246,8 +248,9 @@ void PrintSummary(Report& report, const Totals& t, const Counts& c, int lives) {
                      " files recycled, " + std::to_string(t.torn) + " torn by a sudden end");
     line(t.dropped, "dropped by an exit, as the log counts them");
     line(t.behind_exit, "taken in while a process ended");
-    line(t.given_up, "given up by " + std::to_string(t.closings) +
-                         " closings that could not write, as the log tells");
+    line(t.given_up, "given up, as the log tells: " + std::to_string(t.closings) +
+                         " times a close could not write, " + std::to_string(t.unread) +
+                         " files recycled before they were read");
     line(t.killed, "lost by sudden ends");
     line(t.power_on, "in power-on logs");
     out << report.faults << " faults";
