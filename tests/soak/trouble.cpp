@@ -24,117 +24,41 @@ using std::chrono::seconds;
 // An exchange with the modem may last 5 s, a notification that comes first some seconds; several
 // of each may come before a request.
 constexpr seconds kReplyLimit(90);
-constexpr uint64_t kMuchBacklog = 24 << 20;
+constexpr uint64_t kMuchBacklog = 16 << 20;
 
 const std::string kFiller = kTree + "/filler";
 
-// Lines in which "#A-B" stands for a number from A to B, and "$N" for N random bytes in
-// hexadecimal.
-constexpr std::string_view kPhoneLines[] = {
-    "rate 0",
-    "rate 0",
-    "rate 60M",
-    "rate 8M",
-    "rate 1M",
-    "log_mode 1",
-    "log_mode 1",
-    "log_mode 1",
-    "log_mode 1",
-    "log_mode #0-2",
-    "exception",
-    "watermark #1-2000000",
-    "limit 0",
-    "limit #1-99999",
-    "at \"\\r\\nERROR\\r\\n\" 1",
-    "at noise #1-2",
-    "sprinkle #0-5 #0-1000",
-    "sprinkle 0",
-    "fail read EAGAIN #1-12",
-    "fail read EBADF #1-12",
-    "fail read EINTR #1-12",
-    "fail read EIO #1-3",
-    "fail read ENODEV #1-12",
-    "fail read 71 #1-3",
-    "fail read zero #1-12",
-    "fail poll timeout #1-4",
-    "fail poll failure #1-2",
-    "fail open #1-2",
-    "fail write #1-12",
-    "ipc any message #1-2",
-    "ipc any value #1-2",
-    "ipc any cause 3 #1-2",
-    "ipc any silence 50 #1-2",
-    "ipc any silence 0 1",
-    "ipc any delay 80 #1-2",
-    "ipc any result 5 #1-2",
-    "ipc any no_result 1",
-    "ipc any no_answer 1",
-    "ipc any answer #0-9 1",
-    "uevent noise #0-2048 #0-1000",
-    "uevent add vqmi wwanD0MIPC0",
-    "uevent add vqmi wwanD0MDLog",
-    "uevent remove vqmi wwanD0MDLogs",
-    "uevent remove tty wwanD0MDLog",
-    "md_state #0-6",
-};
+// Lines, parted by ";", in which "#A-B" stands for a number from A to B, and "$N" for N random
+// bytes in hexadecimal.
+constexpr std::string_view kPhoneLines =
+    "rate 0;rate 0;rate 60M;rate 8M;rate 1M;log_mode 1;log_mode 1;log_mode 1;log_mode 1;"
+    "log_mode #0-2;exception;watermark #1-2000000;limit 0;limit #1-99999;"
+    "at \"\\r\\nERROR\\r\\n\" 1;at noise #1-2;sprinkle #0-5 #0-1000;sprinkle 0;"
+    "fail read EAGAIN #1-12;fail read EBADF #1-12;fail read EINTR #1-12;fail read EIO #1-3;"
+    "fail read ENODEV #1-12;fail read 71 #1-3;fail read zero #1-12;fail poll timeout #1-4;"
+    "fail poll failure #1-2;fail open #1-2;fail write #1-12;ipc any message #1-2;"
+    "ipc any value #1-2;ipc any cause 3 #1-2;ipc any silence 50 #1-2;ipc any silence 0 1;"
+    "ipc any delay 80 #1-2;ipc any result 5 #1-2;ipc any no_result 1;ipc any no_answer 1;"
+    "ipc any answer #0-9 1;uevent noise #0-2048 #0-1000;uevent add vqmi wwanD0MIPC0;"
+    "uevent add vqmi wwanD0MDLog;uevent remove vqmi wwanD0MDLogs;"
+    "uevent remove tty wwanD0MDLog;md_state #0-6";
 // Records are copied out of the payloads of 1, 3, 6 and 9: a modem never sends short ones.
-constexpr std::string_view kNotifications[] = {
-    "notify #0-12",
-    "notify #0-12",
-    "notify #10-2147483647 null",
-    "notify #10-2147483647 $300",
-    "notify 1 $#220-600",
-    "notify 3 $#220-600",
-    "notify 6 $#220-600",
-    "notify 9 $#220-600",
-    "notify 1 null",
-    "notify 3 null",
-    "notify 6 null",
-    "notify 2 $1",
-    "notify 4 $9",
-    "notify 5 $70",
-    "notify 7 $2",
-    "notify 8 null",
-    "notify 8 $4",
-    "notify 9 null",
-};
-constexpr std::string_view kHostLines[] = {"host error", "host message #4-99", "host message 2"};
-constexpr std::string_view kRequests[] = {
-    "log_mode",
-    "log_mode 1",
-    "log_mode 1",
-    "log_mode #0-3",
-    "log_level",
-    "log_level #0-7",
-    "log_filter",
-    "log_filter /data/filter",
-    "log_filter /data/none",
-    "flush_interval",
-    "flush_interval #0-500",
-    "flush_status",
-    "trigger_flush",
-    "flush_ring_buf",
-    "flush_log_buffer",
-    "flush_log_buffer 1",
-    "transfer_type",
-    "transfer_type #0-2",
-    "file_size",
-    "file_size=#0-3",
-    "recycle_size",
-    "recycle_size #32-96",
-    "recycle_ee",
-    "recycle_ee,#0-1",
-    "recycle_keep_ee_size",
-    "recycle_keep_ee_size #0-4",
-    "log_folder",
-    "log_folder /data/no",
-    "log_folder /data/vendor/radio/quarn/logs",
-    "log_folder /data/vendor/radio/quarn/logs/run#1-3",
-    "copy_log_file",
-    "copy_log_file /data/none 1 0",
-    "nothing of ours",
-    "",
-};
+constexpr std::string_view kNotifications =
+    "notify #0-12;notify #0-12;notify #10-2147483647 null;notify #10-2147483647 $300;"
+    "notify 1 $#220-600;notify 3 $#220-600;notify 6 $#220-600;notify 9 $#220-600;"
+    "notify 1 null;notify 3 null;notify 6 null;notify 2 $1;notify 4 $9;notify 5 $70;"
+    "notify 7 $2;notify 8 null;notify 8 $4;notify 9 null";
+constexpr std::string_view kHostLines = "host error;host message #4-99;host message 2";
+constexpr std::string_view kRequests =
+    "log_mode;log_mode 1;log_mode 1;log_mode #0-3;log_level;log_level #0-7;log_filter;"
+    "log_filter /data/filter;log_filter /data/none;flush_interval;flush_interval #0-500;"
+    "flush_status;trigger_flush;flush_ring_buf;flush_log_buffer;flush_log_buffer 1;"
+    "transfer_type;transfer_type #0-2;file_size;file_size=#0-3;recycle_size;"
+    "recycle_size #64-96;recycle_ee;recycle_ee,#0-1;recycle_keep_ee_size;"
+    "recycle_keep_ee_size #0-4;log_folder;log_folder /data/no;"
+    "log_folder /data/vendor/radio/quarn/logs;"
+    "log_folder /data/vendor/radio/quarn/logs/run#1-3;copy_log_file;"
+    "copy_log_file /data/none 1 0;nothing of ours;";
 
 std::string Filled(Dice& dice, std::string_view line) {
     std::string text;
@@ -161,9 +85,14 @@ std::string Filled(Dice& dice, std::string_view line) {
     return text;
 }
 
-template <size_t kCount>
-std::string Drawn(Dice& dice, const std::string_view (&lines)[kCount]) {
-    return Filled(dice, lines[dice.Below(kCount)]);
+// One of the lines that ";" parts, filled.
+std::string Drawn(Dice& dice, std::string_view lines) {
+    for (auto skip =
+             dice.Below(1 + static_cast<uint64_t>(std::count(lines.begin(), lines.end(), ';')));
+         skip > 0; --skip) {
+        lines.remove_prefix(lines.find(';') + 1);
+    }
+    return Filled(dice, lines.substr(0, lines.find(';')));
 }
 
 }  // namespace
