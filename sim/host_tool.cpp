@@ -42,6 +42,8 @@ int HostTool::ListenStart(int fd, tcl_host_data_callback to_modem) {
 int HostTool::ListenStop() {
     std::lock_guard lifecycle(lifecycle_mutex_);
     EndListening();
+    std::lock_guard lock(mutex_);
+    ++stop_calls_;
     return 0;
 }
 
@@ -128,14 +130,15 @@ HostTool::Status HostTool::status() const {
             .handled = handled_,
             .waiting = messages_.size(),
             .sent = sent_,
-            .listen_calls = listen_calls_};
+            .listen_calls = listen_calls_,
+            .stop_calls = stop_calls_};
 }
 
 void HostTool::Reset() {
     ListenStop();
     WaitForMessages();
     std::lock_guard lock(mutex_);
-    handled_ = sent_ = listen_calls_ = 0;
+    handled_ = sent_ = listen_calls_ = stop_calls_ = 0;
 }
 
 }  // namespace sim

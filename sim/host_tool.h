@@ -46,6 +46,7 @@ class HostTool {
         size_t waiting;         // messages
         uint64_t sent;          // bytes that the modem took
         uint64_t listen_calls;  // to start
+        uint64_t stop_calls;
     };
     Status status() const;
 
@@ -78,6 +79,7 @@ class HostTool {
     uint64_t handled_ = 0;
     uint64_t sent_ = 0;
     uint64_t listen_calls_ = 0;
+    uint64_t stop_calls_ = 0;
     int fd_ = -1;
 };
 

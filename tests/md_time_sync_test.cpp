@@ -121,11 +121,14 @@ TEST_F(MdTimeSync, NothingIsLeftAfterManyStarts) {
         return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
     };
     quarn_setCtrlPortReady();
+    handle.start();  // a sanitizer makes a thread of its own with the first one
+    handle.stop();
     const auto before = left();
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(handle.start(), 0);
         if (i % 3 == 1) Step(std::chrono::seconds(i % 2 == 0 ? 1 : -1));
-        if (i % 5 == 1) EXPECT_TRUE(log.WaitFor("md_time_sync_handle: md_time_sync..."));
+        const bool runs = i % 5 != 1 || log.WaitFor("md_time_sync_handle: md_time_sync...");
+        EXPECT_TRUE(runs);
         ASSERT_EQ(handle.stop(), 0);
         log.Clear();
     }

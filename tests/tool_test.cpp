@@ -1,0 +1,343 @@
+// The host tool port, with a simulated host behind a USB and behind a socket channel.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <random>
+#include <thread>
+
+#include "core/quarn.h"
+#include "datapath/quarn_socket_io.h"
+#include "datapath/quarn_usb_io.h"
+#include "modem/quarn_tool.h"
+#include "sim/console.h"
+#include "sim/host_tool.h"
+#include "sim/modem.h"
+#include "support.h"
+#include "thread_limit.h"
+
+namespace {
+
+std::atomic<bool> short_waits{false};
+
+}  // namespace
+
+// Stands before the C library's own: a wait for a host then looks at its flag every 20 ms, in place
+// of every 5 s.
+extern "C" int poll(pollfd* fds, nfds_t count, int timeout_ms) {
+    if (short_waits && timeout_ms == 5000) timeout_ms = 20;
+    const timespec limit = {timeout_ms / 1000, timeout_ms % 1000 * 1'000'000L};
+    return ppoll(fds, count, timeout_ms < 0 ? nullptr : &limit, nullptr);
+}
+
+namespace {
+
+constexpr char kNotForFiles[] = "tool_handler: not support when io is file";
+constexpr char kRecovery[] = "tool_handler: start handle host port error";
+
+struct ToolAccess : QUARN_TOOL_HANDLE {
+    static void SetChannel(QUARN_IO* io) { g_tool.*(&ToolAccess::tool_io) = io; }
+};
+
+void Close(std::atomic<int32_t>& fd) {
+    if (const int open = fd.exchange(-1); open >= 0) close(open);
+}
+
+// Both stand for a port whose host is a socket of the test's.
+struct UsbChannel : QUARN_USB_IO {
+    int io_open() override {
+        std::lock_guard lock(cable);
+        int ends[2];
+        if (broken || socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return -1;
+        fd = ends[0];
+        host = ends[1];
+        return 0;
+    }
+    int io_write(const void* buf, int len) override { return common_write(buf, len); }
+    int io_close() override {
+        Close(fd);
+        Close(host);
+        return 0;
+    }
+    std::mutex cable;  // opening takes as long as a test holds it
+    std::atomic<bool> broken{false};
+    std::atomic<int32_t> host{-1};
+};
+
+struct SocketChannel : QUARN_SOCKET_IO {
+    using QUARN_SOCKET_IO::server_socket;
+    int io_open() override {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (bind(made, reinterpret_cast<sockaddr*>(&address), length) != 0) return -1;
+        if (listen(made, 64) != 0) return -1;
+        getsockname(made, reinterpret_cast<sockaddr*>(&address), &length);
+        port = address.sin_port;
+        server_socket = made;
+        is_closed = false;
+        return 0;
+    }
+    int io_write(const void* buf, int len) override { return common_write(buf, len); }
+    int io_close() override {
+        is_closed = true;
+        Close(server_socket);
+        Close(fd);
+        return 0;
+    }
+    std::atomic<in_port_t> port{0};
+};
+
+std::pair<size_t, size_t> Left() {
+    return {test::List("/proc/self/fd").size(), test::List("/proc/self/task").size()};
+}
+
+class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
+  protected:
+    ToolPort() {
+        signal(SIGPIPE, SIG_IGN);
+        short_waits = true;
+        host.Reset();
+        modem.Init();
+        g_tool.init();
+        ToolAccess::SetChannel(is_usb ? static_cast<QUARN_IO*>(&usb) : &socket);
+    }
+    ~ToolPort() override {
+        g_tool.stop();
+        Close(client);
+        EXPECT_FALSE(host.status().listening);
+        EXPECT_EQ(usb.fd, -1);
+        EXPECT_EQ(socket.fd, -1);
+    }
+
+    void Connect() {
+        if (is_usb) return;
+        Close(client);
+        client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = socket.port;
+        connect(client, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    }
+    // With a channel that waits for its host.
+    void ConnectAndBeTaken() {
+        if (is_usb) return;
+        constexpr char kTaken[] = "socket_io: wait socket connect success";
+        const size_t before = log.Count(kTaken);
+        Connect();
+        EXPECT_TRUE(log.WaitFor(kTaken, before + 1));
+    }
+    // Whether bytes get through that the host sends down the line.
+    bool Arrives() {
+        if (!test::WaitUntil([&] { return host.status().listening; })) return false;
+        const std::string text = "message " + std::to_string(++sent) + ";";
+        const int line = is_usb ? usb.host : client;
+        if (write(line, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+            return false;
+        return test::WaitUntil([&] { return modem.written().find(text) != std::string::npos; });
+    }
+    // Returns with the recovery begun, and on a socket channel waiting for a host.
+    void BreakPort() {
+        const size_t before = log.Count(kRecovery);
+        EXPECT_TRUE(console.Execute("host error").ok);
+        host.WaitForMessages();
+        EXPECT_TRUE(log.WaitFor(kRecovery, before + 1));
+        EXPECT_TRUE(is_usb || test::WaitUntil([&] { return !socket.is_connected(); }));
+    }
+    void DoAnything(std::mt19937_64& random) {
+        const uint64_t dice = random() % 6;
+        if (dice < 2) {
+            g_tool.start();
+        } else if (dice == 2) {
+            g_tool.stop();
+        } else if (dice == 3) {
+            std::lock_guard lock(g_quarn.exec_mutex);
+            quarn_runHandleExec(HANDLE_TOOL, EXEC_START, nullptr);
+        } else {
+            host.Deliver(TCL_MSG_HOST_PORT_ERROR);
+        }
+    }
+
+    const bool is_usb = GetParam() == IO_TYPE_USB;
+    test::LogCapture log;
+    sim::Modem& modem = sim::Modem::Instance();
+    sim::HostTool& host = sim::HostTool::Instance();
+    const sim::Console console{""};
+    UsbChannel usb;
+    SocketChannel socket;
+    std::atomic<int32_t> client{-1};
+    int sent = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Channels, ToolPort, testing::Values(IO_TYPE_USB, IO_TYPE_SOCKET),
+                         [](const auto& each) {
+                             return each.param == IO_TYPE_USB ? "Usb" : "Socket";
+                         });
+
+TEST_P(ToolPort, EveryPortErrorIsRecovered) {
+    EXPECT_EQ(g_tool.start(), 0);
+    EXPECT_EQ(host.status().listening, is_usb);
+    ConnectAndBeTaken();
+    EXPECT_TRUE(Arrives());
+    const std::string listening = "host tool: listened to on fd " +
+                                  std::to_string(is_usb ? usb.fd : socket.fd) + ", messages 0 ";
+    EXPECT_NE(console.Execute("state").text.find(listening), std::string::npos);
+    EXPECT_TRUE(console.Execute("host send up\\r\\n").ok);
+    EXPECT_TRUE(console.Execute("host hex 00ff").ok);
+    EXPECT_TRUE(modem.written().ends_with(std::string("up\r\n\0\xff", 6)));
+    BreakPort();
+    ConnectAndBeTaken();
+    EXPECT_TRUE(Arrives());
+
+    // An error during a recovery holds nobody up, and is recovered afterwards.
+    std::unique_lock unplugged(usb.cable);
+    BreakPort();
+    host.Deliver(TCL_MSG_HOST_PORT_ERROR);
+    host.WaitForMessages();
+    EXPECT_EQ(log.Count(kRecovery), 2u);
+    EXPECT_FALSE(host.status().listening);
+    EXPECT_FALSE(console.Execute("host send lost").ok);
+    unplugged.unlock();
+    ConnectAndBeTaken();
+    EXPECT_TRUE(log.WaitFor(kRecovery, 3));
+    EXPECT_TRUE(is_usb || test::WaitUntil([&] { return !socket.is_connected(); }));
+    ConnectAndBeTaken();
+    EXPECT_TRUE(test::WaitUntil([&] { return host.status().listen_calls == 4; }));
+    EXPECT_TRUE(Arrives());
+
+    // Stopped in the middle of a recovery, which then must not listen again.
+    unplugged.lock();
+    const uint64_t stops = host.status().stop_calls;
+    BreakPort();
+    QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
+    std::thread stopper([&] { g_tool.exec(EXEC_SET_SAVE_MODE, &mode); });
+    EXPECT_TRUE(test::WaitUntil([&] { return host.status().stop_calls == stops + 2; }));
+    unplugged.unlock();
+    stopper.join();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "tool_handler: stop success"));
+    EXPECT_EQ(g_tool.exec(EXEC_START, nullptr), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, kNotForFiles));
+    EXPECT_FALSE(host.status().listening);
+}
+
+TEST_P(ToolPort, AfterAFailureTheNextStartBeginsAfresh) {
+    {
+        test::NoNewThreads none;
+        EXPECT_EQ(g_tool.start(), 1);
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "tool_handler: create thread fail, ..."));
+    }
+    EXPECT_EQ(g_tool.start(), 0);
+    EXPECT_EQ(g_tool.start(), 0);
+    EXPECT_EQ(log.Count("tool_handler: already start"), 1u);
+    ConnectAndBeTaken();
+    EXPECT_TRUE(Arrives());
+    usb.broken = true;
+    Close(socket.server_socket);
+    BreakPort();
+    EXPECT_TRUE(log.WaitFor(is_usb ? "tool_handler: open usb port fail"
+                                   : "tool_handler: wait socket connect fail"));
+    EXPECT_TRUE(log.WaitFor("tool_handler: host_port_error_handle_thread terminate"));
+    host.Deliver(TCL_MSG_HOST_PORT_ERROR);
+    host.WaitForMessages();
+    EXPECT_EQ(g_tool.start(), is_usb ? 1 : 0);
+    EXPECT_EQ(log.Has(ANDROID_LOG_ERROR, "tool_handler: open io port fail"), is_usb);
+    usb.broken = false;
+    EXPECT_EQ(g_tool.start(), 0);
+    ConnectAndBeTaken();
+    EXPECT_TRUE(Arrives());
+    EXPECT_EQ(log.Count(kRecovery), 1u);
+}
+
+TEST_P(ToolPort, ErrorsHostsStartsAndStopsInAnyOrder) {
+    host.Deliver(TCL_MSG_RESERVED_2);  // the library's own thread is there from now on
+    host.WaitForMessages();
+    const auto before = Left();
+    for (uint64_t seed = 1; seed <= 12; ++seed) {
+        SCOPED_TRACE(seed);
+        const auto chaos = [&](uint64_t own_seed) {
+            std::mt19937_64 random(own_seed);
+            for (int i = 0; i < 12; ++i) DoAnything(random);
+        };
+        std::thread one(chaos, 2 * seed), other(chaos, 2 * seed + 1);
+        std::mt19937_64 random(seed);
+        for (int i = 0; i < 12; ++i) {
+            Connect();
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 8));
+        }
+        one.join();
+        other.join();
+        host.WaitForMessages();
+        if (seed % 2 == 0) Close(client);  // nobody there when it stops
+        g_tool.stop();
+        Close(client);
+        EXPECT_FALSE(host.status().listening);
+        ASSERT_TRUE(test::WaitUntil([&] { return Left() == before; }));
+
+        ASSERT_EQ(g_tool.start(), 0);
+        ConnectAndBeTaken();
+        ASSERT_TRUE(Arrives());
+        const uint64_t listened = host.status().listen_calls;
+        BreakPort();
+        ConnectAndBeTaken();
+        ASSERT_TRUE(test::WaitUntil([&] { return host.status().listen_calls > listened; }));
+        ASSERT_TRUE(Arrives());
+    }
+}
+
+TEST(Tool, MessagesBecomeRequests) {
+    const struct {
+        int message;
+        std::vector<std::string> lines;
+    } kCases[] = {
+        {0, {"writer_handler: handle exec_id=9", "tool_handler: handle exec_id=9"}},
+        {1, {"tool_handler: handle exec_id=10", "writer_handler: handle exec_id=10"}},
+        {2, {}},
+        {3, {"tool_handler: handle exec_id=13"}},
+        {7, {"tool_handler: receive unknown tcl_msg = 7 at tcl callback"}},
+    };
+    g_tool.init();
+    sim::HostTool& host = sim::HostTool::Instance();
+    for (const bool ended : {false, true}) {
+        if (ended) quarn_endCallbacks();
+        for (const auto& test : kCases) {
+            test::LogCapture log;
+            host.Deliver(static_cast<TCL_MSG>(test.message));
+            host.WaitForMessages();
+            std::vector<std::string> expected = {"tool_handler: handle tcl_msg=" +
+                                                 std::to_string(test.message)};
+            for (const std::string& line : ended ? std::vector<std::string>() : test.lines) {
+                expected.push_back(line);
+                if (line.find("exec_id") != std::string::npos) expected.push_back(line + " done");
+            }
+            expected.push_back(expected[0] + " done");
+            std::vector<std::string> lines;
+            for (const auto& message : log.messages()) lines.push_back(message.text);
+            EXPECT_EQ(lines, expected);
+        }
+    }
+}
+
+TEST(Tool, ServesNothingButAHostsChannel) {
+    test::LogCapture log;
+    g_tool.init();
+    EXPECT_EQ(g_tool.start(), 0);
+    EXPECT_EQ(g_tool.stop(), 0);
+    ASSERT_EQ(log.messages().size(), 2u);
+    EXPECT_EQ(log.Count(kNotForFiles), 2u);
+    EXPECT_EQ(g_tool.exec(EXEC_SET_SAVE_MODE, nullptr), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "tool_handler: arg is NULL"));
+    QUARN_SAVE_MODE mode = SAVE_MODE_EXIT;
+    EXPECT_EQ(g_tool.exec(EXEC_SET_SAVE_MODE, &mode), 0);
+    EXPECT_EQ(g_tool.start(), 1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "tool_handler: start fail, tool_io is null"));
+    EXPECT_EQ(g_tool.stop(), 0);
+}
+
+}  // namespace
