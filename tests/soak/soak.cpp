@@ -144,6 +144,9 @@ void Life::Work(Ending ending) {
     std::this_thread::sleep_for(milliseconds(1500 + dice.Below(3000)));
     Check(phone.Runs(), "the daemon ended by itself");
     if (ending == Ending::kAtRest) return;
+    phone.Console("rate 0");
+    phone.Console("log_mode 1");
+    std::this_thread::sleep_for(milliseconds(dice.Below(500)));
     trouble.ExpectTheEnd();
     if (ending == Ending::kUnderLoad) EndInOrder();
     if (ending == Ending::kKilled && dice.OneIn(2)) LoseTheDevice();
@@ -223,12 +226,14 @@ void Life::EndInOrder() {
 
 // The daemon asks for its restart, and ends as the service manager has it.
 void Life::LoseTheDevice() {
+    const uint64_t told = counts.reboots;
     phone.Console("uevent remove vqmi wwanD0MDLog");
     Check(Within(kPatience,
                  [this] {
                      return phone.Console("property vendor.quarn.qrx.restart").starts_with("1\n");
                  }),
           "no restart is asked for");
+    Check(Within(kPatience, [&] { return counts.reboots != told; }), "no subscriber is told");
     ++counts.removals;
 }
 

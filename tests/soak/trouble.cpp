@@ -155,6 +155,7 @@ void Trouble::SteerThePhone(Dice dice) {
         }
         report.Note("phone: " + line.substr(0, 60));
         phone.Console(line);
+        if (line == "log_mode 0" || line == "log_mode 2") phone.Console("log_mode 1");
         counts.exceptions += line == "exception";
         counts.notifications += line.starts_with("notify");
         counts.faults += line.starts_with("fail") || line.starts_with("ipc");
