@@ -105,7 +105,7 @@ void stop_handles() {
     g_writer.stop();
     // An exit request stops the writer first; the reader has gone on for a second or more.
     if (const size_t left = g_ring.current_size(); left != 0) {
-        QUARN_LOGW("drop %zu bytes that came behind the writer's stop", left);
+        QUARN_LOGW("quarn: drop %zu bytes that came behind the writer's stop", left);
     }
 }
 

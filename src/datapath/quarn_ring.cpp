@@ -33,9 +33,11 @@ void QUARN_RING::set_buf_read_idx(uint64_t idx) {
     read_idx = idx;
 }
 
-void QUARN_RING::reset() {
+uint64_t QUARN_RING::reset() {
     std::lock_guard lock(mutex);
+    const uint64_t dropped = used();
     read_idx = write_idx;
+    return dropped;
 }
 
 uint64_t QUARN_RING::current_size() {

@@ -30,8 +30,8 @@ class QUARN_RING {
     // The caller passes a value already masked with `capacity()`.
     void set_buf_write_idx(uint64_t idx);
     void set_buf_read_idx(uint64_t idx);
-    // Drops everything held.
-    void reset();
+    // Drops everything held, and returns how many bytes that were.
+    uint64_t reset();
     // Bytes held, and bytes that may still be written: one byte always stays free.
     uint64_t current_size();
     uint64_t remain_size();

@@ -313,9 +313,8 @@ void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     }
     wait_buffer_clean(kSwitchDrainLimitMs);
     stop();
-    if (const size_t left = held(); left != 0) {
-        QUARN_LOGW("write_handler: drop %zu bytes data from cur_used_buf", left);
-        ring->reset();
-    }
+    // In one step: the reader may be adding to it.
+    const size_t left = ring != nullptr ? ring->reset() : 0;
+    if (left != 0) QUARN_LOGW("write_handler: drop %zu bytes data from cur_used_buf", left);
     io = quarn_getSaveModeIo(*mode);
 }
