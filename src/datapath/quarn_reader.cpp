@@ -1,12 +1,10 @@
 #include "datapath/quarn_reader.h"
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <system_error>
 
+#include "core/named_thread.h"
 #include "core/quarn.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
@@ -209,11 +207,7 @@ int32_t QUARN_READER_HANDLE::start() {
         return 0;
     }
     if (thread.joinable()) thread.join();  // one that ended by itself
-    try {
-        thread = std::thread(&QUARN_READER_HANDLE::read_loop, this);
-    } catch (const std::system_error& error) {
-        const int code = error.code().value();
-        QUARN_LOGE("reader_handler: create thread fail, errno=%d(%s)", code, strerror(code));
+    if (!quarn_startThread(thread, "quarn_reader", "reader_handler", [this] { read_loop(); })) {
         running = false;
         return 1;
     }
@@ -266,7 +260,6 @@ void QUARN_READER_HANDLE::reattach() {
 }
 
 void QUARN_READER_HANDLE::read_loop() {
-    pthread_setname_np(pthread_self(), "quarn_reader");
     QUARN_RING* const target = ring;
     if (target == nullptr) {
         QUARN_LOGE("read_handler: cur_used_buf is NULL");

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,10 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
+#include "core/named_thread.h"
 #include "core/quarn.h"
 #include "platform/quarn_log.h"
 
@@ -158,11 +157,8 @@ bool QUARN_EVENT_DETECT_HANDLE::start_processing() {
         queue_overflows = false;
         process_running = true;
     }
-    try {
-        process_thread = std::thread(&QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread, this);
-    } catch (const std::system_error& error) {
-        const int code = error.code().value();
-        QUARN_LOGE("event_process: create thread fail, errno=%d(%s)", code, strerror(code));
+    if (!quarn_startThread(process_thread, "quarn_event", "event_process",
+                           [this] { quarn_event_process_thread(); })) {
         process_running = false;
         return false;
     }
@@ -179,12 +175,8 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
     if (uevent_fd < 0) return false;
     wake_fd = eventfd(0, EFD_CLOEXEC);
     detect_running = true;
-    try {
-        detect_thread =
-            std::thread(&QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread, this);
-    } catch (const std::system_error& error) {
-        const int code = error.code().value();
-        QUARN_LOGE("event_detect_handle: create thread fail, errno=%d(%s)", code, strerror(code));
+    if (!quarn_startThread(detect_thread, "quarn_uevent", "event_detect_handle",
+                           [this] { quarn_event_detect_handle_thread(); })) {
         detect_running = false;
         end_detecting();
         return false;
@@ -266,7 +258,6 @@ QUARN_EVENT QUARN_EVENT_DETECT_HANDLE::parse_uevent(char const* message, event_i
 }
 
 void QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread() {
-    pthread_setname_np(pthread_self(), "quarn_uevent");
     QUARN_LOGI("event_detect_handle: event_detect_handle_thread start");
     QUARN_LOGI("event_detect_handle: uevent_socket_server = %d\n", uevent_fd);
     while (detect_running) detect_once();
@@ -318,7 +309,6 @@ void QUARN_EVENT_DETECT_HANDLE::push_event(QUARN_EVENT event) {
 }
 
 void QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread() {
-    pthread_setname_np(pthread_self(), "quarn_event");
     QUARN_LOGI("event_process: quarn_event_process_thread start");
     while (process_running) {
         for (size_t count = wait_for_events(); count > 0; --count) process_event(pop_event());

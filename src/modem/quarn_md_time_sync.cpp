@@ -1,6 +1,5 @@
 #include "modem/quarn_md_time_sync.h"
 
-#include <pthread.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -10,9 +9,9 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
-#include <system_error>
 
 #include "control/quarn_ctrl_connect.h"
+#include "core/named_thread.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 
@@ -62,12 +61,8 @@ int32_t QUARN_MD_TIME_SYNC_HANDLE::start() {
         QUARN_LOGI("md_time_sync_handle: already start");
         return 0;
     }
-    try {
-        sync_thread =
-            std::thread(&QUARN_MD_TIME_SYNC_HANDLE::quarn_md_time_sync_handle_thread, this);
-    } catch (const std::system_error& error) {
-        const int code = error.code().value();
-        QUARN_LOGE("md_time_sync_handle: create thread fail, errno=%d(%s)", code, strerror(code));
+    if (!quarn_startThread(sync_thread, "quarn_md_time", "md_time_sync_handle",
+                           [this] { quarn_md_time_sync_handle_thread(); })) {
         running = false;
         return 1;
     }
@@ -146,7 +141,6 @@ bool QUARN_MD_TIME_SYNC_HANDLE::is_time_changed() {
 }
 
 void QUARN_MD_TIME_SYNC_HANDLE::quarn_md_time_sync_handle_thread() {
-    pthread_setname_np(pthread_self(), "quarn_md_time");
     QUARN_LOGI("md_time_sync_handle: md_time_sync_handle_thread start");
     const int fd = timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC);
     if (fd < 0) {

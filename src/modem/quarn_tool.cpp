@@ -1,11 +1,8 @@
 #include "modem/quarn_tool.h"
 
-#include <pthread.h>
-
 #include <chrono>
-#include <cstring>
-#include <system_error>
 
+#include "core/named_thread.h"
 #include "core/quarn.h"
 #include "datapath/quarn_socket_io.h"
 #include "datapath/quarn_usb_io.h"
@@ -81,10 +78,10 @@ int32_t QUARN_TOOL_HANDLE::start() {
         started = true;
         gave_up = false;
     }
-    const bool working =
-        as_socket(tool_io) != nullptr
-            ? create_thread(wait_connect_thread, &QUARN_TOOL_HANDLE::wait_socket_connect_thread)
-            : begin_serving();
+    const bool working = as_socket(tool_io) != nullptr
+                             ? create_thread(wait_connect_thread, "quarn_tool_wait",
+                                             &QUARN_TOOL_HANDLE::wait_socket_connect_thread)
+                             : begin_serving();
     if (!working) {
         shut_down();
         return 1;
@@ -147,21 +144,15 @@ void QUARN_TOOL_HANDLE::give_up() {
     running = false;
 }
 
-bool QUARN_TOOL_HANDLE::create_thread(std::thread& thread, Body body) {
+bool QUARN_TOOL_HANDLE::create_thread(std::thread& thread, const char* name, Body body) {
     {
         std::lock_guard lock(tool_mutex);
         ++threads;
     }
-    try {
-        thread = std::thread(&QUARN_TOOL_HANDLE::run, this, body);
-    } catch (const std::system_error& error) {
-        const int code = error.code().value();
-        QUARN_LOGE("tool_handler: create thread fail, errno=%d(%s)", code, strerror(code));
-        std::lock_guard lock(tool_mutex);
-        --threads;
-        return false;
-    }
-    return true;
+    if (quarn_startThread(thread, name, "tool_handler", [this, body] { run(body); })) return true;
+    std::lock_guard lock(tool_mutex);
+    --threads;
+    return false;
 }
 
 void QUARN_TOOL_HANDLE::run(Body body) {
@@ -182,7 +173,8 @@ bool QUARN_TOOL_HANDLE::begin_serving() {
     }
     // Held until the library listens: a port error that comes at once is handled after that.
     std::lock_guard lock(listen_mutex);
-    if (!create_thread(host_port_error_thread, &QUARN_TOOL_HANDLE::host_port_error_handle_thread)) {
+    if (!create_thread(host_port_error_thread, "quarn_tool_port",
+                       &QUARN_TOOL_HANDLE::host_port_error_handle_thread)) {
         give_up();
         return false;
     }
@@ -201,7 +193,6 @@ void QUARN_TOOL_HANDLE::stop_listening() {
 }
 
 void QUARN_TOOL_HANDLE::wait_socket_connect_thread() {
-    pthread_setname_np(pthread_self(), "quarn_tool_wait");
     QUARN_LOGI("tool_handler: wait_socket_connect_thread start");
     QUARN_SOCKET_IO* const host = as_socket(tool_io);
     host->wait_connect();
@@ -215,7 +206,6 @@ void QUARN_TOOL_HANDLE::wait_socket_connect_thread() {
 }
 
 void QUARN_TOOL_HANDLE::host_port_error_handle_thread() {
-    pthread_setname_np(pthread_self(), "quarn_tool_port");
     QUARN_LOGI("tool_handler: host_port_error_handle_thread start");
     while (wait_for_port_error() && recover()) {
     }

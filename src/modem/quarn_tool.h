@@ -45,7 +45,7 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     void end_threads();
     bool is_at_work();
     void give_up();
-    bool create_thread(std::thread& thread, Body body);
+    bool create_thread(std::thread& thread, const char* name, Body body);
     void run(Body body);
 
     bool begin_serving();

@@ -2,7 +2,6 @@
 
 #include <android-base/file.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,9 +16,9 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 
+#include "core/named_thread.h"
 #include "core/quarn.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
@@ -202,11 +201,8 @@ bool BeginMinute(PowerOnLog& log) {
     log.bytes_written = 0;
     log.state = State::kInitialised;
     log.running = true;
-    try {
-        log.event_thread = std::thread(PowerOnEventDetectThreadEntry);
-    } catch (const std::system_error& error) {
-        QUARN_LOGE("%s: Error creating thread: %s", "PowerOnLogInit",
-                   strerror(error.code().value()));
+    if (!quarn_startThread(log.event_thread, "quarn_power_on", "Power-on Log",
+                           PowerOnEventDetectThreadEntry)) {
         log.running = false;
         log.state = State::kStopped;
         return false;
@@ -222,7 +218,6 @@ void PowerOnLogInit() {
 }
 
 void PowerOnEventDetectThreadEntry() {
-    pthread_setname_np(pthread_self(), "quarn_power_on");
     QUARN_LOGI("Power-on Log: thread %s starts", kThreadEntry);
     PowerOnLog& log = Module();
     if (WaitForEnd(log)) HandleEnd(log);
