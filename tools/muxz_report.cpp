@@ -1,0 +1,91 @@
+#include "muxz_report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace muxz {
+
+Progress::Progress(bool wanted) : active(wanted && isatty(STDERR_FILENO) == 1) {}
+
+void Progress::At(uint64_t bytes) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!active || now < next) return;
+    next = now + std::chrono::milliseconds(250);
+    const double mib = 1024 * 1024;
+    const unsigned percent =
+        total == 0 ? 0 : static_cast<unsigned>(std::min<uint64_t>(100 * bytes / total, 100));
+    fprintf(stderr, "\r%3u%%  %.0f of %.0f MiB ", percent, static_cast<double>(bytes) / mib,
+            static_cast<double>(total) / mib);
+    shown = true;
+}
+
+void Progress::Clear() {
+    if (shown) fputs("\r\033[K", stderr);
+    shown = false;
+}
+
+std::string Printable(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        if (c >= ' ' && c <= '~' && c != '\\') {
+            out += c;
+        } else {
+            char hex[5];
+            snprintf(hex, sizeof(hex), "\\x%02x", static_cast<unsigned char>(c));
+            out += hex;
+        }
+    }
+    return out;
+}
+
+std::string PrintablePath(std::string_view path) {
+    std::string out(path);
+    for (char& c : out) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
+    }
+    return out;
+}
+
+std::string Size(uint64_t bytes, bool exact) {
+    if (exact || bytes < 1024) return std::to_string(bytes);
+    const char* unit = "KMGTPE";
+    double value = static_cast<double>(bytes) / 1024;
+    while (value >= 1024) {
+        value /= 1024;
+        ++unit;
+    }
+    char text[32];
+    snprintf(text, sizeof(text), "%.1f%c", value, *unit);
+    return text;
+}
+
+void Report::Note(const std::string& path, const std::string& text) {
+    progress.Clear();
+    fprintf(stderr, "muxz: %s: %s\n", PrintablePath(path).c_str(), text.c_str());
+}
+
+void Report::Fault(const std::string& path, const std::string& text) {
+    Note(path, text);
+    status = std::max(status, kFaults);
+}
+
+void Report::FaultAt(const std::string& path, uint64_t offset, const std::string& text) {
+    Fault(path, "offset " + std::to_string(offset) + ": " + text);
+}
+
+void Report::IoError(const std::string& path, const std::string& text) {
+    Note(path, text);
+    status = kUsageOrIo;
+}
+
+void Report::Tell(const std::vector<Complaint>& complaints) {
+    for (const auto& [kind, path, text] : complaints) {
+        Note(path, text);
+        if (kind == Complaint::Kind::kFault) status = std::max(status, kFaults);
+        if (kind == Complaint::Kind::kUnreadable) status = kUsageOrIo;
+    }
+}
+
+}  // namespace muxz
