@@ -1,10 +1,5 @@
 // Handles, router, report, small utilities.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "core/path_utility.h"
 #include "core/quarn.h"
@@ -28,26 +23,10 @@ TEST(Core, TheRouterReachesEveryHandleAndNoOther) {
 
 TEST(Core, TheReportPrintsWhatHappenedAndStartsAfresh) {
     test::LogCapture log;
-    quarn_report_statistics();
-    EXPECT_EQ(log.messages().size(), 3u);  // no failures, no stalls: no lines for them
-
     g_quarn.read_bytes = 5 << 13;
     g_quarn.write_bytes = 3 << 13;
     g_quarn.stall_count = 7;
-    g_quarn.stats = {.tot_read_cnt = 1,
-                     .read_len_greater_zero = 2,
-                     .read_len_zero = 3,
-                     .read_fail = 4,
-                     .read_eagain = 5,
-                     .read_eintr = 6,
-                     .read_enodev = 7,
-                     .read_ebadf = 8,
-                     .read_eother = 9,
-                     .tot_poll_cnt = 10,
-                     .poll_success = 11,
-                     .poll_fail = 12,
-                     .poll_timeout = 13};
-    log.Clear();
+    g_quarn.stats = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};  // as they are declared
     quarn_report_statistics();
     const char* const lines[] = {
         "read rate: 5 KB/s, write rate: 3 KB/s",
@@ -61,7 +40,7 @@ TEST(Core, TheReportPrintsWhatHappenedAndStartsAfresh) {
 
     log.Clear();
     quarn_report_statistics();
-    EXPECT_EQ(log.messages().size(), 3u);
+    EXPECT_EQ(log.messages().size(), 3u);  // no failures, no stalls: no lines for them
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "read rate: 0 KB/s, write rate: 0 KB/s"));
 }
 
@@ -71,11 +50,6 @@ TEST(Core, FoldersAndProperties) {
     EXPECT_FALSE(quarn_check_dir_exist("/data/none"));
     test::WriteFile("/data/file", "");
     EXPECT_FALSE(quarn_check_dir_exist("/data/file"));
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = {AF_UNIX, "/data/socket"};
-    ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    EXPECT_TRUE(quarn_check_dir_exist("/data/socket"));  // one bit of its type is the folder's
-    close(fd);
 
     EXPECT_EQ(quarn_property_set("vendor.quarn.qrx.restart", "0"), 0);
     char value[PROP_VALUE_MAX];

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,12 +33,12 @@ Bytes AsBytes(const std::string& text) {
 }
 
 // A header as the phone's library writes it.
-std::string HeaderBytes(uint32_t file_idx = 0) {
+std::string HeaderBytes() {
     uint8_t record[kMdInfoRecordSize];
     for (size_t i = 0; i < sizeof(record); ++i) record[i] = static_cast<uint8_t>(i);
     const std::string custom("\0\x03\0tag\x02\x02\0hw\x09\x01\0\xff", 15);
     const QRX_LOG_FORMAT_MODEM modem{record, 0xcbcac9c8, 0x11223344, 1706745599, 0};
-    QRX_LOG_FORMAT_AP phone{1048576, 1706745500, file_idx, 0, {}};
+    QRX_LOG_FORMAT_AP phone{1048576, 1706745500, 5, 0, {}};
     phone.custom_header = {1, 0, static_cast<uint16_t>(custom.size()), 0, custom.data()};
     const char* path = "/box/header";
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -76,33 +77,6 @@ std::string RandomBytes(size_t size, uint64_t seed) {
     return bytes;
 }
 
-struct Walked {
-    std::string raw;
-    End end;
-    uint64_t offset;
-    uint64_t trailing;
-};
-
-Walked Walk(const std::string& bytes, uint64_t first_block) {
-    MemorySource source(AsBytes(bytes));
-    BlockReader reader(source, first_block);
-    Block block;
-    Walked walked{};
-    std::string out;
-    while (reader.Next(block)) {
-        out.resize(block.lengths.raw_length);
-        const bool good = reader.Check(block);
-        if (!reader.Unpack(block, reinterpret_cast<uint8_t*>(out.data()))) break;
-        EXPECT_TRUE(good);
-        walked.raw += out;
-    }
-    walked.end = reader.end();
-    walked.offset = reader.offset();
-    walked.trailing = reader.trailing();
-    EXPECT_EQ(reader.reason().empty(), walked.end <= End::kStrayByte);
-    return walked;
-}
-
 struct Recovered {
     std::vector<std::string> raws;
     std::vector<std::pair<uint64_t, uint64_t>> gaps;  // offset, length
@@ -124,101 +98,36 @@ Recovered RecoverBytes(const std::string& bytes) {
 
 TEST(LogNames, AreParsedWhole) {
     using namespace quarn::log_names;
-    struct Case {
-        const char* name;
-        const char* folder;  // index, time and suffix, or null
-        const char* file;    // index, time, suffix and ending, or null
+    // What a name is, and its parts.
+    const std::pair<const char*, const char*> cases[] = {
+        {"QRXMDLog_7_2024_0131_235959", "folder 7|2024_0131_235959|"},
+        {"QRXMDLog_007_12_EE", "folder 007|12|_EE"},
+        {"QRXMDLog_7___1t_EE", "folder 7|__1|t_EE"},
+        {"QRXMDLog_7_1t_EE", ""},
+        {"QRXMDLog_7_12_", ""},
+        {"QRXMDLog_7_12__EE", ""},
+        {"QRXMDLog__12", ""},
+        {"QRXMDLog_7_12.muxz", "file 7|12.muxz"},
+        {"QRXMDLog_7_12_EE.muxz.tmp", "file 7|12_EE.muxz.tmp"},
+        {"QRXMDLog_7_12t.muxz", ""},
+        {"QRXMDLog_7_12.muxz.tmp2", ""},
     };
-    const Case cases[] = {
-        {"QRXMDLog_7_2024_0131_235959", "7|2024_0131_235959|", nullptr},
-        {"QRXMDLog_7_2024_0131_235959t", "7|2024_0131_235959|t", nullptr},
-        {"QRXMDLog_007_12_EE", "007|12|_EE", nullptr},
-        {"QRXMDLog_7___1t_EE", "7|__1|t_EE", nullptr},
-        {"QRXMDLog_7_1t_EE", nullptr, nullptr},
-        {"QRXMDLog_7_12_", nullptr, nullptr},
-        {"QRXMDLog_7_12_tEE", nullptr, nullptr},
-        {"QRXMDLog_7_12__EE", nullptr, nullptr},
-        {"QRXMDLog__12", nullptr, nullptr},
-        {"QRXMDLog_7", nullptr, nullptr},
-        {"aQRXMDLog_7_12", nullptr, nullptr},
-        {"QRXMDLog_7_12.muxz", nullptr, "7|12||.muxz"},
-        {"QRXMDLog_7_12_EE.muxz.tmp", nullptr, "7|12|_EE|.muxz.tmp"},
-        {"QRXMDLog_7_12t.muxz", nullptr, nullptr},
-        {"QRXMDLog_7_12.muxz.tmp2", nullptr, nullptr},
-        {"QRXMDLog_7_12.muxzt", nullptr, nullptr},
-        {"power_on_log.muxz", nullptr, nullptr},
-        {"", nullptr, nullptr},
-    };
-    const auto join = [](std::initializer_list<std::string_view> parts) {
-        std::string text;
-        for (const std::string_view part : parts) (text += text.empty() ? "" : "|") += part;
-        return text;
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const auto folder = ParseFolder(c.name);
-        const auto file = ParseFile(c.name);
-        ASSERT_EQ(folder.has_value(), c.folder != nullptr);
-        ASSERT_EQ(file.has_value(), c.file != nullptr);
-        if (folder) {
-            EXPECT_EQ(join({folder->index, folder->time, folder->suffix}), c.folder);
+    for (const auto& [name, expected] : cases) {
+        std::ostringstream got;
+        if (const auto folder = ParseFolder(name)) {
+            got << "folder " << folder->index << '|' << folder->time << '|' << folder->suffix;
         }
-        if (file) {
-            EXPECT_EQ(join({file->index, file->time, file->suffix, file->ending}), c.file);
+        if (const auto file = ParseFile(name)) {
+            got << "file " << file->index << '|' << file->time << file->suffix << file->ending;
         }
+        EXPECT_EQ(got.str(), expected) << name;
     }
-    EXPECT_EQ(ParseIndex("0"), 0u);
     EXPECT_EQ(ParseIndex("000004294967295"), UINT32_MAX);
     for (const char* bad : {"", "4294967296", "-1", "+1", " 1", "1x"})
         EXPECT_EQ(ParseIndex(bad), std::nullopt) << bad;
 }
 
-TEST(LogNames, NumbersThatWrapAreOrdered) {
-    const std::vector<std::pair<std::vector<uint32_t>, std::vector<uint32_t>>> cases = {
-        {{1, 0, 4294967295, 4294967294}, {4294967294, 4294967295, 0, 1}},
-        {{0, 4294967295}, {4294967295, 0}},
-        {{0, 1, 5, 4294967295}, {5, 4294967295, 0, 1}},
-        {{0, 0, 1, 4294967295}, {4294967295, 0, 0, 1}},
-        {{1, 4294967295}, {1, 4294967295}},
-        {{10, 9, 2}, {2, 9, 10}},
-        {{3}, {3}},
-        {{}, {}},
-    };
-    for (const auto& [given, expected] : cases) {
-        std::vector<LogFile> files;
-        for (const uint32_t index : given) files.push_back({"", index, "", false, 0});
-        OrderByIndex(files);
-        std::vector<uint32_t> order;
-        for (const LogFile& file : files) order.push_back(file.index);
-        EXPECT_EQ(order, expected);
-    }
-}
-
 // --- header
-
-TEST(MuxzHeader, IsReadAsItWasWritten) {
-    const std::string bytes = HeaderBytes(5);
-    Header header;
-    ASSERT_EQ(ParseHeader(AsBytes(bytes), header), HeaderState::kWhole);
-    EXPECT_TRUE(header.known_version);
-    EXPECT_EQ(header.length, bytes.size());
-    EXPECT_EQ(header.phone.compress_buf_size, 1048576u);
-    EXPECT_EQ(header.phone.folder_time, 1706745500u);
-    EXPECT_EQ(header.phone.file_idx, 5u);
-    EXPECT_EQ(header.modem.md_info_word_a, 0x11223344u);
-    EXPECT_EQ(header.modem.md_info_word_b, 0xcbcac9c8u);
-    EXPECT_EQ(header.modem.md_info_time, 1706745599u);
-    EXPECT_EQ(header.modem_record[203], 203);
-
-    Bytes rest;
-    const std::vector<CustomEntry> entries = ParseCustomBlock(header.custom, rest);
-    ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[1].type, 2);
-    EXPECT_EQ(std::string(entries[1].value.begin(), entries[1].value.end()), "hw");
-    EXPECT_TRUE(rest.empty());
-    EXPECT_EQ(ParseCustomBlock(Bytes(header.custom).first(9), rest).size(), 1u);
-    EXPECT_EQ(rest.size(), 3u);  // the entry that does not fit
-}
 
 TEST(MuxzHeader, IsRefusedWhereItLies) {
     using namespace sim::log_header;
@@ -233,6 +142,12 @@ TEST(MuxzHeader, IsRefusedWhereItLies) {
         MemorySource source(AsBytes(bytes));
         return ReadHeader(source, header);
     };
+    // A custom entry that does not fit is left over.
+    ASSERT_EQ(state(good), HeaderState::kWhole);
+    Bytes rest;
+    EXPECT_EQ(ParseCustomBlock(Bytes(header.custom).first(9), rest).size(), 1u);
+    EXPECT_EQ(rest.size(), 3u);
+
     EXPECT_EQ(state(""), HeaderState::kEmpty);
     for (size_t size = 1; size < good.size(); ++size)
         ASSERT_EQ(state(good.substr(0, size)), HeaderState::kCut) << size;
@@ -246,7 +161,6 @@ TEST(MuxzHeader, IsRefusedWhereItLies) {
     EXPECT_EQ(state(with(kVersionAt, 9)), HeaderState::kWhole);
     EXPECT_FALSE(header.known_version);
     EXPECT_EQ(header.length, good.size());
-    EXPECT_EQ(state(with(kVersionAt, 9).substr(0, good.size() - 1)), HeaderState::kCut);
 }
 
 // --- blocks
@@ -256,23 +170,19 @@ TEST(MuxzBlocks, AreReadToWhereTheyEnd) {
     const std::string good = BlockBytes(raw);
     std::string damaged = good;
     std::fill(damaged.begin() + static_cast<ptrdiff_t>(good.size() / 2), damaged.end(), '\xff');
-    struct Case {
+    const struct {
         const char* what;
         std::string behind;  // a good block
         End end;
         size_t trailing;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"nothing", "", End::kWhole, 0},
         {"stray byte", "\x7f", End::kStrayByte, 1},
-        {"lengths cut", good.substr(0, 2), End::kCutLengths, 2},
         {"lengths nearly whole", good.substr(0, 5), End::kCutLengths, 5},
         {"lengths only", good.substr(0, 6), End::kCutBlock, 6},
-        {"number cut", good.substr(0, 7), End::kCutBlock, 7},
         {"block cut", good.substr(0, good.size() - 1), End::kCutBlock, good.size() - 1},
         {"zeros", std::string(100, '\0'), End::kDamaged, 0},
         {"other raw length", Framed(4999, good.substr(6)), End::kDamaged, 0},
-        {"packed length short", Framed(5000, good.substr(6, 500)), End::kDamaged, 0},
         {"packed length long", Framed(5000, good.substr(6) + "x"), End::kDamaged, 0},
         {"huge number", Framed(0xffffff, "\xff\xff\xff\xff\xff\xff\xff\xff"), End::kDamaged, 0},
         {"number without end", Framed(5000, "\x88"), End::kDamaged, 0},
@@ -280,23 +190,24 @@ TEST(MuxzBlocks, AreReadToWhereTheyEnd) {
         {"bytes changed", damaged, End::kDamaged, 0},
     };
     const std::string header = HeaderBytes();
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const Walked walked = Walk(header + good + c.behind, header.size());
-        EXPECT_EQ(walked.end, c.end);
-        EXPECT_EQ(walked.trailing, c.trailing);
-        EXPECT_EQ(walked.offset, header.size() + good.size());
-        EXPECT_EQ(walked.raw, raw);
-
-        // Statistics see the same as far as lengths tell.
         const std::string bytes = header + good + c.behind;
         MemorySource source(AsBytes(bytes));
-        BlockReader reader(source, header.size(), BlockReader::Mode::kLengths);
-        for (Block block; reader.Next(block);) EXPECT_TRUE(block.packed.empty());
-        if (c.end != End::kDamaged) {
-            EXPECT_EQ(reader.end(), c.end);
-            EXPECT_EQ(reader.trailing(), c.trailing);
+        BlockReader walk(source, header.size());
+        std::string walked;
+        for (Block block; walk.Next(block);) {
+            std::string out(block.lengths.raw_length, '\0');
+            const bool checked = walk.Check(block);
+            if (!walk.Unpack(block, reinterpret_cast<uint8_t*>(out.data()))) break;
+            EXPECT_TRUE(checked);
+            walked += out;
         }
+        EXPECT_EQ(walk.end(), c.end);
+        EXPECT_EQ(walk.trailing(), c.trailing);
+        EXPECT_EQ(walk.offset(), header.size() + good.size());
+        EXPECT_EQ(walk.reason().empty(), c.end <= End::kStrayByte);
+        EXPECT_EQ(walked, raw);
     }
 }
 
@@ -307,9 +218,9 @@ TEST(MuxzBlocks, OfEverySizeComeWhole) {
         raw += piece;
         bytes += BlockBytes(piece);
     }
-    const Walked walked = Walk(bytes, 0);
-    EXPECT_EQ(walked.end, End::kWhole);
-    EXPECT_TRUE(walked.raw == raw);
+    test::WriteFile("/box/log", HeaderBytes() + bytes);
+    const test::DecodedFile decoded = test::DecodeFile("/box/log");
+    EXPECT_TRUE(decoded.whole && decoded.bytes == raw);
     std::string recovered;
     for (const std::string& piece : RecoverBytes(HeaderBytes() + bytes).raws) recovered += piece;
     EXPECT_TRUE(recovered == raw);
@@ -324,12 +235,10 @@ TEST(MuxzBlocks, OfAGrowingFileAreFollowed) {
     BlockReader reader(source, HeaderBytes().size());
     Block seen;
     ASSERT_TRUE(reader.Next(seen));
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(write(fd, block.data(), block.size()), static_cast<ssize_t>(block.size()));
-        ASSERT_EQ(write(fd, block.data(), 3), 3);
-        ASSERT_TRUE(reader.Next(seen));
-        ASSERT_EQ(ftruncate(fd, lseek(fd, 0, SEEK_END) - 3), 0);
-    }
+    // A block, and the beginning of the next one.
+    const std::string more = block + block.substr(0, 3);
+    ASSERT_EQ(write(fd, more.data(), more.size()), static_cast<ssize_t>(more.size()));
+    ASSERT_TRUE(reader.Next(seen));
     // A file that shrinks is an end, no crash.
     ASSERT_EQ(ftruncate(fd, 10), 0);
     EXPECT_FALSE(reader.Next(seen));
@@ -347,10 +256,20 @@ class MuxzRecovery : public testing::Test {
             starts.push_back(bytes.size());
             bytes += BlockBytes(raw);
         }
+        starts.push_back(bytes.size());
+    }
+
+    // What the blocks hold that lie within these bytes as a whole.
+    std::vector<std::string> Within(size_t from, size_t to) const {
+        std::vector<std::string> within;
+        for (size_t i = 0; i < raws.size(); ++i) {
+            if (from <= starts[i] && starts[i + 1] <= to) within.push_back(raws[i]);
+        }
+        return within;
     }
 
     std::vector<std::string> raws;
-    std::vector<size_t> starts;  // of the blocks
+    std::vector<size_t> starts;  // of the blocks, and where the last one ends
     std::string bytes;
 };
 
@@ -364,27 +283,25 @@ TEST_F(MuxzRecovery, EndsWhenAHeaderMisleads) {
     EXPECT_EQ(RecoverBytes(misleading).raws, std::vector<std::string>{raws[0]});
 }
 
-TEST_F(MuxzRecovery, FindsAllOfAGoodFile) {
-    for (const std::string& end : {std::string(), std::string("x"), std::string("xyzab")}) {
-        const Recovered recovered = RecoverBytes(bytes + end);
-        EXPECT_EQ(recovered.raws, raws);
-        EXPECT_TRUE(recovered.gaps.empty());
-        EXPECT_EQ(recovered.result.trailing, end.size());
-    }
-}
-
 TEST_F(MuxzRecovery, FindsWholeBlocksOfAFileCutAnywhere) {
     for (size_t cut = 0; cut <= bytes.size(); ++cut) {
-        std::vector<std::string> before, behind;
-        for (size_t i = 0; i < raws.size(); ++i) {
-            const size_t end = i + 1 < starts.size() ? starts[i + 1] : bytes.size();
-            if (end <= cut) before.push_back(raws[i]);
-            if (starts[i] >= cut) behind.push_back(raws[i]);
-        }
-        ASSERT_EQ(RecoverBytes(bytes.substr(0, cut)).raws, before) << cut;
-        ASSERT_EQ(RecoverBytes(bytes.substr(cut)).raws, behind) << cut;
+        ASSERT_EQ(RecoverBytes(bytes.substr(0, cut)).raws, Within(0, cut)) << cut;
+        ASSERT_EQ(RecoverBytes(bytes.substr(cut)).raws, Within(cut, bytes.size())) << cut;
     }
     EXPECT_TRUE(RecoverBytes(bytes.substr(0, bytes.size() - 20)).result.ends_cut);
+    EXPECT_TRUE(RecoverBytes(bytes).gaps.empty());
+
+    // Gaps between whole blocks are told.
+    const std::string garbage = RandomBytes(100000, 3);
+    const Recovered recovered =
+        RecoverBytes(garbage + bytes.substr(starts[0], starts[2] - starts[0]) + garbage +
+                     bytes.substr(starts[2]) + "xyzab");
+    const std::vector<std::pair<uint64_t, uint64_t>> gaps = {
+        {0, garbage.size()}, {garbage.size() + starts[2] - starts[0], garbage.size()}};
+    EXPECT_EQ(recovered.raws, raws);
+    EXPECT_EQ(recovered.gaps, gaps);
+    EXPECT_EQ(recovered.result.skipped, 2 * garbage.size());
+    EXPECT_EQ(recovered.result.trailing, 5u);
 }
 
 TEST_F(MuxzRecovery, LosesOnlyTheBlockThatIsDamaged) {
@@ -392,50 +309,31 @@ TEST_F(MuxzRecovery, LosesOnlyTheBlockThatIsDamaged) {
         for (const int flip : {0x01, 0x80, 0xff}) {
             std::string damaged = bytes;
             damaged[at] = static_cast<char>(damaged[at] ^ flip);
-            const Recovered recovered = RecoverBytes(damaged);
-            size_t next = 0;
-            for (size_t i = 0; i < raws.size(); ++i) {
-                const size_t end = i + 1 < starts.size() ? starts[i + 1] : bytes.size();
-                if (at >= starts[i] && at < end) continue;
-                const auto found = std::find(recovered.raws.begin() + static_cast<ptrdiff_t>(next),
-                                             recovered.raws.end(), raws[i]);
-                ASSERT_NE(found, recovered.raws.end()) << "block " << i << " at " << at;
-                next = static_cast<size_t>(found - recovered.raws.begin()) + 1;
+            const std::vector<std::string> recovered = RecoverBytes(damaged).raws;
+            auto found = recovered.begin();
+            for (const auto& part : {Within(0, at), Within(at + 1, bytes.size())}) {
+                for (const std::string& raw : part) {
+                    found = std::find(found, recovered.end(), raw);
+                    ASSERT_NE(found, recovered.end()) << at;
+                    ++found;
+                }
             }
             // A changed literal may still unpack; nothing else comes on top.
-            ASSERT_LE(recovered.raws.size(), raws.size()) << at;
+            ASSERT_LE(recovered.size(), raws.size()) << at;
         }
     }
 }
 
-TEST_F(MuxzRecovery, TellsWhatItSkips) {
-    const std::string garbage = RandomBytes(100000, 3);
-    const std::string front = bytes.substr(0, starts[2]), back = bytes.substr(starts[2]);
-    const Recovered recovered = RecoverBytes(garbage + front + garbage + back + garbage);
-    const size_t header = starts[0];
-    const std::vector<std::pair<uint64_t, uint64_t>> gaps = {
-        {0, garbage.size() + header},
-        {garbage.size() + front.size(), garbage.size()},
-        {2 * garbage.size() + bytes.size(), garbage.size()}};
-    EXPECT_EQ(recovered.raws, raws);
-    EXPECT_EQ(recovered.gaps, gaps);
-    EXPECT_EQ(recovered.result.skipped, 3 * garbage.size() + header);
-    EXPECT_EQ(recovered.result.header, HeaderState::kUnknown);
-}
-
 TEST_F(MuxzRecovery, TakesNothingForABlockThatIsNone) {
-    std::string table, pairs, empties, singles;
+    std::string pairs, empties, singles;
     for (uint32_t i = 0; i < 20000; ++i) {
-        const uint32_t small = i % 5;
-        table.append(reinterpret_cast<const char*>(&small), sizeof(small));
         pairs += std::string("\x03\0\0\x05\0\0\x03\x08", 8) + static_cast<char>(i);
         empties += std::string("\0\0\0\x01\0\0\0", 7);
         // A block of one byte by its looks, and nothing behind it.
         singles += std::string("\x01\0\0\x03\0\0\x01\0a??????", 15);
     }
-    for (const std::string& garbage :
-         {table, pairs, empties, singles, std::string(100000, '\0'), std::string(100000, '\xff'),
-          RandomBytes(3000000, 1), test::StreamBytes(1000000)}) {
+    for (const std::string& garbage : {pairs, empties, singles, std::string(100000, '\xff'),
+                                       RandomBytes(3000000, 1), test::StreamBytes(1000000)}) {
         EXPECT_TRUE(RecoverBytes(garbage).raws.empty());
         EXPECT_EQ(RecoverBytes(garbage + bytes.substr(starts[0])).raws, raws);
     }
@@ -478,9 +376,7 @@ class MuxzTool : public testing::Test {
     };
     // Arguments as a shell takes them.
     static Run Muxz(const std::string& arguments) {
-        const std::string command =
-            std::string(MUXZ_PROGRAM) + " " + arguments + " >/box/out 2>/box/err";
-        const int status = system(command.c_str());
+        const int status = system((MUXZ_PROGRAM " " + arguments + " >/box/out 2>/box/err").c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, test::ReadFile("/box/out"),
                 test::ReadFile("/box/err")};
     }
@@ -494,118 +390,92 @@ class MuxzTool : public testing::Test {
 };
 
 TEST_F(MuxzTool, CatsATreeInCaptureOrder) {
-    // Two files of the same second as well: those of one folder are told by their numbers.
-    Put("QRXMDLog_9_2024_0101_000000/QRXMDLog_0_2024_0101_000000.muxz", "a");
-    Put("QRXMDLog_9_2024_0101_000000/QRXMDLog_10_2024_0101_000000.muxz", "c");
-    Put("QRXMDLog_9_2024_0101_000000/QRXMDLog_9_2024_0101_000000.muxz", "b", "x");
+    // Files of the same second are told by their numbers, which wrap.
+    const std::string first = "QRXMDLog_9_2024_0101_000000/QRXMDLog_";
+    Put(first + "0_2024_0101_000000.muxz", "d", "x");
+    Put(first + "10_2024_0101_000000.muxz", "b");
+    Put(first + "4294967295_2024_0101_000000.muxz", "c");
+    Put(first + "9_2024_0101_000000.muxz", "a");
     // The clock went back to its beginning.
-    Put("QRXMDLog_10_1970_0101_000000_EE/QRXMDLog_0_1970_0101_000000_EE.muxz", "d");
-    Put("run1/QRXMDLog_0_2024_0102_000000/QRXMDLog_0_2024_0102_000000.muxz", "f");
-    Put("QRXMDLog_11_2024_0101_000005/QRXMDLog_0_2024_0101_000005.muxz", "e");
+    Put("QRXMDLog_10_1970_0101_000000_EE/QRXMDLog_0_1970_0101_000000_EE.muxz", "e");
+    Put("run1/QRXMDLog_0_2024_0102_000000/QRXMDLog_0_2024_0102_000000.muxz", "g");
+    Put("QRXMDLog_11_2024_0101_000005/QRXMDLog_0_2024_0101_000005.muxz", "f");
     // Another log folder gives the same number in the same second.
-    Put("run1/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", "g");
-    Put("run2/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", "h");
-    Put("QRXMDLog_12_2024_0104_000000t_EE/QRXMDLog_0_2024_0104_000000.muxz.tmp", "i",
+    Put("run1/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", "h");
+    Put("run2/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", "i");
+    Put("QRXMDLog_12_2024_0104_000000t_EE/QRXMDLog_0_2024_0104_000000.muxz.tmp", "j",
         BlockBytes("cut").substr(0, 8));
-    fs::create_directories(kTree + "/run2/QRXMDLog_2_2024_0105_000000t");
     // None of these belongs to the stream.
     Put("power_on_log.muxz", "P", std::string(1, '\0'));
     Put("snap/QRXMDLog_8_2023_0101_000000/QRXMDLog_0_2023_0101_000000.muxz", "Q");
-    Put("snap/power_on_log.muxz", "P");
     test::WriteFile(kTree + "/snap/copied_folder_list", "List from oldest to newest\n");
     fs::create_directories(kTree + "/partial");
     fs::copy(kTree + "/QRXMDLog_11_2024_0101_000005",
              kTree + "/partial/QRXMDLog_11_2024_0101_000005", fs::copy_options::recursive);
-    test::WriteFile(kTree + "/notes.txt", "not a log");
 
     const Run cat = Muxz("cat " + kTree + "/");
     EXPECT_EQ(cat.status, 0) << cat.err;
-    EXPECT_EQ(cat.out, "abcdefghi");
+    EXPECT_EQ(cat.out, "abcdefghij");
     EXPECT_EQ(Muxz("cat " + kTree + "/snap").out, "Q");
-    EXPECT_EQ(Muxz("cat " + kTree + "/QRXMDLog_9_2024_0101_000000/").out, "abc");
+    EXPECT_EQ(Muxz("cat " + kTree + "/QRXMDLog_9_2024_0101_000000/").out, "abcd");
     EXPECT_EQ(Muxz("cat " + kTree + "/power_on_log.muxz").out, "P");
     EXPECT_EQ(Muxz("cat -o /box/stream /data").status, 0);
-    EXPECT_EQ(test::ReadFile("/box/stream"), "abcdefghi");
+    EXPECT_EQ(test::ReadFile("/box/stream"), "abcdefghij");
     EXPECT_EQ(Muxz("verify " + kTree).status, 0);
 
     const Run ls = Muxz("ls -r -b");
     EXPECT_EQ(ls.status, 0);
-    std::vector<std::string> lines;
-    for (size_t at = 0; at < ls.out.size(); at = ls.out.find('\n', at) + 1)
-        lines.push_back(ls.out.substr(at, ls.out.find('\n', at) - at));
-    ASSERT_EQ(lines.size(), 1u + 10 + 1);  // the titles, captures and copies, the power-on log
-    EXPECT_NE(lines[1].find("2023-01-01 00:00:00"), std::string::npos);
-    EXPECT_NE(lines[1].find("finished copy"), std::string::npos);
-    EXPECT_NE(lines[9].find("open EE"), std::string::npos);
-    EXPECT_NE(lines[9].find("QRXMDLog_12_2024_0104_000000t_EE"), std::string::npos);
+    // The titles, captures and copies, the power-on log.
+    EXPECT_EQ(std::count(ls.out.begin(), ls.out.end(), '\n'), 1 + 9 + 1);
+    EXPECT_LT(ls.out.find("finished copy"), ls.out.find("2024-01-01 00:00:00"));
+    EXPECT_NE(ls.out.find("open EE"), std::string::npos);
 }
 
 TEST_F(MuxzTool, TellsFaultsByFileAndOffset) {
-    const std::string header_size = std::to_string(HeaderBytes().size());
     const std::string cut = BlockBytes(test::StreamBytes(300)).substr(0, 50);
     const std::string zeros(40, '\0');
-    const std::string folder = "QRXMDLog_0_2024_0101_000000/QRXMDLog_";
-    struct Case {
-        const char* name;
-        std::string bytes;
-        int cat, verify;
-        std::string error;  // of verify; empty: says nothing
-    };
+    const std::string folder = kTree + "/QRXMDLog_0_2024_0101_000000";
     const std::string good = LogBytes({"raw"});
-    const std::string end = std::to_string(good.size());
-    const Case cases[] = {
-        {"0_2024_0101_000000.muxz", good, 0, 0, ""},
-        {"0_2024_0101_000000.muxz", good + "x", 0, 0, ""},
-        {"0_2024_0101_000000.muxz", good + cut.substr(0, 4), 0, 0, "offset " + end + ": cut"},
-        {"0_2024_0101_000000.muxz", good + cut, 1, 1, "offset " + end + ": the file ends within"},
-        {"0_2024_0101_000000.muxz", good + zeros, 1, 1, "offset " + end + ": block of no bytes"},
-        {"0_2024_0101_000000.muxz", "", 1, 1, "offset 0: empty file"},
-        {"0_2024_0101_000000.muxz", "rubbish", 1, 1, "offset 0: unknown header"},
-        {"0_2024_0101_000000.muxz", good.substr(0, 50), 1, 1, "offset 0: the file ends within"},
-        {"0_2024_0101_000000.muxz.tmp", good + cut, 0, 0, ""},
-        {"0_2024_0101_000000.muxz.tmp", good + cut.substr(0, 4), 0, 0, ""},
-        {"0_2024_0101_000000.muxz.tmp", good.substr(0, 50), 0, 0, ""},
-        {"0_2024_0101_000000.muxz.tmp", "", 0, 0, ""},
-        {"0_2024_0101_000000.muxz.tmp", good + zeros, 1, 1,
-         "offset " + end + ": block of no bytes"},
+    const std::string end = "offset " + std::to_string(good.size());
+    const struct {
+        const char* ending;
+        std::string bytes;
+        int status;
+        std::string error;  // of verify; empty: says nothing
+    } cases[] = {
+        {".muxz", good + cut.substr(0, 4), 0, end + ": cut"},
+        {".muxz", good + cut, 1, end + ": the file ends within"},
+        {".muxz", good + zeros, 1, end + ": block of no bytes"},
+        {".muxz", "", 1, "offset 0: empty file"},
+        {".muxz", "rubbish", 1, "offset 0: unknown header"},
+        {".muxz", good.substr(0, 50), 1, "offset 0: the file ends within"},
+        {".muxz.tmp", good + cut, 0, ""},
+        {".muxz.tmp", good.substr(0, 50), 0, ""},
+        {".muxz.tmp", "", 0, ""},
+        {".muxz.tmp", good + zeros, 1, end + ": block of no bytes"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + " " + c.error);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.ending + c.error);
         fs::remove_all(kTree);
-        const std::string path = kTree + "/" + folder + c.name;
+        const std::string path = folder + "/QRXMDLog_0_2024_0101_000000" + c.ending;
         test::WriteFile(path, c.bytes);
-        Put(folder + "1_2024_0101_000001.muxz", "next");
+        Put("QRXMDLog_0_2024_0101_000000/QRXMDLog_1_2024_0101_000001.muxz", "next");
 
         const Run verify = Muxz("verify " + kTree);
-        EXPECT_EQ(verify.status, c.verify) << verify.err;
-        EXPECT_EQ(verify.err.find("muxz: " + path + ": " + c.error) == 0, !c.error.empty())
+        EXPECT_EQ(verify.status, c.status);
+        EXPECT_TRUE(verify.err.starts_with(c.error.empty() ? "" : "muxz: " + path + ": " + c.error))
             << verify.err;
         EXPECT_EQ(std::count(verify.err.begin(), verify.err.end(), '\n'), c.error.empty() ? 0 : 1);
 
         const Run cat = Muxz("cat " + kTree);
-        EXPECT_EQ(cat.status, c.cat) << cat.err;
+        EXPECT_EQ(cat.status, c.status) << cat.err;
         EXPECT_EQ(cat.out, c.bytes.starts_with(good) ? "rawnext" : "next");
-        EXPECT_EQ(Muxz("info " + path).status, c.cat);
+        EXPECT_EQ(Muxz("info " + path).status, c.status);
+        const Run recover = Muxz("recover " + path);
+        EXPECT_EQ(recover.out, c.bytes.starts_with(good) ? "raw" : "");
+        EXPECT_EQ(recover.err.find(end + ": skipped 40 bytes") != std::string::npos,
+                  c.bytes.ends_with(zeros));
     }
-}
-
-TEST_F(MuxzTool, RecoversWhatItCan) {
-    const std::string good = Put("good.muxz", test::StreamBytes(3000));
-    Run run = Muxz("recover " + good);
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.out, test::StreamBytes(3000));
-
-    const std::string bytes = test::ReadFile(good);
-    test::WriteFile("/box/x", bytes.substr(7) + "rubbish" + BlockBytes(test::StreamBytes(500)));
-    run = Muxz("recover -o /box/stream /box/x");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(test::ReadFile("/box/stream"), test::StreamBytes(3000) + test::StreamBytes(500));
-    EXPECT_NE(run.err.find("offset " + std::to_string(bytes.size() - 7) + ": skipped 7 bytes"),
-              std::string::npos)
-        << run.err;
-
-    test::WriteFile("/box/x.tmp", bytes + BlockBytes(test::StreamBytes(500)).substr(0, 99));
-    EXPECT_EQ(Muxz("recover /box/x.tmp").status, 0);
 }
 
 TEST_F(MuxzTool, ShowsHeaderAndStatistics) {
@@ -614,10 +484,11 @@ TEST_F(MuxzTool, ShowsHeaderAndStatistics) {
     const Run run = Muxz("info " + path);
     EXPECT_EQ(run.status, 0);
     for (const char* text :
-         {"modem info word a 287454020 (0x11223344)", "2024-01-31 23:59:59 UTC",
-          "tag             tag", "hardware id     hw", "type 9          ff",
-          "blocks            2\n", "raw bytes         6000\n", "largest block     5000 raw",
-          "trailing bytes    1\n", "... (204 bytes)", "flushed close"})
+         {"modem info word a 287454020 (0x11223344)", "(0xcbcac9c8)", "file index        5\n",
+          "2024-01-31 23:59:59 UTC", "tag             tag", "hardware id     hw",
+          "type 9          ff", "blocks            2\n", "raw bytes         6000\n",
+          "largest block     5000 raw", "trailing bytes    1\n", "... (204 bytes)",
+          "flushed close"})
         EXPECT_NE(run.out.find(text), std::string::npos) << text << "\n" << run.out;
     EXPECT_NE(Muxz("info -a " + path).out.find("c8c9cacb\n"), std::string::npos);
 }
@@ -628,28 +499,10 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
     fs::create_directories("/box/empty");
     ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
     ASSERT_EQ(symlink("loop", "/box/loop"), 0);
-    const char* const refused[] = {
-        "",
-        "frob",
-        "cat",
-        "info",
-        "recover /box/a /box/b",
-        "cat -z x",
-        "verify -o x",
-        "ls a b",
-        "cat /box/gone",
-        "info /box/gone",
-        "ls /gone",
-        "cat /box/empty",
-        "cat /box/pipe",
-        "info /box/pipe",
-        "recover /box/pipe",
-        "info /box",
-        "verify /box/loop",
-        "cat /dev/zero",
-        "cat --output= x",
-    };
-    for (const char* arguments : refused) {
+    for (const char* arguments :
+         {"", "frob", "cat", "cat -z x", "verify -o x", "ls a b", "cat /box/gone", "ls /gone",
+          "cat /box/empty", "cat /box/pipe", "info /box/pipe", "recover /box/pipe", "info /box",
+          "verify /box/loop", "cat /dev/zero", "cat --output= x"}) {
         const Run run = Muxz(arguments);
         EXPECT_EQ(run.status, 2) << arguments;
         EXPECT_TRUE(run.out.empty()) << arguments;
@@ -664,16 +517,9 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
         EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
     }
     EXPECT_EQ(Muxz("verify " + log).status, 0);  // it was not overwritten
-    EXPECT_EQ(Muxz("cat " + log + " | true; (" MUXZ_PROGRAM " cat " + log +
-                   "; echo $? >/box/status) | sleep 0")
-                  .status,
-              0);
+    // Nobody reads on.
+    Muxz("verify " + log + "; (" MUXZ_PROGRAM " cat " + log + "; echo $? >/box/status) | sleep 0");
     EXPECT_EQ(test::ReadFile("/box/status"), "2\n");
-    for (const char* command : {"", "info", "cat", "verify", "recover", "ls"}) {
-        const Run run = Muxz(std::string(command) + " --help");
-        EXPECT_EQ(run.status, 0);
-        EXPECT_NE(run.out.find("muxz"), std::string::npos);
-    }
 }
 
 // The daemon gives folders and files their final names, and recycles, while they are read.
@@ -686,7 +532,6 @@ TEST_F(MuxzTool, FollowsNamesThatChange) {
     ASSERT_TRUE(ListTree(kTree, tree, complaints));
     ASSERT_EQ(tree.captures.size(), 1u);
     Capture& capture = tree.captures[0];
-    EXPECT_FALSE(capture.finished);
 
     fs::rename(folder + "t", folder + "t_EE");
     const Fd fd = OpenCapture(capture);

@@ -1,7 +1,6 @@
 // The simulated phone: what every other test and measurement rests on.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
-#include <snappy-c.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,7 +19,6 @@
 #include "sim/modem.h"
 #include "sim/replay_place.h"
 #include "sim/socket_address.h"
-#include "sim/uevents.h"
 #include "tests/support.h"
 
 namespace {
@@ -87,70 +85,14 @@ class SimPort : public testing::Test {
     Modem& modem = Modem::Instance();
 };
 
-TEST_F(SimPort, ARemovedLogDeviceComesBackWithAClosedPort) {
-    std::thread removal([] { EXPECT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog")); });
-    EXPECT_EQ(mcl_pollLogPort(-1), -1);
-    removal.join();
-    char byte;
-    int error = 0;
-    EXPECT_EQ(mcl_readFromLogPort(&byte, 1, &error), -1);
-    EXPECT_EQ(error, ENODEV);
-    EXPECT_EQ(mcl_openLogPort(), -1);
-    ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MDLog"));
-    EXPECT_EQ(mcl_pollLogPort(0), -1);
-    EXPECT_EQ(mcl_openLogPort(), 0);
-    EXPECT_EQ(mcl_pollLogPort(0), -2);
-}
-
 TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
     constexpr size_t kTotal = 3'000'000;
     const std::string stream = ReadAll(*sim::MakeGeneratedSource(5), kTotal, {65536});
-    for (const std::vector<size_t>& sizes : std::vector<std::vector<size_t>>{
-             {1, 2, 3}, {4096}, {1015, 1016, 1017}, {100'000, 7, 65536, 333}}) {
+    for (const std::vector<size_t>& sizes :
+         std::vector<std::vector<size_t>>{{1, 2, 3}, {1015, 1016, 1017}, {100'000, 7, 65536}}) {
         EXPECT_TRUE(ReadAll(*sim::MakeGeneratedSource(5), kTotal, sizes) == stream) << sizes[0];
     }
     EXPECT_FALSE(ReadAll(*sim::MakeGeneratedSource(6), kTotal, {65536}) == stream);
-
-    uint32_t records = 0;
-    for (size_t at = 0; at + 24 <= stream.size(); ++records) {
-        uint16_t length = 0;
-        uint32_t sequence = 0;
-        memcpy(&length, &stream[at + 2], sizeof(length));
-        memcpy(&sequence, &stream[at + 8], sizeof(sequence));
-        ASSERT_EQ(stream.substr(at, 2), "\x5a\xa5") << "record " << records;
-        ASSERT_EQ(sequence, records);
-        at += length;
-    }
-    EXPECT_GT(records, 1000u);
-}
-
-TEST(SimSource, GeneratedStreamPacksTwoToFourTimes) {
-    constexpr size_t kBlock = 262144;
-    auto source = sim::MakeGeneratedSource(9);
-    size_t packed_total = 0;
-    for (int i = 0; i < 16; ++i) {
-        const std::string block = ReadAll(*source, kBlock, {kBlock});
-        std::string packed(snappy_max_compressed_length(kBlock), '\0');
-        size_t size = packed.size();
-        ASSERT_EQ(snappy_compress(block.data(), kBlock, packed.data(), &size), SNAPPY_OK);
-        packed_total += size;
-    }
-    EXPECT_GT(packed_total, 16 * kBlock / 4);
-    EXPECT_LT(packed_total, 16 * kBlock / 2);
-}
-
-TEST(SimSource, ReplaysRegularFilesOnly) {
-    const std::string bytes = test::StreamBytes(3'000'000);
-    test::WriteFile(kLogFile, bytes);
-    EXPECT_TRUE(ReadAll(*sim::MakeReplaySource(kLogFile), bytes.size() + 1, {65536, 999}) == bytes);
-    EXPECT_TRUE(ReadAll(*sim::MakeReplaySource(kLogFile, 1234567), bytes.size(), {2'000'000}) ==
-                bytes.substr(1234567));
-    ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
-    for (const auto& [path, error] :
-         {std::pair{"/box/missing", ENOENT}, {"/box", EISDIR}, {"/box/pipe", EINVAL}}) {
-        EXPECT_EQ(sim::MakeReplaySource(path), nullptr) << path;
-        EXPECT_EQ(errno, error) << path;
-    }
 }
 
 TEST_F(SimPort, HandsOverTheSourceUpToItsEnd) {
@@ -159,9 +101,7 @@ TEST_F(SimPort, HandsOverTheSourceUpToItsEnd) {
     ASSERT_TRUE(modem.SetTap("/box/tap"));
     modem.SetSource(sim::MakeReplaySource(kLogFile));
     EXPECT_EQ(ReadError(), EAGAIN);
-    const auto asked = std::chrono::steady_clock::now();
     EXPECT_EQ(mcl_pollLogPort(50), -2) << "the stream is not started";
-    EXPECT_GE(std::chrono::steady_clock::now() - asked, 50ms);
 
     modem.StartStream();
     modem.SetReadLimit(1000);
@@ -186,63 +126,15 @@ TEST_F(SimPort, ARateBoundsWhatIsReadable) {
     const auto start = std::chrono::steady_clock::now();
     modem.StartStream();
     size_t total = 0;
-    size_t reads = 0;
     while (total < kRate / 4) {
         EXPECT_NE(mcl_pollLogPort(2000), -1);
-        const size_t got = ReadPort(65536).size();
-        total += got;
-        reads += got != 0 ? 1 : 0;
+        total += ReadPort(65536).size();
     }
     EXPECT_GE(std::chrono::steady_clock::now() - start, 245ms);
-    EXPECT_LE(reads, 25u) << "bursts of 10 ms, not crumbs";
     // What nobody reads piles up for one second only.
     modem.SetRate(1000);
     std::this_thread::sleep_for(1200ms);
     EXPECT_EQ(ReadPort(65536).size(), 1000u);
-}
-
-TEST_F(SimPort, FaultsComeAsAskedAndCostNoBytes) {
-    modem.SetSource(sim::MakeGeneratedSource(3));
-    modem.StartStream();
-    modem.FailReads(EBADF, 2);
-    modem.FailReads(0, 1);
-    modem.FailReads(EINTR, 1);
-    mcl_closeLogPort();
-    EXPECT_EQ(ReadError(), EBADF);
-    EXPECT_EQ(mcl_pollLogPort(1000), -1);
-    modem.FailOpens(1);
-    EXPECT_LT(mcl_openLogPort(), 0);
-    EXPECT_EQ(ReadError(), EBADF);
-    EXPECT_EQ(mcl_openLogPort(), 0);
-    for (const int error : {EBADF, EBADF, 0, EINTR}) EXPECT_EQ(ReadError(), error);
-    modem.FailPolls(-2, 1);
-    modem.FailPolls(-1, 1);
-    EXPECT_EQ(mcl_pollLogPort(10'000), -2);
-    EXPECT_EQ(mcl_pollLogPort(10'000), -1);
-    EXPECT_GT(mcl_pollLogPort(10'000), 0);
-    modem.FailWrites(1);
-    EXPECT_LT(mcl_writeToLogPort("lost", 4), 0);
-    EXPECT_GE(mcl_writeToLogPort("sync", 4), 0);
-    EXPECT_EQ(modem.written(), "sync");
-    modem.FailReads(EIO, 3);
-    modem.FailReads(EIO, 0);
-
-    modem.SprinkleFaults(11, 200);
-    std::string stream;
-    int faults = 0;
-    for (int i = 0; i < 2000; ++i) {
-        const std::string piece = ReadPort(1000);
-        faults += piece.empty() ? 1 : 0;
-        stream += piece;
-    }
-    EXPECT_GT(faults, 200);
-    EXPECT_LT(faults, 1000);
-    EXPECT_TRUE(stream == ReadAll(*sim::MakeGeneratedSource(3), stream.size(), {65536}));
-    const Modem::Calls calls = modem.calls();
-    EXPECT_EQ(calls.open, 2u);
-    EXPECT_EQ(calls.close, 1u);
-    EXPECT_EQ(calls.write, 2u);
-    EXPECT_EQ(calls.poll, 4u);
 }
 
 TEST(SimLayer, TheLogPortIsOpenOnceInitSucceeded) {
@@ -266,30 +158,26 @@ TEST(SimLayer, TheLogPortIsOpenOnceInitSucceeded) {
 struct Seen {
     std::mutex mutex;
     std::vector<std::pair<int, std::string>> notifications;
-    std::vector<std::thread::id> threads;
-    std::atomic<int> inside{0};
-    std::atomic<bool> overlapped{false};
+    std::atomic<bool> inside{false};
     std::atomic<bool> hold{false};
 };
 
 int Keep(void* user, MCL_NTFY_CODE code, void* payload) {
     Seen& seen = *static_cast<Seen*>(user);
-    if (++seen.inside != 1) seen.overlapped = true;
+    EXPECT_FALSE(seen.inside.exchange(true)) << "one at a time";
     test::WaitUntil([&] { return !seen.hold; });
     {
         std::lock_guard lock(seen.mutex);
         seen.notifications.emplace_back(
             code, payload != nullptr ? std::string(static_cast<char*>(payload), 8) : "none");
-        seen.threads.push_back(std::this_thread::get_id());
     }
-    --seen.inside;
+    seen.inside = false;
     return 0;
 }
 
-TEST(SimLayer, NotificationsComeInOrderFromOneThreadOfItsOwn) {
+TEST(SimLayer, NotificationsComeInOrder) {
     Modem& modem = Modem::Instance();
     Seen seen;
-    EXPECT_NE(mcl_registerNotifyCallback(nullptr, nullptr), 0);
     ASSERT_EQ(mcl_registerNotifyCallback(Keep, &seen), 0);
     char payload[8] = {'p', 'a', 'y', 'l', 'o', 'a', 'd', '1'};
     modem.Notify(NTFY_MD_LOG_START, payload, sizeof(payload));
@@ -302,15 +190,12 @@ TEST(SimLayer, NotificationsComeInOrderFromOneThreadOfItsOwn) {
     EXPECT_EQ(seen.notifications[0], std::pair(1, std::string("payload1")));
     EXPECT_EQ(seen.notifications[1], std::pair(9, std::string("none")));
     for (size_t i = 0; i < 50; ++i) EXPECT_EQ(seen.notifications[2 + i].first, 100 + int(i));
-    EXPECT_NE(seen.threads[0], std::this_thread::get_id());
-    EXPECT_EQ(std::count(seen.threads.begin(), seen.threads.end(), seen.threads[0]), 52);
-    EXPECT_FALSE(seen.overlapped);
 
     // Going down lets the one that runs end, and no more.
     seen.hold = true;
     modem.Notify(NTFY_MD_LOG_STOP);
     modem.Notify(NTFY_MD_LOG_END);
-    EXPECT_TRUE(test::WaitUntil([&] { return seen.inside == 1; }));
+    EXPECT_TRUE(test::WaitUntil([&] { return seen.inside.load(); }));
     std::thread down([] { mcl_deinit(); });
     EXPECT_TRUE(test::WaitUntil([&] { return !modem.status().up; }));
     seen.hold = false;
@@ -389,105 +274,43 @@ class SimIpc : public SimPort {
     Seen seen;
 };
 
-TEST_F(SimIpc, EveryMessageIsAnswered) {
-    const std::vector<Value> clock = {{256, Word(2026)}, {257, Word(2)},  {258, Word(28)},
-                                      {259, Word(23)},   {260, Word(59)}, {261, Word(58)},
-                                      {262, Word(-210)}};
-    std::vector<Value> bad_clock = clock;
-    bad_clock[1] = {257, Word(13)};
-    const std::string filter("\0filter\xff", 8);
+TEST_F(SimIpc, MessagesAreCarriedOutOrRefused) {
     const struct {
         int id;
         std::vector<Value> values;
         int result;
-        std::optional<int> number;
     } kCases[] = {
-        {41, {}, 0, 0},
-        {39, {{256, Word(1)}}, 0, {}},
-        {41, {}, 0, 1},
-        {39, {{256, Word(3)}}, 1, {}},
-        {39, {{256, "\1"}}, 1, {}},
-        {39, {}, 1, {}},
-        {39, {{256, Word(0)}, {257, "\1"}}, 0, {}},
-        {41, {}, 0, 0},
-        {45, {}, 0, 1},
-        {43, {{256, Word(6)}}, 0, {}},
-        {43, {{256, Word(7)}}, 1, {}},
-        {43, {{256, Word(-1)}}, 1, {}},
-        {45, {}, 0, 6},
-        {121, {}, 0, 0},
-        {119, {{256, Word(600000)}}, 0, {}},
-        {119, {{256, Word(-1)}}, 1, {}},
-        {121, {}, 0, 600000},
-        {137, {}, 0, 0},
-        {139, {}, 0, 0},
-        {65, clock, 0, {}},
-        {65, bad_clock, 1, {}},
-        {161, {{256, filter}}, 0, 0},
-        {161, {}, 1, {}},
-        {45, {}, 0, -1},
-        {40, {}, 2, {}},
+        {39, {{256, Word(3)}}, 1},
+        {39, {{256, "\1"}}, 1},
+        {39, {}, 1},
+        {43, {{256, Word(7)}}, 1},
+        {43, {{256, Word(-1)}}, 1},
+        {119, {{256, Word(-1)}}, 1},
+        {161, {}, 1},
+        {43, {{256, Word(6)}}, 0},
+        {40, {}, 2},
     };
     for (const auto& test : kCases) {
-        SCOPED_TRACE(test.id);
-        const Confirmation got = Ask(test.id, test.values);
-        EXPECT_EQ(got.cause, 0);
-        EXPECT_EQ(got.result, Word(test.result));
-        EXPECT_EQ(got.number, test.number ? std::optional(Word(*test.number)) : std::nullopt);
+        EXPECT_EQ(Ask(test.id, test.values).result, Word(test.result)) << test.id;
     }
-    EXPECT_EQ(modem.settings().filter, std::vector<uint8_t>(filter.begin(), filter.end()));
-    EXPECT_EQ(modem.ipc_status().clock, "2026-02-28 23:59:58 UTC, offset -210 minutes");
-    EXPECT_EQ(modem.ipc_requests().size(), std::size(kCases));
-    EXPECT_EQ(modem.ipc_requests()[6].message.Bytes(257).size(), 1u);
-    EXPECT_EQ(modem.ipc_requests()[6].selector, 16);
-
+    EXPECT_EQ(Ask(45).number, Word(6));
+    EXPECT_EQ(modem.ipc_requests().size(), std::size(kCases) + 1);
     EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("3\r\n\r\nOK\r\n\0", 10));
-    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER=2"), std::string("OK\r\n\0", 5));
     EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER=x"), std::string("ERROR\r\n\0", 8));
-    EXPECT_EQ(AskAt("ATI"), std::string("ERROR\r\n\0", 8));
-    modem.AnswerAt("7", 1);
-    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("7\0", 2));
-    EXPECT_EQ(AskAt("AT+ZORVEARLYLOGFILTER?"), std::string("2\r\n\r\nOK\r\n\0", 10));
 }
 
-TEST_F(SimIpc, FaultsHitTheMessagesAskedFor) {
+TEST_F(SimIpc, WhatIsLostIsNotCarriedOutAndWhatIsLateIs) {
     using sim::IpcFault;
-    modem.FailIpc(41, IpcFault::kMessage, 0, 1);
-    modem.FailIpc(0, IpcFault::kValue, 0, 1);
-    EXPECT_EQ(mipc_msg_init(41, 16), nullptr);
-    mipc_msg_t* const request = mipc_msg_init(41, 16);
-    EXPECT_NE(mipc_msg_add_tlv(request, 256, 1, "x"), 0);
-    EXPECT_EQ(mipc_msg_add_tlv(request, 256, 1, "x"), 0);
-    mipc_msg_deinit(request);
-
     const std::vector<Value> level = {{256, Word(5)}};
-    modem.FailIpc(43, IpcFault::kCause, 17, 1);
-    modem.FailIpc(43, IpcFault::kResult, 9, 1);
-    EXPECT_EQ(Ask(43, level).cause, 17);
-    EXPECT_EQ(Ask(43, level).result, Word(9));
-    EXPECT_EQ(modem.settings().log_level, 1) << "not carried out";
     modem.FailIpc(43, IpcFault::kSilence, 0, 1);
     const auto asked = std::chrono::steady_clock::now();
-    const Confirmation silent = Ask(43, level, 100);
+    EXPECT_FALSE(Ask(43, level, 100).came);
     EXPECT_GE(std::chrono::steady_clock::now() - asked, 100ms);
-    EXPECT_EQ(silent.cause, 0);
-    EXPECT_FALSE(silent.came);
-    EXPECT_EQ(modem.settings().log_level, 1);
+    EXPECT_EQ(modem.settings().log_level, 1) << "not carried out";
     modem.FailIpc(43, IpcFault::kDelay, 200, 2);
     EXPECT_FALSE(Ask(43, level, 100).came);
     EXPECT_EQ(modem.settings().log_level, 5) << "carried out, but told too late";
     EXPECT_TRUE(Ask(43, level).came);
-
-    modem.FailIpc(45, IpcFault::kNoResult, 0, 1);
-    modem.FailIpc(45, IpcFault::kNoAnswer, 0, 2);
-    modem.FailIpc(45, IpcFault::kAnswer, 77, 1);
-    const Confirmation bare = Ask(45);
-    EXPECT_TRUE(bare.came && !bare.result && !bare.number);
-    EXPECT_TRUE(Ask(41).result && modem.ipc_status().under_way == 0);
-    modem.FailIpc(45, IpcFault::kNoAnswer, 0, 0);
-    modem.FailIpc(45, IpcFault::kAnswer, 77, 1);
-    EXPECT_EQ(Ask(45).number, Word(77));
-    EXPECT_EQ(Ask(45).number, Word(5));
 
     // Others are served meanwhile, and closing ends the one that waits.
     modem.FailIpc(139, IpcFault::kSilence, 0, 1);
@@ -499,10 +322,6 @@ TEST_F(SimIpc, FaultsHitTheMessagesAskedFor) {
     waiting.join();
     EXPECT_EQ(modem.ipc_status().misused, 1u);
     EXPECT_NE(Ask(41).cause, 0);
-    modem.FailIpcInit(4, 1);
-    EXPECT_EQ(mipc_init("port"), 4);
-    EXPECT_EQ(mipc_init("port"), 0);
-    EXPECT_NE(mipc_init("port"), 0) << "open already";
 }
 
 TEST_F(SimIpc, AChangeOfTheLogModeIsToldBeforeItIsConfirmed) {
@@ -541,7 +360,6 @@ TEST_F(SimIpc, TheFlushIntervalHoldsTheStreamBack) {
     const auto held = [&](size_t bytes) {
         return test::WaitUntil([&] { return modem.ipc_status().held_back >= bytes; });
     };
-
     ASSERT_TRUE(held(4000));
     EXPECT_EQ(ReadError(), EAGAIN);
     EXPECT_EQ(Ask(139).number, Word(0));
@@ -559,28 +377,11 @@ TEST_F(SimIpc, TheFlushIntervalHoldsTheStreamBack) {
     EXPECT_EQ(Ask(119, {{256, Word(20)}}).result, Word(0));
     EXPECT_EQ(Ask(119, {{256, Word(60'000)}}).result, Word(0));
     EXPECT_GE(ReadPort(1'000'000).size(), 30'000u);
-
-    // A stream that ends gives what is held back to its reader.
-    ASSERT_TRUE(held(20'000));
-    const uint64_t before = modem.bytes_delivered();
-    std::atomic<bool> ended = false;
-    std::thread reader([&] {
-        while (!ended) {
-            if (mcl_pollLogPort(10) == 1) ReadPort(5000);
-        }
-    });
-    EXPECT_TRUE(modem.SetLogMode(0));
-    const uint64_t after = modem.bytes_delivered();
-    ended = true;
-    reader.join();
-    EXPECT_GE(after - before, 20'000u);
-    EXPECT_EQ(modem.bytes_delivered(), after);
 }
 
 TEST_F(SimIpc, SettingsOutliveTheProcess) {
     std::filesystem::create_directories(kFolder);
     modem.KeepSettings(kFolder);
-    EXPECT_FALSE(modem.status().streaming);
     for (const auto& [id, value] : std::vector<std::pair<int, std::string>>{
              {39, Word(1)}, {119, Word(1234)}, {161, std::string("\0\x80", 2)}}) {
         EXPECT_EQ(Ask(id, {{256, value}}).result, Word(0));
@@ -598,102 +399,27 @@ TEST_F(SimIpc, SettingsOutliveTheProcess) {
     EXPECT_EQ(settings.filter, (std::vector<uint8_t>{0, 0x80}));
 }
 
-// Takes a crash as a daemon does, in two writes.
-int TakeException(void*, MCL_NTFY_CODE code, void* payload) {
-    constexpr uint8_t kSync[40] = {0xac, 0xca, 0xef, 0x10, 0x18, 0,    0,    0,    0x10, 0xa0,
-                                   0,    0,    0xa4, 0x6a, 0xef, 0x10, 0x17, 8,    0,    0,
-                                   0xac, 0xdb, 0xcf, 0xe5, 0x16, 0x10, 0,    0,    0,    0x2e,
-                                   0,    0x2e, 0,    2,    0,    0,    0xbd, 0xdb, 0x5e, 0};
-    if (code == NTFY_MD_EXCEPTION) {
-        EXPECT_FALSE(Modem::Instance().status().streaming);
-        mcl_writeToLogPort("noise", 5);
-        mcl_writeToLogPort(kSync, 13);
-        mcl_writeToLogPort(kSync + 13, 27);
-        mcl_writeToLogPort(kSync, 39);
-    }
-    if (code == NTFY_QUERY_STORAGE_MODE) *static_cast<uint32_t*>(payload) = 1;
-    return 0;
-}
-
-TEST_F(SimIpc, AnExceptionPausesTheStreamAndWaitsForTheHandlers) {
-    modem.RegisterCallback(TakeException, nullptr);
-    modem.SetSource(sim::MakeGeneratedSource(1));
-    modem.StartStream();
-    modem.Exception();
-    EXPECT_EQ(modem.status().sync_blocks, 1u);
-    EXPECT_EQ(modem.status().notified, 2u);
-    EXPECT_TRUE(modem.status().streaming);
-    modem.Raise(NTFY_QUERY_STORAGE_MODE);
-    modem.WaitForNotifications();
-    EXPECT_EQ(modem.status().storage_answer, 1u);
-}
-
 TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     test::WriteFile("/box/with blank", "abc");
+    ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
     const struct {
         std::string line, refusal;  // refusal: a part of it; empty: done
     } kCases[] = {
         {"", ""},
-        {"  # a remark \"", "quotes"},
         {"# a remark", ""},
-        {" source\tgenerated  7 \r", ""},
         {"source replay \"/box/with blank\" 1", ""},
-        {"source replay /box/none", "source: cannot replay /box/none: No such file"},
+        {"source replay /box/pipe", "cannot replay /box/pipe: Invalid argument"},
         {"source replay relative", "absolute path"},
-        {"source replay /box/stream x", "OFFSET is not a number"},
-        {"source generated -1", "SEED is not a number"},
-        {"source generated 18446744073709551615", ""},
+        {" source\tgenerated 18446744073709551615 \r", ""},
         {"source generated 18446744073709551616", "SEED is not a number"},
-        {"source", "use: source generated SEED"},
-        {"source file x", "source: a source is"},
-        {"stream pause", "stream: neither start nor stop: pause"},
         {"rate 64Mi", ""},
-        {"rate 4MB", "rate: RATE is not a number from 0 to 1000000000000: 4MB"},
-        {"rate 1001G", "RATE is not a number"},
-        {"rate", "use: rate BYTES"},
-        {"limit 4096", ""},
-        {"limit 3Gi", "BYTES is not a number"},
-        {"tap /box/none/tap", "tap: cannot write to /box/none/tap: No such file"},
-        {"fail read EAGAIN 3", ""},
-        {"fail read zero 3", ""},
-        {"fail read 71 3", ""},
         {"fail read EWHAT 3", "fail: no error number or name that is known here: EWHAT"},
-        {"fail poll timeout 3", ""},
-        {"fail poll never 3", "neither timeout nor failure: never"},
-        {"fail read 3", "what can fail is"},
-        {"fail open x", "COUNT is not a number"},
-        {"sprinkle 1001", "PER_MILLE is not a number from 0 to 1000"},
-        {"notify 6 0001ff", ""},
-        {"ipc 39 result 5 2", ""},
-        {"ipc any no_result 2", ""},
-        {"ipc any silence -1 x", "COUNT is not a number"},
-        {"ipc 39 result 2", "what can go wrong is"},
-        {"ipc 39 answer x 2", "VALUE is not a whole number: x"},
+        {"notify 6 001", "PAYLOAD is not bytes in hexadecimal: 001"},
         {"ipc init -3 1", ""},
         {"at \"1\\r\\nOK\" 1", ""},
-        {"log_mode 3", "log_mode: neither 0 (off)"},
-        {"watermark 64Ki", ""},
-        {"notify 6 001", "PAYLOAD is not bytes in hexadecimal: 001"},
-        {"notify 6 0g", "PAYLOAD is not bytes in hexadecimal: 0g"},
-        {"uevent add vqmi wwanD0MIPC0 MAJOR=1", ""},
-        {"uevent add vqmi", "uevent: no DEVNAME"},
-        {"uevent noise 2048 7", ""},
-        {"uevent noise x", "BYTES is not a number"},
-        {"md_state ready", "md_state: STATE is not a number"},
-        {"md_state none", ""},
         {"md_state 6", ""},
         {"property ro.test " + std::string(91, 'x'), ""},
         {"property ro.test " + std::string(92, 'x'), "more than 91 bytes"},
-        {"host message 7", ""},
-        {"host send \"up there\"", "host: nobody listens to the host"},
-        {"host hex 0g", "BYTES is not bytes in hexadecimal: 0g"},
-        {"host wave", "a host does connect"},
-        {"log debug", ""},
-        {"log loud", "log: not debug, info, warning or error: loud"},
-        {"state now", "use: state"},
-        {"help", ""},
-        {"help me", "help: no such command: me"},
-        {"reboot", "no such command: reboot"},
         {"stream \"start", "quotes are not closed"},
         {std::string("rate 1\0", 7), "control character"},
         {std::string(sim::kMaxLine, ' '), ""},
@@ -711,8 +437,6 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     const Modem::Status status = Modem::Instance().status();
     EXPECT_EQ(status.source, "generated 18446744073709551615");
     EXPECT_EQ(status.rate, 64u << 20);
-    EXPECT_EQ(status.read_limit, 4096u);
-    EXPECT_EQ(status.notify_queue, 1u);
     EXPECT_EQ(test::ReadFile("/dev/wwan_fsm_state"), "state=6\n");
     EXPECT_EQ(mipc_init("port"), -3);
     EXPECT_EQ(mipc_init("port"), 0);
@@ -732,12 +456,7 @@ TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
     EXPECT_EQ(Send("property a.b c\nproperty a.b\nrate 7\nrate x\nstream start\n"),
               "= ok\nc\n= ok\n= ok\n"
               "= error: rate: RATE is not a number from 0 to 1000000000000: x\n= ok\n");
-    const std::string state = Send("state\n");
-    for (const char* part :
-         {"source: generated 4\n", "rate: 7 bytes/s\n", "stream: started\n", "calls: init 2,",
-          "pid: ", "log mode: 0 (off)\n", "log filter: none\n"}) {
-        EXPECT_NE(state.find(part), std::string::npos) << state;
-    }
+    EXPECT_NE(Send("state\n").find("source: generated 4\n"), std::string::npos);
     EXPECT_EQ(Send(std::string(100'000, 'x')), "= error: line of more than 8192 bytes\n");
     EXPECT_EQ(Send("rate 8"), "") << "a line without its end";
     EXPECT_EQ(Modem::Instance().status().rate, 7u);
