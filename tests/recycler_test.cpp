@@ -174,19 +174,23 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     EXPECT_FALSE(fs::exists(kLogs + Expand("<B>")));
 }
 
-TEST_F(Recycler, LinksToFoldersAreNotFollowed) {
+// A log folder may be kept elsewhere; circles are entered once.
+TEST_F(Recycler, FoldersBehindLinksCountOnce) {
     MakeTree(Expand("<B>t: 0=4"));
-    const std::string outside = Expand("/data/outside/<A>/QRXMDLog_0_2024_0101_000000.muxz");
-    MakeFile(outside, 4096);
-    fs::create_directory_symlink("/data/outside", kLogs + "out");
-    fs::create_directory_symlink(Expand("/data/outside/<A>"), kLogs + Expand("<A>"));
+    const std::string elsewhere = Expand("/data/elsewhere/<A>/QRXMDLog_0_2024_0101_000000.muxz");
+    MakeFile(elsewhere, 4096);
+    fs::create_directory_symlink("/data/elsewhere", kLogs + "own");
+    fs::create_directory_symlink("/data/elsewhere", kLogs + "again");
     // Two ways round in circles are ever so many ways down.
     for (const char* circle : {"here", "there"})
         fs::create_directory_symlink(kLogs, kLogs + circle);
-    config.recycle_size = 3;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: still remain 1024KB not cleared"));
-    EXPECT_TRUE(fs::exists(outside));
+    config.recycle_size = 8;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO,
+                        "LogFileRecycler: total log file size=8MB, skip recycle (recycle=8MB)"));
+    config.recycle_size = 4;
+    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_FALSE(fs::exists(elsewhere));
 }
 
 TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {

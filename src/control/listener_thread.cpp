@@ -1,5 +1,6 @@
 #include "control/listener_thread.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -9,6 +10,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kEndedPoll(2);
 constexpr int kPollsPerInterrupt = 50;
+constexpr std::chrono::microseconds kTurnInterval(200);
+constexpr int kTurnBurst = 100;
 
 }  // namespace
 
@@ -37,6 +40,13 @@ int ListenerThread::Join() {
     }
     exists = false;
     return pthread_join(thread, nullptr);
+}
+
+void Pace::AwaitTurn() {
+    const auto now = std::chrono::steady_clock::now();
+    used_up_to = std::max(used_up_to, now - kTurnBurst * kTurnInterval);
+    std::this_thread::sleep_until(used_up_to);
+    used_up_to += kTurnInterval;
 }
 
 }  // namespace quarn::zorvex

@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 
 namespace quarn::zorvex {
 
@@ -51,6 +52,16 @@ class ListenerThread {
     Body body = nullptr;
     std::atomic<bool> ended{false};
     std::atomic<bool> waits{false};
+};
+
+// Clients that ask without pause must not take the processor from the capture: each turn uses up an
+// interval, and when a burst is used up the next one waits. For one thread.
+class Pace {
+  public:
+    void AwaitTurn();
+
+  private:
+    std::chrono::steady_clock::time_point used_up_to;
 };
 
 }  // namespace quarn::zorvex

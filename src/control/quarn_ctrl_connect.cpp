@@ -34,9 +34,6 @@ constexpr std::chrono::milliseconds kIdlePause(100);
 constexpr std::chrono::seconds kAcceptFailPause(1);
 
 constexpr int kPieceTimeoutMs = 1000;
-// Requests are served at once unless more of them come than this, the burst aside.
-constexpr std::chrono::microseconds kRequestInterval(200);
-constexpr int kRequestBurst = 100;
 constexpr int kPieceSize = 128;
 
 struct Client {
@@ -50,6 +47,7 @@ std::atomic<bool> stopping{false};  // ends the wait for the rest of a request
 quarn_ctrl_callback handle_request = nullptr;
 int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
+quarn::zorvex::Pace pace;  // of requests and of new clients, in the listener thread
 
 // Guards changes of the slots. Only the listener thread changes them while it runs, so it reads
 // them without.
@@ -107,6 +105,7 @@ void add_client(int fd, const sockaddr_un& addr) {
 
 // False when nobody could be accepted.
 bool accept_client() {
+    pace.AwaitTurn();
     QUARN_LOGI("ctrl_connect: begin to accept from listen_fd=%d", listen_fd);
     sockaddr_un addr = {};
     socklen_t length = sizeof(addr);
@@ -125,18 +124,8 @@ bool accept_client() {
     return true;
 }
 
-// Clients that ask without pause must not take the processor from the capture: each request uses up
-// an interval, and when the burst is used up the next one waits. Only the listener thread calls it.
-void await_turn() {
-    using Clock = std::chrono::steady_clock;
-    static Clock::time_point used_up_to;
-    used_up_to = std::max(used_up_to, Clock::now() - kRequestBurst * kRequestInterval);
-    std::this_thread::sleep_until(used_up_to);
-    used_up_to += kRequestInterval;
-}
-
 void serve_client(Client& client) {
-    await_turn();
+    pace.AwaitTurn();
     const int fd = client.fd;
     QUARN_LOGI("ctrl_connect: handle fd=%d msg", fd);
     if (handle_request(fd) >= 0) return;

@@ -48,6 +48,7 @@ std::mutex lifecycle_mutex;
 std::atomic<int> running{0};
 int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
+quarn::zorvex::Pace pace;  // of new subscribers, in the listener thread
 
 std::mutex subscriber_mutex;  // guards the slots
 std::array<Subscriber, kMaxSubscribers> subscribers;
@@ -132,6 +133,7 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
 }
 
 void accept_subscriber() {
+    pace.AwaitTurn();
     QUARN_LOGI("quarn_stateNotify: begin to accept from listen_fd=%d", listen_fd);
     sockaddr_un addr = {};
     socklen_t length = sizeof(addr);

@@ -30,12 +30,6 @@ std::string LastComponent(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// A link to a folder leads out of the tree, or back into it and round in circles.
-bool IsLink(const std::string& path) {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
-
 // Calls `visit` with the name and status of each entry that can be examined, under `function`'s
 // name in the messages; false when the folder cannot be opened.
 bool ForEachEntry(const std::string& path, const char* function,
@@ -76,6 +70,8 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config) {
 
     folder_list.clear();
     total_kb = 0;
+    entered.clear();
+    if (struct stat status; stat(root.c_str(), &status) == 0) Enter(status);
     if (!TraverseAndBuildFolderList(root)) {
         QUARN_LOGE("LogFileRecycler: failed to traverse, skip recycle");
         return -1;
@@ -115,6 +111,10 @@ void LogFileRecycler::BuildLogFolderHistoryIndex() {
     }
 }
 
+bool LogFileRecycler::Enter(const struct stat& folder) {
+    return entered.emplace(folder.st_dev, folder.st_ino).second;
+}
+
 bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path, int depth) {
     return ForEachEntry(
         path, "TraverseAndBuildFolderList",
@@ -127,7 +127,7 @@ bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path, int de
                     QUARN_LOGW("%s: Unexpected file in log folder %s", "TraverseAndBuildFolderList",
                                (path + "/" + name).c_str());
                 }
-            } else if (S_ISDIR(status.st_mode) && depth < kMaxDepth && !IsLink(path + "/" + name)) {
+            } else if (S_ISDIR(status.st_mode) && depth < kMaxDepth && Enter(status)) {
                 LogFolderInfo info;
                 if (IsLogFolderName(name) && GetLogFolderInfo(path, name, info)) {
                     folder_list.push_back(std::move(info));

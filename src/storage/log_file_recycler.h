@@ -1,9 +1,13 @@
 // The recycler: keeps the log tree within its size, oldest captures first.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "storage/log_names.h"
@@ -47,6 +51,8 @@ class LogFileRecycler {
     void BuildLogFolderHistoryIndex();
     // Links to folders are not followed; `depth` is that of `path` below the root.
     bool TraverseAndBuildFolderList(const std::string& path, int depth = 0);
+    // Whether the traversal comes to this folder for the first time.
+    bool Enter(const struct stat& folder);
     static bool IsLogFolderName(const std::string& name);
     static bool IsLogFileName(const std::string& name);
     bool GetLogFolderInfo(const std::string& parent_path, const std::string& name,
@@ -70,6 +76,7 @@ class LogFileRecycler {
     const std::string root{"/data/vendor/radio/quarn/logs/"};
     int64_t total_kb = 0;
     std::vector<LogFolderInfo> folder_list;
+    std::set<std::pair<dev_t, ino_t>> entered;  // a link may lead to a folder again
     int64_t recycle_kb = 0;
     int64_t keep_ee_kb = 0;
     int32_t clear_ee = 0;

@@ -38,7 +38,7 @@ constexpr auto kOpenPause = std::chrono::seconds(1);
 constexpr int kBytesPerMbShift = 20;
 constexpr int kMaxFileSizeMb = 4095;
 constexpr unsigned int kMaxRecycleSizeMb = 4194303;
-// Entries of the top log folder beyond which clients get no more folders made in it.
+// Entries of the top log folder, captures apart, from which on clients get no more folders made.
 constexpr int kMaxLogFolders = 4096;
 
 std::string local_time_text(time_t time) {
@@ -118,9 +118,11 @@ class OpenFolder {
 
 bool is_full(const std::string& path) {
     OpenFolder folder(path);
-    int entries = 0;
-    while (entries < kMaxLogFolders && folder.next() != nullptr) ++entries;
-    return entries == kMaxLogFolders;
+    int others = 0;  // than captures, which are made without asking
+    while (const char* const name = folder.next()) {
+        if (!quarn::log_names::ParseFolder(name)) ++others;
+    }
+    return others >= kMaxLogFolders;
 }
 
 // The number between the first and the second "_" of a folder's name.
@@ -516,6 +518,7 @@ void QUARN_FILE_IO::drop_blocks_within(size_t size) {
         if (end > limit) break;
         dropped = static_cast<uint32_t>(end);
     }
+    quarn::zorvex::PowerOnLogWrite(compress_buf.data(), dropped, false);
     compress_used -= dropped;
     memmove(compress_buf.data(), compress_buf.data() + dropped, compress_used);
 }
