@@ -150,12 +150,6 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
         PowerOnLogStop();
     }
     PowerOnLogInit();
-    g_quarn.transfer_type = SAVE_MODE_USB;
-    PowerOnLogStart();
-    g_quarn.transfer_type = SAVE_MODE_STORAGE;
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
-                        "PowerOnLogStart: Error starting power-on log: transfer type 0 should be "
-                        "storage"));
     test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
     PowerOnLogStart();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +
@@ -345,7 +339,8 @@ TEST_F(PowerOn, ReadsTheFilterSettingFromTheFirstLine) {
         int value = 99;
         EXPECT_EQ(GetPowerOnLogFilterEnableNvramCfg(value), expected != -1);
         EXPECT_EQ(value, expected);
-        EXPECT_EQ(log.Count("Power-on log: Convert power-on log filter enable " + told),
+        EXPECT_EQ(log.Count("Power-on log: Convert power-on log filter enable " +
+                            (told.empty() ? "..." : told)),
                   told.empty() ? 0u : 1u);
     }
     EXPECT_TRUE(SetPowerOnLogFilterEnableNvramCfg(-12));
