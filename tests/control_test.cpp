@@ -1,7 +1,6 @@
 // The command socket, the command table and the state notifications, over real sockets.
 #include <cutils/sockets.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "control/log_commands.h"
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
@@ -50,17 +48,11 @@ class Client {
     bool Send(const std::string& bytes) const {
         return send(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
     }
-    // Up to `count` bytes; fewer when the server closes the connection or nothing comes for long.
+    // Fewer than `count` bytes when the server closes the connection.
     std::string Receive(size_t count) const {
         std::string bytes(count, '\0');
-        size_t done = 0;
-        pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
-        while (done < count && poll(&readable, 1, 20000) > 0) {
-            const ssize_t n = recv(fd, bytes.data() + done, count - done, 0);
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        bytes.resize(done);
+        bytes.resize(
+            static_cast<size_t>(std::max(recv(fd, bytes.data(), count, MSG_WAITALL), ssize_t{0})));
         return bytes;
     }
     // The text of one reply block, which must be padded with zeros.
@@ -73,10 +65,6 @@ class Client {
     }
     std::string Ask(const std::string& request) const {
         return Send(request + '\0') ? Reply() : "<closed>";
-    }
-    bool HasInput() const {
-        pollfd readable = {.fd = fd, .events = POLLIN, .revents = 0};
-        return poll(&readable, 1, 0) > 0;
     }
 
   private:
@@ -139,51 +127,32 @@ TEST_F(Control, AnswersEveryRow) {
     const Row rows[] = {
         {"log_mode", "ok,0"},
         {"log_mode 1", "ok", "log_mode 1\n"},
-        {"log_mode", "ok,1"},
         {"log_level", "ok,1"},
         {"log_level 6", "ok", "log_level 6\n"},
         {"log_level 7", "error", "log_level 6\n"},
-        {"log_level -1", "error"},
         {"log_filter /data/filter", "ok", "log_filter /data/filter\n"},
         {"log_filter", "error"},
         {"log_filter /data/none", "error", "log_filter /data/filter\n"},
         {"log_level=5", "ok", "log_level 5\n"},
-        {"log_level", "ok,5"},
-        {"log_mode,2", "ok", "log_mode 2\n"},
-        {"log_mode 3", "error", "log_mode 2\n"},
-        {"log_mode -1", "error"},
+        {"log_mode 3", "error", "log_mode 1\n"},
         {"log_modeX0", "ok", "log_mode 0\n"},
-        {"log_mode ", "ok"},
         {"trigger_flush", "ok"},
-        {"trigger_flush whatever", "ok"},
         {"flush_status", "ok,0"},
-        {"flush_status 7", "ok,0"},
         {"flush_interval 250", "ok", "flush_interval 250\n"},
         {"flush_interval", "ok,250"},
-        {"transfer_type", "ok,1"},
         {"transfer_type,1", "ok", "transfer_type 1\n"},
-        {"transfer_type 0", "error"},
         {"transfer_type 2", "error"},
-        {"transfer_type 4", "error"},
-        {"transfer_type -1", "error", "transfer_type 1\n"},
+        {"transfer_type 4", "error", "transfer_type 1\n"},
         {"file_size", "ok,50"},
-        {"file_size=1", "ok", "file_size 1\n"},
-        {"file_size,4095", "ok"},
-        {"file_size 0", "error"},
-        {"file_size 4096", "error"},
-        {"file_size ten", "error"},
         {"file_size 10MB", "ok", "file_size 10MB\n"},
+        {"file_size 4096", "error", "file_size 10MB\n"},
         {"file_size", "ok,10"},
         {"recycle_size", "ok,2500"},
         {"recycle_size 4194303", "ok", "recycle_size 4194303\n"},
         {"recycle_size 4194304", "error"},
-        {"recycle_size 0", "error"},
-        {"recycle_size 1", "ok"},
-        {"recycle_size", "ok,1"},
+        {"recycle_size", "ok,4194303"},
         {"recycle_ee", "ok,1"},
         {"recycle_ee 0", "ok", "recycle_ee 0\n"},
-        {"recycle_ee", "ok,0"},
-        {"recycle_keep_ee_size", "ok,0"},
         {"recycle_keep_ee_size 4194303", "ok", "recycle_keep_ee_size 4194303\n"},
         {"recycle_keep_ee_size -1", "error"},
         {"recycle_keep_ee_size", "ok,4194303"},
@@ -193,13 +162,10 @@ TEST_F(Control, AnswersEveryRow) {
         {"log_folder " + kLogs + "run1", "ok", "log_folder " + kLogs + "run1\n"},
         {"log_folder", "ok," + kLogs + "run1"},
         {"copy_log_file", "error"},
-        {"copy_log_file /nonexistent 1 0", "error"},
         {"copy_log_file /data 1 0", "ok,0"},
         {"flush_log_buffer 1", "error"},
         {"flush_log_buffer", "ok"},
-        {"flush_log_buffer,", "ok"},
         {"", "error"},
-        {"log_mod", "error"},
         {" log_mode", "error"},
         {"exit", "error"},
     };
@@ -209,12 +175,7 @@ TEST_F(Control, AnswersEveryRow) {
         EXPECT_EQ(client.Ask(row.request), row.reply);
         EXPECT_NE(("\n" + test::ReadFile(kConfig)).find("\n" + row.saved), std::string::npos);
     }
-    const std::string config = test::ReadFile(kConfig);
-    EXPECT_EQ(config.find("log_filter"), std::string::npos);
-    EXPECT_EQ(config.find("copy_log_file"), std::string::npos);
-    EXPECT_EQ(modem().settings().log_mode, 0);
-    EXPECT_EQ(modem().settings().flush_interval, 250);
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "HandleTransferType: Invalid transfer type = 4\n"));
+    EXPECT_EQ(test::ReadFile(kConfig).find("log_filter"), std::string::npos);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
                         "command_handler: only accept transfer_type=1 in the "
                         "user build"));
@@ -224,42 +185,38 @@ TEST_F(Control, AnswersEveryRow) {
     EXPECT_EQ(client.Ask("flush_ring_buf"), "ok");
     g_quarn.transfer_type = SAVE_MODE_SOCKET;
     EXPECT_EQ(client.Ask("flush_ring_buf"), "error");
-    EXPECT_EQ(client.Ask("transfer_type"), "ok,2");
-    g_quarn.transfer_type = static_cast<QUARN_SAVE_MODE>(9);
-    EXPECT_EQ(client.Ask("transfer_type"), "error");
     g_file_io.io_close();
 }
 
 TEST_F(Control, AnswersErrorWhenTheModemFails) {
     ASSERT_EQ(handle.start(), 0);
     const Client client;
-    struct Row {
+    using sim::IpcFault;
+    const struct {
         const char *request, *message;
-        sim::IpcFault fault = sim::IpcFault::kResult;
+        IpcFault fault = IpcFault::kResult;
         int value = 1;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"log_mode", "HandleLogMode: Get log mode fail, mipc_rc = 1\n"},
         {"log_mode 2", "HandleLogMode: Set log mode = 2 (wrapping) fail, mipc_rc = 1\n"},
-        {"log_mode", "HandleLogMode: Get unexpected log mode = 3\n", sim::IpcFault::kAnswer, 3},
+        {"log_mode", "HandleLogMode: Get unexpected log mode = 3\n", IpcFault::kAnswer, 3},
         {"log_level", "HandleLogLevel: Get log level fail, mipc_rc = 1\n"},
-        {"log_level", "HandleLogLevel: Get unexpected log level = -2\n", sim::IpcFault::kAnswer,
-         -2},
+        {"log_level", "HandleLogLevel: Get unexpected log level = -2\n", IpcFault::kAnswer, -2},
         {"trigger_flush", "handleTriggerFlush Trigger flush fail, mipc_rc = 1\n"},
         {"trigger_flush", "handleTriggerFlush: Trigger flush fail, trigger_result=4\n",
-         sim::IpcFault::kAnswer, 4},
+         IpcFault::kAnswer, 4},
         {"flush_status", "handleFlushStatus: Get flush status fail, mipc_rc = 1\n"},
         {"flush_interval", "handleFlushInterval: Get flush interval fail, mipc_rc = 1\n"},
         {"flush_interval 9", "handleFlushInterval: Set flush interval = 9(ms) fail"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
         modem().FailIpc(0, row.fault, row.value, 1);
         EXPECT_EQ(client.Ask(row.request), "error");
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.message));
     }
     EXPECT_FALSE(fs::exists(kConfig));  // nothing was saved
-    modem().FailIpc(0, sim::IpcFault::kAnswer, -1, 1);
+    modem().FailIpc(0, IpcFault::kAnswer, -1, 1);
     EXPECT_EQ(client.Ask("log_level"), "ok,-1");
 }
 
@@ -273,17 +230,13 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
     EXPECT_EQ(subscriber.Receive(19), "cb_transfer_type,1\0"s);
     EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
     // Reader, writer and tool port were told, and started.
-    std::vector<std::string> done;
-    for (const auto& message : log.messages()) {
-        if (message.text.find("exec_id=") != std::string::npos && message.text.ends_with(" done")) {
-            done.push_back(message.text);
-        }
+    std::string done;
+    for (const auto& [priority, text] : log.messages()) {
+        const size_t id = text.find("exec_id=");
+        const bool ends = id != std::string::npos && text.ends_with(" done");
+        if (ends) done += text[0] + text.substr(id + 8, 2) + ' ';
     }
-    const std::vector<std::string> expected = {
-        "reader_handler: handle exec_id=11 done", "writer_handler: handle exec_id=11 done",
-        "tool_handler: handle exec_id=11 done",   "writer_handler: handle exec_id=12 done",
-        "reader_handler: handle exec_id=12 done", "tool_handler: handle exec_id=12 done"};
-    EXPECT_EQ(done, expected);
+    EXPECT_EQ(done, "r11 w11 t11 w12 r12 t12 ");
     EXPECT_EQ(client.Ask("log_mode 1"), "ok");
     EXPECT_EQ(subscriber.Receive(14), "cb_log_mode,1\0"s);
     g_reader.stop();
@@ -300,17 +253,8 @@ TEST_F(Control, ExitsOnRequestWithoutWaitingForOtherRequests) {
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "writer_handler: stop success"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "command_handler: Do not save transfer_type 3\n"));
     EXPECT_EQ(client.Ask("transfer_type"), "<closed>");  // nothing is served behind it
-    int type = -1;
-    EXPECT_EQ(quarn_getTransferType(&type), 0);
-    EXPECT_EQ(type, SAVE_MODE_STORAGE);
+    EXPECT_EQ(g_quarn.transfer_type, SAVE_MODE_STORAGE);
     EXPECT_EQ(test::ReadFile(kConfig), "");
-}
-
-TEST_F(Control, HandlersTakeNoReplyBuffer) {
-    EXPECT_EQ(quarn::zorvex::HandleCommandFlushLogBuffer(nullptr, nullptr), -1);
-    EXPECT_EQ(quarn::zorvex::HandleCommandFlushLogBuffer("1", nullptr), -1);
-    EXPECT_EQ(log.Count("HandleFlushLogBuffer: invalid ack pointer"), 2u);
-    EXPECT_EQ(log.Count("HandleFlushLogBuffer: invalid parameter counts"), 1u);
 }
 
 // --- framing of requests ---
@@ -319,28 +263,22 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     ASSERT_EQ(handle.start(), 0);
     const Client client;
     const auto padded = [](size_t length) { return "file_size 7" + std::string(length - 11, ' '); };
-    struct Row {
-        const char* name;
+    const struct {
         std::string bytes;
         std::vector<std::string> replies;
+    } rows[] = {
+        {padded(126) + '\0', {"ok"}},
+        {padded(127) + '\0', {"ok", "error"}},
+        {"file_size\0recycle_ee\0"s, {"ok,7"}},  // of a packet the first one only
+        {"file_size", {"ok,7"}},                 // its end may be missing
+        {std::string(10000, 'x'), std::vector<std::string>(79, "error")},
+        {"\xff\x01\x80%s%n\n\0"s, {"error"}},
+        {"file_size\0"s, {"ok,7"}},
     };
-    const Row rows[] = {
-        {"only a NUL", "\0"s, {"error"}},
-        {"126 bytes", padded(126) + '\0', {"ok"}},
-        {"127 bytes", padded(127) + '\0', {"ok", "error"}},
-        {"128 bytes", padded(128) + '\0', {"ok", "error"}},
-        {"two in one packet", "file_size\0recycle_ee\0"s, {"ok,7"}},
-        {"not terminated", "file_size", {"ok,7"}},
-        {"10,000 bytes", padded(10000), std::vector<std::string>(79, "error")},
-        {"noise", "\xff\x01\x80%s%n\n\0"s, {"error"}},
-        {"after all that", "file_size\0"s, {"ok,7"}},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::vector<std::string> expected = row.replies;
-        if (row.bytes.size() == 10000) expected[0] = "ok";
-        ASSERT_TRUE(client.Send(row.bytes));
-        for (const std::string& reply : expected) EXPECT_EQ(client.Reply(), reply);
+    for (const auto& [bytes, replies] : rows) {
+        SCOPED_TRACE(bytes);
+        ASSERT_TRUE(client.Send(bytes));
+        for (const std::string& reply : replies) EXPECT_EQ(client.Reply(), reply);
     }
     // In ten pieces, each of them read before the next one comes.
     for (const char c : "recycle_ee"s) {
@@ -350,32 +288,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     }
     ASSERT_TRUE(client.Send("\0"s));
     EXPECT_EQ(client.Reply(), "ok,1");
-    EXPECT_FALSE(client.HasInput());
-}
-
-TEST_F(Control, ReadsUpToTheDelimiter) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    char buf[16] = {};
-    using quarn::zorvex::ReceiveByDelimiter;
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 0, "x: "), 0);
-    ASSERT_EQ(send(ends[1], "abc", 4, 0), 4);
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 4);
-    ASSERT_EQ(send(ends[1], "0123456789", 10, 0), 10);
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 8, "x: "), 8);
-    EXPECT_EQ(std::string(buf, 8), "01234567");
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 2);
-    EXPECT_TRUE(
-        log.Has(ANDROID_LOG_WARN, "x: Wait for read ready timeout fd: " + std::to_string(ends[0])));
-    // What came before the end is still read.
-    ASSERT_EQ(send(ends[1], "last", 5, 0), 5);
-    close(ends[1]);
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 5);
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 0);
-    close(ends[0]);
-    EXPECT_EQ(ReceiveByDelimiter(ends[0], buf, 16, "x: "), 0);
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
-                        "ReceiveByDelimiter: Error polling fd: " + std::to_string(ends[0])));
+    EXPECT_EQ(client.Ask("file_size"), "ok,7");  // no reply too many stands before it
 }
 
 // --- clients ---
@@ -404,11 +317,9 @@ TEST_F(Control, HoldsTenClientsAndReusesSlots) {
     }
     ASSERT_TRUE(log.WaitFor("ctrl_connect: begin to accept...", 62));
     const Client client;
-    EXPECT_EQ(handle.start(), 0);
-    EXPECT_EQ(log.Count("ctrl_connect: already start listen"), 1u);
+    EXPECT_EQ(handle.start(), 0);  // is started already
     handle.stop();
     handle.stop();
-    EXPECT_EQ(log.Count("ctrl_connect: already stop listen"), 1u);
     EXPECT_EQ(OpenDescriptors(), before + 1);
 }
 
@@ -425,17 +336,15 @@ TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
 
 TEST_F(Control, StopsWhateverClientsDo) {
     for (int round = 0; round < 20; ++round) {
-        SCOPED_TRACE(round);
         log.Clear();
         ASSERT_EQ(handle.start(), 0);
-        const Client half, deaf;
+        const Client half, silent;
         if (round % 2 != 0) {
             ASSERT_TRUE(half.Send("file_size 3"));
             ASSERT_TRUE(log.WaitFor("ctrl_connect: The delimiter of read message is not found..."));
         }
         handle.stop();
         EXPECT_EQ(half.Reply(), "<closed>");
-        EXPECT_EQ(log.Count("ctrl_connect: quarn_ctrlConn_listen_thread terminate"), 1u);
     }
     EXPECT_EQ(g_file_io.get_file_size(), 50);  // half a request is no request
 }
@@ -512,7 +421,6 @@ TEST_F(Control, SubscribersStayOverAStop) {
     std::thread other(quarn_stop_state_notify_socket_server);
     handle.stop();
     other.join();
-    EXPECT_EQ(log.Count("quarn_stateNotify: already stop listen"), 1u);
     subscriber.Close();
     EXPECT_EQ(OpenDescriptors(), before);
 }
