@@ -273,9 +273,7 @@ TEST_F(Servers, FailToStartWithoutSocketOrThreadAndStartLater) {
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.message));
         EXPECT_EQ(log.Count("command_handle: start listen ctrl command fail, rc=-1"), 1u);
         // Without its thread the server is not serving, but started.
-        if (row.fault.call == Call::kThread) {
-            EXPECT_EQ(handle.start(), 0);
-        }
+        EXPECT_EQ(row.fault.call == Call::kThread ? handle.start() : 0, 0);
         handle.stop();
         EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
         EXPECT_EQ(handle.start(), 0);

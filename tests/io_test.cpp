@@ -139,7 +139,6 @@ TEST(SocketIo, ConnectsAndDisconnects) {
 
     channel.wait_connect();
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "socket_io: accept_fd=" + fd + " already connect"));
-    EXPECT_EQ(channel.connect(), -1);  // no wait goes on
     channel.disconnect();
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "socket_io: disconnect accept_fd=" + fd + ", rc=0"));
     EXPECT_EQ(read(host, got, sizeof(got)), 0);
@@ -152,36 +151,28 @@ TEST(SocketIo, ConnectsAndDisconnects) {
 // The waits last as long as one look at the socket, so they run side by side.
 TEST(SocketIo, GivesUpWaiting) {
     test::LogCapture log;
-    SocketChannel not_open, stopped, closed_later, not_listening;
+    SocketChannel not_open, stopped, closed_later;
     not_open.wait_connect();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "socket_io: server_socket is not open"));
     stopped.Listen();
     closed_later.Listen();
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    EXPECT_EQ(write(pair[1], "x", 1), 1);
-    not_listening.server_socket = pair[0];
     std::atomic<int> ended{0};
     std::vector<std::thread> waiters;
-    for (SocketChannel* channel : {&stopped, &closed_later, &not_listening}) {
+    for (SocketChannel* channel : {&stopped, &closed_later}) {
         waiters.emplace_back([channel, &ended] {
             channel->wait_connect();
             ++ended;
         });
     }
-    const std::string fd = std::to_string(pair[0]);
-    EXPECT_TRUE(
-        log.WaitFor("socket_io: server_socket=" + fd + " accept fail, errno=Invalid argument"));
+    std::this_thread::sleep_for(milliseconds(20));  // into the waits
     closed_later.is_closed = true;
-    not_listening.is_closed = true;
     // A stop counts only for a wait that has begun.
     EXPECT_TRUE(test::WaitUntil([&] {
         stopped.stop_wait_connect();
-        return ended == 3;
+        return ended == 2;
     }));
     for (std::thread& waiter : waiters) waiter.join();
     EXPECT_FALSE(stopped.is_connected());
-    close(pair[1]);
 }
 
 }  // namespace

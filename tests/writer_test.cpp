@@ -3,10 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
-#include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,11 +28,10 @@ constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
 // A channel that keeps what it takes and answers the first calls as it was told to.
 template <class Base>
 struct Channel : Base {
-    int io_open() override { return ++opens, 0; }
-    int io_close() override { return ++closes, 0; }
+    int io_open() override { return 0; }
+    int io_close() override { return 0; }
     int io_write(const void* buf, int len) override {
         if (instead) return instead();
-        std::lock_guard lock(mutex);
         lengths.push_back(len);
         int taken = len;
         if (!answers.empty()) {
@@ -43,16 +43,13 @@ struct Channel : Base {
     }
 
     std::function<int()> instead;
-    std::mutex mutex;
     std::vector<int> answers;
     std::vector<int> lengths;
     std::string bytes;
-    std::atomic<int> opens{0}, closes{0};
 };
 
 struct UsbChannel : Channel<QUARN_USB_IO> {
     using QUARN_USB_IO::is_paused;
-    using QUARN_USB_IO::write_count;
 };
 struct SocketChannel : Channel<QUARN_SOCKET_IO> {
     using QUARN_SOCKET_IO::server_socket;
@@ -125,43 +122,24 @@ TEST_F(Writer, DrainsWhateverTheChannelTakes) {
         EXPECT_EQ(channel.lengths, row.lengths);
         EXPECT_EQ(channel.bytes, bytes);
         EXPECT_EQ(g_quarn.write_bytes, bytes.size());
-        EXPECT_EQ(channel.opens, 0);
-        EXPECT_EQ(channel.closes, 0);
     }
 }
 
-TEST_F(Writer, WaitsForTheRingToDrain) {
-    QUARN_RING full(1024), drained(1024);
-    Put(full, test::StreamBytes(1000));
-    Put(drained, test::StreamBytes(1000));
-    UsbChannel idle_host;
-    SocketChannel no_host, host;
-    host.fd = 1000;
-    struct Row {
-        QUARN_RING& ring;
-        QUARN_IO* channel;
-        unsigned int limit_ms;
-        int least_ms;
-    };
-    constexpr unsigned int kNeverMs = 24 * 3600 * 1000;
-    const Row rows[] = {
-        {full, nullptr, 500, 2000},
-        {full, &idle_host, kNeverMs, 1500},
-        {full, &no_host, kNeverMs, 1500},
-        {drained, &host, kNeverMs, 1500},
-    };
-    std::vector<std::thread> waits;
-    for (const Row& row : rows) {
-        waits.emplace_back([&row] {
-            TestWriter writer(&row.ring, row.channel);
-            const auto begin = steady_clock::now();
-            writer.wait_buffer_clean(row.limit_ms);
-            EXPECT_GE(steady_clock::now() - begin, milliseconds(row.least_ms)) << row.limit_ms;
-        });
-    }
-    std::this_thread::sleep_for(milliseconds(1600));  // into the steps
-    drained.reset();
-    for (std::thread& wait : waits) wait.join();
+TEST_F(Writer, WaitsForTheRingToDrainWithinItsLimit) {
+    QUARN_RING ring(1024);
+    TestWriter writer(&ring);
+    Put(ring, test::StreamBytes(1000));
+    const auto begin = steady_clock::now();
+    writer.wait_buffer_clean(500);
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(2000));
+    EXPECT_NE(ring.current_size(), 0u);
+    std::thread drain([&] {
+        std::this_thread::sleep_for(milliseconds(1600));  // into the steps
+        ring.reset();
+    });
+    writer.wait_buffer_clean(24 * 3600 * 1000);
+    EXPECT_EQ(ring.current_size(), 0u);
+    drain.join();
 }
 
 // --- the thread ---
@@ -170,6 +148,12 @@ TEST_F(Writer, StartsAndStopsOnce) {
     QUARN_RING ring(1024);
     UsbChannel channel;
     TestWriter writer(&ring, &channel);
+    {
+        test::NoNewThreads limit;
+        EXPECT_EQ(writer.start(), 1);
+    }
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "writer_handler: create thread fail, errno=..."));
+    EXPECT_TRUE(channel.is_paused);
     EXPECT_EQ(writer.stop(), 0);
     for (int round = 1; round <= 2; ++round) {
         EXPECT_EQ(writer.start(), 0);
@@ -187,30 +171,6 @@ TEST_F(Writer, StartsAndStopsOnce) {
     EXPECT_EQ(log.Count("writer_handler: quarn_writer_thread start"),
               log.Count("writer_handler: quarn_writer_thread terminate"));
     writer.start();  // and is destroyed while it runs
-}
-
-TEST_F(Writer, SurvivesAThreadThatEndedOrNeverBegan) {
-    QUARN_RING ring(1024);
-    UsbChannel channel;
-    TestWriter writer(&ring, &channel);
-    {
-        test::NoNewThreads limit;
-        EXPECT_EQ(writer.start(), 1);
-    }
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "writer_handler: create thread fail, errno=..."));
-    EXPECT_TRUE(channel.is_paused);
-    EXPECT_EQ(writer.stop(), 0);
-    EXPECT_EQ(log.Count("writer_handler: already stop"), 1u);
-    EXPECT_EQ(writer.start(), 0);
-    EXPECT_EQ(log.Count("writer_handler: start success"), 1u);
-
-    TestWriter no_ring(nullptr);
-    for (size_t round = 1; round <= 2; ++round) {
-        EXPECT_TRUE(test::WaitUntil([&] {
-            no_ring.start();
-            return log.Count("writer_handler: cur_used_buf is NULL") >= round;
-        }));
-    }
 }
 
 // Stops a writer whose channel hangs in a write. The request to stop comes before `hang` begins.
@@ -259,16 +219,15 @@ TEST_F(Writer, MakesWayForTheHostTool) {
     QUARN_RING ring(1024);
     UsbChannel channel;
     TestWriter writer(&ring, &channel);
-    const auto started = [&] { return log.Count("writer_handler: start success"); };
-    const auto stopped = [&] { return log.Count("writer_handler: stop success"); };
     writer.exec(EXEC_TOOL_CONNECTED, nullptr);
     writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
-    EXPECT_EQ(log.Count("writer_handler: already stop") + started(), 0u);
+    EXPECT_EQ(log.Count("writer_handler: already stop"), 0u);
+    EXPECT_EQ(log.Count("writer_handler: start success"), 0u);
     writer.exec(EXEC_START, nullptr);
     writer.exec(EXEC_TOOL_CONNECTED, nullptr);
-    EXPECT_EQ(stopped(), 1u);
+    EXPECT_EQ(log.Count("writer_handler: stop success"), 1u);
     writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
-    EXPECT_EQ(started(), 2u);
+    EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
 }
 
 TEST_F(Writer, SwitchesTheChannel) {
