@@ -91,6 +91,10 @@ TEST_F(Road, AFullDiskLosesNothingThatTheReaderTook) {
     ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);
     Finish(bytes.size());
     EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
+    // No file without its header was left behind either.
+    for (const auto& entry : fs::recursive_directory_iterator(kLogs)) {
+        EXPECT_TRUE(entry.is_directory() || entry.file_size() > 260) << entry.path();
+    }
 }
 
 // A budget of 3 MB for some 15 MB of files, of captures with and without an exception.

@@ -37,6 +37,9 @@ class LogCapture {
 bool WaitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
+// Lets the signal that stops a thread get it out of a call, as the daemon does.
+void HandleStopSignal();
+
 std::string ReadFile(const std::filesystem::path& path);                    // "" when there is none
 void WriteFile(const std::filesystem::path& path, std::string_view bytes);  // makes its folders
 // Names in a folder, sorted; none when it cannot be read.

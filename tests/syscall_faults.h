@@ -19,9 +19,7 @@ enum class Call {
     kMakeFolder,
     kRename,  // `where` is the old name
     kRemoveFile,
-    kRemoveFolder,
     kSocket,
-    kBind,
     kListen,
     kAccept,
     kThread,
@@ -31,8 +29,8 @@ struct Fault {
     Call call;
     int error = 0;           // errno; 0: a write is made, but takes no more than `limit` bytes
     const char* where = "";  // in the path, or in the name that the socket is bound to
-    int after = 0;           // calls that still go well
-    int count = INT_MAX;     // calls that fail then
+    int count = INT_MAX;     // calls that fail
+    int after = 0;           // calls that still go well before
     size_t limit = 0;
 };
 
@@ -47,8 +45,8 @@ class FailCalls {
 
     int failed() const;  // calls so far
 
-  private:
     const Fault fault;
+    int seen = 0;  // calls that fit
 };
 
 }  // namespace test
