@@ -20,6 +20,7 @@
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "storage/folder_history.h"
+#include "storage/power_on_log.h"
 #include "support.h"
 #include "syscall_faults.h"
 
@@ -166,14 +167,15 @@ using RoadLoss = RoadFaults;
 
 // A file that ends with a torn block which cannot be cut off: the blocks before it count.
 TEST_F(RoadLoss, ABlockThatCannotBeCutOffEndsItsFileAndIsWrittenAgain) {
+    quarn::zorvex::PowerOnLogInit();
     Flow(test::StreamBytes(8 * kMb, 1));
     ASSERT_TRUE(Drained());
     {
-        const FailCalls broken({Call::kWrite, EIO, ".muxz"});
+        const FailCalls broken({Call::kWrite, EIO, "QRXMDLog_"});
         // The first write puts out some of the buffer, the next one fails.
         const FailCalls piece(
-            {.call = Call::kWrite, .where = ".muxz", .count = 1, .limit = 600'000});
-        const FailCalls cut({Call::kTruncate, EROFS, ".muxz"});
+            {.call = Call::kWrite, .where = "QRXMDLog_", .count = 1, .limit = 600'000});
+        const FailCalls cut({Call::kTruncate, EROFS, "QRXMDLog_"});
         Flow(test::StreamBytes(24 * kMb, 2));
         EXPECT_TRUE(log.WaitFor("file_io: cut log_file=..."));
     }
@@ -181,6 +183,43 @@ TEST_F(RoadLoss, ABlockThatCannotBeCutOffEndsItsFileAndIsWrittenAgain) {
     const test::Decoded on_disk = test::Decode(kLogs);
     EXPECT_EQ(on_disk.torn.size(), 1u);
     EXPECT_TRUE(on_disk.bytes == test::ReadFile(kTap));
+    quarn::zorvex::PowerOnLogDeInit();
+    EXPECT_TRUE(test::DecodeFile(quarn::zorvex::kPowerOnLogPath).bytes == on_disk.bytes);
+}
+
+// A write that fails is refused, with nothing of it taken, and goes through once it can.
+TEST_F(RoadLoss, TheChannelRefusesWhileAFaultLasts) {
+    const std::string block = test::StreamBytes(kMb / 4, 3);
+    const int size = static_cast<int>(block.size());
+    const auto opened = [&] { return g_file_io.io_write(block.data(), size); };
+    size_t taken = 0;
+    // Until the buffer has to be written.
+    const auto write = [&] {
+        for (int i = 0; i < 20; ++i, ++taken) {
+            if (opened() < 0) return -1;
+        }
+        return 0;
+    };
+    const Fault faults[] = {{Call::kWrite, ENOSPC, ".muxz"},
+                            {Call::kWrite, EIO, ".muxz"},
+                            {Call::kOpen, EROFS, ".muxz"},
+                            {Call::kOpen, EMFILE, ".muxz"},
+                            {Call::kOpenFolder, EIO, "/logs"}};
+    for (const Fault& row : faults) {
+        {
+            const FailCalls fault({Call::kMakeFolder, ENOSPC, "QRXMDLog_"});
+            EXPECT_EQ(g_file_io.io_open(), -1);
+            EXPECT_EQ(opened(), -1);
+        }
+        EXPECT_EQ(g_file_io.io_open(), 0);
+        {
+            const FailCalls fault(row);
+            EXPECT_EQ(write(), -1) << row.error;
+        }
+        EXPECT_EQ(write(), 0) << row.error;
+        EXPECT_EQ(g_file_io.io_close(), 0);
+    }
+    EXPECT_EQ(test::DecodeTree(kLogs).size(), taken * block.size());
 }
 
 // The end of a capture does not wait: what its last flush cannot write is given up, and no more.
