@@ -21,10 +21,8 @@ constexpr size_t kPage = 4096;
 
 std::atomic<int> calls{0};
 
-template <typename Function>
-Function* Real(const char* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
+// What stands behind the function of that name here.
+#define REAL(call) reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
 void Die() { kill(getpid(), SIGKILL); }
 
@@ -44,10 +42,10 @@ bool IsPoint(int fd) {
     return readlink(link, path, sizeof(path) - 1) > 0 && IsPoint(path);
 }
 
-template <typename Call>
-auto Around(bool is_point, Call call) {
+template <typename Function, typename... Arguments>
+auto Around(bool is_point, Function* real, Arguments... arguments) {
     if (is_point && Wanted() % 2 != 0) Die();
-    const auto result = call();
+    const auto result = real(arguments...);
     if (is_point) Die();
     return result;
 }
@@ -57,40 +55,30 @@ auto Around(bool is_point, Call call) {
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    static const auto real = Real<int(const char*, int, ...)>("open");
+    const bool is_point = (flags & (O_CREAT | O_TRUNC)) != 0 && IsPoint(path);
     va_list rest;
     va_start(rest, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    const bool changes = (flags & (O_CREAT | O_TRUNC)) != 0;
-    return Around(changes && IsPoint(path), [&] { return real(path, flags, mode); });
+    return Around(is_point, REAL(open), path, flags, mode);
 }
 
 ssize_t write(int fd, const void* buf, size_t len) {
-    static const auto real = Real<ssize_t(int, const void*, size_t)>("write");
     const bool is_point = Wanted() != 0 && IsPoint(fd);
-    const size_t cut = len > kPage ? len / 2 / kPage * kPage : len;
-    return Around(is_point, [&] { return real(fd, buf, is_point ? cut : len); });
+    if (is_point && len > kPage) len = len / 2 / kPage * kPage;
+    return Around(is_point, REAL(write), fd, buf, len);
 }
 
 int mkdir(const char* path, mode_t mode) noexcept {
-    static const auto real = Real<int(const char*, mode_t)>("mkdir");
-    return Around(IsPoint(path), [&] { return real(path, mode); });
+    return Around(IsPoint(path), REAL(mkdir), path, mode);
 }
 
 int rename(const char* from, const char* to) noexcept {
-    static const auto real = Real<int(const char*, const char*)>("rename");
-    return Around(IsPoint(from), [&] { return real(from, to); });
+    return Around(IsPoint(from), REAL(rename), from, to);
 }
 
-int unlink(const char* path) noexcept {
-    static const auto real = Real<int(const char*)>("unlink");
-    return Around(IsPoint(path), [&] { return real(path); });
-}
+int unlink(const char* path) noexcept { return Around(IsPoint(path), REAL(unlink), path); }
 
-int rmdir(const char* path) noexcept {
-    static const auto real = Real<int(const char*)>("rmdir");
-    return Around(IsPoint(path), [&] { return real(path); });
-}
+int rmdir(const char* path) noexcept { return Around(IsPoint(path), REAL(rmdir), path); }
 
 }  // extern "C"

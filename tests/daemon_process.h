@@ -30,7 +30,7 @@ class Daemon {
 
     const std::string log_path;
 
-  private:
+  protected:
     pid_t pid;
     int status = 0;
 };

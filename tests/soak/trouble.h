@@ -2,49 +2,247 @@
 // what.
 #pragma once
 
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <regex>
 #include <thread>
 #include <vector>
 
 #include "tests/soak/account.h"
 #include "tests/soak/phone.h"
-#include "tests/soak/report.h"
 
 namespace soak {
 
-struct Counts {
-    std::atomic<uint64_t> requests, answered_ok, garbage, copies, notifications, exceptions, faults,
-        full_disks, subscribers, told, reboots, removals;
-};
+using std::chrono::milliseconds;
 
-// Sends one request and waits for its reply, which is a fault when it does not come.
-std::optional<std::string> Ask(Phone& phone, Report& report, const std::string& request);
+inline constexpr uint64_t kMuchBacklog = 16 << 20;
+
+inline const std::string kFiller = kTree + "/filler";
+
+// Lines, parted by ";", in which "#A-B" stands for a number from A to B, and "$A-B" for so many
+// random bytes in hexadecimal.
+inline constexpr std::string_view kPhoneLines =
+    "rate 0;rate 0;rate 60M;rate 8M;rate 1M;log_mode 1;log_mode 1;log_mode 1;log_mode 1;"
+    "log_mode #0-2;exception;watermark #1-2000000;limit 0;limit #1-99999;"
+    "at \"\\r\\nERROR\\r\\n\" 1;at noise #1-2;sprinkle #0-5 #0-1000;sprinkle 0;"
+    "fail read EAGAIN #1-12;fail read EBADF #1-12;fail read EINTR #1-12;fail read EIO #1-3;"
+    "fail read ENODEV #1-12;fail read 71 #1-3;fail read zero #1-12;fail poll timeout #1-4;"
+    "fail poll failure #1-2;fail open #1-2;fail write #1-12;ipc any message #1-2;"
+    "ipc any value #1-2;ipc any cause 3 #1-2;ipc any silence 50 #1-2;ipc any silence 0 1;"
+    "ipc any delay 80 #1-2;ipc any result 5 #1-2;ipc any no_result 1;ipc any no_answer 1;"
+    "ipc any answer #0-9 1;uevent noise #0-2048 #0-1000;uevent add vqmi wwanD0MIPC0;"
+    "uevent add vqmi wwanD0MDLog;uevent remove vqmi wwanD0MDLogs;"
+    "uevent remove tty wwanD0MDLog;md_state #0-6";
+// Records are copied out of the payloads of 1, 3, 6 and 9: a modem never sends short ones.
+inline constexpr std::string_view kNotifications =
+    "notify #0-12;notify #0-12;notify #10-2147483647 null;notify #10-2147483647 $300-300;"
+    "notify 1 $220-600;notify 3 $220-600;notify 6 $220-600;notify 9 $220-600;"
+    "notify 1 null;notify 3 null;notify 6 null;notify 2 $1-1;notify 4 $9-9;notify 5 $70-70;"
+    "notify 7 $2-2;notify 8 null;notify 8 $4-4;notify 9 null";
+inline constexpr std::string_view kHostLines = "host error;host message #4-99;host message 2";
+inline constexpr std::string_view kRequests =
+    "log_mode;log_mode 1;log_mode 1;log_mode #0-3;log_level;log_level #0-7;log_filter;"
+    "log_filter /data/filter;log_filter /data/none;flush_interval;flush_interval #0-500;"
+    "flush_status;trigger_flush;flush_ring_buf;flush_log_buffer;flush_log_buffer 1;"
+    "transfer_type;transfer_type #0-2;file_size;file_size=#0-3;recycle_size;"
+    "recycle_size #64-96;recycle_ee;recycle_ee,#0-1;recycle_keep_ee_size;"
+    "recycle_keep_ee_size #0-4;log_folder;log_folder /data/no;"
+    "log_folder /data/vendor/radio/quarn/logs;"
+    "log_folder /data/vendor/radio/quarn/logs/run#1-3;copy_log_file;"
+    "copy_log_file /data/none 1 0;nothing of ours;";
+
+inline std::string Filled(Dice& dice, std::string text) {
+    static const std::regex kMark("([#$])(\\d+)-(\\d+)");
+    for (std::smatch mark; std::regex_search(text, mark, kMark);) {
+        const uint64_t from = std::stoull(mark[2]);
+        const uint64_t value = from + dice.Below(std::stoull(mark[3]) - from + 1);
+        std::string filled;
+        if (mark[1] == "#") {
+            filled = std::to_string(value);
+        } else {
+            while (filled.size() < 2 * value) filled += "0123456789abcdef"[dice.Below(16)];
+        }
+        text = mark.prefix().str() + filled + mark.suffix().str();
+    }
+    return text;
+}
+
+// One of the lines that ";" parts, filled.
+inline std::string Drawn(Dice& dice, std::string_view lines) {
+    const auto marks = std::count(lines.begin(), lines.end(), ';');
+    for (auto skip = dice.Below(1 + static_cast<uint64_t>(marks)); skip > 0; --skip) {
+        lines.remove_prefix(lines.find(';') + 1);
+    }
+    return Filled(dice, std::string(lines.substr(0, lines.find(';'))));
+}
+
+// Summed up in the report when a subscriber hears of it.
+inline constexpr const char* kRemovalsTold = "removals of the log device that were told";
 
 class Trouble {
   public:
-    Trouble(Phone& on, const Account& account, Report& report, Counts& counts, uint64_t seed);
-    ~Trouble() { Stop(); }
+    Trouble(Phone& on, const Account& books, Report& out, uint64_t seed)
+        : phone(on), account(books), report(out) {
+        uint64_t number = 0;
+        for (const auto act :
+             {&Trouble::SteerThePhone, &Trouble::FillTheDisk, &Trouble::SendRequests,
+              &Trouble::SendRequests, &Trouble::Copy, &Trouble::Subscribe}) {
+            threads.emplace_back(act, this, Dice(seed * 16 + ++number));
+        }
+    }
+    ~Trouble() {
+        stopping = true;
+        for (std::thread& thread : threads) thread.join();
+    }
+
     Trouble(const Trouble&) = delete;
     Trouble& operator=(const Trouble&) = delete;
 
     // From now on connections may end and the phone may be gone.
     void ExpectTheEnd() { ending = true; }
-    void Stop();
 
   private:
-    void SteerThePhone(Dice dice);
-    void FillTheDisk(Dice dice);
-    void SendRequests(Dice dice);
-    void Copy(Dice dice);
-    void Subscribe(Dice dice);
-    void Pause(Dice& dice, uint64_t most_ms) const;
-    void SendGarbage(Dice& dice, const Client& client);
+    // Never so fast that much waits to be looked at.
+    void SteerThePhone(Dice dice) {
+        bool slow = false;
+        bool connected = false;
+        for (; !stopping; Pause(dice, 150)) {
+            const bool much = account.backlog() > (slow ? kMuchBacklog / 4 : kMuchBacklog);
+            std::string line = Drawn(dice, kPhoneLines);
+            if (much != slow) {
+                slow = much;
+                line = slow ? "rate 500k" : "rate 0";
+            } else if (slow && line.starts_with("rate")) {
+                continue;
+            } else if (dice.OneIn(30)) {
+                // Some of them keep the daemon for seconds.
+                if (phone.Console("state").find(" handled, 0 waiting") == std::string::npos)
+                    continue;
+                line = Drawn(dice, kNotifications);
+            } else if (dice.OneIn(connected ? 5 : 40)) {
+                line = connected ? "host disconnect" : "host connect";
+                connected = !connected;
+            } else if (dice.OneIn(30)) {
+                line = Drawn(dice, kHostLines);
+            }
+            report.Note("phone: " + line.substr(0, 60));
+            phone.Console(line);
+            if (line == "log_mode 0" || line == "log_mode 2") phone.Console("log_mode 1");
+            report.Add("times the phone had: " + line.substr(0, line.find(' ')));
+        }
+        if (connected) phone.Console("host disconnect");
+    }
+
+    void FillTheDisk(Dice dice) {
+        while (!stopping) {
+            Pause(dice, 8000);
+            struct statvfs disk = {};
+            const int fd = open(kFiller.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+            if (statvfs(kTree.c_str(), &disk) == 0) {
+                const uint64_t left = disk.f_bavail * disk.f_frsize;
+                const uint64_t take = left - std::min<uint64_t>(left, dice.Below(3'000'000));
+                report.Note("the disk is full but for " + std::to_string(left - take));
+                if (take != 0) report.Add("full disks");
+                (void)!posix_fallocate(fd, 0, static_cast<off_t>(take));
+            }
+            close(fd);
+            Pause(dice, 1000);
+            unlink(kFiller.c_str());
+            report.Note("the disk has room");
+        }
+    }
+
+    void SendRequests(Dice dice) {
+        std::unique_ptr<Client> client;
+        for (; !stopping; Pause(dice, 120)) {
+            if (!client) client = std::make_unique<Client>(kCommandSocket);
+            const std::string request = Drawn(dice, kRequests);
+            if (dice.OneIn(12)) {
+                std::string bytes(1 + dice.Below(400), '\0');
+                for (char& byte : bytes) byte = static_cast<char>(dice.Below(256));
+                if (dice.OneIn(2)) bytes.insert(0, request);
+                if (bytes.starts_with("transfer_type")) bytes[0] = 'T';
+                client->Send(bytes);
+                report.Add("pieces of garbage");
+                Pause(dice, 50);
+                client.reset();
+                continue;
+            }
+            report.Note("ask " + request);
+            const auto text = phone.Ask(request, *client);
+            const bool ok = text && (*text == "ok" || text->starts_with("ok,"));
+            report.Add(ok ? "requests answered ok" : "requests not answered ok");
+            if (!text && !ending) report.Fault("let go without a reply to " + request);
+            if (text && !ok && *text != "error") report.Fault("reply to " + request + ": " + *text);
+            if (!text || dice.OneIn(10)) client.reset();
+            if (ending) return;
+        }
+    }
+
+    void Copy(Dice dice) {
+        const std::string folder = "/data/copy";
+        for (; !stopping && !ending; Pause(dice, 1500)) {
+            fs::create_directories(folder);
+            const auto reply = phone.Ask(Filled(dice, "copy_log_file " + folder + " #1-12 #0-1"));
+            if (reply && reply->starts_with("ok,")) {
+                report.Add("copies");
+                const std::string check = MUXZ_PROGRAM " verify " + folder + " >/data/verify 2>&1";
+                if (system(check.c_str()) != 0) {
+                    report.Fault("a copy does not verify:\n" + test::ReadFile("/data/verify"));
+                    fs::rename(folder, folder + "." + std::to_string(report.faults));
+                }
+            }
+            fs::remove_all(folder);
+        }
+    }
+
+    void Subscribe(Dice dice) {
+        const Client deaf(kNotifySocket);
+        const Client listener(kNotifySocket);
+        const timeval patience = {0, 100'000};
+        setsockopt(listener.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        std::vector<std::unique_ptr<Client>> others;
+        std::string heard;
+        while (!stopping) {
+            char piece[256];
+            const ssize_t got = recv(listener.fd, piece, sizeof(piece), 0);
+            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+                if (!ending) report.Fault("a subscriber was let go");
+                return;
+            }
+            if (got > 0) heard.append(piece, static_cast<size_t>(got));
+            for (size_t end; (end = heard.find('\0')) != std::string::npos;
+                 heard.erase(0, end + 1)) {
+                const std::string text = heard.substr(0, end);
+                report.Add(text == "cb_reboot" ? kRemovalsTold : "times a subscriber was told");
+                if (!text.starts_with("cb_")) report.Fault("a subscriber is told: " + text);
+            }
+            if (dice.OneIn(4) && others.size() < 6) {
+                others.push_back(std::make_unique<Client>(kNotifySocket));
+                report.Add("subscribers");
+            } else if (dice.OneIn(4) && !others.empty()) {
+                others.erase(others.begin() + static_cast<ptrdiff_t>(dice.Below(others.size())));
+            }
+        }
+    }
+
+    void Pause(Dice& dice, uint64_t most_ms) const {
+        test::WaitUntil([this] { return stopping.load(); }, milliseconds(dice.Below(most_ms + 1)));
+    }
 
     Phone& phone;
     const Account& account;
     Report& report;
-    Counts& counts;
     std::atomic<bool> stopping = false;
     std::atomic<bool> ending = false;
     std::vector<std::thread> threads;
