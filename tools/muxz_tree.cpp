@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <queue>
 
 #include "muxz_reader.h"
 #include "storage/log_names.h"
@@ -194,22 +195,24 @@ std::vector<Capture> InCaptureOrder(std::vector<Capture> captures) {
         size_t at;
         const Capture& operator*() const { return (*list)[at]; }
     };
-    std::vector<Head> heads;
+    // The next head is on top. No two are alike: each is of a folder of its own.
+    const auto comes_later = [](const Head& a, const Head& b) {
+        const bool open_a = !(*a).finished, open_b = !(*b).finished;
+        return std::tie((*a).time, open_a, (*a).index, (*a).folder) >
+               std::tie((*b).time, open_b, (*b).index, (*b).folder);
+    };
+    std::priority_queue<Head, std::vector<Head>, decltype(comes_later)> heads(comes_later);
     for (auto& [folder, list] : lists) {
         OrderByIndex(list);
-        heads.push_back({&list, 0});
+        heads.push({&list, 0});
     }
 
     std::vector<Capture> ordered;
     while (!heads.empty()) {
-        const auto first =
-            std::min_element(heads.begin(), heads.end(), [](const Head& a, const Head& b) {
-                const bool open_a = !(*a).finished, open_b = !(*b).finished;
-                return std::tie((*a).time, open_a, (*a).index, (*a).folder) <
-                       std::tie((*b).time, open_b, (*b).index, (*b).folder);
-            });
-        ordered.push_back(**first);
-        if (++first->at == first->list->size()) heads.erase(first);
+        Head first = heads.top();
+        heads.pop();
+        ordered.push_back(*first);
+        if (++first.at != first.list->size()) heads.push(first);
     }
     return ordered;
 }

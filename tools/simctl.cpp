@@ -1,7 +1,9 @@
 // simctl: sends one line to the console of a running simulated phone and prints the reply.
+#include <poll.h>
 #include <sys/time.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -14,6 +16,9 @@
 namespace {
 
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUnreachable = 2 };
+
+constexpr int kPatience = 30;                // seconds, for the whole reply
+constexpr size_t kMaxReplyLine = 64 * 1024;  // bytes; the phone's own are far shorter
 
 constexpr const char* kHelp =
     "Use: simctl [--box DIR] COMMAND [ARGUMENT...]\n"
@@ -54,7 +59,11 @@ int Connect(const std::string& box) {
     const sim::SocketAddress address(box + "/modem", sim::kConsoleSocketName);
     if (!address.ok()) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd != -1 && connect(fd, address.address(), sim::SocketAddress::size()) != 0) {
+    if (fd == -1) return -1;
+    // For the connection and the request; what comes back has a deadline of its own.
+    const timeval patience = {kPatience, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    if (connect(fd, address.address(), sim::SocketAddress::size()) != 0) {
         const int error = errno;
         close(fd);
         errno = error;
@@ -63,13 +72,27 @@ int Connect(const std::string& box) {
     return fd;
 }
 
+// Waits for a piece of the reply as long as `deadline` lets it; as `recv` otherwise.
+ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::time_point deadline) {
+    using std::chrono::milliseconds;
+    while (true) {
+        const auto left =
+            std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd readable = {fd, POLLIN, 0};
+        const int ready = left.count() > 0 ? poll(&readable, 1, static_cast<int>(left.count())) : 0;
+        if (ready == 0) errno = ETIMEDOUT;
+        const ssize_t got = ready > 0 ? recv(fd, piece, size, 0) : -1;
+        if (got >= 0 || errno != EINTR) return got;
+    }
+}
+
 // Prints the reply's lines as they come, up to its mark.
 int PrintReply(int fd) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kPatience);
     std::string pending;
     char piece[4096];
     while (true) {
-        const ssize_t got = recv(fd, piece, sizeof(piece), 0);
-        if (got < 0 && errno == EINTR) continue;
+        const ssize_t got = Receive(fd, piece, sizeof(piece), deadline);
         if (got < 0) return Complain(kUnreachable, std::string("no answer: ") + strerror(errno));
         if (got == 0) return Complain(kUnreachable, "the phone went away without an answer");
         pending.append(piece, static_cast<size_t>(got));
@@ -81,6 +104,9 @@ int PrintReply(int fd) {
                 return Complain(kRefused, line.substr(sim::kErrorMark.size()));
             }
             puts(line.c_str());
+        }
+        if (pending.size() > kMaxReplyLine) {
+            return Complain(kUnreachable, "the answer has a line without an end");
         }
     }
 }
@@ -112,8 +138,6 @@ int main(int argc, char** argv) {
         return Complain(kUnreachable,
                         "no phone is running in " + box + " (" + strerror(errno) + ")");
     }
-    const timeval patience = {30, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
         return Complain(kUnreachable, std::string("cannot send: ") + strerror(errno));
     }

@@ -1,13 +1,18 @@
-// Names in the log tree, and recycling a tree of any names and sizes. Each line of the input is an
-// entry of the tree, below the log folder:
+// Names in the log tree, the folder history, and recycling a tree of any names and sizes. Each line
+// of the input is an entry of the tree, below the log folder, or something else about it:
 //
-//   PATH/         a folder          PATH >        a link to the folder that must stay as it is
+//   PATH/         a folder          PATH > [FOLDER]        a link to a folder of the tree, or to it
 //   PATH KIB      a file, sparse    * RECYCLE KEEP CLEAR   the settings: MB, MB, 0 or 1
+//   !             a capture begins  ^ COUNT RECORD         so often in the history; 0: it is lost
+//
+// The clock stands still, so that an input can foresee the name of its capture.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -28,9 +33,11 @@ namespace {
 
 const std::string kBase = "/data/vendor/radio/quarn/";
 const std::string kLogs = kBase + "logs/";
-const std::string kOutside = "/data/outside/";
-const std::string kOutsideFile = kOutside + "QRXMDLog_1_2024_01/QRXMDLog_0_2024_01.muxz";
+const std::string kHistory = kBase + "log_folder_history";
 constexpr int64_t kMaxKib = int64_t{8} << 20;
+constexpr uintmax_t kMaxHistory = 200 * 1024;  // bytes; the daemon cuts a shorter one
+constexpr size_t kMaxDepth = 16;               // of a folder that recycling enters
+constexpr time_t kNow = 1704067200;            // 2024-01-01 00:00:00
 
 // The names as they are defined.
 void CheckNames(const std::string& name) {
@@ -54,34 +61,106 @@ bool IsWithinTree(const fs::path& path) {
            std::find(path.begin(), path.end(), "..") == path.end();
 }
 
-struct Settings {
+// What the lines say beside the entries themselves.
+struct Made {
     unsigned int recycle = 0, keep = 0;
     bool clear = true;
+    size_t links = 0;
+    size_t deepest = 0;  // of folders and links
 };
 
-void MakeEntry(const std::string& line, Settings& settings) {
-    const size_t blank = line.find(' ');
-    const fs::path path = line.substr(0, blank);
-    const std::string what = blank == std::string::npos ? "" : line.substr(blank + 1);
-    if (path == "*") {
-        std::istringstream(what) >> settings.recycle >> settings.keep >> settings.clear;
-        return;
+// Each link can be gone through once on the way to a folder, so that none is deeper than recycling
+// goes, by whatever way.
+bool TakeDepth(Made& made, size_t links, size_t depth) {
+    const size_t deepest = std::max(made.deepest, depth);
+    if ((made.links + links + 1) * deepest > kMaxDepth) return false;
+    made.links += links;
+    made.deepest = deepest;
+    return true;
+}
+
+void CheckHistory() {
+    constexpr size_t kRecords = quarn::zorvex::kHistoryRecords;
+    std::deque<std::string> lines;
+    std::ifstream file(kHistory, std::ios::binary);
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(line);
+        if (lines.size() > kRecords) lines.pop_front();
     }
-    if (line.find('\0') != std::string::npos || !IsWithinTree(path)) return;
+    fuzz::Check(quarn::zorvex::GetLatestHistoryRecord(kRecords) == lines,
+                "the records are the last lines of the history");
+}
+
+void BeginCapture() {
+    // One goes on already, or its name is taken.
+    if (g_file_io.check_io_open() || g_file_io.io_open() != 0) return;
+    const std::string capture = g_file_io.get_latest_folder_path();
+    fuzz::Check(fs::is_directory(capture), "a capture has its folder");
+    CheckHistory();
+    fuzz::Check(quarn::zorvex::GetLatestHistoryRecord(1).back() + "t" == capture,
+                "the history knows the capture");
+}
+
+void WriteHistory(const std::string& what) {
+    size_t count = 0;
+    std::istringstream words(what);
+    words >> count;
+    words.ignore();
+    std::string record;
+    std::getline(words, record);
+    if (count == 0) fs::remove(kHistory);
+    std::ofstream file(kHistory, std::ios::binary | std::ios::app);
+    record.resize(std::min<size_t>(record.size(), PATH_MAX - 1));
+    record += '\n';
+    for (uintmax_t size = fs::file_size(kHistory); count > 0 && size <= kMaxHistory; --count) {
+        file << record;
+        size += record.size();
+    }
+}
+
+void MakeFile(const fs::path& own, int64_t kib) {
+    const int fd = open(own.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    fuzz::Check(ftruncate(fd, std::clamp<int64_t>(kib, 0, kMaxKib) * 1024) == 0, "a sparse file");
+    close(fd);
+}
+
+void MakeEntry(const fs::path& path, const std::string& what, Made& made) {
+    if (!IsWithinTree(path)) return;
     for (const fs::path& part : path) CheckNames(part);
     std::error_code refused;  // too long, or already there as something else
-    const fs::path own = kLogs / path;
-    // Not through a link that an earlier line made.
-    if (fs::weakly_canonical(own, refused).string().find(kLogs) != 0) return;
+    // As it is behind the links that earlier lines made.
+    const fs::path own = fs::weakly_canonical(kLogs / path, refused);
+    if (own.string().find(kLogs) != 0) return;
+    const fs::path below = own.string().substr(kLogs.size());
+    const auto depth = static_cast<size_t>(std::count_if(
+        below.begin(), below.end(), [](const fs::path& part) { return !part.empty(); }));
+    const bool is_link = what.starts_with('>');
+    const bool is_file = !what.empty() && !is_link;
+    if (!TakeDepth(made, is_link ? 1 : 0, is_file ? depth - 1 : depth)) return;
     fs::create_directories(what.empty() ? own : own.parent_path(), refused);
-    if (what == ">") {
-        fs::create_directory_symlink(kOutside, own, refused);
-    } else if (!what.empty()) {
-        const int fd = open(own.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0) return;
-        const int64_t kib = std::clamp<int64_t>(atoll(what.c_str()), 0, kMaxKib);
-        fuzz::Check(ftruncate(fd, kib * 1024) == 0, "a sparse file");
-        close(fd);
+    if (is_file) {
+        MakeFile(own, atoll(what.c_str()));
+    } else if (is_link) {
+        const fs::path target = what.substr(std::min<size_t>(2, what.size()));
+        if (!target.empty() && !IsWithinTree(target)) return;
+        if (!fs::is_directory(kLogs / target, refused)) return;
+        fs::create_directory_symlink(kLogs / target, own, refused);
+    }
+}
+
+void TakeLine(const std::string& line, Made& made) {
+    const size_t blank = line.find(' ');
+    const std::string first = line.substr(0, blank);
+    const std::string what = blank == std::string::npos ? "" : line.substr(blank + 1);
+    if (first == "*") {
+        std::istringstream(what) >> made.recycle >> made.keep >> made.clear;
+    } else if (first == "!") {
+        BeginCapture();
+    } else if (first == "^") {
+        WriteHistory(what);
+    } else if (line.find('\0') == std::string::npos) {
+        MakeEntry(first, what, made);
     }
 }
 
@@ -103,23 +182,73 @@ Tree Look() {
     return tree;
 }
 
+// The newest file of a capture by its number; none when the numbers do not tell.
+std::optional<uint32_t> NewestFile(const std::string& capture) {
+    std::set<uint32_t> numbers;
+    std::error_code gone;  // without a file it may go, with the last folder that was recycled in it
+    for (const auto& entry : fs::directory_iterator(capture, gone)) {
+        const std::string name = entry.path().filename();
+        const auto parsed = names::ParseFile(name);
+        const auto number = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
+        if (!number || entry.is_symlink() || !entry.is_regular_file()) continue;
+        if (!numbers.insert(*number).second) return std::nullopt;
+    }
+    if (numbers.empty()) return std::nullopt;
+    if (!numbers.contains(0) || !numbers.contains(UINT32_MAX)) return *numbers.rbegin();
+    uint32_t newest = 0;  // they wrapped
+    while (numbers.contains(newest + 1)) ++newest;
+    return newest;
+}
+
+// `capture`: the one being written, empty when there is none.
+void Recycle(const Made& made, unsigned int recycle, const std::string& capture) {
+    const Tree before = Look();
+    const auto newest = capture.empty() ? std::nullopt : NewestFile(capture);
+    RECYCLE_CONFIG config;
+    config.recycle_size = recycle;
+    config.keep_ee_size = made.keep;
+    config.clear_ee = made.clear;
+    const int32_t rc = quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(config);
+    const Tree after = Look();
+    const int64_t budget = int64_t{recycle} << 10;
+    fuzz::Check((rc == 0) == (after.log_kib <= budget), "the result tells whether it is in budget");
+    fuzz::Check(after.foreign == before.foreign, "what is no log file stays");
+    fuzz::Check(before.log_kib > budget || after.log_kib == before.log_kib,
+                "nothing goes without need");
+    fuzz::Check(!newest || NewestFile(capture) == newest,
+                "of the capture being written the newest file stays");
+}
+
+// As a daemon finds it that has just started.
+void EmptyTree() {
+    g_file_io.io_close();
+    fs::remove_all(kBase);
+    fuzz::Check(g_file_io.create_top_folder() == 0, "an empty tree");
+    Recycle({}, 0, "");  // forgets the history
+}
+
 }  // namespace
 
+// The captures' clock.
+extern "C" time_t time(time_t* result) {
+    if (result != nullptr) *result = kNow;
+    return kNow;
+}
+
 void fuzz::SetUp() {
-    fs::create_directories(fs::path(kOutsideFile).parent_path());
-    std::ofstream(kOutsideFile) << "a log file that is none of the tree's";
-    fs::resize_file(kOutsideFile, 100 << 20);
+    setenv("TZ", "UTC", 1);
+    fs::create_directories(fs::path(kBase).parent_path().parent_path());
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr size_t kMaxEntries = 64;
-    fs::remove_all(kLogs);
-    fs::create_directories(kLogs);
-    Settings settings;
+    EmptyTree();
+    Made made;
     std::string_view lines = fuzz::Text(data, size);
     for (size_t i = 0; i < kMaxEntries && !lines.empty(); ++i) {
-        MakeEntry(fuzz::TakeLine(lines), settings);
+        TakeLine(fuzz::TakeLine(lines), made);
     }
+    CheckHistory();
 
     muxz::Tree listed;
     std::vector<muxz::Complaint> complaints;
@@ -129,18 +258,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         muxz::IsCapture(capture.path());
     }
 
-    const Tree before = Look();
-    RECYCLE_CONFIG config;
-    config.recycle_size = settings.recycle;
-    config.keep_ee_size = settings.keep;
-    config.clear_ee = settings.clear;
-    const int32_t rc = quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(config);
-    const Tree after = Look();
-    const int64_t budget = int64_t{settings.recycle} << 10;
-    fuzz::Check((rc == 0) == (after.log_kib <= budget), "the result tells whether it is in budget");
-    fuzz::Check(after.foreign == before.foreign, "what is no log file stays");
-    fuzz::Check(before.log_kib > budget || after.log_kib == before.log_kib,
-                "nothing goes without need");
-    fuzz::Check(fs::exists(kOutsideFile), "nothing outside the tree goes");
+    const auto capture = [] {
+        return g_file_io.check_io_open() ? g_file_io.get_latest_folder_path() : "";
+    };
+    Recycle(made, made.recycle, capture());
+    // Once more, without any room, when the capture has an exception.
+    g_file_io.set_file_suffix(std::string(names::kException));
+    g_file_io.rename_folder_ee();
+    Recycle(made, 0, capture());
     return 0;
 }
