@@ -10,7 +10,6 @@
 #include <functional>
 #include <memory>
 
-#include "core/path_utility.h"
 #include "core/quarn.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
@@ -190,7 +189,10 @@ void LogFileRecycler::RecycleByFolderList() {
 }
 
 bool LogFileRecycler::IsBeingWritten(const LogFolderInfo& folder) const {
-    return NormalizePathSlash(folder.path) == NormalizePathSlash(latest_folder);
+    // A link may have led to it by another name.
+    struct stat listed, current;
+    return stat(folder.path.c_str(), &listed) == 0 && stat(latest_folder.c_str(), &current) == 0 &&
+           listed.st_dev == current.st_dev && listed.st_ino == current.st_ino;
 }
 
 void LogFileRecycler::RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb) {
