@@ -12,7 +12,6 @@
 
 #include "platform/mcl.h"
 #include "platform/mipc.h"
-#include "platform/system_properties.h"
 #include "sim/console.h"
 #include "sim/console_server.h"
 #include "sim/modem.h"
@@ -22,7 +21,6 @@
 
 namespace {
 
-using namespace std::chrono_literals;
 using sim::Modem;
 
 const std::string kFolder = "/box/modem";
@@ -41,20 +39,13 @@ std::string ReadAll(sim::LogSource& source, size_t total, const std::vector<size
     return bytes;
 }
 
-// One read of the port: the bytes, or the error's number in `*error` (0 for a read of nothing).
-std::string ReadPort(size_t len, int* error = nullptr) {
+// One read of the port; nothing after an error.
+std::string ReadPort(size_t len) {
     std::string bytes(len, '\0');
-    int number = 0;
-    const int got = mcl_readFromLogPort(bytes.data(), static_cast<unsigned>(len), &number);
-    if (error != nullptr) *error = number;
+    int error = 0;
+    const int got = mcl_readFromLogPort(bytes.data(), static_cast<unsigned>(len), &error);
     bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);
     return bytes;
-}
-
-int ReadError() {
-    int error = -1;
-    EXPECT_EQ(ReadPort(1, &error), "");
-    return error;
 }
 
 std::string Send(std::string_view lines) {
@@ -76,14 +67,6 @@ std::string Send(std::string_view lines) {
     return reply;
 }
 
-class SimPort : public testing::Test {
-  protected:
-    SimPort() { EXPECT_EQ(mcl_init(), 0); }
-    ~SimPort() override { mcl_deinit(); }
-
-    Modem& modem = Modem::Instance();
-};
-
 TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
     constexpr size_t kTotal = 3'000'000;
     const std::string stream = ReadAll(*sim::MakeGeneratedSource(5), kTotal, {65536});
@@ -92,30 +75,6 @@ TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
         EXPECT_TRUE(ReadAll(*sim::MakeGeneratedSource(5), kTotal, sizes) == stream) << sizes[0];
     }
     EXPECT_FALSE(ReadAll(*sim::MakeGeneratedSource(6), kTotal, {65536}) == stream);
-}
-
-TEST_F(SimPort, HandsOverTheSourceUpToItsEnd) {
-    const std::string bytes = test::StreamBytes(1'000'000);
-    test::WriteFile(kLogFile, bytes);
-    ASSERT_TRUE(modem.SetTap("/box/tap"));
-    modem.SetSource(sim::MakeReplaySource(kLogFile));
-    EXPECT_EQ(ReadError(), EAGAIN);
-    EXPECT_EQ(mcl_pollLogPort(50), -2) << "the stream is not started";
-
-    modem.StartStream();
-    modem.SetReadLimit(1000);
-    std::string got = ReadPort(65536);
-    EXPECT_EQ(got.size(), 1000u);
-    modem.SetReadLimit(0);
-    while (!modem.source_exhausted()) {
-        ASSERT_GT(mcl_pollLogPort(500), 0);
-        got += ReadPort(65536);
-    }
-    EXPECT_TRUE(got == bytes);
-    EXPECT_EQ(modem.bytes_delivered(), bytes.size());
-    EXPECT_TRUE(test::ReadFile("/box/tap") == bytes);
-    EXPECT_EQ(ReadError(), EAGAIN);
-    EXPECT_EQ(mcl_pollLogPort(0), -2);
 }
 
 struct Seen {
@@ -210,9 +169,10 @@ std::string AskAt(const std::string& command) {
     return Ask(3, {{33024, std::string(command.c_str(), command.size() + 1)}}).text.value_or("");
 }
 
-class SimIpc : public SimPort {
+class SimIpc : public testing::Test {
   protected:
     SimIpc() {
+        EXPECT_EQ(mcl_init(), 0);
         EXPECT_EQ(mcl_registerNotifyCallback(Keep, &seen), 0);
         EXPECT_EQ(mipc_init("/dev/wwanD0MIPC0"), 0);
     }
@@ -229,6 +189,7 @@ class SimIpc : public SimPort {
         return codes;
     }
 
+    Modem& modem = Modem::Instance();
     Seen seen;
 };
 
@@ -268,39 +229,19 @@ TEST_F(SimIpc, TheFlushIntervalHoldsTheStreamBack) {
         return test::WaitUntil([&] { return modem.ipc_status().held_back >= bytes; });
     };
     ASSERT_TRUE(held(4000));
-    EXPECT_EQ(ReadError(), EAGAIN);
+    EXPECT_EQ(ReadPort(1), "");
     EXPECT_EQ(Ask(139).number, Word(0));
     EXPECT_EQ(Ask(137).number, Word(0));
     EXPECT_EQ(Ask(139).number, Word(1)) << "flushed, but not read yet";
     EXPECT_GE(ReadPort(1'000'000).size(), 4000u);
     EXPECT_EQ(Ask(139).number, Word(0));
-    EXPECT_EQ(ReadError(), EAGAIN);
+    EXPECT_EQ(ReadPort(1), "");
 
     // A shorter interval counts from the last release, so setting it back at once loses nothing.
     ASSERT_TRUE(held(30'000));
     EXPECT_EQ(Ask(119, {{256, Word(20)}}).result, Word(0));
     EXPECT_EQ(Ask(119, {{256, Word(60'000)}}).result, Word(0));
     EXPECT_GE(ReadPort(1'000'000).size(), 30'000u);
-}
-
-TEST_F(SimIpc, SettingsOutliveTheProcess) {
-    std::filesystem::create_directories(kFolder);
-    modem.KeepSettings(kFolder);
-    for (const auto& [id, value] : std::vector<std::pair<int, std::string>>{
-             {39, Word(1)}, {119, Word(1234)}, {161, std::string("\0\x80", 2)}}) {
-        EXPECT_EQ(Ask(id, {{256, value}}).result, Word(0));
-    }
-    AskAt("AT+ZORVEARLYLOGFILTER=2");
-    modem.Reset();
-    EXPECT_EQ(modem.settings().log_mode, 0);
-    modem.KeepSettings(kFolder);
-    EXPECT_TRUE(modem.status().streaming) << "the log mode was streaming";
-    const Modem::Settings settings = modem.settings();
-    EXPECT_EQ(settings.log_mode, 1);
-    EXPECT_EQ(settings.log_level, -1);
-    EXPECT_EQ(settings.flush_interval, 1234);
-    EXPECT_EQ(settings.early_log_filter, 2);
-    EXPECT_EQ(settings.filter, (std::vector<uint8_t>{0, 0x80}));
 }
 
 TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
