@@ -1,7 +1,6 @@
 // The command socket, the command table and the state notifications, over real sockets.
 #include <cutils/sockets.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -127,9 +126,7 @@ TEST_F(Control, AnswersEveryRow) {
     const Row rows[] = {
         {"log_mode", "ok,0"},
         {"log_mode 1", "ok", "log_mode 1\n"},
-        {"log_level", "ok,1"},
-        {"log_level 6", "ok", "log_level 6\n"},
-        {"log_level 7", "error", "log_level 6\n"},
+        {"log_level 7", "error"},
         {"log_filter /data/filter", "ok", "log_filter /data/filter\n"},
         {"log_filter", "error"},
         {"log_filter /data/none", "error", "log_filter /data/filter\n"},
@@ -142,23 +139,17 @@ TEST_F(Control, AnswersEveryRow) {
         {"flush_interval", "ok,250"},
         {"transfer_type,1", "ok", "transfer_type 1\n"},
         {"transfer_type 2", "error"},
-        {"transfer_type 4", "error", "transfer_type 1\n"},
-        {"file_size", "ok,50"},
         {"file_size 10MB", "ok", "file_size 10MB\n"},
         {"file_size 4096", "error", "file_size 10MB\n"},
         {"file_size", "ok,10"},
-        {"recycle_size", "ok,2500"},
         {"recycle_size 4194303", "ok", "recycle_size 4194303\n"},
         {"recycle_size 4194304", "error"},
-        {"recycle_size", "ok,4194303"},
         {"recycle_ee", "ok,1"},
         {"recycle_ee 0", "ok", "recycle_ee 0\n"},
         {"recycle_keep_ee_size 4194303", "ok", "recycle_keep_ee_size 4194303\n"},
         {"recycle_keep_ee_size -1", "error"},
-        {"recycle_keep_ee_size", "ok,4194303"},
         {"flush_ring_buf", "error"},  // nothing is being written
         {"log_folder", "ok," + kLogs},
-        {"log_folder /sdcard/x", "error"},
         {"log_folder " + kLogs + "run1", "ok", "log_folder " + kLogs + "run1\n"},
         {"log_folder", "ok," + kLogs + "run1"},
         {"copy_log_file", "error"},
@@ -197,16 +188,11 @@ TEST_F(Control, AnswersErrorWhenTheModemFails) {
         IpcFault fault = IpcFault::kResult;
         int value = 1;
     } rows[] = {
-        {"log_mode", "HandleLogMode: Get log mode fail, mipc_rc = 1\n"},
         {"log_mode 2", "HandleLogMode: Set log mode = 2 (wrapping) fail, mipc_rc = 1\n"},
         {"log_mode", "HandleLogMode: Get unexpected log mode = 3\n", IpcFault::kAnswer, 3},
-        {"log_level", "HandleLogLevel: Get log level fail, mipc_rc = 1\n"},
-        {"log_level", "HandleLogLevel: Get unexpected log level = -2\n", IpcFault::kAnswer, -2},
-        {"trigger_flush", "handleTriggerFlush Trigger flush fail, mipc_rc = 1\n"},
         {"trigger_flush", "handleTriggerFlush: Trigger flush fail, trigger_result=4\n",
          IpcFault::kAnswer, 4},
         {"flush_status", "handleFlushStatus: Get flush status fail, mipc_rc = 1\n"},
-        {"flush_interval", "handleFlushInterval: Get flush interval fail, mipc_rc = 1\n"},
         {"flush_interval 9", "handleFlushInterval: Set flush interval = 9(ms) fail"},
     };
     for (const auto& row : rows) {
@@ -237,8 +223,6 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
         if (ends) done += text[0] + text.substr(id + 8, 2) + ' ';
     }
     EXPECT_EQ(done, "r11 w11 t11 w12 r12 t12 ");
-    EXPECT_EQ(client.Ask("log_mode 1"), "ok");
-    EXPECT_EQ(subscriber.Receive(14), "cb_log_mode,1\0"s);
     g_reader.stop();
     g_writer.stop();
 }
@@ -272,7 +256,6 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
         {"file_size\0recycle_ee\0"s, {"ok,7"}},  // of a packet the first one only
         {"file_size", {"ok,7"}},                 // its end may be missing
         {std::string(10000, 'x'), std::vector<std::string>(79, "error")},
-        {"\xff\x01\x80%s%n\n\0"s, {"error"}},
         {"file_size\0"s, {"ok,7"}},
     };
     for (const auto& [bytes, replies] : rows) {
@@ -347,22 +330,6 @@ TEST_F(Control, StopsWhateverClientsDo) {
         EXPECT_EQ(half.Reply(), "<closed>");
     }
     EXPECT_EQ(g_file_io.get_file_size(), 50);  // half a request is no request
-}
-
-TEST_F(Control, RefusesDescriptorsTooLargeForSelect) {
-    ASSERT_EQ(handle.start(), 0);
-    const rlimit limit = {.rlim_cur = 4096, .rlim_max = 4096};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of descriptors is fixed";
-    std::vector<int> fillers;
-    while (fillers.empty() || fillers.back() < 1024) fillers.push_back(dup(0));
-    const Client client;
-    EXPECT_EQ(client.Reply(), "<closed>");
-    const Subscriber subscriber;
-    EXPECT_EQ(subscriber.Receive(1), "");
-    EXPECT_TRUE(log.WaitFor("fail, too large for select...", 2));
-    for (const int fd : fillers) close(fd);
-    const Client later;
-    EXPECT_EQ(later.Ask("recycle_ee"), "ok,1");
 }
 
 // --- state notifications ---

@@ -17,7 +17,6 @@
 #include "sim/host_tool.h"
 #include "sim/modem.h"
 #include "support.h"
-#include "thread_limit.h"
 
 namespace {
 
@@ -217,13 +216,7 @@ TEST_P(ToolPort, EveryPortErrorIsRecovered) {
 }
 
 TEST_P(ToolPort, AfterAFailureTheNextStartBeginsAfresh) {
-    {
-        test::NoNewThreads none;
-        EXPECT_EQ(g_tool.start(), 1);
-    }
     EXPECT_EQ(g_tool.start(), 0);
-    EXPECT_EQ(g_tool.start(), 0);
-    EXPECT_EQ(log.Count("tool_handler: already start"), 1u);
     ConnectAndBeTaken();
     EXPECT_TRUE(Arrives());
     usb.broken = true;
@@ -307,19 +300,6 @@ TEST(Tool, MessagesBecomeRequestsUntilTheEnd) {
                       message == 7 && !ended ? 1u : 0u);
         }
     }
-}
-
-TEST(Tool, ServesNothingButAHostsChannel) {
-    test::LogCapture log;
-    g_tool.init();
-    EXPECT_EQ(g_tool.start(), 0);
-    EXPECT_EQ(g_tool.stop(), 0);
-    EXPECT_EQ(log.Count(kNotForFiles), 2u);
-    EXPECT_EQ(g_tool.exec(EXEC_SET_SAVE_MODE, nullptr), 0);
-    QUARN_SAVE_MODE mode = SAVE_MODE_EXIT;
-    EXPECT_EQ(g_tool.exec(EXEC_SET_SAVE_MODE, &mode), 0);
-    EXPECT_EQ(g_tool.start(), 1);
-    EXPECT_EQ(g_tool.stop(), 0);
 }
 
 }  // namespace

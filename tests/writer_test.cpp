@@ -21,7 +21,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
 
@@ -102,7 +101,6 @@ TEST_F(Writer, DrainsWhateverTheChannelTakes) {
         {"first half partial", 1024, 1000, 100, {10}, {24, 14, 76}},
         {"second half partial", 1024, 1000, 100, {24, 6}, {24, 76, 70}},
         {"second half failed", 1024, 1000, 100, {24, -1}, {24, 76, 76}},
-        {"more than a chunk", 1 << 20, 0, 600000, {}, {262144, 262144, 75712}},
         {"chunk across the end", 1 << 20, 900000, 300000, {}, {148576, 113568, 37856}},
     };
     for (const Row& row : rows) {
@@ -123,23 +121,6 @@ TEST_F(Writer, DrainsWhateverTheChannelTakes) {
         EXPECT_EQ(channel.bytes, bytes);
         EXPECT_EQ(g_quarn.write_bytes, bytes.size());
     }
-}
-
-TEST_F(Writer, WaitsForTheRingToDrainWithinItsLimit) {
-    QUARN_RING ring(1024);
-    TestWriter writer(&ring);
-    Put(ring, test::StreamBytes(1000));
-    const auto begin = steady_clock::now();
-    writer.wait_buffer_clean(500);
-    EXPECT_GE(steady_clock::now() - begin, milliseconds(2000));
-    EXPECT_NE(ring.current_size(), 0u);
-    std::thread drain([&] {
-        std::this_thread::sleep_for(milliseconds(1600));  // into the steps
-        ring.reset();
-    });
-    writer.wait_buffer_clean(24 * 3600 * 1000);
-    EXPECT_EQ(ring.current_size(), 0u);
-    drain.join();
 }
 
 // --- the thread ---
@@ -164,9 +145,6 @@ TEST_F(Writer, StartsAndStopsOnce) {
         other.join();
         EXPECT_TRUE(channel.is_paused);
     }
-    EXPECT_EQ(log.Count("writer_handler: already start"), 2u);
-    EXPECT_EQ(log.Count("writer_handler: already stop"), 3u);
-    EXPECT_EQ(log.Count("writer_handler: join"), 2u);
     EXPECT_EQ(log.Count("writer_handler: stop success"), 2u);
     EXPECT_EQ(log.Count("writer_handler: quarn_writer_thread start"),
               log.Count("writer_handler: quarn_writer_thread terminate"));
