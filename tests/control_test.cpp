@@ -1,6 +1,7 @@
 // The command socket, the command table and the state notifications, over real sockets.
 #include <cutils/sockets.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -333,6 +334,22 @@ TEST_F(Control, StopsWhateverClientsDo) {
 }
 
 // --- state notifications ---
+
+TEST_F(Control, RefusesDescriptorsTooLargeForSelect) {
+    ASSERT_EQ(handle.start(), 0);
+    const rlimit limit = {.rlim_cur = 4096, .rlim_max = 4096};
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of descriptors is fixed";
+    std::vector<int> fillers;
+    while (fillers.empty() || fillers.back() < 1024) fillers.push_back(dup(0));
+    const Client client;
+    EXPECT_EQ(client.Reply(), "<closed>");
+    const Subscriber subscriber;
+    EXPECT_EQ(subscriber.Receive(1), "");
+    EXPECT_TRUE(log.WaitFor("fail, too large for select...", 2));
+    for (const int fd : fillers) close(fd);
+    const Client later;
+    EXPECT_EQ(later.Ask("recycle_ee"), "ok,1");
+}
 
 TEST_F(Control, TellsEverySubscriber) {
     EXPECT_EQ(quarn_notifyLogModeUpdate(1), 0);

@@ -74,7 +74,7 @@ struct Row {
     const char* reached_once_normal = nullptr;  // by the request that ends the power-on phase
 };
 
-constexpr int32_t kThree = 3, kSix = 6, kSeven = 7;
+constexpr int32_t kThree = 3, kSix = 6, kSeven = 7, kMinusOne = -1;
 constexpr QUARN_EXEC_ID kStart = EXEC_MD_LOG_START, kStop = EXEC_MD_LOG_STOP,
                         kLevel = EXEC_SET_LOG_LEVEL, kSetFilter = EXEC_SET_LOG_FILTER,
                         kNormal = EXEC_LOGGING_STATE_NORMAL;
@@ -92,15 +92,19 @@ const Row kRows[] = {
     {0x11, kStop, nullptr, 0, kChanged + "0x10", "", ""},
     {0x11, kLevel, &kThree, 0, "Log Filter Manager: get input command log_level=3", "", "level 3;"},
     {0x11, kLevel, &kSeven, 1, "SetLogLevel: Error inputting invalid log level", "", "level 2;"},
+    {0x11, kLevel, nullptr, 1, "exec: Error getting null log level", "", "level 2;"},
     {0x11, kSetFilter, kFilter, 0, kChanged + "0x1", "filter;"},
     {0x11, kSetFilter, nullptr, 1, "SetLogFilter: Error getting null log filter", "", "level 2;"},
     {0x11, kNormal, nullptr, 0, kChanged + "0x1", "level 2;"},
     {0x01, kStop, nullptr, 0, kChanged + "0x0", ""},
     {0x01, kLevel, &kSix, 0, "Log Filter Manager: set log_level=6 successfully", "level 6;"},
+    {0x01, kLevel, &kMinusOne, 1, "SetLogLevel: Error inputting invalid log level", ""},
     {0x01, kSetFilter, kFilter, 0, "Log Filter Manager: set log_filter=/data/filter successfully",
      "filter;"},
     {0x01, kNormal, nullptr, 0, "Log Filter Manager: LS is already in Normal", ""},
     {0x00, kStart, nullptr, 0, kChanged + "0x1", ""},
+    {0x00, kLevel, &kThree, 1, kRefusedLevel + "0x0", ""},
+    {0x00, kSetFilter, kFilter, 1, kRefusedFilter + "0x0", ""},
 };
 
 TEST_F(LogFilters, ServeEachRequestInEachState) {
@@ -139,11 +143,29 @@ TEST_F(LogFilters, ASecondAttemptCountsAndAThirdDoesNot) {
     EXPECT_TRUE(manager.SendSetCommand());  // it is still pending
 }
 
+TEST_F(LogFilters, NothingIsSentWhileTheModemIsNotLogging) {
+    Enter(0x01);
+    modem.SetLogMode(0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Exec(kLevel, &kThree), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
+    EXPECT_EQ(log.Count("SendSetCommand: Error unexpected logging mode"), 3u);
+    EXPECT_EQ(log.Count(kGaveUp), 1u);
+    EXPECT_EQ(Reached(), "");
+    modem.SetLogMode(2);
+    modem.FailIpc(41, IpcFault::kSilence, 1, 1);
+    EXPECT_TRUE(manager.SendSetCommand());
+    EXPECT_EQ(Reached(), "level 3;");
+}
+
 TEST_F(LogFilters, AFilterGoesOutAsItIs) {
     Enter(0x01);
     modem.FailIpc(161, IpcFault::kAnswer, 9, 1);
     EXPECT_EQ(Exec(kSetFilter, kFilter), 0);
     EXPECT_EQ(Reached(), "filter;filter;");
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_ERROR,
+                "SendMipcSetCommand: Error setting log_filter=/data/filter, mipc_rc=0, result=9"));
     for (const size_t size : {0, 16 << 20}) {
         std::filesystem::resize_file(kFilter, size);
         EXPECT_EQ(Exec(kSetFilter, kFilter), 0);
@@ -159,6 +181,7 @@ const struct {
     const char* message;  // when it is read
 } kOddFiles[] = {
     {"Fifo", [](auto path) { mkfifo(path, 0600); }, "using"},
+    {"Device", [](auto path) { std::filesystem::create_symlink("/dev/zero", path); }, "using"},
     {"Huge",
      [](auto path) {
          test::WriteFile(path, "");

@@ -163,6 +163,9 @@ TEST(MipcChannel, OpensOnceAtATime) {
     EXPECT_EQ(quarn_mipcSetLogLevel(1), 1);
 
     EXPECT_EQ(quarn_mipcInit(kPort), 0);
+    EXPECT_EQ(modem.ipc_status().port, kPort);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "mipcInit: set mipc port: /dev/wwanD0MIPC0\n"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "mipcInit: mipc init success\n"));
     std::atomic<bool> opened = false;
     std::thread second([&] {
         EXPECT_EQ(quarn_mipcInit(kPort), 0);
@@ -202,6 +205,10 @@ TEST_F(Mipc, StreamingSendsTheIntervalAgainThatTheModemTook) {
     modem.FailIpc(119, IpcFault::kSilence, 1, 1);
     EXPECT_FALSE(SetFlushInterval(600));
     EXPECT_EQ(g_quarn.flush_interval, 1234u);
+    EXPECT_TRUE(
+        log.Has(ANDROID_LOG_ERROR,
+                "SendSetFlushIntervalCommand: Error setting flush interval MIPC command: 2"));
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "SetFlushInterval: Error setting flush interval"));
     for (const int mode : {1, 2}) EXPECT_EQ(quarn_mipcSetLogMode(mode), 0);
     EXPECT_EQ(log.Count("Set flush interval to 1234 by MIPC command"), 2u);
     modem.FailIpc(119, IpcFault::kResult, 1, 1);
@@ -221,6 +228,11 @@ TEST_F(Mipc, TimeIsUtcWithTheLocalOffset) {
                   "2024-02-29 12:00:00 UTC, offset " + offset + " minutes");
         EXPECT_EQ(log.Count("MIPC SYS_SET_TIME_REQ: 2024/2/29 - 12:0:0 - " + offset + "\n"), 1u);
     }
+    const uint64_t exchanges = modem.ipc_status().exchanges;
+    long never = LONG_MAX;
+    EXPECT_EQ(quarn_mipcSetTime(&never), 1);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "get gmtime fail\n"));
+    EXPECT_EQ(modem.ipc_status().exchanges, exchanges);
 }
 
 TEST_F(Mipc, AtCommandsGiveWhateverTextCameBack) {
@@ -237,6 +249,27 @@ TEST_F(Mipc, AtCommandsGiveWhateverTextCameBack) {
     modem.FailIpc(3, IpcFault::kShort, 0, 1);  // without its NUL
     EXPECT_TRUE(SendAtCommandByMipc("AT", response));
     EXPECT_EQ(response, "OK");
+
+    for (const auto& [kind, message] :
+         {std::pair{IpcFault::kMessage, "AT command: Init mipc cmd message failed"},
+          {IpcFault::kValue, "AT command: Form mipc cmd message failed"},
+          {IpcFault::kSilence, "AT command: Send mipc cmd failed: 2"},
+          {IpcFault::kNoAnswer, "AT command: Get mipc cmd cnf result failed"}}) {
+        response = "old";
+        modem.FailIpc(3, kind, 1, 1);
+        EXPECT_FALSE(SendAtCommandByMipc("AT", response));
+        EXPECT_EQ(response, "");
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, message)) << message;
+    }
+}
+
+TEST(AtStatus, IsTheLastLine) {
+    for (const char* good : {"OK", "AT+X\r\nOK\r\n", "ERROR\nOK\n\r\n"}) {
+        EXPECT_TRUE(GetAtCommandExecStatus(good)) << good;
+    }
+    for (const char* bad : {"", "OK \r\n", " OK", "OK\r\nERROR", "OKOK", "ok"}) {
+        EXPECT_FALSE(GetAtCommandExecStatus(bad)) << bad;
+    }
 }
 
 // --- flushing ---
@@ -252,6 +285,7 @@ TEST_F(Mipc, FlushingShortensTheIntervalThenDrainsTheRing) {
         std::vector<std::string> lines;
     } rows[] = {
         {51, {0, 0}, {shorter, "Set flush interval to 51 by MIPC command", drain}},
+        {50, {}, {drain}},
         {-1, {}, {drain}},
         {600000, {1}, {failed, drain}},
         {600000, {0, 1}, {shorter, failed, drain}},
@@ -349,6 +383,7 @@ TEST_F(Notify, TheStorageQueryIsAnsweredInPlace) {
         EXPECT_EQ(words[0], answer);
         EXPECT_EQ(words[1], 7u);
     }
+    EXPECT_EQ(quarn_mclNtfyCallback(nullptr, NTFY_QUERY_STORAGE_MODE, nullptr), 0);
 }
 
 TEST_F(Notify, AnExceptionPutsTheSyncBlockIntoThePort) {

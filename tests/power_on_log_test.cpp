@@ -22,6 +22,7 @@
 #include "platform/mcl.h"
 #include "shifted_clock.h"
 #include "support.h"
+#include "thread_limit.h"
 
 namespace fs = std::filesystem;
 using namespace quarn::zorvex;
@@ -134,6 +135,31 @@ TEST_F(PowerOn, StopsAtTheSizeBoundWithTheWriteThatReachesIt) {
     for (int i = 0; i < 2; ++i) PowerOnLogWrite(bytes.data(), 7, false);
     EXPECT_EQ(fs::file_size(kPowerOnLogPath), header + kBound + 5);
     EXPECT_EQ(test::ReadFile(kPowerOnLogPath).back(), 0);
+}
+
+TEST_F(PowerOn, StartsOnlyWhenItCan) {
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "PowerOnLogStart: Error starting power-on log: init function should be "
+                        "called first"));
+    {
+        const test::NoNewThreads limit;
+        PowerOnLogInit();
+        PowerOnLogStart();
+        EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
+        PowerOnLogStop();
+    }
+    PowerOnLogInit();
+    test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
+    PowerOnLogStart();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +
+                                               kPowerOnLogPath + ": Is a directory"));
+    fs::remove_all(kPowerOnLogPath);
+    PowerOnLogStart();
+    Store("abc");
+    PowerOnLogDeInit();
+    EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "abc");
+    EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
 }
 
 // The files lie on two small disks, of which first the captures' is full, then the other.
@@ -289,6 +315,39 @@ TEST(PowerOnEnd, AnExitAtAnyMomentNeitherHangsNorLeavesTheFileOpen) {
 }
 
 // --- the setting ---
+
+TEST_F(PowerOn, ReadsTheFilterSettingFromTheFirstLine) {
+    const std::string invalid = " to int failed: Invalid argument";
+    const struct {
+        const char* answer;
+        int value;         // -1: the reading fails
+        std::string told;  // behind "Convert power-on log filter enable "; empty: nothing
+    } cases[] = {
+        {"3\r\n\r\nOK\r\n", 3, ""},
+        {"\n\r-7\nOK", -7, ""},
+        {"AT+ZORVEARLYLOGFILTER?\r\n3\r\nOK\r\n", -1, "AT+ZORVEARLYLOGFILTER?" + invalid},
+        {"12x\r\nOK", -1, "12x" + invalid},
+        {" 3\r\nOK", -1, " 3" + invalid},
+        {"2147483648\r\nOK", -1, "2147483648 to int failed: Numerical result out of range"},
+        {"3\r\nERROR\r\n", -1, ""},
+        {"", -1, ""},
+    };
+    for (const auto& [answer, expected, told] : cases) {
+        SCOPED_TRACE(answer);
+        log.Clear();
+        modem.AnswerAt(answer, 1);
+        int value = 99;
+        EXPECT_EQ(GetPowerOnLogFilterEnableNvramCfg(value), expected != -1);
+        EXPECT_EQ(value, expected);
+        EXPECT_EQ(log.Count("Power-on log: Convert power-on log filter enable " +
+                            (told.empty() ? "..." : told)),
+                  told.empty() ? 0u : 1u);
+    }
+    EXPECT_TRUE(SetPowerOnLogFilterEnableNvramCfg(-12));
+    modem.AnswerAt("ERROR\r\n", 1);
+    EXPECT_FALSE(SetPowerOnLogFilterEnableNvramCfg(3));
+    EXPECT_EQ(modem.settings().early_log_filter, -12);
+}
 
 TEST_F(PowerOn, ASwitchOfTheTransferTypeSetsTheFilter) {
     const auto is_host = [](int type) { return type == SAVE_MODE_USB || type == SAVE_MODE_SOCKET; };

@@ -171,7 +171,10 @@ class Trouble {
                 std::string bytes(1 + dice.Below(400), '\0');
                 for (char& byte : bytes) byte = static_cast<char>(dice.Below(256));
                 if (dice.OneIn(2)) bytes.insert(0, request);
-                if (bytes.starts_with("transfer_type")) bytes[0] = 'T';
+                // Neither an exit, nor a folder whose name breaks the lines of the log.
+                for (const char* word : {"transfer_type", "log_folder"}) {
+                    if (bytes.starts_with(word)) bytes[0] = '#';
+                }
                 client->Send(bytes);
                 report.Add("pieces of garbage");
                 Pause(dice, 50);
