@@ -18,7 +18,7 @@ namespace {
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUnreachable = 2 };
 
 constexpr int kPatience = 30;                // seconds, for the whole reply
-constexpr size_t kMaxReplyLine = 64 * 1024;  // bytes; the phone's own are far shorter
+constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; the phone's own are far shorter
 
 constexpr const char* kHelp =
     "Use: simctl [--box DIR] COMMAND [ARGUMENT...]\n"
