@@ -7,12 +7,14 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <iterator>
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -139,6 +141,14 @@ std::vector<Folder> Survey() {
         ADD_FAILURE() << complaint.path << ": " << complaint.text;
     }
     return folders;
+}
+
+// As `tap.find`, which takes minutes for streams that repeat themselves when each of its
+// comparisons is watched.
+size_t Find(std::string_view bytes, std::string_view tap, size_t at) {
+    const void* const found = memmem(tap.data() + at, tap.size() - at, bytes.data(), bytes.size());
+    return found == nullptr ? std::string::npos
+                            : static_cast<size_t>(static_cast<const char*>(found) - tap.data());
 }
 
 size_t OpenEndings(const Folder& folder) {
@@ -297,7 +307,7 @@ class CrashSafety : public testing::Test {
                 complete = complete && file.index == next_file;
                 const size_t found =
                     complete ? (tap.compare(at, bytes.size(), bytes) == 0 ? at : std::string::npos)
-                             : tap.find(bytes, at);
+                             : Find(bytes, tap, at);
                 ASSERT_NE(found, std::string::npos)
                     << folder.name << "/" << file.name << " is not what was handed over at " << at;
                 at = found + bytes.size();
