@@ -76,8 +76,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     modem.FailIpc(kAnyMessage, IpcFault::kAnswer, number, kMany);
 
-    const bool refused = (data[0] & 0b01100) != 0 && number != 0;
-    AskForNumbers(number, (data[0] & 0b10011) == 0 && !refused);
+    // A request that is not sent gets no confirmation, whatever the cause is called.
+    const bool refused = (data[0] & 0b00100) != 0 && number != 0;
+    AskForNumbers(number, (data[0] & 0b11011) == 0 && !refused);
     AskForText(std::string(fuzz::Text(data, size).substr(1 + sizeof(number))));
     modem.FailIpc(kAnyMessage, IpcFault::kAnswer, 0, 0);  // takes all back
     modem.AnswerAt("", 0);
