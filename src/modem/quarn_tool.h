@@ -62,8 +62,9 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     std::thread wait_connect_thread;     // socket channel only
     std::thread host_port_error_thread;  // recovers the port; made by `start` or by the other
 
-    // Held for one call of the tool library. A start of listening looks at `running` under it, so
-    // that none comes behind the end of listening in `stop`.
+    // Held for one call of the tool library, the first time also while the thread is made that ends
+    // listening after a port error: it must not come before. A start of listening looks at
+    // `running` under it, so that none comes behind the end of listening in `stop`.
     std::mutex listen_mutex;
 
     // Guards what follows, for an instant only: a recovery does not hold it, for it may wait for a
