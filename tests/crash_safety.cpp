@@ -24,7 +24,7 @@
 #include "storage/log_names.h"
 #include "storage/power_on_log.h"
 #include "support.h"
-#include "tools/muxz_tree.h"
+#include "tools/muxz/tree.h"
 
 namespace fs = std::filesystem;
 namespace log_names = quarn::log_names;

@@ -17,8 +17,8 @@
 #include "storage/log_file_format.h"
 #include "storage/log_names.h"
 #include "support.h"
-#include "tools/muxz_reader.h"
-#include "tools/muxz_tree.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/tree.h"
 
 namespace {
 

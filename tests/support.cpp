@@ -11,8 +11,8 @@
 #include <sstream>
 #include <thread>
 
-#include "tools/muxz_reader.h"
-#include "tools/muxz_tree.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/tree.h"
 
 namespace test {
 

@@ -24,7 +24,7 @@
 #include "storage/folder_history.h"
 #include "storage/log_file_recycler.h"
 #include "storage/log_names.h"
-#include "tools/muxz_tree.h"
+#include "tools/muxz/tree.h"
 
 namespace fs = std::filesystem;
 namespace names = quarn::log_names;

@@ -4,7 +4,7 @@
 #include <map>
 
 #include "fuzz.h"
-#include "tools/muxz_reader.h"
+#include "tools/muxz/reader.h"
 
 namespace {
 

@@ -24,8 +24,8 @@
 #include "sim/modem.h"
 #include "tests/soak/phone.h"
 #include "tests/support.h"
-#include "tools/muxz_reader.h"
-#include "tools/muxz_tree.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/tree.h"
 
 namespace fs = std::filesystem;
 

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "muxz_commands.h"
-#include "muxz_report.h"
+#include "tools/muxz/commands.h"
+#include "tools/muxz/report.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "muxz_commands.h"
-#include "muxz_input.h"
-#include "muxz_reader.h"
-#include "muxz_report.h"
-#include "muxz_tree.h"
+#include "tools/muxz/commands.h"
+#include "tools/muxz/input.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/report.h"
+#include "tools/muxz/tree.h"
 
 namespace muxz {
 

@@ -1,4 +1,4 @@
-#include "muxz_input.h"
+#include "tools/muxz/input.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "muxz_tree.h"
+#include "tools/muxz/tree.h"
 
 namespace muxz {
 

@@ -1,4 +1,4 @@
-#include "muxz_report.h"
+#include "tools/muxz/report.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // Decodes log files: header, blocks, and blocks without a header. docs/log-file-format.md is the
-// page beside it; muxz_tree.h finds the files.
+// page beside it; tree.h finds the files.
 //
 // Any bytes may be thrown at it. Memory is bounded by what a 24-bit length can say: a window and
 // one unpacked block, each under 18 MiB, and as much as the file really needs. No state is shared;

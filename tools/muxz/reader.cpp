@@ -1,4 +1,4 @@
-#include "muxz_reader.h"
+#include "tools/muxz/reader.h"
 
 #include <snappy-c.h>
 #include <unistd.h>

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "muxz_reader.h"
-#include "muxz_report.h"
-#include "muxz_tree.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/report.h"
+#include "tools/muxz/tree.h"
 
 namespace muxz {
 

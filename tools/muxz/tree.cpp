@@ -1,4 +1,4 @@
-#include "muxz_tree.h"
+#include "tools/muxz/tree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,8 +15,8 @@
 #include <optional>
 #include <queue>
 
-#include "muxz_reader.h"
 #include "storage/log_names.h"
+#include "tools/muxz/reader.h"
 
 namespace muxz {
 
