@@ -54,5 +54,7 @@ make_arm64_root() {
       for deb in "$apt"/archives/*.deb; do dpkg-deb -x "$deb" "$root" || return 1; done; } >&2 ||
         { echo "could not get the arm64 packages (they come from Debian's own package servers)" >&2; return 1; }
     rm -rf "$apt"
+    # Snappy's CMake files name its files by absolute paths; these now stand below the root.
+    sed -i "s#\"/usr#\"$PWD/$root/usr#" "$root"/usr/lib/*/cmake/Snappy/*.cmake || return 1
     echo "$*" >"$root/packages"
 }
