@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -27,11 +28,39 @@ uint64_t Polls() {
     return std::stoull(state.substr(state.find("poll ") + 5));
 }
 
+int Subscribe() {
+    const int fd = socket_local_client("/dev/quarn_callback_server.socket",
+                                       ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+    const timeval limit = {.tv_sec = 20, .tv_usec = 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    return fd;
+}
+
+// At most `size` bytes, fewer at the end of the stream or when nothing comes any more.
+std::string Receive(int fd, size_t size) {
+    std::string bytes(size, '\0');
+    const ssize_t got = recv(fd, bytes.data(), size, MSG_WAITALL);
+    bytes.resize(static_cast<size_t>(std::max(got, ssize_t{0})));
+    return bytes;
+}
+
 }  // namespace
 
-TEST(Daemon, StartsInOrderOnceTheModemLayerIsUp) {
-    Daemon daemon("start", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
-    ASSERT_TRUE(daemon.WaitFor("start all handler done"));
+TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 0\n");
+    Daemon daemon("life", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
+    ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
+    // Who subscribed hears of a log mode that a command changed.
+    const int subscriber = Subscribe();
+    ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
+    EXPECT_EQ(test::Quarnctl("log_mode 2"), "ok\n");
+    EXPECT_EQ(Receive(subscriber, 14), std::string("cb_log_mode,2\0", 14));
+    close(subscriber);
+    EXPECT_EQ(test::Quarnctl("file_size"), "ok,7\n");
+    EXPECT_NE(Console("state").find("set 1 times"), std::string::npos);  // the modem's clock
+    ASSERT_TRUE(daemon.WaitFor("tot_poll_cnt: "));
+    test::Quarnctl("transfer_type 3");
+    EXPECT_EQ(daemon.Wait(), 0);
     const std::string log = daemon.Log();
     size_t at = 0;
     for (const char* line : {
@@ -39,13 +68,42 @@ TEST(Daemon, StartsInOrderOnceTheModemLayerIsUp) {
              "quarn_property_set: rc 0",
              "init all handle done",
              "file_io: create folder /data/vendor/radio/quarn/",
+             "Power-on Log: init successfully",
              "Custom header: initialize successfully",
              "reader_handler: start success",
+             "event_detect_handle: start success",
+             "md_time_sync_handle: start success",
+             "mipcInit: mipc init success",
+             "load config done",
+             "MIPC SYS_SET_TIME_REQ: ",
              "writer_handler: start success",
+             "ctrl_connect: create listen_fd=",
              "start all handler done",
+             "read rate: ",  // of the first eight seconds
+             "quarn.is_close is set",
+             "md_time_sync_handle: stop success",
+             "event_detect_handle: stop success",
+             "quarn_stateNotify: join",
+             "ctrlConn_listen_thread: join",
+             "reader_handler: stop success",
+             "writer_handler: already stop",
+             "stop all handler done",
+             "Power-on Log: de-init successfully",
          }) {
         at = log.find(line, at);
         ASSERT_NE(at, std::string::npos) << line << " is missing or out of order in\n" << log;
+    }
+}
+
+// Without modem IPC there are no settings and no clock for the modem; the rest goes on.
+TEST(Daemon, StartsWithoutModemIpc) {
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 1\n");
+    Daemon daemon("mute", "ipc init 1 1\n");
+    ASSERT_TRUE(daemon.WaitFor("ctrl_connect: quarn_ctrlConn_listen_thread start"));
+    EXPECT_EQ(test::Quarnctl("file_size"), "ok,50\n");
+    EXPECT_EQ(Console("state").find("set 1 times"), std::string::npos);
+    for (const char* line : {"load config", "open file: ", "MIPC SYS_SET_TIME_REQ"}) {
+        EXPECT_EQ(daemon.Log().find(line), std::string::npos) << line;
     }
 }
 
@@ -135,15 +193,12 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
         Daemon daemon("removal", scenario + "rate 30M\n",
                       {{sim::kRestartStatusVariable, std::to_string(kRestartAsked)}});
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
-        const int subscriber = socket_local_client("/dev/quarn_callback_server.socket",
-                                                   ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+        const int subscriber = Subscribe();
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
         ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 3'000'000; }));
         Console("uevent remove vqmi wwanD0MDLog");
-        char told[64] = {};
-        EXPECT_EQ(recv(subscriber, told, sizeof(told), 0), 10);
-        EXPECT_STREQ(told, "cb_reboot");
-        EXPECT_EQ(recv(subscriber, told, sizeof(told), 0), 0);
+        // To its end: the daemon hangs up before it restarts.
+        EXPECT_EQ(Receive(subscriber, 64), std::string("cb_reboot\0", 10));
         close(subscriber);
         EXPECT_EQ(daemon.Wait(), kRestartAsked);
     }

@@ -1,9 +1,12 @@
 // The storage channel: folders, files, their names, and what is in them.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -14,6 +17,8 @@
 #include "core/quarn.h"
 #include "storage/custom_header.h"
 #include "support.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/tree.h"
 
 namespace fs = std::filesystem;
 using test::List;
@@ -207,6 +212,59 @@ TEST_F(FileIo, FilesRotateBySizeAndAnExceptionMarksThemAndTheFolder) {
     }
     EXPECT_TRUE(files[0].find("_EE") == std::string::npos);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: file_size exceed 1048576"));
+}
+
+// Each file begins with what the channel knows of it, what the modem told last, and the phone's own
+// entries.
+TEST_F(FileIo, EveryFileHasAHeaderOfItsOwn) {
+    quarn::zorvex::CustomHeaderInfoInit();
+    ASSERT_EQ(io->set_file_size(1), 0);
+    const time_t before = time(nullptr);
+    ASSERT_EQ(io->io_open(), 0);
+    const time_t opened = io->get_cur_folder_time();
+    EXPECT_GE(opened, before);
+    ASSERT_TRUE(Write(test::StreamBytes(14 * kChunk)));  // the modem told nothing yet
+    QUARN_MD_INFO told = {};
+    for (size_t i = 0; i < sizeof(told.md_info); ++i) told.md_info[i] = static_cast<uint8_t>(i);
+    told.md_info_word_b = 0x0b0b0b0b;
+    {
+        std::lock_guard lock(g_quarn.md_info_mutex);
+        g_quarn.md_info = told;
+        g_quarn.md_info_word_a = 0x0a0a0a0a;
+        g_quarn.md_info_time = 1'700'000'000;
+    }
+    ASSERT_TRUE(Write(test::StreamBytes(40 * kChunk)));
+    io->io_close();
+
+    CUSTOM_HEADER_INFO custom;
+    quarn::zorvex::GetCustomHeaderInfo(custom);
+    ASSERT_GT(custom.length, 0);
+    const auto files = List(OnlyFolder());
+    ASSERT_GE(files.size(), 3u);
+    for (uint32_t i = 0; i < files.size(); ++i) {
+        SCOPED_TRACE(files[i]);
+        const std::string path = OnlyFolder() + "/" + files[i];
+        const muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        muxz::FileSource source(fd.get());
+        muxz::Header header;
+        ASSERT_EQ(muxz::ReadHeader(source, header), muxz::HeaderState::kWhole);
+        EXPECT_EQ(header.phone.compress_buf_size, 1024u * 1024);
+        EXPECT_EQ(header.phone.folder_time, static_cast<uint32_t>(opened));
+        EXPECT_EQ(header.phone.file_idx, i);
+        EXPECT_EQ(header.phone.custom_header.present, custom.present);
+        EXPECT_EQ(
+            std::string_view(reinterpret_cast<char*>(header.custom.data()), header.custom.size()),
+            std::string_view(static_cast<const char*>(custom.data), custom.length));
+        if (i == 0) {
+            EXPECT_GE(header.modem.md_info_time, static_cast<uint32_t>(before));
+            EXPECT_EQ(header.modem.md_info_word_a, 0u);
+            continue;
+        }
+        EXPECT_EQ(header.modem.md_info_time, 1'700'000'000u);
+        EXPECT_EQ(header.modem.md_info_word_a, 0x0a0a0a0au);
+        EXPECT_EQ(header.modem.md_info_word_b, 0x0b0b0b0bu);
+        EXPECT_EQ(memcmp(header.modem_record.data(), &told, sizeof(told)), 0);
+    }
 }
 
 TEST_F(FileIo, AFlushedCloseAddsOneByteAndKeepsTheCapture) {

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <functional>
+#include <mutex>
+#include <vector>
 
 #include "byte_source.h"
 #include "core/quarn.h"
@@ -115,6 +117,22 @@ TEST_F(Reader, FaultsOfThePortAreCountedAndSurvived) {
         // These ask the port again at once, the others do not.
         EXPECT_EQ(s.tot_poll_cnt, s.read_len_zero + s.read_eagain + s.read_eintr + s.read_enodev);
     }
+}
+
+// Main logs the counters under their lock: the reader's pauses must leave it free.
+TEST_F(Reader, ThePauseAfterABadPortLeavesTheCountersFree) {
+    constexpr uint64_t kFaults = 6;
+    modem.FailReads(EBADF, kFaults);
+    reader.start();
+    std::vector<uint64_t> seen;
+    EXPECT_TRUE(test::WaitUntil([&] {
+        std::unique_lock lock(g_quarn.stats_mutex, std::try_to_lock);
+        if (!lock) return false;
+        const uint64_t count = g_quarn.stats.read_ebadf;
+        if (count > 0 && (seen.empty() || seen.back() != count)) seen.push_back(count);
+        return count == kFaults;
+    }));
+    EXPECT_GE(seen.size(), kFaults / 2);  // in a pause each; some may pass unseen on a busy machine
 }
 
 // --- chunks ---

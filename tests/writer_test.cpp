@@ -191,6 +191,47 @@ TEST_F(Writer, StopBreaksABlockedUsbWriteAndTheWaitForAHost) {
     close(ends[1]);
 }
 
+// --- waiting for an empty ring ---
+
+// A ring that nobody drains is waited for to the limit, but not when no host takes anything.
+TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
+    using Clock = std::chrono::steady_clock;
+    QUARN_RING full(1024);
+    Put(full, "x");
+    QUARN_RING empty(1024);
+    UsbChannel idle_usb;
+    SocketChannel no_host;
+    const struct {
+        const char* name;
+        QUARN_RING& ring;
+        QUARN_IO& channel;
+        milliseconds least;
+    } rows[] = {
+        {"nothing held", empty, g_file_io, milliseconds(1500)},
+        {"USB, nothing taken", full, idle_usb, milliseconds(1500)},
+        {"no host", full, no_host, milliseconds(1500)},
+        {"somebody drains", full, g_file_io, milliseconds(3500)},
+    };
+    std::atomic<int> long_waits{0};
+    std::vector<std::thread> waits;
+    for (const auto& row : rows) {
+        waits.emplace_back([&row, &long_waits] {
+            TestWriter writer(&row.ring, &row.channel);
+            const auto begun = Clock::now();
+            writer.exec(EXEC_FLUSH_RING, nullptr);
+            const auto passed = Clock::now() - begun;
+            EXPECT_GE(passed, row.least) << row.name;
+            // Those that have a reason to end at once do so before the one that waits.
+            if (row.least > milliseconds(1500)) {
+                ++long_waits;
+            } else {
+                EXPECT_EQ(long_waits, 0) << row.name;
+            }
+        });
+    }
+    for (std::thread& wait : waits) wait.join();
+}
+
 // --- requests ---
 
 TEST_F(Writer, MakesWayForTheHostTool) {
