@@ -7,7 +7,7 @@ from .report import complain
 LIBRARIES = {"android-base/": "libbase", "cutils/": "libcutils", "android/log.h": "liblog",
              "snappy": "libsnappy"}
 # What looks like a property's name, but is a file's.
-FILE_ENDINGS = (".muxz", ".tmp", ".cfg", ".socket")
+FILE_NAME = re.compile(r".*\.(muxz|tmp|cfg|socket)(\.\w+)?")
 
 CPP_TOKEN = re.compile(
     r"""//[^\n]*|/\*.*?\*/            # a comment
@@ -64,7 +64,7 @@ class Named:
         self.devices = {p for p in paths - self.sockets if p.startswith("/dev/")} | bare
         self.paths = paths - self.sockets - self.devices
         self.properties = {t for t in texts if re.fullmatch(r"[A-Za-z]\w*(\.[\w%@:-]+)+", t)
-                           and not t.endswith(FILE_ENDINGS)}
+                           and not FILE_NAME.fullmatch(t)}
         self.texts = set(texts)
 
 

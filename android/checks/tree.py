@@ -50,7 +50,7 @@ RIGHTS = {name: rights for names, rights in {
 USES = [
     ("quarn_data_file", {"dir", "file"}, "**/*", set()),
     # Copying reads the daemon's own folder only.
-    ("quarn_copy_target", {"dir", "file"}, "control/copy_log_file.cpp", {"O_RDONLY", "scandir"}),
+    ("quarn_copy_target", {"dir", "file"}, "control/copy_log_file.cpp", {"O_RDONLY", "opendir", "scandir"}),
     ("quarn_filter_file", {"dir", "file"}, "modem/log_filter_manager.cpp", set()),
     ("quarn_state_device", {"chr_file"}, "modem/quarn_event_detect.cpp", set()),
     ("mnt_vendor_file", {"dir", "lnk_file"}, "storage/custom_header.cpp", set()),
