@@ -42,6 +42,12 @@ def cpp_tokens(file):
     return literals, others
 
 
+def cpp_calls(file):
+    """Returns the functions that a C++ source calls, and its constants in capitals."""
+    tokens = cpp_tokens(file)[1]
+    return {token for token, after in zip(tokens, tokens[1:]) if after == "(" or token.isupper()}
+
+
 def included_libraries(files):
     """Returns the libraries whose headers these sources include."""
     included = [name for file in files

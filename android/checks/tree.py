@@ -1,7 +1,7 @@
 """Holds android/ and the build files against src/."""
 import re
 
-from .readers import (Blueprint, Named, Policy, cpp_sources, cpp_tokens, included_libraries,
+from .readers import (Blueprint, Named, Policy, cpp_calls, cpp_sources, included_libraries,
                       init_sections, shaped_lines)
 from .report import compare, complain
 
@@ -18,7 +18,7 @@ DEFAULT_SETTINGS = {"transfer_type", "file_size", "recycle_size", "recycle_ee", 
 # Headers of src/platform that declare Android's own functions. The others are the closed libraries'.
 ANDROID_HEADERS = {"quarn_log.h", "system_properties.h"}
 # What a call, or a flag of a call, asks of SELinux, by class. Reading and writing an open file asks for
-# nothing that opening it did not ask for; fsync, lseek and fcntl ask for nothing.
+# nothing that opening it did not ask for. fsync, syncfs, lseek and fcntl ask for nothing.
 RIGHTS = {name: rights for names, rights in {
     "open openat": {"dir": "search", "file": "open", "chr_file": "open"},
     "O_RDONLY": {"file": "read", "chr_file": "read"},
@@ -49,8 +49,9 @@ RIGHTS = {name: rights for names, rights in {
 # A type of the policy, its classes, the sources whose calls reach it, and what they call for other types.
 USES = [
     ("quarn_data_file", {"dir", "file"}, "**/*", set()),
-    # Copying reads the daemon's own folder only.
-    ("quarn_copy_target", {"dir", "file"}, "control/copy_log_file.cpp", {"O_RDONLY", "opendir", "scandir"}),
+    # Copying reads the daemon's own folder only. A folder that it opens by O_PATH needs no right.
+    ("quarn_copy_target", {"dir", "file"}, "control/copy_log_file.cpp",
+     {"O_RDONLY", "O_DIRECTORY", "opendir", "scandir"}),
     ("quarn_filter_file", {"dir", "file"}, "modem/log_filter_manager.cpp", set()),
     ("quarn_state_device", {"chr_file"}, "modem/quarn_event_detect.cpp", set()),
     ("mnt_vendor_file", {"dir", "lnk_file"}, "storage/custom_header.cpp", set()),
@@ -196,10 +197,10 @@ def needed_rights(root):
     """Returns the rights by domain, type and class that the calls in src need."""
     needed = dict(OTHER_RULES)
     for target, classes, pattern, others in USES:
-        tokens = {token for file in (root / "src").glob(pattern) if file.suffix in (".cpp", ".h")
-                  for token in cpp_tokens(file)[1]} - others
+        calls = {call for file in (root / "src").glob(pattern) if file.suffix in (".cpp", ".h")
+                 for call in cpp_calls(file)} - others
         for kind in classes:
-            rights = " ".join(RIGHTS[token].get(kind, "") for token in tokens & RIGHTS.keys())
+            rights = " ".join(RIGHTS[call].get(kind, "") for call in calls & RIGHTS.keys())
             needed["quarn", target, kind] = set(rights.split())
     return needed
 
