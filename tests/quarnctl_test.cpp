@@ -1,5 +1,6 @@
 // quarnctl, against a daemon of the test's own on the two sockets.
 #include <cutils/sockets.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -8,10 +9,13 @@
 #include <csignal>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "core/version.h"
 #include "support.h"
 
 namespace {
@@ -20,6 +24,7 @@ struct Listener {
     explicit Listener(const char* name)
         : fd(socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
         EXPECT_GE(fd, 0);
+        fcntl(fd, F_SETFD, FD_CLOEXEC);  // the programs that are started must not keep the name
     }
     ~Listener() { close(fd); }
     int Accept() const { return accept4(fd, nullptr, nullptr, SOCK_CLOEXEC); }
@@ -89,13 +94,16 @@ Result Quarnctl(const std::string& arguments) {
 }  // namespace
 
 TEST(Quarnctl, CommandsAndTheirStatus) {
-    EXPECT_EQ(Quarnctl("log_mode").status, 2);  // nobody there
+    EXPECT_EQ(Quarnctl("log_mode").status, 3);  // nobody there
     const std::string fits(127 - sizeof("log_filter ") - 1, 'f');
     FakeDaemon daemon({{"log_mode", "ok,1"},
                        {"log_mode 2", "ok"},
                        {"file_size 4096", "error"},
                        {"log_filter /" + fits, "ok"},
                        {"log_folder /x/file_size", "ok"},
+                       {"recycle_ee 1", "ok"},
+                       {"log_folder", "ok,/logs, all of them"},
+                       {"log_level", "error"},
                        {"transfer_type 3", "hang up"}});
     const struct {
         std::string arguments;
@@ -105,18 +113,29 @@ TEST(Quarnctl, CommandsAndTheirStatus) {
     } cases[] = {
         {"log_mode", 0, "log_mode", "ok,1\n"},
         {"log_mode wrapping", 0, "log_mode 2", "ok\n"},
-        {"file_size 4096", 1, "file_size 4096", "takes 1 to 4095 MB"},
+        {"log_mode --timeout=5 wrapping", 0, "log_mode 2", "ok\n"},
+        {"recycle_ee yes", 0, "recycle_ee 1", "ok\n"},
+        {"file_size 4096", 1, "file_size 4096", "takes 1 to 4095 MB; the reason stands in its log"},
         {"log_filter /" + fits, 0, "log_filter /" + fits, "ok\n"},
         {"log_folder /x/file_size", 0, "log_folder /x/file_size", "holds the word file_size"},
-        {"transfer_type exit", 2, "transfer_type 3", "hung up"},
-        {"--timeout 1 flush_status", 2, "flush_status", "no answer within 1 s"},
-        {"log_filter /f" + fits, 1, "", "too long by 1 bytes"},
-        {"log_modes", 1, "", "no such command: log_modes"},
-        {"log_mode on", 1, "", "does not know \"on\""},
-        {"file_size 4294967297", 1, "", "does not know"},
-        {"log_folder '/x\ny'", 1, "", "newline"},
-        {"flush_status 1", 1, "", "takes no argument"},
+        {"get log_folder", 0, "log_folder", "/logs, all of them\n"},
+        {"get log_level", 1, "log_level", "logcat -s QUARN"},
+        {"transfer_type exit", 3, "transfer_type 3", "hung up"},
+        {"flush_status --timeout 1", 3, "flush_status", "no answer within 1 s"},
+        {"log_filter /f" + fits, 2, "", "too long by 1 bytes"},
+        {"log_modes", 2, "", "no such command: log_modes"},
+        {"log_mode on", 2, "", "does not know \"on\""},
+        {"file_size 4294967297", 2, "", "does not know"},
+        {"log_folder '/x\ny'", 2, "", "control character"},
+        {"-- log_folder --x", 2, "", "begins with /"},
+        {"flush_status 1", 2, "", "takes no argument"},
+        {"get log_filter", 2, "", "cannot be asked"},
+        {"--timeout=soon log_mode", 2, "", "a number of seconds, not soon"},
+        {"--patience 1 log_mode", 2, "", "no such option: --patience"},
+        {"--json log_mode", 2, "", "--json goes with"},
+        {"", 2, "", "Use: quarnctl"},
         {"help", 0, "", "1 to 4194303 MB"},
+        {"--version", 0, "", std::string("quarnctl ") + quarn::kVersion + "\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.arguments);
@@ -133,9 +152,10 @@ TEST(Quarnctl, StatusNamesValuesAndWarns) {
         {"flush_status", "ok,0"},  {"transfer_type", "ok,1"}, {"file_size", "ok,50"},
         {"recycle_size", "ok,50"}, {"recycle_ee", "ok,1"},    {"recycle_keep_ee_size", "ok,49"},
         {"log_folder", "ok,/logs"}};
-    const auto expect = [&](int status, const std::vector<std::string>& parts) {
+    const auto expect = [&](int status, const std::vector<std::string>& parts,
+                            const std::string& option = "") {
         FakeDaemon daemon(replies);
-        const Result run = Quarnctl("status");
+        const Result run = Quarnctl("status " + option);
         EXPECT_EQ(run.status, status);
         for (const std::string& part : parts) {
             EXPECT_NE(run.text.find(part), std::string::npos) << part << " not in\n" << run.text;
@@ -153,6 +173,64 @@ TEST(Quarnctl, StatusNamesValuesAndWarns) {
     replies["log_mode"] = "error";
     replies["log_level"] = "ok,-1";
     expect(1, {"-1  a custom filter"});
+    replies["log_folder"] = "ok,/a \"b\" \xff\\";
+    expect(1,
+           {R"("log_mode": {"value": null})", R"("value": -1, "name": "a custom filter")",
+            R"("file_size": {"value": 50, "unit": "MB"})", R"({"value": "/a \"b\" \u00ff\\"})",
+            R"("warnings": ["recycle_size (49 MB) is below)"},
+           "--json");
+}
+
+TEST(Quarnctl, WaitsUntilTheDaemonAnswers) {
+    EXPECT_EQ(Quarnctl("wait --timeout 1").status, 3);
+    // Somebody listens, but does not answer yet.
+    std::optional<Listener> silent(std::in_place, "/dev/quarn_server.socket");
+    std::optional<FakeDaemon> daemon;
+    std::thread starts([&] {
+        close(silent->Accept());
+        silent.reset();
+        daemon.emplace(std::map<std::string, std::string>{{"file_size", "ok,50"}});
+    });
+    EXPECT_EQ(Quarnctl("wait --timeout 60").status, 0);
+    starts.join();
+}
+
+// Notifications are counted and looked at one by one, however they come.
+TEST(Quarnctl, WatchEndsAsAsked) {
+    const struct {
+        std::string options;
+        int status;
+        std::vector<std::string> parts;  // of what is printed, in order; the last one ends it
+    } cases[] = {
+        {"--count 2", 0, {"cb_log_mode,1  streaming\n", "cb_reboot  the modem rebooted"}},
+        {"--until cb_transfer", 0, {"cb_reboot", "cb_transfer_type,1  storage\n"}},
+        {"--until nothing --timeout 1", 3, {"cb_transfer_type,1", "did not come in time"}},
+        {"--json --count 3",
+         0,
+         {R"("event": "connected"})", R"("event": "cb_log_mode", "value": 1, "name": "streaming"})",
+          R"("event": "cb_reboot"})", R"("event": "cb_transfer_type", "value": 1)"}},
+    };
+    const Listener listener("/dev/quarn_callback_server.socket");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.options);
+        std::thread daemon([&] {
+            const int subscriber = listener.Accept();
+            const std::string_view sent("cb_log_mode,1\0cb_reboot\0cb_transfer_type,1", 43);
+            send(subscriber, sent.data(), sent.size(), MSG_NOSIGNAL);
+            char until_it_leaves;
+            recv(subscriber, &until_it_leaves, 1, 0);
+            close(subscriber);
+        });
+        const Result run = Quarnctl("watch " + c.options);
+        daemon.join();
+        EXPECT_EQ(run.status, c.status);
+        size_t at = 0;
+        for (const std::string& part : c.parts) {
+            at = run.text.find(part, at);
+            ASSERT_NE(at, std::string::npos) << part << " not in\n" << run.text;
+        }
+        EXPECT_GE(at + c.parts.back().size() + 30, run.text.size()) << run.text;
+    }
 }
 
 TEST(Quarnctl, WatchOutlivesTheDaemon) {

@@ -1,0 +1,148 @@
+#include "watch.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <thread>
+
+#include "commands.h"
+#include "connection.h"
+#include "control/protocol.h"
+#include "exit_status.h"
+#include "json.h"
+
+namespace quarnctl {
+
+namespace {
+
+namespace protocol = quarn::protocol;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// The phone's local time with milliseconds; with its offset from UTC when `with_offset`.
+std::string Now(bool with_offset) {
+    const auto now = std::chrono::system_clock::now();
+    const time_t whole = std::chrono::system_clock::to_time_t(now);
+    const auto ms = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    tm local = {};
+    localtime_r(&whole, &local);
+    char day[32], offset[16] = "+0000", text[64];
+    strftime(day, sizeof(day), with_offset ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &local);
+    strftime(offset, sizeof(offset), "%z", &local);  // "+hhmm"; JSON's readers expect "+hh:mm"
+    const std::string zone = std::string(offset, 3) + ':' + std::string(offset + 3, 2);
+    snprintf(text, sizeof(text), "%s.%03d%s", day, static_cast<int>(ms),
+             with_offset ? zone.c_str() : "");
+    return text;
+}
+
+class Watcher {
+  public:
+    explicit Watcher(const WatchOptions& watch_options)
+        : options(watch_options), deadline(watch_options.limit) {}
+
+    int Run() {
+        while (true) {
+            const Descriptor fd = Connect(protocol::kNotifySocket, kAcceptPatience);
+            if (fd.get() < 0) {
+                Tell("waiting", "waiting for the daemon");
+            } else if (Follow(fd.get())) {
+                return kOk;
+            }
+            if (deadline.Passed()) return Complain(kUnreachable, "it did not come in time");
+            std::this_thread::sleep_for(kRetryPause);
+        }
+    }
+
+  private:
+    static constexpr milliseconds kRetryPause{500};
+    static constexpr seconds kAcceptPatience{30};
+    static constexpr size_t kMaxNotification = 4096;
+
+    // Each change of how things stand once: for people beside the notifications, for scripts among
+    // them.
+    void Tell(const char* event, const char* text) {
+        if (told == text) return;
+        told = text;
+        if (options.json) {
+            puts(JsonObject()
+                     .Add("time", JsonString(Now(true)))
+                     .Add("event", JsonString(event))
+                     .Text()
+                     .c_str());
+        } else {
+            fprintf(stderr, "%s %s\n", Now(false).c_str(), text);
+        }
+    }
+
+    // Prints until the daemon hangs up or the time is over. Returns true if the watch has reached
+    // its end. A daemon with all places taken accepts and hangs up, so a connection counts only
+    // after a while.
+    bool Follow(int fd) {
+        pollfd poll_fd = {fd, POLLIN, 0};
+        bool served = poll(&poll_fd, 1, static_cast<int>(kRetryPause.count())) == 0;
+        if (served) Tell("connected", "connected");
+        std::string pending;
+        std::array<char, 512> piece;
+        while (true) {
+            if (!WaitReadable(fd, deadline)) return false;
+            const ssize_t n = recv(fd, piece.data(), piece.size(), 0);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            served = true;
+            Tell("connected", "connected");
+            pending.append(piece.data(), static_cast<size_t>(n));
+            for (size_t end; (end = pending.find('\0')) != std::string::npos;) {
+                if (Notified(pending.substr(0, end))) return true;
+                pending.erase(0, end + 1);
+            }
+            if (pending.size() > kMaxNotification) pending.clear();
+        }
+        if (served) {
+            Tell("disconnected", "the daemon went away");
+        } else {
+            Tell("refused",
+                 "the daemon hung up at once: it is ending, or has ten subscribers already");
+        }
+        return false;
+    }
+
+    // Prints one notification. Returns true if it is the last one that was wanted.
+    bool Notified(const std::string& text) {
+        const size_t comma = std::min(text.find(','), text.size());
+        const std::string word = text.substr(0, comma);
+        const std::string value = text.substr(std::min(comma + 1, text.size()));
+        std::string name;
+        if (word == protocol::kLogModeChanged) name = NameOf(protocol::kLogModes, value);
+        if (word == protocol::kTransferTypeChanged) name = NameOf(protocol::kTransferTypes, value);
+        if (options.json) {
+            JsonObject event;
+            event.Add("time", JsonString(Now(true))).Add("event", JsonString(word));
+            if (comma < text.size()) event.Add("value", JsonValue(value));
+            if (!name.empty()) event.Add("name", JsonString(name));
+            puts(event.Text().c_str());
+        } else {
+            if (word == protocol::kReboot) name = "the modem rebooted, the daemon restarts";
+            printf("%s %s%s%s\n", Now(false).c_str(), text.c_str(), name.empty() ? "" : "  ",
+                   name.c_str());
+        }
+        ++notifications;
+        const bool found = !options.until.empty() && text.find(options.until) != std::string::npos;
+        return found || (options.count > 0 && notifications >= options.count);
+    }
+
+    const WatchOptions& options;
+    const Deadline deadline;
+    std::string told;
+    int32_t notifications = 0;
+};
+
+}  // namespace
+
+int Watch(const WatchOptions& options) { return Watcher(options).Run(); }
+
+}  // namespace quarnctl
