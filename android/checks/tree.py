@@ -86,7 +86,7 @@ def check_modules(root):
     closed = {h.stem for h in (root / "src/platform").glob("*.h") if h.name not in ANDROID_HEADERS}
     shipped = {f.name for f in (root / "android").iterdir() if f.suffix in (".rc", ".cfg")}
     to_etc = shipped - {"quarn.rc"}
-    tool_source = root / "tools/quarnctl/quarnctl.cpp"
+    tool_sources = sorted((root / "tools/quarnctl").glob("*.cpp"))
     public = {"//visibility:public"}
     wanted = [
         (library, "quarn_main", "srcs", {"core/main.cpp"}),
@@ -96,7 +96,11 @@ def check_modules(root):
         (library, "libquarn_daemon", "defaults", {"quarn_defaults"}),
         (library, "libquarn_daemon", "export_include_dirs", {"."}),
         (library, "libquarn_daemon", "visibility", public),
-        (tool, "quarnctl_source", "srcs", {tool_source.name}),
+        (library, "quarn_headers", "kind", {"cc_library_headers"}),
+        (library, "quarn_headers", "export_include_dirs", {"."}),
+        (library, "quarn_headers", "vendor", {"true"}),
+        (library, "quarn_headers", "visibility", public),
+        (tool, "quarnctl_source", "srcs", {f.name for f in tool_sources}),
         (tool, "quarnctl_source", "visibility", public),
         (build, "quarn_platform_libraries", "shared_libs", {"lib" + name for name in closed}),
         (build, "quarn_defaults", "shared_libs", included_libraries(sources)),
@@ -112,7 +116,8 @@ def check_modules(root):
         (build, "quarn", "required", to_etc),
         (build, "quarnctl", "kind", {"cc_binary"}),
         (build, "quarnctl", "srcs", {":quarnctl_source"}),
-        (build, "quarnctl", "shared_libs", included_libraries([tool_source])),
+        (build, "quarnctl", "shared_libs", included_libraries(tool_sources)),
+        (build, "quarnctl", "header_libs", {"quarn_headers"}),
         (build, "quarnctl", "cpp_std", {"c++20"}),
         (build, "quarnctl", "vendor", {"true"}),
     ]
@@ -246,9 +251,7 @@ def check_defaults(root, src):
 
 def check_tree(root):
     src = Named(cpp_sources(root / "src"))
-    tool = Named([root / "tools/quarnctl/quarnctl.cpp"])
     policy = Policy(root)
-    compare(src.sockets, "src", tool.sockets, "tools/quarnctl/quarnctl.cpp", "socket")
     programs, etc = check_modules(root)
     account = check_service(root, src, programs)
     check_nodes(root, src, policy, account)
