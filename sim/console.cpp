@@ -218,7 +218,8 @@ Reply FailIpc(Words words) {
         {"cause", IpcFault::kCause, true},         {"silence", IpcFault::kSilence, true},
         {"delay", IpcFault::kDelay, true},         {"result", IpcFault::kResult, true},
         {"no_result", IpcFault::kNoResult, false}, {"no_answer", IpcFault::kNoAnswer, false},
-        {"answer", IpcFault::kAnswer, true},       {"short", IpcFault::kShort, false},
+        {"answer", IpcFault::kAnswer, true},       {"short", IpcFault::kShort, true},
+        {"no_length", IpcFault::kNoLength, false},
     };
     const auto id = words[1] == "any" ? 0 : Number(words[1], INT_MAX);
     if (!id) return BadNumber("MESSAGE", words[1], INT_MAX);
@@ -233,9 +234,8 @@ Reply FailIpc(Words words) {
         return Ok();
     }
     return Refuse(
-        "what can go wrong is message, value, no_result, no_answer or short, and with a VALUE "
-        "cause, "
-        "silence, delay, result or answer");
+        "what can go wrong is message, value, no_result, no_answer or no_length, and with a VALUE "
+        "cause, silence, delay, result, answer or short");
 }
 
 Reply Ipc(const Console&, Words words) {
@@ -502,9 +502,9 @@ constexpr Command kCommands[] = {
      "makes modem IPC fail: its opening with a code, or what has to do with a message by number. "
      "FAULT: message (none can be made), value (none can be added), cause VALUE (not sent), "
      "silence VALUE (lost; so many ms, 0 for the whole time-out), delay VALUE (ms), result VALUE "
-     "(refused), no_result, no_answer, answer VALUE (this number), short (without the answer's "
-     "last "
-     "byte); a COUNT of 0 takes all back",
+     "(refused), no_result, no_answer, answer VALUE (this number), short VALUE (so many bytes "
+     "of the answer are missing), no_length (the library does not tell how long values are); a "
+     "COUNT of 0 takes all back",
      Ipc},
     {"at", 3, 3, "TEXT COUNT",
      "answers the next COUNT AT commands with this text, with \\r and \\n in it", At},

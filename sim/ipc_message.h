@@ -1,6 +1,7 @@
 // A message of modem IPC, request or confirmation: an id and typed values (TLVs).
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -24,13 +25,18 @@ class IpcMessage {
     }
     void AddNumber(int type, int32_t number) { Add(type, &number, sizeof(number)); }
 
-    // Takes the last byte off the value that was added last.
-    void Shorten() {
-        if (values_.empty() || values_.back().length == 0) return;
-        --values_.back().length;
-        bytes_.pop_back();
+    // Takes so many bytes off the end of the value that was added last, as far as it has them.
+    void Shorten(size_t count) {
+        if (values_.empty()) return;
+        count = std::min(count, values_.back().length);
+        values_.back().length -= count;
+        bytes_.resize(bytes_.size() - count);
         bytes_.shrink_to_fit();  // so that a sanitizer sees who reads on
     }
+
+    // Whether the library tells who reads a value how long it is.
+    bool tells_lengths() const { return tells_lengths_; }
+    void TellNoLengths() { tells_lengths_ = false; }
 
     bool Has(int type) const { return Find(type) != nullptr; }
     // Of the first value of that type; empty when there is none. Valid until the next `Add`, and
@@ -65,6 +71,7 @@ class IpcMessage {
     }
 
     int id_;
+    bool tells_lengths_ = true;
     std::vector<Value> values_;
     std::vector<uint8_t> bytes_ = {0};  // one in front puts the numbers at odd addresses
 };

@@ -62,7 +62,10 @@ enum class IpcFault {
     kNoResult,  // it is carried out, and the confirmation has no result code
     kNoAnswer,  // it is carried out, and the confirmation has no answer
     kAnswer,    // it is carried out, and the answer is this number
-    kShort,     // it is carried out, and of the answer's last value the last byte is missing
+    kShort,     // it is carried out, and of the answer's last value so many bytes are missing
+    // It is carried out, and the library leaves alone the lengths that are asked for with the
+    // confirmation's values. None of them is made short, since nobody could see that.
+    kNoLength,
 };
 
 class Modem {

@@ -95,7 +95,8 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     const bool no_result = TakeIpcFault(id, IpcFault::kNoResult).has_value();
     const bool no_answer = TakeIpcFault(id, IpcFault::kNoAnswer).has_value();
     const auto other_answer = TakeIpcFault(id, IpcFault::kAnswer);
-    const bool is_short = TakeIpcFault(id, IpcFault::kShort).has_value();
+    const int missing = std::max(TakeIpcFault(id, IpcFault::kShort).value_or(0), 0);
+    const bool no_length = TakeIpcFault(id, IpcFault::kNoLength).has_value();
 
     ++ipc_under_way_;
     IpcAnswer answer;
@@ -114,12 +115,13 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     if (silence || Clock::now() - start >= timeout) return {0, std::nullopt};
 
     IpcMessage confirmation(id);
+    if (no_length) confirmation.TellNoLengths();
     if (!no_result) confirmation.AddNumber(kResultTlv, answer.result);
     if (no_answer) return {0, std::move(confirmation)};
     if (other_answer) answer.number = other_answer;
     if (answer.number) confirmation.AddNumber(kValueTlv, *answer.number);
     if (answer.text) confirmation.Add(kTextTlv, answer.text->c_str(), answer.text->size() + 1);
-    if (is_short) confirmation.Shorten();
+    if (!no_length) confirmation.Shorten(static_cast<size_t>(missing));
     return {0, std::move(confirmation)};
 }
 

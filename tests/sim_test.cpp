@@ -144,7 +144,8 @@ struct Confirmation {
 std::optional<std::string> ValueOf(mipc_msg_t* message, int type) {
     int length = -1;
     const void* const value = mipc_msg_get_val_ptr(message, type, &length);
-    if (value == nullptr) return std::nullopt;
+    EXPECT_EQ(mipc_msg_get_val_ptr(message, type, nullptr), value);
+    if (value == nullptr || length < 0) return std::nullopt;
     return std::string(static_cast<const char*>(value), static_cast<size_t>(length));
 }
 
@@ -256,6 +257,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {"source generated 18446744073709551616", "SEED is not a number"},
         {"rate 64Mi", ""},
         {"ipc init -3 1", ""},
+        {"ipc 45 no_length 1", ""},
         {"at \"1\\r\\nOK\" 1", ""},
         {"stream \"start", "quotes are not closed"},
         {std::string("rate 1\0", 7), "control character"},
@@ -276,6 +278,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     EXPECT_EQ(status.rate, 64u << 20);
     EXPECT_EQ(mipc_init("port"), -3);
     EXPECT_EQ(mipc_init("port"), 0);
+    EXPECT_EQ(Ask(45).number, std::nullopt);
     EXPECT_EQ(AskAt("AT"), std::string("1\r\nOK\0", 6));
 }
 

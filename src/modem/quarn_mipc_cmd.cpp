@@ -1,6 +1,5 @@
 #include "modem/quarn_mipc_cmd.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -24,6 +23,8 @@ constexpr int kResultTlv = 0;  // in every confirmation: 0 is success
 constexpr int kValueTlv = 0x100;
 constexpr int kDisableTlv = 0x101;
 constexpr int kAtTextTlv = 0x8100;
+// Most bytes in which the NUL of a text is looked for when the library does not tell its length.
+constexpr size_t kMostUntoldText = 64 << 10;
 
 constexpr int32_t kFailed = 1;
 constexpr int32_t kTimedOut = 2;
@@ -49,20 +50,23 @@ constexpr int kAtCommandId = 3;
 // Held from a successful `quarn_mipcInit` to `quarn_mipcDeinit`: keeps a second opening waiting.
 // Commands do not take it.
 std::mutex channel_lock;
-// Whoever uses the library first counts himself in and only then looks whether the channel is open;
-// closing first says so and then waits for the count to fall. Neither can miss the other.
-std::atomic<bool> channel_open{false};
-std::atomic<int> channel_users{0};
+// Whether the channel is open, and how many use it. Both are in one word, so that a caller is
+// counted only while the channel is open: the count of a channel that is being closed falls and
+// never rises.
+constexpr int kChannelOpen = 1 << 30;
+std::atomic<int> channel_state{0};  // kChannelOpen, or nothing, plus the number of users
 
 // Keeps the channel open while it lives, if it was.
 class ChannelUse {
   public:
     ChannelUse() {
-        ++channel_users;
-        open = channel_open;
+        int state = channel_state;
+        while ((state & kChannelOpen) != 0 && !open) {
+            open = channel_state.compare_exchange_weak(state, state + 1);
+        }
     }
     ~ChannelUse() {
-        if (--channel_users == 0) channel_users.notify_all();
+        if (open && --channel_state == 0) channel_state.notify_all();
     }
     ChannelUse(const ChannelUse&) = delete;
     ChannelUse& operator=(const ChannelUse&) = delete;
@@ -70,7 +74,7 @@ class ChannelUse {
     explicit operator bool() const { return open; }
 
   private:
-    bool open;
+    bool open = false;
 };
 
 struct MessageDeleter {
@@ -78,38 +82,29 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<mipc_msg_t, MessageDeleter>;
 
+constexpr int kUntold = -1;  // of a length that the library leaves alone
+
 // Values lie in a message as they came, aligned or not, and may be too short to be one.
 std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
-    int length = 0;
+    int length = kUntold;
     const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
     int32_t number;
-    if (value == nullptr || length < static_cast<int>(sizeof(number))) return std::nullopt;
+    const bool is_short = length > kUntold && length < static_cast<int>(sizeof(number));
+    if (value == nullptr || is_short) return std::nullopt;
     memcpy(&number, value, sizeof(number));
     return number;
 }
 
-// `quarn_mipcSendCmd` for those who have the channel in use.
-int32_t send_and_wait(mipc_msg_t* req, mipc_msg_t** cnf) {
-    *cnf = nullptr;
-    mipc_msg_set_timeout_once(kTimeoutMs);
-    if (const int cause = mipc_msg_sync_timeout_with_cause(req, cnf); cause != 0) {
-        QUARN_LOGE("send mipc cmd fail, cause=%d\n", cause);
-        return kFailed;
-    }
-    if (*cnf == nullptr) {
-        QUARN_LOGE("send mipc cmd timeout\n");
-        return kTimedOut;
-    }
-    const std::optional<int32_t> result = read_int(*cnf, kResultTlv);
-    if (!result) {
-        QUARN_LOGE("get mipc cmd result fail\n");
-        return kFailed;
-    }
-    if (*result != 0) {
-        QUARN_LOGE("mipc cmd fail, result=%d\n", *result);
-        return kFailed;
-    }
-    return 0;
+// Up to the text's NUL. A told length ends it too; without one there must be a NUL.
+std::optional<std::string> read_text(mipc_msg_t* msg, int type) {
+    int length = kUntold;
+    const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
+    if (value == nullptr) return std::nullopt;
+    const size_t limit = length > kUntold ? static_cast<size_t>(length) : kMostUntoldText;
+    const auto* const chars = static_cast<const char*>(value);
+    const size_t size = strnlen(chars, limit);
+    if (length <= kUntold && size == limit) return std::nullopt;
+    return std::string(chars, size);
 }
 
 // One request and its confirmation. Both are freed, and the channel is let go, when it ends.
@@ -131,7 +126,7 @@ class Exchange {
     int32_t send() {
         if (!complete) return kFailed;
         mipc_msg_t* cnf = nullptr;
-        const int32_t status = send_and_wait(request.get(), &cnf);
+        const int32_t status = quarn_mipcSendCmd(request.get(), &cnf);
         confirmation.reset(cnf);
         return status;
     }
@@ -155,15 +150,8 @@ class Exchange {
         return 0;
     }
 
-    // After a send that succeeded: up to the text's NUL, or all of it; none when there is no such
-    // value.
-    std::optional<std::string> text(int type) {
-        int length = 0;
-        const void* const value = mipc_msg_get_val_ptr(confirmation.get(), type, &length);
-        if (value == nullptr) return std::nullopt;
-        const auto* const chars = static_cast<const char*>(value);
-        return std::string(chars, strnlen(chars, static_cast<size_t>(std::max(length, 0))));
-    }
+    // After a send that succeeded; none when there is no such value.
+    std::optional<std::string> text(int type) { return read_text(confirmation.get(), type); }
 
   private:
     ChannelUse use;  // outlives the messages
@@ -205,23 +193,41 @@ int32_t quarn_mipcInit(const char* port) {
         return kFailed;
     }
     QUARN_LOGI("mipcInit: mipc init success\n");
-    channel_open = true;
+    channel_state = kChannelOpen;
     lock.release();  // stays locked: the open channel holds it
     return 0;
 }
 
 void quarn_mipcDeinit() {
-    if (!channel_open.exchange(false)) return;
-    while (const int users = channel_users) channel_users.wait(users);
+    if ((channel_state.fetch_and(~kChannelOpen) & kChannelOpen) == 0) return;
+    while (const int users = channel_state) channel_state.wait(users);
     mipc_deinit();
     channel_lock.unlock();
 }
 
 int32_t quarn_mipcSendCmd(mipc_msg_t* req, mipc_msg_t** cnf) {
-    const ChannelUse use;
-    if (use) return send_and_wait(req, cnf);
     *cnf = nullptr;
-    return kFailed;
+    const ChannelUse use;
+    if (!use) return kFailed;
+    mipc_msg_set_timeout_once(kTimeoutMs);
+    if (const int cause = mipc_msg_sync_timeout_with_cause(req, cnf); cause != 0) {
+        QUARN_LOGE("send mipc cmd fail, cause=%d\n", cause);
+        return kFailed;
+    }
+    if (*cnf == nullptr) {
+        QUARN_LOGE("send mipc cmd timeout\n");
+        return kTimedOut;
+    }
+    const std::optional<int32_t> result = read_int(*cnf, kResultTlv);
+    if (!result) {
+        QUARN_LOGE("get mipc cmd result fail\n");
+        return kFailed;
+    }
+    if (*result != 0) {
+        QUARN_LOGE("mipc cmd fail, result=%d\n", *result);
+        return kFailed;
+    }
+    return 0;
 }
 
 int32_t quarn_mipcSetLogMode(int mode) {

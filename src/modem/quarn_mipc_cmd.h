@@ -14,11 +14,12 @@
 // Opens the channel: 0 on success. A second call without `quarn_mipcDeinit` in between waits for
 // it.
 int32_t quarn_mipcInit(const char* port);
-// Closes the channel once the exchanges in flight have ended; nothing after a failed or missing
-// init.
+// Closes the channel: refuses new exchanges from now on, and waits for those in flight to end. Does
+// nothing after a failed or missing init.
 void quarn_mipcDeinit();
 
-// The one send. `*cnf` gets the confirmation, null when none came; the caller frees it.
+// The one send; every function below goes through it. `*cnf` gets the confirmation, null when none
+// came; the caller frees it.
 int32_t quarn_mipcSendCmd(mipc_msg_t* req, mipc_msg_t** cnf);
 
 // Modes: 0 disable, 1 streaming, 2 wrapping. A mode that was set is told to subscribers; streaming

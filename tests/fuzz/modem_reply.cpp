@@ -1,5 +1,5 @@
 // What the modem answers over modem IPC: texts of AT commands, numbers and result codes, each of
-// them left out at times.
+// them left out at times, and the lengths of values told or not.
 //
 //   input = faults 1 + number 4 + text of an AT reply
 #include <algorithm>
@@ -68,9 +68,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     memcpy(&number, data + 1, sizeof(number));
     sim::Modem& modem = sim::Modem::Instance();
     constexpr int kMany = 1000;
-    constexpr std::array<IpcFault, 5> kFaults = {IpcFault::kNoResult, IpcFault::kNoAnswer,
-                                                 IpcFault::kResult, IpcFault::kCause,
-                                                 IpcFault::kShort};
+    constexpr std::array<IpcFault, 6> kFaults = {IpcFault::kNoResult, IpcFault::kNoAnswer,
+                                                 IpcFault::kResult,   IpcFault::kCause,
+                                                 IpcFault::kShort,    IpcFault::kNoLength};
     for (size_t i = 0; i < kFaults.size(); ++i) {
         if ((data[0] >> i & 1) != 0) modem.FailIpc(kAnyMessage, kFaults[i], number, kMany);
     }
@@ -78,7 +78,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // A request that is not sent gets no confirmation, whatever the cause is called.
     const bool refused = (data[0] & 0b00100) != 0 && number != 0;
-    AskForNumbers(number, (data[0] & 0b11011) == 0 && !refused);
+    const bool is_short = (data[0] & 0b110000) == 0b010000 && number > 0;  // as the length tells
+    AskForNumbers(number, (data[0] & 0b01011) == 0 && !is_short && !refused);
     AskForText(std::string(fuzz::Text(data, size).substr(1 + sizeof(number))));
     modem.FailIpc(kAnyMessage, IpcFault::kAnswer, 0, 0);  // takes all back
     modem.AnswerAt("", 0);

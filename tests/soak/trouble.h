@@ -40,8 +40,8 @@ inline constexpr std::string_view kPhoneLines =
     "fail poll failure #1-2;fail open #1-2;fail write #1-12;ipc any message #1-2;"
     "ipc any value #1-2;ipc any cause 3 #1-2;ipc any silence 50 #1-2;ipc any silence 0 1;"
     "ipc any delay 80 #1-2;ipc any result 5 #1-2;ipc any no_result 1;ipc any no_answer 1;"
-    "ipc any answer #0-9 1;uevent noise #0-2048 #0-1000;uevent add vqmi wwanD0MIPC0;"
-    "uevent add vqmi wwanD0MDLog;uevent remove vqmi wwanD0MDLogs;"
+    "ipc any answer #0-9 1;ipc any no_length #1-9;uevent noise #0-2048 #0-1000;"
+    "uevent add vqmi wwanD0MIPC0;uevent add vqmi wwanD0MDLog;uevent remove vqmi wwanD0MDLogs;"
     "uevent remove tty wwanD0MDLog;md_state #0-6";
 // Records are copied out of the payloads of 1, 3, 6 and 9: a modem never sends short ones.
 inline constexpr std::string_view kNotifications =
