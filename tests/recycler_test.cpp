@@ -25,10 +25,23 @@ void MakeFile(const std::string& path, uintmax_t kb) {
     fs::resize_file(path, kb * 1024);
 }
 
-// One line a tree: "folder: index=MB index=MB; folder: ..." with "@" for a file right in the logs.
-void MakeTree(const std::string& tree) {
+// "link>folder link>folder"
+void MakeLinks(const std::string& links) {
+    std::istringstream words(links);
+    for (std::string link; words >> link;) {
+        const size_t arrow = link.find('>');
+        const fs::path path = kLogs + link.substr(0, arrow);
+        fs::create_directories(path.parent_path());
+        fs::create_directory_symlink(kLogs + link.substr(arrow + 1), path);
+    }
+}
+
+// One line a tree: "folder: index=MB index=MB; folder: ...". The links come first or last, and with
+// them their order in the folder.
+void MakeTree(const std::string& tree, const std::string& links = "", bool links_first = false) {
     fs::remove_all(kBase);
     fs::create_directories(kLogs);
+    if (links_first) MakeLinks(links);
     std::istringstream folders(tree);
     for (std::string line; std::getline(folders, line, ';');) {
         std::istringstream words(line);
@@ -44,6 +57,7 @@ void MakeTree(const std::string& tree) {
                      std::stoul(file.substr(equals + 1)) * 1024);
         }
     }
+    if (!links_first) MakeLinks(links);
 }
 
 // What is left, in the same notation, sorted and without sizes.
@@ -51,7 +65,7 @@ std::string Left() {
     std::string left;
     std::vector<std::string> folders;
     for (const auto& entry : fs::recursive_directory_iterator(kLogs)) {
-        if (entry.is_directory()) folders.push_back(entry.path());
+        if (entry.is_directory() && !entry.is_symlink()) folders.push_back(entry.path());
     }
     std::sort(folders.begin(), folders.end());
     for (const auto& folder : folders) {
@@ -86,6 +100,7 @@ struct RecyclerCase {
     bool clear_ee;
     int32_t rc;
     const char* left;
+    const char* links = "";
 };
 
 const RecyclerCase kCases[] = {
@@ -119,6 +134,18 @@ const RecyclerCase kCases[] = {
      "<A> <B> <C>", 4, 0, true, 0, "on:; on/<C>t: 0"},
     {"a deeper folder is found too", "x/y/<A>: 0=4; <B>t: 0=4", "<A> <B>", 4, 0, true, 0,
      "<B>t: 0; x:"},
+    {"a link does not hide a folder", "<A>: 0=4; <B>t: 0=4", "<A> <B>", 3, 0, true, -1, "<B>t: 0",
+     "last><A> latest>last"},
+    {"nor the only one", "<A>: 0=4", "", 1, 0, true, 0, "", "latest><A>"},
+    {"nor does it make one older", "<B>: 0=4; <C>: 0=4; <D>t: 0=4", "<B> <C> <D>", 8, 0, true, 0,
+     "<C>: 0; <D>t: 0", "<A>><C> again><C> <D>><D>t"},
+    {"or an exception ordinary", "<B>_EE: 0=4; <C>t: 0=4", "<B> <C>", 4, 0, false, -1,
+     "<B>_EE: 0; <C>t: 0", "<A>><B>_EE"},
+    {"links lead to other log folders and round in circles", ".: 0=4; run/<A>: 0=4; on/<B>t: 0=4",
+     "<A> <B>", 4, 0, true, 0,
+     "on:; on/<B>t: 0; run:", "on/last>run/<A> on/up>. run/<C>>. run/other>on"},
+    {"a folder without a capture's name has that of its link", "moved: 0=4; <B>t: 0=4", "<A> <B>",
+     4, 0, true, 0, "<B>t: 0", "a>moved <A>>moved z>moved"},
 };
 
 class Recycler : public testing::Test {
@@ -132,9 +159,10 @@ class Recycler : public testing::Test {
 
 TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
     int number = 0;
-    for (const auto& c : kCases) {
+    for (size_t i = 0; i < 2 * std::size(kCases); ++i) {
+        const RecyclerCase& c = kCases[i / 2];
         SCOPED_TRACE(c.what);
-        MakeTree(Expand(c.tree));
+        MakeTree(Expand(c.tree), Expand(c.links), i % 2 != 0);
         std::istringstream history(Expand(c.history));
         for (std::string folder; history >> folder;) {
             quarn::zorvex::UpdateFolderHistory(kLogs + "/" + folder);
@@ -151,6 +179,7 @@ TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
         config.clear_ee = c.clear_ee;
         EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), c.rc);
         EXPECT_EQ(Left(), Expand(c.left));
+        EXPECT_EQ(log.Count("BuildLogFileList: Error opening ..."), 0u);  // none is listed twice
     }
 }
 
@@ -166,6 +195,7 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     const std::string current = g_file_io.get_latest_folder_path();
     MakeFile(current + "/QRXMDLog_0_2024_0101_000000.muxz", 4096);
     MakeFile(current + "/QRXMDLog_1_2024_0101_000000.muxz.tmp", 4096);
+    MakeLinks("latest>" + current.substr(kLogs.size()) + Expand(" <A>>latest"));
     config.recycle_size = 1;
     EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
     EXPECT_EQ(test::List(current),
@@ -174,23 +204,40 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     EXPECT_FALSE(fs::exists(kLogs + Expand("<B>")));
 }
 
-// A log folder may be kept elsewhere; circles are entered once.
+// A log folder may be kept elsewhere. Nothing but captures counts behind links, and each once.
 TEST_F(Recycler, FoldersBehindLinksCountOnce) {
-    MakeTree(Expand("<B>t: 0=4"));
-    const std::string elsewhere = Expand("/data/elsewhere/<A>/QRXMDLog_0_2024_0101_000000.muxz");
-    MakeFile(elsewhere, 4096);
-    fs::create_directory_symlink("/data/elsewhere", kLogs + "own");
-    fs::create_directory_symlink("/data/elsewhere", kLogs + "again");
-    // Two ways round in circles are ever so many ways down.
-    for (const char* circle : {"here", "there"})
-        fs::create_directory_symlink(kLogs, kLogs + circle);
-    config.recycle_size = 8;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
-    EXPECT_TRUE(log.Has(ANDROID_LOG_INFO,
-                        "LogFileRecycler: total log file size=8MB, skip recycle (recycle=8MB)"));
-    config.recycle_size = 4;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
-    EXPECT_FALSE(fs::exists(elsewhere));
+    const std::string elsewhere = "/data/elsewhere/", file = "/QRXMDLog_7_2024_0101_000000.muxz";
+    const std::string capture = elsewhere + Expand("run/<A>"), plain = elsewhere + "plain";
+    const std::string loose = elsewhere + "loose", current = kLogs + Expand("<C>t");
+    const auto recycle = [&](unsigned int size) {
+        config.recycle_size = size;
+        return LogFileRecycler::GetInstance()->CheckAndRecycle(config);
+    };
+    for (const bool links_first : {false, true}) {
+        for (const auto& folder : {capture, plain, loose}) MakeFile(folder + file, 4096);
+        fs::create_directory(elsewhere + "nest");
+        fs::create_directory_symlink(plain, elsewhere + Expand("nest/<B>"));
+        // Two ways round in circles are ever so many ways down.
+        std::string links = Expand("run>../../../../elsewhere/run <D>>run/<A> here>. up>..");
+        for (const char* name : {"plain", "loose", "nest"}) {
+            links += std::string(" ") + name + ">../../../../elsewhere/" + name;
+        }
+        MakeTree(Expand("<C>t: 0=4"), links, links_first);
+        fs::create_symlink(loose + file, current + file);
+        log.Clear();
+        EXPECT_EQ(recycle(12), 0);
+        EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "LogFileRecycler: total log file size=12MB, ..."));
+        EXPECT_EQ(recycle(8), 0);
+        EXPECT_EQ(test::List(elsewhere),
+                  (std::vector<std::string>{"loose", "nest", "plain", "run"}));
+        EXPECT_EQ(test::List(elsewhere + "run"), std::vector<std::string>{});
+        EXPECT_EQ(recycle(4), 0);
+        EXPECT_FALSE(fs::exists(plain));
+        EXPECT_EQ(recycle(1), -1);
+        EXPECT_EQ(test::List(current).size(), 2u);
+        EXPECT_TRUE(fs::exists(loose + file));
+        fs::remove_all(elsewhere);
+    }
 }
 
 TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {

@@ -6,9 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "core/quarn.h"
 #include "platform/quarn_log.h"
@@ -29,26 +31,34 @@ std::string LastComponent(std::string path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-// Calls `visit` with the name and status of each entry that can be examined, under `function`'s
-// name in the messages; false when the folder cannot be opened.
+struct Entry {
+    std::string name;
+    struct stat status;  // behind the link, if it is one
+    bool is_link;
+};
+
+// Calls `visit` with each entry that can be examined, under `function`'s name in the messages;
+// false when the folder cannot be opened.
 bool ForEachEntry(const std::string& path, const char* function,
-                  const std::function<void(const std::string& name, const struct stat&)>& visit) {
+                  const std::function<void(const Entry&)>& visit) {
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path.c_str()), closedir);
     if (!dir) {
         QUARN_LOGE("%s: Error opening directory %s: %s", function, path.c_str(), strerror(errno));
         return false;
     }
     while (const dirent* entry = readdir(dir.get())) {
-        const std::string name = entry->d_name;
-        if (name == "." || name == "..") continue;
-        const std::string entry_path = path + "/" + name;
-        struct stat status;
-        if (stat(entry_path.c_str(), &status) != 0) {
+        Entry found = {entry->d_name, {}, false};
+        if (found.name == "." || found.name == "..") continue;
+        const std::string entry_path = path + "/" + found.name;
+        int result = lstat(entry_path.c_str(), &found.status);
+        found.is_link = result == 0 && S_ISLNK(found.status.st_mode);
+        if (found.is_link) result = stat(entry_path.c_str(), &found.status);
+        if (result != 0) {
             QUARN_LOGE("%s: Error stating entry %s: %s", function, entry_path.c_str(),
                        strerror(errno));
             continue;
         }
-        visit(name, status);
+        visit(found);
     }
     return true;
 }
@@ -70,11 +80,15 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config) {
     folder_list.clear();
     total_kb = 0;
     entered.clear();
-    if (struct stat status; stat(root.c_str(), &status) == 0) Enter(status);
-    if (!TraverseAndBuildFolderList(root)) {
+    links.clear();
+    if (struct stat status; stat(root.c_str(), &status) == 0) {
+        entered.try_emplace({status.st_dev, status.st_ino});
+    }
+    if (!TraverseAndBuildFolderList(root, {0, true, &total_kb})) {
         QUARN_LOGE("LogFileRecycler: failed to traverse, skip recycle");
         return -1;
     }
+    FollowLinks();
     const auto mb = [](int64_t kb) { return static_cast<long>(kb >> kKbShift); };
     if (IsWithinBudget()) {
         QUARN_LOGI("LogFileRecycler: total log file size=%ldMB, skip recycle (recycle=%ldMB)",
@@ -110,30 +124,54 @@ void LogFileRecycler::BuildLogFolderHistoryIndex() {
     }
 }
 
-bool LogFileRecycler::Enter(const struct stat& folder) {
-    return entered.emplace(folder.st_dev, folder.st_ino).second;
+bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path, const Place& place) {
+    return ForEachEntry(path, "TraverseAndBuildFolderList", [&](const Entry& entry) {
+        const std::string entry_path = path + "/" + entry.name;
+        if (S_ISREG(entry.status.st_mode)) {
+            if (!entry.is_link && IsLogFileName(entry.name)) {
+                *place.kb += entry.status.st_size >> kKbShift;
+            } else if (std::find(known_files.begin(), known_files.end(), entry.name) ==
+                       known_files.end()) {
+                QUARN_LOGW("%s: Unexpected file in log folder %s", "TraverseAndBuildFolderList",
+                           entry_path.c_str());
+            }
+        } else if (S_ISDIR(entry.status.st_mode) && entry.is_link) {
+            links.push_back(entry_path);
+        } else if (S_ISDIR(entry.status.st_mode) && place.depth < kMaxDepth) {
+            TakeFolder(entry_path, entry.name, entry.status, place.depth + 1, place.in_tree);
+        }
+    });
 }
 
-bool LogFileRecycler::TraverseAndBuildFolderList(const std::string& path, int depth) {
-    return ForEachEntry(
-        path, "TraverseAndBuildFolderList",
-        [&](const std::string& name, const struct stat& status) {
-            if (S_ISREG(status.st_mode)) {
-                if (IsLogFileName(name)) {
-                    total_kb += status.st_size >> kKbShift;
-                } else if (std::find(known_files.begin(), known_files.end(), name) ==
-                           known_files.end()) {
-                    QUARN_LOGW("%s: Unexpected file in log folder %s", "TraverseAndBuildFolderList",
-                               (path + "/" + name).c_str());
-                }
-            } else if (S_ISDIR(status.st_mode) && depth < kMaxDepth && Enter(status)) {
-                LogFolderInfo info;
-                if (IsLogFolderName(name) && GetLogFolderInfo(path, name, info)) {
-                    folder_list.push_back(std::move(info));
-                }
-                TraverseAndBuildFolderList(path + "/" + name, depth + 1);
-            }
-        });
+void LogFileRecycler::TakeFolder(const std::string& path, const std::string& name,
+                                 const struct stat& status, int depth, bool in_tree) {
+    const auto [found, is_new] = entered.try_emplace({status.st_dev, status.st_ino});
+    EnteredFolder& folder = found->second;
+    LogFolderInfo info;
+    if (!folder.is_listed && IsLogFolderName(name) &&
+        GetLogFolderInfo(path.substr(0, path.rfind('/')), name, info)) {
+        info.path = path;
+        if (depth <= 1) info.parent.clear();
+        folder_list.push_back(std::move(info));
+        folder.is_listed = true;
+        total_kb += std::exchange(folder.uncounted_kb, 0);
+    }
+    if (!is_new) return;
+    const bool counts = in_tree || folder.is_listed;
+    TraverseAndBuildFolderList(path, {depth, in_tree, counts ? &total_kb : &folder.uncounted_kb});
+}
+
+void LogFileRecycler::FollowLinks() {
+    // Folders behind links may hold links, too.
+    for (; !links.empty(); links.pop_front()) {
+        const std::string& link = links.front();
+        const std::unique_ptr<char, void (*)(void*)> target(realpath(link.c_str(), nullptr), free);
+        struct stat status;
+        if (!target || stat(target.get(), &status) != 0) continue;  // gone meanwhile
+        std::string name = LastComponent(target.get());
+        if (!IsLogFolderName(name)) name = LastComponent(link);
+        TakeFolder(target.get(), name, status, 0, false);
+    }
 }
 
 bool LogFileRecycler::IsLogFolderName(const std::string& name) {
@@ -189,7 +227,7 @@ void LogFileRecycler::RecycleByFolderList() {
 }
 
 bool LogFileRecycler::IsBeingWritten(const LogFolderInfo& folder) const {
-    // A link may have led to it by another name.
+    // A link may have led to it by another path.
     struct stat listed, current;
     return stat(folder.path.c_str(), &listed) == 0 && stat(latest_folder.c_str(), &current) == 0 &&
            listed.st_dev == current.st_dev && listed.st_ino == current.st_ino;
@@ -249,16 +287,16 @@ void LogFileRecycler::RemoveFolder(const LogFolderInfo& folder) const {
 
 bool LogFileRecycler::BuildLogFileList(const std::string& folder_path,
                                        std::vector<LogFileInfo>& files) {
-    return ForEachEntry(folder_path, "BuildLogFileList",
-                        [&](const std::string& name, const struct stat& status) {
-                            uint32_t index;
-                            if (S_ISREG(status.st_mode) && GetLogFileIndex(name, index)) {
-                                files.push_back({name, index, status.st_size >> kKbShift});
-                            } else {
-                                QUARN_LOGW("%s: Unexpected entry in log folder %s",
-                                           "BuildLogFileList", (folder_path + "/" + name).c_str());
-                            }
-                        });
+    return ForEachEntry(folder_path, "BuildLogFileList", [&](const Entry& entry) {
+        uint32_t index;
+        const bool is_file = S_ISREG(entry.status.st_mode) && !entry.is_link;
+        if (is_file && GetLogFileIndex(entry.name, index)) {
+            files.push_back({entry.name, index, entry.status.st_size >> kKbShift});
+        } else {
+            QUARN_LOGW("%s: Unexpected entry in log folder %s", "BuildLogFileList",
+                       (folder_path + "/" + entry.name).c_str());
+        }
+    });
 }
 
 bool LogFileRecycler::GetLogFileIndex(const std::string& name, uint32_t& index) {

@@ -4,7 +4,8 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <set>
+#include <deque>
+#include <map>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -19,7 +20,8 @@ namespace quarn::zorvex {
 // A capture folder of the tree.
 struct LogFolderInfo {
     std::string name;
-    std::string parent;  // name of the folder directly around it; empty when that is the root
+    // Name of the folder directly around it; empty when that is the root, or what a link leads to.
+    std::string parent;
     std::string time;
     bool is_ee;      // holds an exception capture
     uint64_t index;  // place in the folder history, 1 the oldest; 0: not in it
@@ -36,6 +38,16 @@ struct LogFileInfo {
 // Sizes are counted in whole KiB. Age is the place in the folder history, not a file time. Ordinary
 // folders go before exception folders, and the newest file of the capture being written never goes.
 //
+// Links in the tree:
+// - A link to a folder is a way to that folder. The folder is entered once and listed once, under
+//   its own path, whatever leads to it and in whatever order the names are read. Its own name tells
+//   its age and its marks; the link's name does only if the folder's own is not that of a capture.
+// - Behind a link that leads out of the tree, log files count only in listed folders, since others
+//   are never deleted.
+// - A link to a file is no log file: it counts nothing, and is not deleted.
+// - The recycler deletes no links. Outside the tree it deletes the folder that a link leads to only
+//   if that is itself a capture folder.
+//
 // Runs on the thread that holds the storage channel's `io_mutex`; takes no lock of its own.
 class LogFileRecycler {
   public:
@@ -49,10 +61,20 @@ class LogFileRecycler {
     LogFileRecycler() = default;
 
     void BuildLogFolderHistoryIndex();
-    // Links to folders are not followed; `depth` is that of `path` below the root.
-    bool TraverseAndBuildFolderList(const std::string& path, int depth = 0);
-    // Whether the traversal comes to this folder for the first time.
-    bool Enter(const struct stat& folder);
+    // Where a folder lies that is traversed.
+    struct Place {
+        int depth;     // below the root, or below the folder that a link leads to
+        bool in_tree;  // reached without a link
+        int64_t* kb;   // takes the size of its log files
+    };
+    // Adds up the log files of `path` and takes the folders below it. Links to folders are put into
+    // `links`, so that every real folder of the tree is known before the first link is followed.
+    bool TraverseAndBuildFolderList(const std::string& path, const Place& place);
+    // Lists the folder if `name` is a capture's and the folder is not listed yet; traverses it if
+    // the traversal comes to it for the first time.
+    void TakeFolder(const std::string& path, const std::string& name, const struct stat& status,
+                    int depth, bool in_tree);
+    void FollowLinks();
     static bool IsLogFolderName(const std::string& name);
     static bool IsLogFileName(const std::string& name);
     bool GetLogFolderInfo(const std::string& parent_path, const std::string& name,
@@ -76,7 +98,12 @@ class LogFileRecycler {
     const std::string root{"/data/vendor/radio/quarn/logs/"};
     int64_t total_kb = 0;
     std::vector<LogFolderInfo> folder_list;
-    std::set<std::pair<dev_t, ino_t>> entered;  // a link may lead to a folder again
+    struct EnteredFolder {
+        bool is_listed = false;
+        int64_t uncounted_kb = 0;  // of its log files, until it is listed
+    };
+    std::map<std::pair<dev_t, ino_t>, EnteredFolder> entered;  // by device and inode
+    std::deque<std::string> links;                             // to folders; not yet followed
     int64_t recycle_kb = 0;
     int64_t keep_ee_kb = 0;
     int32_t clear_ee = 0;

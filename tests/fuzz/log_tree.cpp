@@ -65,19 +65,7 @@ bool IsWithinTree(const fs::path& path) {
 struct Made {
     unsigned int recycle = 0, keep = 0;
     bool clear = true;
-    size_t links = 0;
-    size_t deepest = 0;  // of folders and links
 };
-
-// Each link can be gone through once on the way to a folder, so that none is deeper than recycling
-// goes, by whatever way.
-bool TakeDepth(Made& made, size_t links, size_t depth) {
-    const size_t deepest = std::max(made.deepest, depth);
-    if ((made.links + links + 1) * deepest > kMaxDepth) return false;
-    made.links += links;
-    made.deepest = deepest;
-    return true;
-}
 
 void CheckHistory() {
     constexpr size_t kRecords = quarn::zorvex::kHistoryRecords;
@@ -125,7 +113,7 @@ void MakeFile(const fs::path& own, int64_t kib) {
     close(fd);
 }
 
-void MakeEntry(const fs::path& path, const std::string& what, Made& made) {
+void MakeEntry(const fs::path& path, const std::string& what) {
     if (!IsWithinTree(path)) return;
     for (const fs::path& part : path) CheckNames(part);
     std::error_code refused;  // too long, or already there as something else
@@ -137,7 +125,7 @@ void MakeEntry(const fs::path& path, const std::string& what, Made& made) {
         below.begin(), below.end(), [](const fs::path& part) { return !part.empty(); }));
     const bool is_link = what.starts_with('>');
     const bool is_file = !what.empty() && !is_link;
-    if (!TakeDepth(made, is_link ? 1 : 0, is_file ? depth - 1 : depth)) return;
+    if ((is_file ? depth - 1 : depth) > kMaxDepth) return;
     fs::create_directories(what.empty() ? own : own.parent_path(), refused);
     if (is_file) {
         MakeFile(own, atoll(what.c_str()));
@@ -160,7 +148,7 @@ void TakeLine(const std::string& line, Made& made) {
     } else if (first == "^") {
         WriteHistory(what);
     } else if (line.find('\0') == std::string::npos) {
-        MakeEntry(first, what, made);
+        MakeEntry(first, what);
     }
 }
 
