@@ -1,7 +1,6 @@
 #include "sim/console.h"
 
 #include <android/log.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -20,6 +19,7 @@
 #include "sim/host_tool.h"
 #include "sim/modem.h"
 #include "sim/replay_place.h"
+#include "sim/state.h"
 #include "sim/text.h"
 #include "sim/uevents.h"
 
@@ -393,81 +393,21 @@ Reply Log(const Console&, Words words) {
     return Refuse("not debug, info, warning or error: " + words[1]);
 }
 
-std::string Filter(const std::vector<uint8_t>& filter) {
-    if (filter.empty()) return "none";
-    char text[64];
-    snprintf(text, sizeof(text), "%zu bytes, crc32 %08x", filter.size(), Crc32(filter));
-    return text;
-}
-
-class StateText {
-  public:
-    void Line(std::string_view key, std::string_view value) {
-        text.append(key).append(": ").append(value).append("\n");
-    }
-    std::string text;
-};
-
-void AddPort(const Modem::Status& s, StateText* out) {
-    const auto number = [](auto value) { return std::to_string(value); };
-    const auto yes_no = [](bool value) { return value ? "yes" : "no"; };
-    out->Line("layer up", yes_no(s.up));
-    out->Line("port open", yes_no(s.port_open));
-    out->Line("log device", s.log_device ? "there" : "removed");
-    out->Line("stream", s.streaming ? "started" : "stopped");
-    out->Line("source", s.source.empty() ? "none" : s.source);
-    out->Line("at its end", yes_no(s.exhausted));
-    out->Line("rate", s.rate == 0 ? "as read" : number(s.rate) + " bytes/s");
-    out->Line("read limit", s.read_limit == 0 ? "none" : number(s.read_limit) + " bytes");
-    out->Line("tap", s.tap.empty() ? "off" : s.tap);
-    out->Line("delivered", number(s.delivered) + " bytes");
-    out->Line("written to the port", number(s.written) + " bytes");
-    out->Line("sync blocks", number(s.sync_blocks));
-    out->Line("notifications",
-              number(s.notified) + " handled, " + number(s.notify_queue) + " waiting");
-    out->Line("storage answer", s.storage_answer ? number(*s.storage_answer) : "none");
-    out->Line("sprinkled faults", number(s.sprinkle_per_mille) + " per mille");
-    out->Line("calls", "init " + number(s.calls.init) + ", open " + number(s.calls.open) +
-                           ", close " + number(s.calls.close) + ", read " + number(s.calls.read) +
-                           ", poll " + number(s.calls.poll) + ", write " + number(s.calls.write));
-}
-
-void AddSettings(const Modem::Settings& settings, const Modem::IpcStatus& ipc, StateText* out) {
-    static constexpr std::string_view kModes[] = {" (off)", " (streaming)", " (wrapping)"};
-    const auto number = [](auto value) { return std::to_string(value); };
-    const auto mode = static_cast<size_t>(settings.log_mode);
-    out->Line("log mode",
-              number(mode).append(mode < std::size(kModes) ? kModes[mode] : std::string_view()));
-    out->Line("log level", number(settings.log_level));
-    out->Line("log filter", Filter(settings.filter));
-    out->Line("flush interval", number(settings.flush_interval) + " ms");
-    out->Line("held back", number(ipc.held_back) + " bytes");
-    out->Line("flush status", number(ipc.flush_status));
-    out->Line("early log filter", number(settings.early_log_filter));
-    out->Line("clock", ipc.clock.empty()
-                           ? "never set"
-                           : ipc.clock + ", set " + number(ipc.clock_sets) + " times");
-    out->Line("ipc", (ipc.open ? "open on " + ipc.port : "closed") + ", exchanges " +
-                         number(ipc.exchanges) + ", under way " + number(ipc.under_way) +
-                         ", calls while closed " + number(ipc.misused));
-}
-
-void AddHostTool(const HostTool::Status& host, StateText* out) {
-    const auto number = [](auto value) { return std::to_string(value); };
-    out->Line("host tool",
-              (host.listening ? "listened to on fd " + number(host.fd) : "not listened to") +
-                  ", messages " + number(host.handled) + " handled and " + number(host.waiting) +
-                  " waiting, " + number(host.sent) + " bytes sent");
-}
-
 Reply State(const Console&, Words) {
-    Modem& modem = Modem::Instance();
-    StateText out;
-    out.Line("pid", std::to_string(getpid()));
-    AddPort(modem.status(), &out);
-    AddSettings(modem.settings(), modem.ipc_status(), &out);
-    AddHostTool(HostTool::Instance().status(), &out);
-    return Ok(std::move(out.text));
+    std::string text;
+    for (const StateValue& line : CurrentState()) {
+        text.append(line.key).append(": ").append(line.value);
+        if (!line.unit.empty()) text.append(" ").append(line.unit);
+        text += '\n';
+    }
+    return Ok(std::move(text));
+}
+
+Reply Get(const Console&, Words words) {
+    for (const StateValue& line : CurrentState()) {
+        if (line.key == words[1]) return Ok(line.value + '\n');
+    }
+    return Refuse("the phone has no " + words[1] + " (state shows what it has)");
 }
 
 Reply Help(const Console&, Words words);
@@ -536,7 +476,8 @@ constexpr Command kCommands[] = {
     {"property", 2, 3, "NAME [VALUE]", "sets a system property, or shows it", Property},
     {"log", 2, 2, "debug | info | warning | error",
      "lowest priority of the Android log that is shown", Log},
-    {"state", 1, 1, "", "shows how the modem stands", State},
+    {"state", 1, 1, "", "shows how the modem stands, a value a line", State},
+    {"get", 2, 2, "KEY", "shows one of these values alone", Get},
     {"help", 1, 2, "[COMMAND]", "shows this", Help},
 };
 

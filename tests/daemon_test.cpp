@@ -23,10 +23,7 @@ namespace {
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
 constexpr int kRestartAsked = 75;
 
-uint64_t Polls() {
-    const std::string state = Console("state");
-    return std::stoull(state.substr(state.find("poll ") + 5));
-}
+uint64_t Polls() { return std::stoull(Console("get calls_poll")); }
 
 int Subscribe() {
     const int fd = socket_local_client("/dev/quarn_callback_server.socket",
@@ -57,7 +54,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     EXPECT_EQ(Receive(subscriber, 14), std::string("cb_log_mode,2\0", 14));
     close(subscriber);
     EXPECT_EQ(test::Quarnctl("file_size"), "ok,7\n");
-    EXPECT_NE(Console("state").find("set 1 times"), std::string::npos);  // the modem's clock
+    EXPECT_EQ(Console("get clock_sets"), "1\n");
     ASSERT_TRUE(daemon.WaitFor("tot_poll_cnt: "));
     test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
@@ -101,7 +98,7 @@ TEST(Daemon, StartsWithoutModemIpc) {
     Daemon daemon("mute", "ipc init 1 1\n");
     ASSERT_TRUE(daemon.WaitFor("ctrl_connect: quarn_ctrlConn_listen_thread start"));
     EXPECT_EQ(test::Quarnctl("file_size"), "ok,50\n");
-    EXPECT_EQ(Console("state").find("set 1 times"), std::string::npos);
+    EXPECT_EQ(Console("get clock_sets"), "0\n");
     for (const char* line : {"load config", "open file: ", "MIPC SYS_SET_TIME_REQ"}) {
         EXPECT_EQ(daemon.Log().find(line), std::string::npos) << line;
     }
@@ -176,7 +173,7 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     const uintmax_t stored = test::TreeSize(kLogs);
     ASSERT_TRUE(test::WaitUntil([&] { return test::TreeSize(kLogs) > stored + 1'000'000; }));
     Console("log_mode 0");
-    EXPECT_NE(Console("state").find("sync blocks: 1\n"), std::string::npos);
+    EXPECT_EQ(Console("get sync_blocks"), "1\n");
     test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_TRUE(test::List(kLogs).at(0).ends_with("_EE"));
@@ -209,9 +206,8 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
 
     Daemon daemon("anew", scenario + "rate 0\n");
     ASSERT_TRUE(daemon.WaitFor("start all handler done"));
-    ASSERT_TRUE(test::WaitUntil(
-        [] { return Console("state").find("at its end: yes") != std::string::npos; }));
-    EXPECT_NE(Console("state").find("delivered: 60000000 bytes"), std::string::npos);
+    ASSERT_TRUE(test::WaitUntil([] { return Console("get at_its_end") == "yes\n"; }));
+    EXPECT_EQ(Console("get delivered"), "60000000\n");
     EXPECT_EQ(Console("property vendor.quarn.qrx.restart"), "0\n");
     EXPECT_EQ(system(QUARNCTL_PROGRAM " flush_log_buffer >/dev/null"), 0);
     EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);

@@ -127,9 +127,8 @@ class Life {
 
     void DrainAndClose() {
         const auto settled = [this] {
-            const std::string state = phone.Console("state");
-            return state.find("handled, 0 waiting") != std::string::npos &&
-                   state.find("handled and 0 waiting") != std::string::npos;
+            return phone.Console("get notifications_waiting") == "0\n" &&
+                   phone.Console("get host_messages_waiting") == "0\n";
         };
         phone.Console("log_mode 0");
         phone.Console("stream stop");

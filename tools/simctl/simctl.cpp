@@ -10,12 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "core/version.h"
 #include "sim/console.h"
 #include "sim/socket_address.h"
 
 namespace {
 
-enum ExitStatus : int { kOk = 0, kRefused = 1, kUnreachable = 2 };
+enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
 
 constexpr int kPatience = 30;                // seconds, for the whole reply
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; the phone's own are far shorter
@@ -27,8 +28,11 @@ constexpr const char* kHelp =
     "  --box DIR   the folder of the box; without it \"box\" in this folder, else in the checkout\n"
     "              that simctl was built in\n"
     "\n"
-    "\"simctl help\" has the phone list its commands.\n"
-    "Exit status: 0 done, 1 refused or wrongly used, 2 the phone cannot be reached.\n";
+    "  --version   prints the version\n"
+    "\n"
+    "\"simctl help\" has the phone list its commands. \"simctl get KEY\" prints one value of \"simctl\n"
+    "state\" alone, for scripts.\n"
+    "Exit status: 0 done, 1 the phone refused, 2 wrongly called, 3 the phone cannot be reached.\n";
 
 int Complain(int status, const std::string& why) {
     fprintf(stderr, "simctl: %s\n", why.c_str());
@@ -116,23 +120,30 @@ int PrintReply(int fd) {
 int main(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
     std::string box;
-    if (!words.empty() && words[0] == "--box") {
-        if (words.size() < 2) return Complain(kRefused, "--box wants a folder");
+    if (!words.empty() && words[0].starts_with("--box=")) {
+        box = words[0].substr(words[0].find('=') + 1);
+        words.erase(words.begin());
+    } else if (!words.empty() && words[0] == "--box") {
+        if (words.size() < 2) return Complain(kUsage, "--box wants a folder");
         box = words[1];
         words.erase(words.begin(), words.begin() + 2);
     }
-    if (!words.empty() && (words[0] == "--help" || words[0] == "-h")) {
+    if (words.empty()) return Complain(kUsage, "no command given (simctl --help)");
+    if (words[0] == "--help" || words[0] == "-h") {
         fputs(kHelp, stdout);
         return kOk;
     }
-    if (words.empty()) return Complain(kRefused, "no command given (simctl --help)");
+    if (words[0] == "--version") {
+        printf("simctl %s\n", quarn::kVersion);
+        return kOk;
+    }
     if (words[0].starts_with('-')) {
-        return Complain(kRefused, "no such option: " + words[0] + " (simctl --help)");
+        return Complain(kUsage, "no such option: " + words[0] + " (simctl --help)");
     }
     if (box.empty()) box = DefaultBox();
 
     std::string line;
-    if (!JoinWords(words, &line)) return Complain(kRefused, "quotes and newlines cannot be sent");
+    if (!JoinWords(words, &line)) return Complain(kUsage, "quotes and newlines cannot be sent");
     const int fd = Connect(box);
     if (fd == -1) {
         return Complain(kUnreachable,
