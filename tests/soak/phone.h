@@ -170,6 +170,11 @@ class Phone : public test::Daemon {
             report.Fault("the phone refuses " + line + ": " + text);
         return text;
     }
+    // One value of the phone's state.
+    std::string Get(const std::string& key) {
+        const std::string text = Console("get " + key);
+        return text.substr(0, text.find('\n'));
+    }
 
     // The reply to a request, which is a fault when it does not come; none when the connection
     // ended.

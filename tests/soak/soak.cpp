@@ -127,8 +127,8 @@ class Life {
 
     void DrainAndClose() {
         const auto settled = [this] {
-            return phone.Console("get notifications_waiting") == "0\n" &&
-                   phone.Console("get host_messages_waiting") == "0\n";
+            return phone.Get("notifications_waiting") == "0" &&
+                   phone.Get("host_messages_waiting") == "0";
         };
         phone.Console("log_mode 0");
         phone.Console("stream stop");

@@ -126,7 +126,7 @@ class Trouble {
                 continue;
             } else if (dice.OneIn(30)) {
                 // Some of them keep the daemon for seconds.
-                if (phone.Console("get notifications_waiting") != "0\n") continue;
+                if (phone.Get("notifications_waiting") != "0") continue;
                 line = Drawn(dice, kNotifications);
             } else if (dice.OneIn(connected ? 5 : 40)) {
                 line = connected ? "host disconnect" : "host connect";
