@@ -15,6 +15,7 @@
 #include "support.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace {
 
@@ -218,7 +219,6 @@ TEST_F(Config, WhatIsRefusedEndsTheLoadOrIsPassedOver) {
 
 TEST_F(Config, SavedLines) {
     const std::string longest(509, 'x');  // with its newline a line of 510
-    const std::string nearly_full = std::string(500, 'a') + "\n" + std::string(500, 'b') + "\n";
     const struct {
         std::string before;  // "": no file
         const char* key;
@@ -238,11 +238,12 @@ TEST_F(Config, SavedLines) {
         {longest + "\na 1\n", "a", "2", {}, longest + "\na 2\n"},
         // Cut into pieces of 510 bytes, of which the second holds the key.
         {longest + "x" + "key 1\n", "key", "2", {}, longest + "xkey 2\n"},
-        {nearly_full,
+        {longest + "\n" + std::string(501, 'x') + "\n",
          "log_mode",
-         std::string(50, '1'),
+         "1",
          {},
-         nearly_full + "log_mode " + std::string(13, '1')},
+         longest + "\n" + std::string(501, 'x') + "\nlog_mode 1\n"},  // 1023 bytes
+        {"a 1\0\n\0\0"s, "log_mode", "1", {}, "a 1\nlog_mode 1\n"},
     };
     const size_t descriptors = test::List("/proc/self/fd").size();
     for (const auto& c : cases) {
@@ -256,13 +257,60 @@ TEST_F(Config, SavedLines) {
                   c.before.empty());
     }
     EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
-    test::WriteFile(kPath, "log_level 5\n");
-    // Neither a query nor a value with lines of its own touches the file.
-    EXPECT_EQ(quarn_command_saveConfig("log_level", nullptr, {}), 0);
-    EXPECT_EQ(quarn_command_saveConfig("log_folder", "/x\ntransfer_type 3", {}), -1);
-    EXPECT_EQ(log.Count("saveConfig: the value of log_folder holds a newline and is not saved"),
-              1u);
-    EXPECT_EQ(test::ReadFile(kPath), "log_level 5\n");
+    // The file keeps its mode; a link in its place is replaced, what it points to stays.
+    fs::permissions(kPath, fs::perms{0640});
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
+    EXPECT_EQ(fs::status(kPath).permissions(), fs::perms{0640});
+    fs::rename(kPath, "/data/elsewhere");
+    fs::create_symlink("/data/elsewhere", kPath);
+    const std::string linked = test::ReadFile(kPath);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "6", {}), 0);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(kPath)));
+    EXPECT_EQ(test::ReadFile("/data/elsewhere"), linked);
+    EXPECT_NE(test::ReadFile(kPath), linked);
+}
+
+// What the next load would not read as it was set.
+TEST_F(Config, ValuesThatAreNotSaved) {
+    const std::string before = "log_level 5\n" + std::string(490, 'x') + "\n";
+    const struct {
+        const char* key;
+        std::string value;
+        std::string reason;  // "": is saved
+    } cases[] = {
+        {"transfer_type", "1 file_size 5", "holds the key file_size"},
+        {"log_filter", "/data/log_filter", "holds the key log_filter"},
+        {"log_folder", kLogs + "a\ntransfer_type 3", "holds a control character"},
+        {"log_folder", kLogs + "a\n", "holds a control character"},
+        {"log_mode", "1\r", "holds a control character"},
+        {"log_folder", kLogs + "a\x7f", "holds a control character"},
+        {"log_folder",
+         kLogs + "stra\xc3\x9f"
+                 "e ",
+         ""},
+        {"log_filter", " /data/f", "begins with a blank"},
+        {"log_filter", "/data/" + std::string(503, 'f'), "makes the file too long"},
+        {"file_size", "5" + std::string(32, ' '), "is too long"},
+        {"file_size", " +5MB", ""},
+        {"log_mode", "", ""},
+        {"flush_interval", "", "is not a plain number"},
+        {"flush_interval", "+250", "is not a plain number"},
+        {"flush_interval", "250 ", "is not a plain number"},
+        {"log_level", "99999999999", "is not a plain number"},
+        {"log_level", " 2", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        test::WriteFile(kPath, before);
+        log.Clear();
+        EXPECT_EQ(quarn_command_saveConfig(c.key, c.value.c_str(), {}), c.reason.empty() ? 0 : -1);
+        EXPECT_EQ(test::ReadFile(kPath) == before, !c.reason.empty());
+        EXPECT_EQ(log.messages().size(), c.reason.empty() ? 0u : 1u);
+        EXPECT_EQ(log.Has(ANDROID_LOG_WARN, "saveConfig: the value of "s + c.key + " " + c.reason +
+                                                " and is not saved"),
+                  !c.reason.empty());
+    }
+    EXPECT_EQ(quarn_command_saveConfig("log_level", nullptr, {}), 0);  // a query
 }
 
 // What takes no end, or waits for somebody, in the place of the file.
@@ -273,10 +321,21 @@ TEST_F(Config, NoFileHoldsTheDaemonUp) {
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), -1);
     fs::remove(kPath);
     fs::create_symlink("/dev/zero", kPath);
-    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), -1);
     fs::remove(kPath);
     test::WriteFile(kPath, "a 1\n");
     fs::resize_file(kPath, uintmax_t{1} << 40);
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
     EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 5\n");
+    // In the place of the new file.
+    const std::string next = kPath + ".new";
+    ASSERT_EQ(mkfifo(next.c_str(), 0600), 0);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "4", {}), 0);
+    fs::create_symlink("/data/elsewhere", next);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "3", {}), 0);
+    EXPECT_FALSE(fs::exists("/data/elsewhere"));
+    EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 3\n");
+    fs::create_directory(next);
+    EXPECT_EQ(quarn_command_saveConfig("log_level", "1", {}), -1);
+    EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 3\n");
 }

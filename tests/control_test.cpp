@@ -140,6 +140,7 @@ TEST_F(Control, AnswersEveryRow) {
         {"flush_interval", "ok,250"},
         {"transfer_type,1", "ok", "transfer_type 1\n"},
         {"transfer_type 2", "error"},
+        {"transfer_type,1 file_size 5", "ok", "transfer_type 1\n"},  // not saved
         {"file_size 10MB", "ok", "file_size 10MB\n"},
         {"file_size 4096", "error", "file_size 10MB\n"},
         {"file_size", "ok,10"},
@@ -172,6 +173,7 @@ TEST_F(Control, AnswersEveryRow) {
                         "command_handler: only accept transfer_type=1 in the "
                         "user build"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "command_handler: already in transfer_type=1"));
+    EXPECT_EQ(log.Count("command_handler: Save configuration failed\n"), 1u);
 
     g_file_io.io_open();
     EXPECT_EQ(client.Ask("flush_ring_buf"), "ok");

@@ -14,6 +14,7 @@
 #include "support.h"
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using quarn::zorvex::CopyLatestLogFile;
 using test::List;
 using test::ReadFile;
@@ -171,15 +172,37 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     EXPECT_EQ(ReadFile("/data/copy"), "");
 }
 
-// A client that names the log folder itself gets no copy, and costs nothing.
-TEST_F(CopyLogFile, LeavesTheLogsAloneWhenTheyAreTheDestination) {
+// By whatever way a client leads the copy to the log tree, nothing is written there.
+TEST_F(CopyLogFile, LeavesTheLogTreeAlone) {
+    const std::string capture = kLogs + "QRXMDLog_0_2024_0101_000000t";
     AddFolder("QRXMDLog_0_2024_0101_000000", "t", 3);
     WriteFile(kLogs + "power_on_log.muxz", "first minute");
-    EXPECT_EQ(Ask((kLogs + " 100 0").c_str(), 0), "ok,0");
-    EXPECT_EQ(ReadFile(kLogs + "power_on_log.muxz"), "first minute");
-    for (const auto& entry : fs::directory_iterator(kLogs + "QRXMDLog_0_2024_0101_000000t")) {
-        EXPECT_EQ(entry.file_size(), 1000u) << entry.path();
+    fs::create_directories(kLogs + "run/deep");
+    fs::create_directory_symlink(kLogs + "run", "/data/link");
+    fs::create_directories("/data/other");
+    fs::create_directory_symlink("/data/other", kLogs + "away");
+    ASSERT_EQ(g_file_io.set_log_folder(kLogs + "away"), 0);
+    for (const std::string& directory : {kLogs, kLogs + "run/deep", kLogs + "../logs/run",
+                                        "/data/link"s, "/data/link/deep/.."s, "/data/other"s}) {
+        log.Clear();
+        EXPECT_EQ(Ask((directory + " 100 0").c_str(), -1), "error");
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                            "CopyLogFile: directory " + directory + " lies in the log folder"));
     }
+    // A link in the place of a capture's folder is not followed; above the log folder is not in it.
+    fs::create_directory_symlink(kLogs + "run", kTarget + "/QRXMDLog_0_2024_0101_000000t");
+    EXPECT_EQ(Ask("/data/snap 100 0", 0), "ok,12");
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "CopyLogFileFromFolder: Error opening folder ..."));
+    EXPECT_EQ(Ask("/data/vendor/radio/quarn 100 0", 0), "ok,3012");
+    EXPECT_EQ(List(kLogs + "run"), std::vector<std::string>{"deep"});
+    EXPECT_TRUE(List("/data/other").empty());
+    // A file that is its own destination is left as it is.
+    int copied = -2;
+    EXPECT_EQ(quarn::zorvex::CopyFile(kLogs + "power_on_log.muxz",
+                                      kLogs + "../logs/power_on_log.muxz", copied),
+              1);
+    EXPECT_EQ(ReadFile(kLogs + "power_on_log.muxz"), "first minute");
+    EXPECT_EQ(test::TreeSize(capture), 3000u);
 }
 
 TEST_F(CopyLogFile, FlushesFirstWhenAskedTo) {

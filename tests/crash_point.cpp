@@ -1,8 +1,9 @@
 // Loaded into the daemon's process: ends it, as kill -9 would, at the N-th call that changes what
-// is below the daemon's folder. CRASH_POINT=N says which; an odd N ends it before the call, an even
-// one behind it, and a long write is cut at a page in any case.
+// is below the daemon's folder, or below CRASH_FOLDER. CRASH_POINT=N says which; an odd N ends it
+// before the call, an even one behind it, and a long write is cut at a page in any case.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +17,6 @@
 
 namespace {
 
-constexpr const char* kFolder = "/data/vendor/radio/quarn";
 constexpr size_t kPage = 4096;
 
 std::atomic<int> calls{0};
@@ -33,7 +33,9 @@ int Wanted() {
 
 // Whether this call is the one.
 bool IsPoint(const char* path) {
-    return strncmp(path, kFolder, strlen(kFolder)) == 0 && ++calls == Wanted();
+    static const char* const wanted = getenv("CRASH_FOLDER");
+    const char* const folder = wanted != nullptr ? wanted : "/data/vendor/radio/quarn";
+    return strncmp(path, folder, strlen(folder)) == 0 && ++calls == Wanted();
 }
 bool IsPoint(int fd) {
     char link[32];
@@ -68,6 +70,13 @@ ssize_t write(int fd, const void* buf, size_t len) {
     if (is_point && len > kPage) len = len / 2 / kPage * kPage;
     return Around(is_point, REAL(write), fd, buf, len);
 }
+
+ssize_t sendfile(int out, int in, off_t* offset, size_t count) noexcept {
+    const bool is_point = Wanted() != 0 && IsPoint(out);
+    return Around(is_point, REAL(sendfile), out, in, offset, count);
+}
+
+int fsync(int fd) { return Around(Wanted() != 0 && IsPoint(fd), REAL(fsync), fd); }
 
 int mkdir(const char* path, mode_t mode) noexcept {
     return Around(IsPoint(path), REAL(mkdir), path, mode);

@@ -3,6 +3,7 @@
 #include <cutils/sockets.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "byte_source.h"
 #include "control/copy_log_file.h"
@@ -369,36 +371,98 @@ TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReadLeavesTheSettings) {
     // What the new file holds is read all the same: nothing.
     load({Call::kSendFile, ENOSPC, kConfigPath}, "copy file failed, errno=No space left on device");
     test::WriteFile(kConfigPath, "file_size 9\n");
-    load({Call::kOpen, EIO, kConfigPath},
+    load({Call::kOpen, EIO, kConfigPath, 1},
          "open file: "s + kConfigPath + " failed, errno=Input/output error");
     load({Call::kSeek, EIO, kConfigPath}, "lseek SEEK_END error: Input/output error");
     load({Call::kRead, EIO, kConfigPath}, "read fail: Input/output error");
     load({Call::kClose, EIO, kConfigPath, 1}, "close fd ...", 0, 9);
+    EXPECT_EQ(test::ReadFile(kConfigPath), "file_size 9\n");  // no default came in its place
     quarn_mipcDeinit();
 }
 
-// What a save leaves behind. It has no way back once the file is cut.
-TEST_F(RoadLoss, TheConfigurationFileThatCannotBeWrittenIsReported) {
+TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReplacedStaysAndIsReported) {
     const std::string before = "log_mode 1\nfile_size 9\n";
-    const auto save = [&](Fault what, const std::string& message, const std::string& after,
-                          int rc = 0, android_LogPriority priority = ANDROID_LOG_ERROR) {
+    const std::string not_opened = "open file: "s + kConfigPath + " failed, errno=";
+    const auto save = [&](Fault what, const std::string& message, int rc = 0) {
         SCOPED_TRACE(message);
         test::WriteFile(kConfigPath, before);
+        log.Clear();
         {
             const FailCalls fault(what);
             EXPECT_EQ(quarn_command_saveConfig("file_size", "4", {}), rc);
         }
-        EXPECT_TRUE(log.Has(priority, "saveConfig: " + message));
-        EXPECT_EQ(test::ReadFile(kConfigPath), after);
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "saveConfig: " + message));
+        EXPECT_EQ(test::ReadFile(kConfigPath), before);
+        EXPECT_EQ(test::List(kBase + "config").size(), 1u);
     };
-    save({Call::kOpen, EMFILE, kConfigPath, 1},
-         "open file: "s + kConfigPath + " failed, errno=Too many open files", "file_size 4\n", 0,
-         ANDROID_LOG_WARN);
-    save({.call = Call::kOpen, .error = EROFS, .where = kConfigPath, .after = 1},
-         "open file: "s + kConfigPath + " failed, errno=Read-only file system", before, -1);
-    save({Call::kWrite, ENOSPC, kConfigPath}, "write fail error: No space left on device", "");
-    save({Call::kClose, EIO, kConfigPath}, "fclose failed, errno=Input/output error",
-         "log_mode 1\nfile_size 4\n");
+    save({Call::kOpen, EMFILE, kConfigPath, 1}, not_opened + "Too many open files", -1);
+    save({Call::kRead, EIO, kConfigPath},
+         "read file: "s + kConfigPath + " failed, errno=Input/output error", -1);
+    save({Call::kOpen, EROFS, ".cfg.new"}, not_opened + "Read-only file system", -1);
+    save({Call::kWrite, ENOSPC, ".cfg.new"}, "write fail error: No space left on device");
+    save({Call::kSync, EIO, ".cfg.new"}, "write fail error: Input/output error");
+    save({Call::kClose, EIO, ".cfg.new"}, "fclose failed, errno=Input/output error");
+    save({Call::kRename, EIO, ".cfg.new"}, "write fail error: Input/output error");
+    // The folder's sync comes last.
+    const FailCalls fault({.call = Call::kSync, .error = EROFS, .where = "/config", .after = 1});
+    EXPECT_EQ(quarn_command_saveConfig("file_size", "4", {}), 0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "saveConfig: write fail error: Read-only file system"));
+    EXPECT_EQ(test::ReadFile(kConfigPath), "log_mode 1\nfile_size 4\n");
+}
+
+// --- files that are replaced ---
+
+// Ends the process before each of the calls, or has the call fail.
+TEST(ReplacedFiles, AreTheOldOneOrTheNewOneWhateverCallFails) {
+    std::string cut;
+    for (int i = 0; i < 20; ++i) cut += "/logs/" + std::to_string(i) + "\n";
+    const std::string full = std::string(103'000, 'r') + "\n" + cut;
+    const struct {
+        std::string path;
+        std::vector<std::string> states;  // the first is there before, each may be afterwards
+        void (*replace)();
+    } rows[] = {
+        {kConfigPath, {"", "file_size 7\n"}, [] { quarn_loadConfig(kConfigPath, 0); }},
+        {kConfigPath,
+         {"a 1\nfile_size 9\n", "a 1\nfile_size 4\n"},
+         [] { quarn_command_saveConfig("file_size", "4", {}); }},
+        {kBase + "log_folder_history",
+         {full, full + "/new\n", cut, cut + "/new\n"},
+         [] { quarn::zorvex::UpdateFolderHistory("/new"); }},
+    };
+    const Call calls[] = {Call::kOpen,  Call::kRead, Call::kWrite,  Call::kSendFile,  Call::kSeek,
+                          Call::kClose, Call::kSync, Call::kRename, Call::kRemoveFile};
+    fs::create_directories("/data/vendor/radio");
+    g_file_io.create_top_folder();
+    test::WriteFile("/vendor/etc/quarn_default.cfg", rows[0].states.back());
+    for (const auto& [path, states, replace] : rows) {
+        int ended = 0, failed = 0;
+        for (size_t i = 0; i < 3 * std::size(calls); ++i) {
+            Fault fault = {.call = calls[i / 3], .where = kBase.c_str(), .count = 1};
+            fault.error = i % 3 == 0 ? test::kEndsProcess : i % 3 == 1 ? ENOSPC : EIO;
+            for (int status = 1; status != 0; ++fault.after) {
+                SCOPED_TRACE(testing::Message() << path << " " << i << " " << fault.after);
+                fs::remove(path);
+                if (!states[0].empty()) test::WriteFile(path, states[0]);
+                const pid_t child = fork();
+                if (child == 0) {
+                    const FailCalls fails(fault);
+                    replace();
+                    _exit(fails.failed());
+                }
+                ASSERT_EQ(waitpid(child, &status, 0), child);
+                ended += WIFSIGNALED(status);
+                failed += WIFEXITED(status) && status != 0;
+                const std::string now = test::ReadFile(path);
+                EXPECT_EQ(std::count(states.begin(), states.end(), now), 1) << now;
+                EXPECT_EQ(fs::exists(path), !now.empty());
+                EXPECT_TRUE(WIFSIGNALED(status) || !fs::exists(path + ".new"));
+            }
+        }
+        EXPECT_GE(ended, 8);
+        EXPECT_GE(failed, 16);
+        EXPECT_EQ(test::ReadFile(path), states.back());  // no call failed the last time
+    }
 }
 
 // --- copying ---

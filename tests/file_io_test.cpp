@@ -355,13 +355,23 @@ TEST_F(FileIo, SettingsKeepTheirBounds) {
     EXPECT_EQ(io->set_log_folder("/data/vendor/radio/quarn//logs//run1/"), 0);
     EXPECT_EQ(io->get_log_folder(), "/data/vendor/radio/quarn//logs//run1/");
     EXPECT_TRUE(fs::is_directory(kLogs + "run1"));
-    // Clients can have folders made, but not without end.
-    std::vector<std::string> folders;
-    for (int i = 0; i < 4096; ++i) folders.push_back(kLogs + std::to_string(i));
-    for (const auto& folder : folders) fs::create_directory(folder);
-    EXPECT_EQ(io->set_log_folder(kLogs + "new"), -1);
-    EXPECT_EQ(io->set_log_folder(folders[7]), 0);
-    for (const auto& folder : folders) fs::remove(folder);
+    // Nothing that would be taken for something else in the tree, or split the folder history.
+    for (const char* name : {"QRXMDLog_1_23", "/QRXMDLog_1_2024_0101_000000t_EE//",
+                             "a QRXMDLog_7_t", "a\nb", "a\x7f", "power_on_log.muxz/"}) {
+        EXPECT_EQ(io->set_log_folder(kLogs + name), -1) << name;
+    }
+    EXPECT_EQ(test::List(kLogs), std::vector<std::string>{"run1"});
+    // Clients can have folders made, but not without end: captures count as well.
+    for (int i = 0; i < 4000; ++i) {
+        fs::create_directory(kLogs + "QRXMDLog_" + std::to_string(i) + "_2024_0101_000000");
+    }
+    for (int i = 0; i < 200; ++i)
+        io->set_log_folder(kLogs +
+                           "stra\xc3\x9f"
+                           "e" +
+                           std::to_string(i));
+    EXPECT_EQ(test::List(kLogs).size(), 4096u);
+    EXPECT_EQ(io->set_log_folder(kLogs + "run1"), 0);
 }
 
 // Requests come from other threads while the writer writes.

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -60,7 +61,9 @@ std::optional<Fault> Meets(Call call, Target target) {
         const Fault& fault = (*entry)->fault;
         if (fault.call != call || name.find(fault.where) == std::string::npos) continue;
         const int number = (*entry)->seen++;
-        if (number >= fault.after && number - fault.after < fault.count) return fault;
+        if (number < fault.after || number - fault.after >= fault.count) continue;
+        if (fault.error == test::kEndsProcess) kill(getpid(), SIGKILL);
+        return fault;
     }
     return {};
 }
@@ -143,6 +146,8 @@ off_t lseek(int fd, off_t offset, int whence) noexcept {
 int ftruncate(int fd, off_t length) noexcept {
     return Fails(Call::kTruncate, fd) ? -1 : Real<ftruncate>("ftruncate")(fd, length);
 }
+
+int fsync(int fd) { return Fails(Call::kSync, fd) ? -1 : Real<fsync>("fsync")(fd); }
 
 int close(int fd) {
     const bool fails = Fails(Call::kClose, fd);

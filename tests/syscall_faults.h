@@ -13,6 +13,7 @@ enum class Call {
     kWrite,
     kSeek,
     kTruncate,
+    kSync,
     kClose,  // the descriptor is gone all the same, as on Linux; also fclose
     kSendFile,
     kCopyRange,
@@ -25,9 +26,13 @@ enum class Call {
     kThread,
 };
 
+constexpr int kEndsProcess = -1;
+
 struct Fault {
     Call call;
-    int error = 0;           // errno; 0: a write is made, but takes no more than `limit` bytes
+    // errno; 0: a write is made, but takes no more than `limit` bytes; kEndsProcess: the process
+    // ends before the call as by kill -9.
+    int error = 0;
     const char* where = "";  // in the path, or in the name that the socket is bound to
     int count = INT_MAX;     // calls that fail
     int after = 0;           // calls that still go well before

@@ -34,6 +34,9 @@ namespace quarn::zorvex {
 
 namespace {
 
+using android::base::unique_fd;
+
+constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
 constexpr const char* kListName = "copied_folder_list";
 constexpr const char* kListHeader = "List from oldest to newest";
 
@@ -55,8 +58,8 @@ constexpr int kCopied = 2;
 // An open file that is closed, with a message on failure, at the end.
 class OpenFile {
   public:
-    OpenFile(const std::string& file_path, int flags, mode_t mode = 0)
-        : path(file_path), fd(open(path.c_str(), flags | kOpenFlags, mode)) {
+    // Owns `opened`, what opening the file gave; says so, with errno, when that failed.
+    OpenFile(const std::string& file_path, int opened) : path(file_path), fd(opened) {
         if (fd < 0) {
             QUARN_LOGE("%s: Error opening file %s: %s", "CopyFile", path.c_str(), strerror(errno));
         }
@@ -82,6 +85,10 @@ bool IsUnsupported(int error) {
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
 }
 
+bool IsSame(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // One attempt at the first `size` bytes: the bytes copied, or -1 with errno.
 ssize_t CopyRange(int source, int destination, size_t size) {
     off64_t from = 0;
@@ -90,6 +97,45 @@ ssize_t CopyRange(int source, int destination, size_t size) {
     if (copied >= 0 || !IsUnsupported(errno)) return copied;
     off64_t start = 0;
     return sendfile64(destination, source, &start, size);
+}
+
+// As `CopyFile`, whose destination is the file `name` in the open `folder` here.
+int CopyFileInto(int folder, const std::string& name, const std::string& source,
+                 const std::string& destination, int& copied) {
+    copied = 0;
+    const OpenFile from(source, open(source.c_str(), O_RDONLY | kOpenFlags));
+    if (!from.is_open()) return kNotOpened;
+    const OpenFile to(destination,
+                      openat(folder, name.c_str(), O_WRONLY | O_CREAT | kOpenFlags, kFileMode));
+    if (!to.is_open()) return kNotOpened;
+    struct stat status;
+    if (fstat(from.get(), &status) != 0) {
+        QUARN_LOGD("%s: Error getting state %s: %s", "CopyFile", source.c_str(), strerror(errno));
+        return kNotCopied;
+    }
+    // Emptied only now: whatever way leads from one to the other, the log must not be lost.
+    struct stat target;
+    if (fstat(to.get(), &target) == 0 && IsSame(target, status)) {
+        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(),
+                   "it is the destination itself");
+        return kNotCopied;
+    }
+    if (ftruncate(to.get(), 0) != 0) {
+        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
+        return kNotCopied;
+    }
+    // The kernel moves less than 2 GiB at once, so the result fits.
+    const ssize_t moved = CopyRange(from.get(), to.get(), static_cast<size_t>(status.st_size));
+    copied = static_cast<int>(moved);
+    if (moved < 0) {
+        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
+        return kNotCopied;
+    }
+    if (moved < status.st_size) {
+        QUARN_LOGW("CopyLogFile: copy log file with less bytes than expected");
+    }
+    QUARN_LOGI("CopyLogFile: copy log file from %s to %s", source.c_str(), destination.c_str());
+    return kCopied;
 }
 
 // --- one folder ---
@@ -159,7 +205,8 @@ std::string FindFolder(const std::string& record) {
 enum class Walk { kGoesOn, kEnded };
 
 // Copies the listed files, newest first, until one does not fit into `room`. `copied` gets the sum.
-Walk CopyFiles(const std::vector<std::string>& names, const std::string& source,
+// `destination` is the path of the open `folder`.
+Walk CopyFiles(const std::vector<std::string>& names, const std::string& source, int folder,
                const std::string& destination, int64_t room, int64_t& copied) {
     for (const std::string& name : names) {
         const std::string path = source + "/" + name;
@@ -171,7 +218,9 @@ Walk CopyFiles(const std::vector<std::string>& names, const std::string& source,
         if (status.st_size + copied > room) return Walk::kEnded;
         // The file that is still being filled keeps its ".tmp", which tells that it is not whole.
         int file_copied = 0;
-        if (CopyFile(path, destination + "/" + name, file_copied) == kCopied) copied += file_copied;
+        if (CopyFileInto(folder, name, path, destination + "/" + name, file_copied) == kCopied) {
+            copied += file_copied;
+        }
     }
     return Walk::kGoesOn;
 }
@@ -193,9 +242,17 @@ Walk CopyLogFileFromFolder(const std::string& record, const std::string& directo
         QUARN_LOGE("%s: Error creating folder %s: %s", "CopyLogFileFromFolder", destination.c_str(),
                    strerror(errno));
     }
+    // Whoever may write to the directory may have put a link in the folder's place.
+    const unique_fd folder(
+        open(destination.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (folder < 0) {
+        QUARN_LOGE("%s: Error opening folder %s: %s", "CopyLogFileFromFolder", destination.c_str(),
+                   strerror(errno));
+        return Walk::kGoesOn;
+    }
     int64_t copied = 0;
-    const Walk walk =
-        CopyFiles(scanned.names(), source, destination, copies.limit - copies.total, copied);
+    const Walk walk = CopyFiles(scanned.names(), source, folder, destination,
+                                copies.limit - copies.total, copied);
     copies.total += copied;
     copies.records.push_front(record);
     return walk;
@@ -204,8 +261,7 @@ Walk CopyLogFileFromFolder(const std::string& record, const std::string& directo
 bool DumpCopiedFolderHistory(const std::string& path, const std::deque<std::string>& records) {
     std::string text = std::string(kListHeader) + "\n";
     for (const std::string& record : records) text += record + "\n";
-    const android::base::unique_fd fd(
-        open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | kOpenFlags, kFileMode));
+    const unique_fd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | kOpenFlags, kFileMode));
     if (fd < 0) {
         QUARN_LOGE("%s: Error opening file: %s", "DumpCopiedFolderHistory", strerror(errno));
         return false;
@@ -226,10 +282,29 @@ std::vector<std::string> SplitWords(const char* text) {
     return words;
 }
 
+// Whether the directory is the log folder, the top one or the one of the moment, or lies in it, by
+// whatever links lead there. True as well when it cannot be told.
+bool LiesInLogFolder(const std::string& directory) {
+    std::string path;
+    if (!android::base::Realpath(directory, &path)) return true;
+    for (const std::string& folder : {std::string(kLogFolder), g_file_io.get_log_folder()}) {
+        std::string log_path;
+        if (android::base::Realpath(folder, &log_path) &&
+            (path + "/").starts_with(log_path + "/")) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool IsUsableDirectory(const std::string& directory) {
     struct stat status;
     if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
         QUARN_LOGE("CopyLogFile: invalid directory %s", directory.c_str());
+        return false;
+    }
+    if (LiesInLogFolder(directory)) {
+        QUARN_LOGE("CopyLogFile: directory %s lies in the log folder", directory.c_str());
         return false;
     }
     if (access(directory.c_str(), W_OK) != 0) {
@@ -319,40 +394,7 @@ int CopyLatestLogFile(const std::string& directory, int limit, bool flush_first)
 }
 
 int CopyFile(const std::string& source, const std::string& destination, int& copied) {
-    copied = 0;
-    const OpenFile from(source, O_RDONLY);
-    if (!from.is_open()) return kNotOpened;
-    const OpenFile to(destination, O_WRONLY | O_CREAT, kFileMode);
-    if (!to.is_open()) return kNotOpened;
-    struct stat status;
-    if (fstat(from.get(), &status) != 0) {
-        QUARN_LOGD("%s: Error getting state %s: %s", "CopyFile", source.c_str(), strerror(errno));
-        return kNotCopied;
-    }
-    // Emptied only now: a client that names the log folder itself must not cost it its logs.
-    struct stat target;
-    if (fstat(to.get(), &target) == 0 && target.st_dev == status.st_dev &&
-        target.st_ino == status.st_ino) {
-        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(),
-                   "it is the destination itself");
-        return kNotCopied;
-    }
-    if (ftruncate(to.get(), 0) != 0) {
-        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
-        return kNotCopied;
-    }
-    // The kernel moves less than 2 GiB at once, so the result fits.
-    const ssize_t moved = CopyRange(from.get(), to.get(), static_cast<size_t>(status.st_size));
-    copied = static_cast<int>(moved);
-    if (moved < 0) {
-        QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
-        return kNotCopied;
-    }
-    if (moved < status.st_size) {
-        QUARN_LOGW("CopyLogFile: copy log file with less bytes than expected");
-    }
-    QUARN_LOGI("CopyLogFile: copy log file from %s to %s", source.c_str(), destination.c_str());
-    return kCopied;
+    return CopyFileInto(AT_FDCWD, destination, source, destination, copied);
 }
 
 int FilterByMDMCULogPrefix(const dirent* entry) {

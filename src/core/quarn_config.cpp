@@ -1,5 +1,6 @@
 #include "core/quarn_config.h"
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>
@@ -9,15 +10,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 #include "control/quarn_command.h"
 #include "core/quarn.h"
+#include "core/replace_file.h"
 #include "core/utility.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
@@ -26,13 +27,13 @@
 namespace {
 
 using android::base::unique_fd;
+using quarn::zorvex::Replaced;
+using quarn::zorvex::ReplaceFile;
 
 constexpr const char* kDefaultConfigPath = "/vendor/etc/quarn_default.cfg";
 constexpr mode_t kConfigMode = 0774;
-constexpr size_t kMaxLoadSize = 1023;  // bytes of the file that count when it is loaded
-constexpr size_t kMaxSaveSize = 1024;  // bytes that a saved file may have
-constexpr size_t kMaxLineSize = 510;   // longer lines are taken in pieces, each a line of its own
-constexpr int kMaxLines = 4096;        // far more than a file that was saved can have
+constexpr size_t kMaxEditSize = 64 << 10;  // bytes of the file that a save reads
+constexpr size_t kMaxLineSize = 510;       // longer lines are edited in pieces, each like a line
 constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should it be a pipe
 
 constexpr int kDefaultFlushInterval = 600000;  // ms
@@ -54,39 +55,48 @@ struct Settings {
     int log_mode = 0;
 };
 
-// A new file with the bytes of the factory default; none on failure.
-unique_fd create_from_default(const char* path) {
+unique_fd open_config(const char* path) {
+    unique_fd fd(open(path, O_RDONLY | kOpenFlags));
+    const int error = errno;
+    if (fd < 0) QUARN_LOGE("open file: %s failed, errno=%s", path, strerror(error));
+    errno = error;
+    return fd;
+}
+
+// Makes the file with the bytes of the factory default; false when there is none afterwards.
+bool create_from_default(const char* path) {
     const unique_fd defaults(open(kDefaultConfigPath, O_RDONLY | O_CLOEXEC));
     if (defaults < 0) {
         QUARN_LOGE("open file: %s failed, errno=%s", kDefaultConfigPath, strerror(errno));
         QUARN_LOGE("no default config file");
-        return {};
+        return false;
     }
     struct stat status;
     if (fstat(defaults, &status) != 0) {
         QUARN_LOGE("fstat file: %s failed, errno=%s", path, strerror(errno));
-        return {};
+        return false;
     }
-    unique_fd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, kConfigMode));
-    if (fd < 0) {
+    const auto copy_all = [&](int fd) {
+        const ssize_t copied = sendfile(fd, defaults, nullptr, static_cast<size_t>(status.st_size));
+        const int error = copied < 0 ? errno : EIO;  // EIO: fewer bytes than expected
+        QUARN_LOGI("copy file expected %ld bytes, result %d bytes",
+                   static_cast<long>(status.st_size), static_cast<int>(copied));
+        errno = error;
+        return copied == status.st_size;
+    };
+    const Replaced result = ReplaceFile(path, kConfigMode, copy_all);
+    if (result == Replaced::kNotCreated) {
         QUARN_LOGE("create file: %s failed, errno=%s", path, strerror(errno));
-        return {};
+    } else if (result != Replaced::kDone) {
+        QUARN_LOGE("copy file failed, errno=%s", strerror(errno));
     }
-    const ssize_t copied = sendfile(fd, defaults, nullptr, static_cast<size_t>(status.st_size));
-    const int error = errno;
-    QUARN_LOGI("copy file expected %ld bytes, result %d bytes", static_cast<long>(status.st_size),
-               static_cast<int>(copied));
-    if (copied == -1) QUARN_LOGE("copy file failed, errno=%s", strerror(error));
-    return fd;
+    return result == Replaced::kDone || result == Replaced::kFolderNotSynced;
 }
 
-unique_fd open_config(const char* path) {
-    unique_fd fd(open(path, O_RDONLY | kOpenFlags));
-    if (fd >= 0) return fd;
-    const int error = errno;
-    QUARN_LOGE("open file: %s failed, errno=%s", path, strerror(error));
-    if (error != ENOENT) return {};
-    return create_from_default(path);
+unique_fd open_or_create_config(const char* path) {
+    unique_fd fd = open_config(path);
+    if (fd >= 0 || errno != ENOENT || !create_from_default(path)) return fd;
+    return open_config(path);
 }
 
 void close_config(unique_fd& file) {
@@ -257,70 +267,96 @@ int32_t apply_settings(Settings& settings, bool log_mode_only) {
     return 0;
 }
 
-// The text that the file will hold; what would not fit is cut.
-class Output {
-  public:
-    void append(std::string_view bytes) {
-        const size_t fitting = std::min(bytes.size(), text.size() - used);
-        std::copy_n(bytes.data(), fitting, text.data() + used);
-        used += fitting;
+// Fills `text` with what the file holds, nothing when there is no file. Returns false, with a
+// message, when there is one that cannot be read: it must not be overwritten then.
+bool read_saved(std::string& text) {
+    const unique_fd fd(open(kConfigPath, O_RDONLY | kOpenFlags));
+    if (fd < 0 && errno == ENOENT) {
+        QUARN_LOGW("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
+        return true;
     }
-    std::string_view view() const { return {text.data(), used}; }
-    bool in_line() const { return used != 0 && text[used - 1] != '\n'; }
-
-  private:
-    std::array<char, kMaxSaveSize> text{};
-    size_t used = 0;
-};
-
-bool holds_any(const char* line, const std::vector<const char*>& keys) {
-    return std::any_of(keys.begin(), keys.end(),
-                       [&](const char* key) { return std::strstr(line, key) != nullptr; });
-}
-
-// The file's lines, with `new_line` in the place of the key's own, or behind them all.
-void edit_lines(FILE* file, const char* key, const char* value, std::string_view new_line,
-                const std::vector<const char*>& displaced_keys, Output& output) {
-    bool replaced = false;
-    char line[kMaxLineSize + 1];
-    for (int lines = 0; lines < kMaxLines && fgets(line, sizeof(line), file) != nullptr; ++lines) {
-        if (std::strstr(line, key) != nullptr) {
-            output.append(new_line);
-            replaced = true;
-        } else if (holds_any(line, displaced_keys)) {
-            QUARN_LOGD("saveConfig: %s %s replaces %s", key, value, line);
-        } else {
-            output.append(line);
-        }
-    }
-    if (replaced) return;
-    // A last line without its newline would swallow the new one.
-    if (output.in_line()) output.append("\n");
-    output.append(new_line);
-}
-
-// After a crash in between the file is empty, and the next start keeps the built-in settings; one
-// write makes that moment as short as can be.
-int32_t write_config(std::string_view text) {
-    unique_fd fd(open(kConfigPath, O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, kConfigMode));
     if (fd < 0) {
         QUARN_LOGE("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
-        return -1;
+        return false;
     }
-    const ssize_t written = write(fd, text.data(), text.size());
-    if (written != static_cast<ssize_t>(text.size())) {
-        QUARN_LOGE("saveConfig: write fail error: %s", strerror(errno));
+    struct stat status;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        QUARN_LOGE("saveConfig: %s is not a regular file", kConfigPath);
+        return false;
     }
-    if (close(fd.release()) != 0) {
-        QUARN_LOGE("saveConfig: fclose failed, errno=%s", strerror(errno));
+    text.resize(kMaxEditSize);
+    size_t used = 0;
+    ssize_t got = 1;
+    while (got > 0 && used < text.size()) {
+        got = read(fd, text.data() + used, text.size() - used);
+        if (got > 0) used += static_cast<size_t>(got);
     }
-    return 0;
+    if (got < 0) {
+        QUARN_LOGE("saveConfig: read file: %s failed, errno=%s", kConfigPath, strerror(errno));
+        return false;
+    }
+    text.resize(used);
+    // A damaged file may hold NULs. The loader would take the first one for the end of the text.
+    std::erase(text, '\0');
+    return true;
+}
+
+bool holds_any(std::string_view line, const std::vector<const char*>& keys) {
+    return std::any_of(keys.begin(), keys.end(),
+                       [&](const char* key) { return line.find(key) != std::string_view::npos; });
+}
+
+// The lines of `text`, with `new_line` in the place of the key's own, or behind them all.
+std::string edit_lines(std::string_view text, const char* key, const char* value,
+                       const std::string& new_line,
+                       const std::vector<const char*>& displaced_keys) {
+    std::string output;
+    bool replaced = false;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size() - 1);
+        const std::string line(text.substr(0, std::min(end + 1, kMaxLineSize)));
+        text.remove_prefix(line.size());
+        if (line.find(key) != std::string::npos) {
+            output += new_line;
+            replaced = true;
+        } else if (holds_any(line, displaced_keys)) {
+            QUARN_LOGD("saveConfig: %s %s replaces %s", key, value, line.c_str());
+        } else {
+            output += line;
+        }
+    }
+    if (replaced) return output;
+    // A last line without its newline would swallow the new one.
+    if (!output.empty() && output.back() != '\n') output += '\n';
+    return output + new_line;
+}
+
+// Returns 0 also when the file stays as it was because the new one could not be written: the
+// setting is in force all the same.
+int32_t write_config(const std::string& text) {
+    const Replaced result = ReplaceFile(
+        kConfigPath, kConfigMode, [&](int fd) { return android::base::WriteStringToFd(text, fd); });
+    switch (result) {
+        case Replaced::kDone:
+            return 0;
+        case Replaced::kNotCreated:
+            QUARN_LOGE("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
+            return -1;
+        case Replaced::kNotClosed:
+            QUARN_LOGE("saveConfig: fclose failed, errno=%s", strerror(errno));
+            return 0;
+        case Replaced::kNotWritten:
+        case Replaced::kFolderNotSynced:
+            QUARN_LOGE("saveConfig: write fail error: %s", strerror(errno));
+            return 0;
+    }
+    return -1;
 }
 
 }  // namespace
 
 int32_t quarn_loadConfig(const char* path, int32_t log_mode_only) {
-    unique_fd fd = open_config(path);
+    unique_fd fd = open_or_create_config(path);
     if (fd < 0) return -1;
     ConfigText text = {};
     const bool has_text = read_config(path, fd, text);
@@ -334,25 +370,18 @@ int32_t quarn_loadConfig(const char* path, int32_t log_mode_only) {
 int32_t quarn_command_saveConfig(const char* key, const char* value,
                                  const std::vector<const char*>& displaced_keys) {
     if (value == nullptr) return 0;
-    if (std::strchr(value, '\n') != nullptr) {
-        QUARN_LOGW("saveConfig: the value of %s holds a newline and is not saved", key);
+    const auto refuse = [&](const std::string& reason) {
+        QUARN_LOGW("saveConfig: the value of %s %s and is not saved", key, reason.c_str());
         return -1;
+    };
+    if (const std::string reason = quarn::zorvex::WhyNotKept(key, value); !reason.empty()) {
+        return refuse(reason);
     }
-    char new_line[kMaxSaveSize + 1];
-    const int length = snprintf(new_line, sizeof(new_line), "%s %s\n", key, value);
-    if (length < 0) {
-        QUARN_LOGE("saveConfig: snprintf error, errno=%s", strerror(errno));
-        return -1;
-    }
-    Output output;
-    unique_fd fd(open(kConfigPath, O_RDONLY | kOpenFlags));
-    FILE* const file = fd >= 0 ? android::base::Fdopen(std::move(fd), "r") : nullptr;
-    if (file == nullptr) {
-        QUARN_LOGW("saveConfig: open file: %s failed, errno=%s", kConfigPath, strerror(errno));
-        output.append(new_line);
-    } else {
-        edit_lines(file, key, value, new_line, displaced_keys, output);
-        if (fclose(file) != 0) QUARN_LOGE("saveConfig: fclose failed, errno=%s", strerror(errno));
-    }
-    return write_config(output.view());
+    std::string before;
+    if (!read_saved(before)) return -1;
+    const std::string new_line = std::string(key) + " " + value + "\n";
+    const std::string text = edit_lines(before, key, value, new_line, displaced_keys);
+    // The loader would not read the end of it.
+    if (text.size() > kMaxLoadSize) return refuse("makes the file too long");
+    return write_config(text);
 }

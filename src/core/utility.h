@@ -1,4 +1,5 @@
-// Reading single settings out of the configuration's text, and applying them.
+// Single settings: what may be kept in the configuration's text, reading them out of it, and
+// applying them.
 //
 // A key is found by its first occurrence anywhere in the text. The Parse functions are pure but for
 // their warnings. The Set functions never fail a load: they return 0 and warn.
@@ -6,8 +7,19 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace quarn::zorvex {
+
+// Whether the text holds a byte below 32 or a DEL. A newline would split a line of the files that
+// such texts are kept in.
+bool HasControlCharacter(std::string_view text);
+
+// Why this value of this key cannot be kept in the file, as the middle of a sentence; empty when
+// the next load reads it as it was set. A value holds no control character and no key, neither its
+// own nor another one; a number is short, and plain where it is read strictly; a text does not
+// begin with a blank.
+std::string WhyNotKept(std::string_view key, std::string_view value);
 
 // The value up to the newline; false when it is missing or not ended by one.
 bool ParseStringConfig(const char* text, const char* key, std::string& out);

@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
+#include "core/replace_file.h"
 #include "platform/quarn_log.h"
 
 namespace quarn::zorvex {
@@ -28,37 +30,60 @@ constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should 
 std::mutex history_mutex;  // around every open of the file
 
 // Reads what may hold the last `n` records: a record is a path, so no more than that much of the
-// file's end is ever looked at, however large the file is.
-std::string ReadHistoryTail(int fd, int n) {
+// file's end is ever looked at, however large the file is. Returns nothing when it cannot be read.
+std::optional<std::string> ReadHistoryTail(int fd, int n) {
     const off_t tail_size = static_cast<off_t>(n) * (PATH_MAX + 1);
     const off_t size = lseek(fd, 0, SEEK_END);
-    if (size < 0) return {};  // a pipe
+    if (size < 0) return std::nullopt;  // a pipe
     const off_t start = std::max<off_t>(0, size - tail_size);
     lseek(fd, start, SEEK_SET);
     std::string tail(static_cast<size_t>(size - start), '\0');
-    const bool complete = android::base::ReadFully(fd, tail.data(), tail.size());
-    if (!complete) tail.clear();
+    if (!android::base::ReadFully(fd, tail.data(), tail.size())) return std::nullopt;
     if (start > 0) tail.erase(0, std::min(tail.size(), tail.find('\n') + 1));
     return tail;
 }
 
+// The last `n` records; nothing when the file cannot be read. REQUIRES: history_mutex is held.
+std::optional<std::deque<std::string>> ReadLatestRecords(int n) {
+    const unique_fd fd(open(kHistoryPath, O_RDONLY | kOpenFlags));
+    if (fd < 0) {
+        QUARN_LOGE("%s: Error opening file: %s", "GetLatestHistoryRecord", strerror(errno));
+        return std::nullopt;
+    }
+    const auto tail = ReadHistoryTail(fd, n);
+    if (!tail) {
+        QUARN_LOGE("%s: Error reading file: %s", "GetLatestHistoryRecord", strerror(errno));
+        return std::nullopt;
+    }
+    std::deque<std::string> records;
+    for (size_t start = 0; start < tail->size();) {
+        const size_t end = std::min(tail->find('\n', start), tail->size());
+        records.push_back(tail->substr(start, end - start));
+        if (records.size() > static_cast<size_t>(n)) records.pop_front();
+        start = end + 1;
+    }
+    return records;
+}
+
+// On failure the file stays as it is, and the next capture tries again.
 void TruncateFolderHistory(off_t size) {
     QUARN_LOGD("CopyLogFile: truncate file due to size %ld over %ld", static_cast<long>(size),
                static_cast<long>(kMaxHistorySize));
-    std::string kept;
-    for (const std::string& record : GetLatestHistoryRecord(kHistoryRecords)) kept += record + '\n';
-
     std::lock_guard lock(history_mutex);
-    const unique_fd fd(open(kHistoryPath, O_WRONLY | O_TRUNC | kOpenFlags));
-    if (fd < 0) {
+    const auto records = ReadLatestRecords(kHistoryRecords);
+    if (!records) return;
+    std::string kept;
+    for (const std::string& record : *records) kept += record + '\n';
+    const Replaced result = ReplaceFile(kHistoryPath, kHistoryMode, [&](int fd) {
+        return android::base::WriteStringToFd(kept, fd);
+    });
+    if (result == Replaced::kNotCreated) {
         QUARN_LOGE("%s: Error opening file: %s", "TruncateFolderHistory", strerror(errno));
-        return;
-    }
-    if (!android::base::WriteStringToFd(kept, fd)) {
+    } else if (result != Replaced::kDone) {
         QUARN_LOGE("%s: Error writing file: %s", "TruncateFolderHistory", strerror(errno));
-        return;
+    } else {
+        QUARN_LOGD("CopyLogFile: finish truncating file to keep last %d records", kHistoryRecords);
     }
-    QUARN_LOGD("CopyLogFile: finish truncating file to keep last %d records", kHistoryRecords);
 }
 
 }  // namespace
@@ -97,20 +122,7 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
 
 std::deque<std::string> GetLatestHistoryRecord(int n) {
     std::lock_guard lock(history_mutex);
-    const unique_fd fd(open(kHistoryPath, O_RDONLY | kOpenFlags));
-    if (fd < 0) {
-        QUARN_LOGE("%s: Error opening file: %s", "GetLatestHistoryRecord", strerror(errno));
-        return {};
-    }
-    const std::string tail = ReadHistoryTail(fd, n);
-    std::deque<std::string> records;
-    for (size_t start = 0; start < tail.size();) {
-        const size_t end = std::min(tail.find('\n', start), tail.size());
-        records.push_back(tail.substr(start, end - start));
-        if (records.size() > static_cast<size_t>(n)) records.pop_front();
-        start = end + 1;
-    }
-    return records;
+    return ReadLatestRecords(n).value_or(std::deque<std::string>{});
 }
 
 }  // namespace quarn::zorvex

@@ -17,6 +17,7 @@
 
 #include "core/path_utility.h"
 #include "core/quarn.h"
+#include "core/utility.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_file_format.h"
@@ -38,7 +39,7 @@ constexpr auto kOpenPause = std::chrono::seconds(1);
 constexpr int kBytesPerMbShift = 20;
 constexpr int kMaxFileSizeMb = 4095;
 constexpr unsigned int kMaxRecycleSizeMb = 4194303;
-// Entries of the top log folder, captures apart, from which on clients get no more folders made.
+// Entries of the top log folder from which on clients get no more folders made.
 constexpr int kMaxLogFolders = 4096;
 
 std::string local_time_text(time_t time) {
@@ -76,6 +77,18 @@ std::string finished_file_path(const std::string& path) {
     const size_t mark = finished.find(kOpenEnding, name_start(path));
     if (mark != std::string::npos) finished.erase(mark, kOpenEnding.size());
     return finished;
+}
+
+// Why a path of a first-level folder may not be the log folder's; null when it may. Neither the
+// search for the latest capture nor a reader of the tree may take it for a capture, no line of the
+// folder history may be split by it, and the power-on log keeps its place.
+const char* why_no_log_folder(std::string_view path) {
+    if (quarn::zorvex::HasControlCharacter(path)) return "control character";
+    while (path.ends_with('/')) path.remove_suffix(1);
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    if (name.find(quarn::log_names::kPrefix) != std::string_view::npos) return "name of a capture";
+    if (name == quarn::log_names::kPowerOnLog) return "name of the power-on log";
+    return nullptr;
 }
 
 // Creates a folder and says so under `who`.
@@ -118,11 +131,9 @@ class OpenFolder {
 
 bool is_full(const std::string& path) {
     OpenFolder folder(path);
-    int others = 0;  // than captures, which are made without asking
-    while (const char* const name = folder.next()) {
-        if (!quarn::log_names::ParseFolder(name)) ++others;
-    }
-    return others >= kMaxLogFolders;
+    int entries = -2;  // without "." and ".."
+    while (folder.next() != nullptr) ++entries;
+    return entries < 0 || entries >= kMaxLogFolders;  // below 0: it could not be read
 }
 
 // The number between the first and the second "_" of a folder's name.
@@ -673,6 +684,10 @@ int QUARN_FILE_IO::set_log_folder(std::string path) {
     QUARN_LOGI("file_io: set log folder = %s", path.c_str());
     if (!quarn::zorvex::IsUnderFirstLevelSubfolder(path, top_log_folder)) {
         QUARN_LOGE("file_io: set log folder %s fail, reason=not allowed path", path.c_str());
+        return -1;
+    }
+    if (const char* const reason = why_no_log_folder(path)) {
+        QUARN_LOGE("file_io: set log folder %s fail, reason=%s", path.c_str(), reason);
         return -1;
     }
     if (!quarn_check_dir_exist(path.c_str())) {

@@ -1,13 +1,25 @@
-// The configuration file: any text is loaded, and settings can be saved into it.
+// The configuration file: any text is loaded, and whatever sequence of requests the daemon serves,
+// the file that it leaves is loaded as it was meant.
 //
-//   input = text of the file [ "%%" newline ( key blank value newline )* ]
+//   input = text of the file "%%" newline (request NUL)*
+#include <android/log.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
+#include <string_view>
 
+#include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "core/utility.h"
 #include "fuzz.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
@@ -17,11 +29,18 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::string_view kMark = "%%\n";
-constexpr size_t kMaxSaveSize = 1024;
-constexpr size_t kMaxLoadSize = 1023;  // bytes
-constexpr size_t kMaxLineSize = 510;   // longer ones are edited in pieces
 constexpr unsigned int kMaxRecycleSize = 4194303;
+constexpr int kDefaultFlushInterval = 600000;
 const std::string kLogs = "/data/vendor/radio/quarn/logs";
+const std::array<std::string, 10> kKeys = {
+    "transfer_type", "file_size",  "recycle_size", "recycle_ee", "recycle_keep_ee_size",
+    "log_mode",      "log_folder", "log_level",    "log_filter", "flush_interval"};
+
+std::atomic<bool> save_failed{false};
+
+void HearOfFailedSaves(const __android_logger_data*, const char* message) {
+    if (strcmp(message, "command_handler: Save configuration failed\n") == 0) save_failed = true;
+}
 
 std::string ReadConfig() {
     std::ostringstream text;
@@ -33,18 +52,6 @@ unsigned int RecycleOption(QUARN_RECYCLE_OPT option) {
     unsigned int value = 0;
     fuzz::Check(g_file_io.get_recycle_option(option, &value) == 0, "an option can be asked");
     return value;
-}
-
-int TransferType() {
-    int type = -1;
-    fuzz::Check(quarn_getTransferType(&type) == 0, "the transfer type can be asked");
-    return type;
-}
-
-int LogMode() {
-    int mode = -1;
-    fuzz::Check(quarn_mipcGetLogMode(&mode) == 0, "the log mode can be asked");
-    return mode;
 }
 
 // Whatever was loaded, and whether or not it was refused.
@@ -63,80 +70,137 @@ int Load(int log_mode_only) {
     return rc;
 }
 
-// Whether saving edits this text by its lines, as they were meant.
-bool IsPlain(const std::string& text) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.size() >= kMaxLineSize) return false;
+// --- requests ---
+
+// The reply; nothing when there was none.
+std::string Ask(const std::string& request) {
+    std::array<int, 2> ends;
+    fuzz::Check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0, "a pair of sockets");
+    const auto [client, daemon] = ends;
+    const ssize_t size = static_cast<ssize_t>(request.size());
+    fuzz::Check(send(client, request.data(), request.size(), 0) == size, "the request fits");
+    shutdown(client, SHUT_WR);
+    std::array<char, kCommandBufferSize + 1> reply{};
+    if (quarn_ctrlConnCallback(daemon) == 0) recv(client, reply.data(), kCommandBufferSize, 0);
+    close(daemon);
+    close(client);
+    return reply.data();
+}
+
+// What was kept of each key, as the client sent it.
+using Kept = std::map<std::string, std::string>;
+
+// Values that nothing is wrong with. Every key has a "_" in it.
+bool IsPlain(const std::string& key, const std::string& value) {
+    if (key == "log_folder" || key == "log_filter") {
+        return std::all_of(value.begin(), value.end(),
+                           [](char c) { return c > ' ' && c < 0x7f && c != '_'; });
     }
-    return text.find('\0') == std::string::npos;
+    return value == std::to_string(atoi(value.c_str()));
 }
 
-bool IsPlainFolder(const std::string& path) {
-    constexpr size_t kMaxName = 32;
-    return path.starts_with(kLogs + "/") && path.size() <= kLogs.size() + 1 + kMaxName &&
-           std::all_of(path.begin() + static_cast<ptrdiff_t>(kLogs.size()) + 1, path.end(),
-                       [](char c) { return c >= 'a' && c <= 'z'; });
-}
-
-// A setting that is accepted is the one that was saved last.
-void CheckLoaded(const std::string& key, const std::string& value) {
-    if (Load(0) != 0) return;
-    const auto number = [](auto loaded) { return std::to_string(loaded); };
-    const auto is = [&](const char* name, const std::string& loaded) {
-        // Zeros in front, and what is no number, are read but not saved by the daemon.
-        if (key != name || value != number(atoi(value.c_str()))) return;
-        fuzz::Check(value == loaded, "what was saved is loaded");
-    };
-    is("transfer_type", number(TransferType()));
-    is("file_size", number(g_file_io.get_file_size()));
-    is("recycle_size", number(RecycleOption(RECYCLE_OPT_SIZE)));
-    if (value == "0" || value == "1") is("recycle_ee", number(RecycleOption(RECYCLE_OPT_EE)));
-    is("recycle_keep_ee_size", number(RecycleOption(RECYCLE_OPT_KEEP_EE_SIZE)));
-    is("log_mode", number(LogMode()));
-    if (key == "log_folder" && IsPlainFolder(value)) {
-        fuzz::Check(g_file_io.get_log_folder() == value, "the folder that was saved is loaded");
+void Note(const std::string& request, const std::string& reply, Kept& kept) {
+    const auto is_of = [&](const std::string& key) { return request.starts_with(key); };
+    const auto key = std::find_if(kKeys.begin(), kKeys.end(), is_of);
+    if (reply != "ok" || key == kKeys.end() || request.size() == key->size()) return;
+    const std::string value = request.substr(key->size() + 1);
+    if (save_failed) {
+        fuzz::Check(!IsPlain(*key, value), "a plain value is kept");
+        return;
     }
+    if (*key == "transfer_type" && atoi(value.c_str()) == SAVE_MODE_EXIT) return;
+    kept[*key] = value;
+    if (*key == "log_level") kept.erase("log_filter");
+    if (*key == "log_filter") kept.erase("log_level");
 }
 
-void Save(const std::string& line) {
-    const size_t blank = line.find(' ');
-    const std::string key = line.substr(0, line.find('\0'));
-    if (blank == std::string::npos || blank >= key.size()) return;
-    const std::string name = key.substr(0, blank);
-    const std::string value = key.substr(blank + 1);
-    const bool is_plain = IsPlain(ReadConfig());
-    fuzz::Check(quarn_command_saveConfig(name.c_str(), value.c_str(), {"log_filter"}) == 0,
-                "a setting is saved");
+// The file has a line of each key that was kept, and a load puts each value in force.
+void CheckFile(const Kept& kept) {
     const std::string text = ReadConfig();
-    fuzz::Check(text.size() <= kMaxSaveSize, "a saved file is small");
-    fuzz::Check(text.size() == kMaxSaveSize || text.find(name + " " + value) != std::string::npos,
-                "what was saved is there");
-    if (is_plain && text.size() <= kMaxLoadSize) CheckLoaded(name, value);
+    std::istringstream lines(text);
+    Kept saved;
+    size_t count = 0;
+    for (std::string line; std::getline(lines, line); ++count) {
+        saved[line.substr(0, line.find(' '))] =
+            line.substr(std::min(line.find(' '), line.size() - 1) + 1);
+    }
+    fuzz::Check(count == kept.size() && saved == kept, "the file has what was kept");
+    fuzz::Check(text.empty() || text.size() <= kMaxLoadSize, "all of it is read");
+    if (kept.empty()) return;
+
+    fuzz::Check(Load(0) == 0, "a load goes to its end");
+    fuzz::Check(!g_quarn.is_close, "a load does not end the daemon");
+    const auto number = [&](const char* key, int otherwise) {
+        const auto found = kept.find(key);
+        return found == kept.end() ? otherwise : atoi(found->second.c_str());
+    };
+    const auto is = [](long long loaded, long long wanted, const char* key) {
+        if (loaded != wanted) fprintf(stderr, "%s: %lld instead of %lld\n", key, loaded, wanted);
+        fuzz::Check(loaded == wanted, "each key has its last kept value");
+    };
+    is(g_quarn.transfer_type, number("transfer_type", SAVE_MODE_STORAGE), "transfer_type");
+    is(g_file_io.get_file_size(), number("file_size", 50), "file_size");
+    is(RecycleOption(RECYCLE_OPT_SIZE), number("recycle_size", 2500), "recycle_size");
+    is(RecycleOption(RECYCLE_OPT_EE), number("recycle_ee", 1) != 0, "recycle_ee");
+    is(RecycleOption(RECYCLE_OPT_KEEP_EE_SIZE), number("recycle_keep_ee_size", 0), "keep");
+    is(static_cast<int>(g_quarn.flush_interval.load()),
+       number("flush_interval", kDefaultFlushInterval), "flush_interval");
+    int mode = -1, level = 0;
+    fuzz::Check(quarn_mipcGetLogMode(&mode) == 0, "the log mode can be asked");
+    is(mode, number("log_mode", 0), "log_mode");
+    std::string filter;
+    quarn::zorvex::ParseLogFilterConfig(text.c_str(), level, filter);
+    is(level, number("log_level", -1), "log_level");
+    const auto path = [&](const char* key) { return kept.count(key) != 0 ? kept.at(key) : ""; };
+    fuzz::Check(filter == path("log_filter"), "the filter, too");
+    if (kept.count("log_folder") != 0) {
+        fuzz::Check(g_file_io.get_log_folder() == path("log_folder"), "and the folder");
+    }
 }
 
 }  // namespace
 
 void fuzz::SetUp() {
     StartPhone();
+    __android_log_set_logger(HearOfFailedSaves);
     mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    std::ofstream("/data/filter") << "filter";
+    fs::create_directories("/data/copies");
+    fs::current_path("/data/copies");
+    std::ofstream(" f") << "filter";  // a load skips the blank
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input = fuzz::Text(data, size);
+    if (fuzz::LeavesBox(input)) return -1;
     const size_t mark = input.find(kMark);
     std::ofstream(kConfigPath, std::ios::binary) << input.substr(0, mark);
     Load(0);
     Load(1);
-    std::string_view lines = input.substr(std::min(mark, input.size()));
-    lines.remove_prefix(std::min(kMark.size(), lines.size()));
-    while (!lines.empty()) Save(fuzz::TakeLine(lines));
 
     g_quarn.is_close = false;
-    if (g_file_io.get_log_folder() != "/data/vendor/radio/quarn/logs/") {
-        g_file_io.set_log_folder("/data/vendor/radio/quarn/logs/");
-        fs::remove_all("/data/vendor/radio/quarn/logs");
-        fs::create_directories("/data/vendor/radio/quarn/logs");
+    fs::remove(kConfigPath);
+    Kept kept;
+    std::string_view requests = input.substr(std::min(mark, input.size()));
+    requests.remove_prefix(std::min(kMark.size(), requests.size()));
+    while (!requests.empty()) {
+        // As much as the daemon takes at once.
+        const size_t end =
+            std::min({requests.find('\0'), requests.size(), size_t{kCommandBufferSize - 1}});
+        const std::string request(requests.substr(0, end));
+        requests.remove_prefix(std::min(end + 1, requests.size()));
+        // A modem that does not log takes neither level nor filter.
+        quarn_mipcSetLogMode(1);
+        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_MD_LOG_START, nullptr);
+        save_failed = false;
+        Note(request, Ask(request), kept);
+        g_quarn.is_close = false;  // some ask for the end
+        CheckFile(kept);
+    }
+    g_file_io.set_log_folder(kLogs);
+    if (static int runs = 0; ++runs % 64 == 0) {
+        fs::remove_all(kLogs);
+        fs::create_directories(kLogs);
     }
     return 0;
 }
