@@ -40,10 +40,13 @@ class FileIo : public testing::Test {
     }
     void SetUp() override { Restart(); }
 
-    // Writes `bytes` as the writer does, 256 KiB at a time; false at the first refusal.
+    // Writes `bytes` as the writer does, 256 KiB at a time, into a capture that it opens again when
+    // the channel closed it; false at the first refusal.
     bool Write(const std::string& bytes) {
         for (size_t at = 0; at < bytes.size(); at += kChunk) {
             const auto len = static_cast<int>(std::min(kChunk, bytes.size() - at));
+            if (io->io_write(bytes.data() + at, len) == len) continue;
+            if (io->check_io_open() || io->io_open() != 0) return false;
             if (io->io_write(bytes.data() + at, len) != len) return false;
         }
         return true;
@@ -304,20 +307,117 @@ TEST_F(FileIo, AVanishedTreeIsMadeAgain) {
     ASSERT_TRUE(Write("again"));
     io->io_close();
     EXPECT_EQ(test::DecodeTree(kLogs), "again");
+}
 
-    // So is the folder of a capture that has no file open; what was buffered goes to the new one.
-    ASSERT_EQ(io->set_file_size(1), 0);
+// Whatever is deleted, and whatever writes next: the deleted file gets no byte more, the loss is
+// told, and the rest of the stream is in the tree.
+TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
+    struct {
+        const char* what;
+        std::function<void(const fs::path& file)> act;
+        size_t folders;  // with what the capture left and the one that goes on
+    } const deletions[] = {
+        {"file", [](const fs::path& file) { fs::remove(file); }, 1},
+        {"folder", [](const fs::path& file) { fs::remove_all(file.parent_path()); }, 1},
+        {"folder, made again",
+         [](const fs::path& file) {
+             fs::remove_all(file.parent_path());
+             fs::create_directory(file.parent_path());
+         },
+         2},
+        {"base", [](const fs::path&) { fs::remove_all(kBase); }, 1},
+    };
+    const std::string bytes = test::StreamBytes(32 * kChunk);
+    const std::string first = bytes.substr(0, 16 * kChunk);
+    struct {
+        const char* what;
+        std::function<void()> act;
+        bool writes_on = false;
+    } const ends[] = {
+        {"write", [&] { ASSERT_TRUE(Write(bytes.substr(first.size()))); }, true},
+        {"flush", [&] { EXPECT_EQ(io->flush_ringBuf(), 0); }},
+        {"flushed close", [&] { EXPECT_EQ(io->close_log_file_with_flush(), 0); }},
+        {"close", [&] { EXPECT_EQ(io->io_close(), 0); }},
+        {"destructor", [&] { io.reset(); }},
+    };
+    for (const auto& deletion : deletions) {
+        for (const auto& end : ends) {
+            SCOPED_TRACE(std::string(deletion.what) + ", " + end.what);
+            fs::remove_all(kBase);
+            Restart();
+            ASSERT_EQ(io->io_open(), 0);
+            ASSERT_TRUE(Write(first));  // the file has some of it, the buffer the rest
+            const fs::path file = OnlyFolder() + "/" + List(OnlyFolder()).at(0);
+            const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+            const auto size = fs::file_size(file);
+            log.Clear();
+            deletion.act(file);
+            end.act();
+            if (io) io->io_close();
+            const test::DecodedFile gone = test::DecodeFile("/proc/self/fd/" + std::to_string(fd));
+            EXPECT_EQ(lseek(fd, 0, SEEK_END), static_cast<off_t>(size));
+            close(fd);
+            EXPECT_GT(gone.bytes.size(), 0u);
+            EXPECT_LT(gone.bytes.size(), first.size());
+            EXPECT_TRUE(gone.bytes + test::DecodeTree(kLogs) == (end.writes_on ? bytes : first));
+            EXPECT_EQ(log.Count(file.filename().string() + " was deleted, " + std::to_string(size) +
+                                " bytes went with it..."),
+                      1u);
+            EXPECT_EQ(List(kLogs).size(), deletion.folders);
+            // What is gone is not sought for its final name.
+            for (const auto& message : log.messages()) {
+                EXPECT_FALSE(message.text.starts_with("file_io: rename log file")) << message.text;
+            }
+        }
+    }
+}
+
+// The exception whose mark the vanished folder could not take is in the capture that goes on; so is
+// what a capture without a file had buffered.
+TEST_F(FileIo, ACaptureWithoutFolderGoesOnInAnother) {
     ASSERT_EQ(io->io_open(), 0);
-    fs::remove_all(kLogs);
     const std::string bytes = test::StreamBytes(16 * kChunk);
-    size_t taken = 0;
-    while (io->io_write(bytes.data() + taken, kChunk) > 0) taken += kChunk;
+    ASSERT_TRUE(Write(bytes.substr(0, kChunk)));
+    fs::remove_all(kLogs);
+    io->set_file_suffix("_EE");
+    io->rename_folder_ee();
+    ASSERT_TRUE(Write(bytes.substr(kChunk)));
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: recycle fail (memory not enough)"));
-    ASSERT_FALSE(io->check_io_open());
-    ASSERT_EQ(io->io_open(), 0);
-    ASSERT_TRUE(Write(bytes.substr(taken)));
     io->io_close();
+    EXPECT_TRUE(OnlyFolder().ends_with("t_EE"));
     EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
+}
+
+// Names carry the second, so that what stands under the next ones is met one after the other.
+TEST_F(FileIo, WhatStandsUnderTheNextFilesNameIsLeftAlone) {
+    ASSERT_EQ(io->io_open(), 0);
+    const std::string target = "/data/somebody's";
+    test::WriteFile(target, "own");
+    const std::function<void(const char*)> things[] = {
+        [](const char* path) { ASSERT_EQ(mkfifo(path, 0600), 0); },
+        [&](const char* path) { fs::create_symlink(target, path); },
+        [&](const char* path) { fs::create_hard_link(target, path); },
+    };
+    const time_t now = time(nullptr);
+    for (size_t i = 0; i < std::size(things); ++i) {
+        const time_t then = now + static_cast<time_t>(i);
+        char name[64];
+        strftime(name, sizeof(name), "/QRXMDLog_0_%Y_%m%d_%H%M%S.muxz.tmp", localtime(&then));
+        things[i]((OnlyFolder() + name).c_str());
+    }
+    ASSERT_TRUE(Write("kept"));
+    io->flush_ringBuf();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "fail, errno=File exists..."));
+    io->flush_ringBuf();  // when all three attempts met one of them
+    io->io_close();
+    EXPECT_EQ(test::ReadFile(target), "own");
+    size_t kept = 0;
+    for (const auto& name : List(OnlyFolder())) {
+        const std::string path = OnlyFolder() + "/" + name;
+        if (!fs::is_fifo(path)) kept += test::DecodeFile(path).bytes == "kept" ? 1 : 0;
+    }
+    EXPECT_EQ(kept, 1u);
+    EXPECT_EQ(List(OnlyFolder()).size(), std::size(things) + 1);
 }
 
 TEST_F(FileIo, SettingsKeepTheirBounds) {

@@ -153,13 +153,31 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
     test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
     PowerOnLogStart();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +
-                                               kPowerOnLogPath + ": Is a directory"));
+                                               kPowerOnLogPath + ": File exists"));
     fs::remove_all(kPowerOnLogPath);
     PowerOnLogStart();
     Store("abc");
     PowerOnLogDeInit();
     EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "abc");
     EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
+}
+
+// A deleted copy is not written to, and does not come again; the captures go on.
+TEST_F(PowerOn, EndsWhenItsFileIsDeleted) {
+    PowerOnLogInit();
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    const size_t descriptors = test::List("/proc/self/fd").size();
+    Store("one ");
+    fs::remove(kPowerOnLogPath);
+    Store("two ");
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, std::string("Power-on log: stop writing log, ") +
+                                              kPowerOnLogPath + " was deleted"));
+    EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);  // a log file, but no copy
+    g_file_io.io_close();
+    g_file_io.io_open();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
+    EXPECT_FALSE(fs::exists(kPowerOnLogPath));
+    EXPECT_EQ(test::DecodeTree(kLogs), "one two ");
 }
 
 // The files lie on two small disks, of which first the captures' is full, then the other.

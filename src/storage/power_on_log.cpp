@@ -2,6 +2,7 @@
 
 #include <android-base/file.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -146,7 +147,8 @@ bool OpenFile(PowerOnLog& log, const char* who) {
     RemovePreviousFile(who);
     const LogFileHeader header(g_file_io.get_cur_folder_time(), 0);
     if (!header.has_modem_info()) QUARN_LOGE("%s: Error missing modem info", who);
-    log.fd = open(kPowerOnLogPath, O_WRONLY | O_CREAT | O_CLOEXEC, kMode);
+    // O_EXCL: what took the name since then, a pipe or a link, is neither waited for nor followed.
+    log.fd = open(kPowerOnLogPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
     if (log.fd < 0) {
         QUARN_LOGE("%s: Error opening log file %s: %s", who, kPowerOnLogPath, strerror(errno));
         return false;
@@ -263,6 +265,12 @@ void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
         return;
     }
     if (len == 0) return;
+    if (struct stat status; fstat(log.fd, &status) == 0 && status.st_nlink == 0) {
+        QUARN_LOGW("Power-on log: stop writing log, %s was deleted", kPowerOnLogPath);
+        CloseFile(log, kWho);
+        log.state = State::kStopped;
+        return;
+    }
     const uint32_t size = last ? len - 1 : len;
     if (!Append(log.fd, buf, size)) {
         QUARN_LOGE("%s: Error writing log file: %s", kWho, strerror(errno));

@@ -4,7 +4,7 @@
 // States: 0 not initialised -> `PowerOnLogInit` -> 1 initialised -> the first new capture folder ->
 // 2 writing -> 60 s, the size bound, a failed write or a stop -> 3 stopped, for good. The file
 // stays open until the next write or the de-initialisation, whichever comes first, gives it its
-// end.
+// end. A file that somebody deleted is closed, without one, by the next write, which stops too.
 //
 // One mutex, the power-on mutex, guards it all. A stop joins the event thread while it holds this
 // mutex, and that thread, or whom it waits for, may want it. So while a stop is under way only

@@ -57,6 +57,8 @@ std::string indexed_name(uint32_t idx, const std::string& time_text) {
 // Marks in a path are looked for in its last component only: the folders above may be named freely.
 size_t name_start(const std::string& path) { return path.rfind('/') + 1; }
 
+std::string last_component(const std::string& path) { return path.substr(name_start(path)); }
+
 bool name_contains(const std::string& path, std::string_view mark) {
     return path.find(mark, name_start(path)) != std::string::npos;
 }
@@ -152,6 +154,12 @@ bool folder_index(std::string_view name, uint32_t& idx) {
     return true;
 }
 
+// Returns true if somebody deleted the open file, so that nobody can find what is written to it.
+bool has_lost_its_name(int fd) {
+    struct stat status;
+    return fstat(fd, &status) == 0 && status.st_nlink == 0;
+}
+
 }  // namespace
 
 // The buffer always keeps room for the byte that a flushed close adds, and its blocks' lengths fit.
@@ -199,6 +207,10 @@ int QUARN_FILE_IO::create_top_folder() {
 
 int QUARN_FILE_IO::io_open() {
     std::lock_guard lock(io_mutex);
+    return open_capture();
+}
+
+int QUARN_FILE_IO::open_capture() {
     if (!cur_folder_path.empty()) {
         QUARN_LOGI("file_io: cur_folder_path=%s is already exist\n", cur_folder_path.c_str());
         return 0;
@@ -221,6 +233,7 @@ int QUARN_FILE_IO::io_open() {
         return -1;
     }
     QUARN_LOGI("file_io: create cur_folder_path=%s", cur_folder_path.c_str());
+    cur_folder_fd.reset(open(cur_folder_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     quarn::zorvex::UpdateFolderHistory(finished_path);
     finalise_latest_folder();
 
@@ -379,6 +392,7 @@ int QUARN_FILE_IO::io_close() {
     std::lock_guard lock(io_mutex);
     close_capture_files(Flush::kExact);
     forget_capture();
+    file_suffix.clear();
     return 0;
 }
 
@@ -394,6 +408,7 @@ int QUARN_FILE_IO::io_closeDtor() {
         }
     }
     forget_capture();
+    file_suffix.clear();
     return 0;
 }
 
@@ -406,7 +421,7 @@ void QUARN_FILE_IO::close_capture_files(Flush how) {
 void QUARN_FILE_IO::forget_capture() {
     cur_folder_time = 0;
     cur_folder_path.clear();
-    file_suffix.clear();
+    cur_folder_fd.reset();
 }
 
 bool QUARN_FILE_IO::check_io_open() {
@@ -437,8 +452,12 @@ int QUARN_FILE_IO::flush_ringBuf() {
 
 bool QUARN_FILE_IO::flush_compress_buf(Flush how) {
     if (compress_used == 0) return true;
-    const bool last = how == Flush::kWithStrayByte;
-    if (save_to_log_file(compress_buf.data(), compress_used + (last ? 1 : 0), last) != 0) {
+    const auto save = [&] {
+        const bool last = how == Flush::kWithStrayByte;
+        return save_to_log_file(compress_buf.data(), compress_used + (last ? 1 : 0), last) == 0;
+    };
+    // No write may follow that would reopen a capture which was given up.
+    if (!save() && !(is_closed && open_capture() == 0 && save())) {
         QUARN_LOGE("file_io: flush compress_buf data to log file fail");
         return false;
     }
@@ -454,6 +473,7 @@ void QUARN_FILE_IO::flush_last(Flush how) {
 }
 
 int QUARN_FILE_IO::save_to_log_file(const char* buf, unsigned int len, bool last) {
+    if (fd >= 0 && has_lost_its_name(fd)) close_log_file();
     if (ready_file() != 0) {
         give_up_vanished_capture();
         return -1;
@@ -472,12 +492,23 @@ int QUARN_FILE_IO::ready_file() {
 }
 
 // A capture whose folder somebody deleted would refuse every write for ever. Closed, it is reopened
-// by the writer as a new one, which goes on with what is buffered.
+// by the writer or the flush as a new one, which goes on with what is buffered and, after an
+// exception, is marked as this one was to be.
 void QUARN_FILE_IO::give_up_vanished_capture() {
-    if (cur_folder_path.empty() || quarn_check_dir_exist(cur_folder_path.c_str())) return;
+    if (cur_folder_path.empty() || has_its_folder()) return;
     if (fd >= 0) close_log_file();
     is_closed = true;
     forget_capture();
+}
+
+// Returns true if `cur_folder_path` names the folder that this capture made.
+bool QUARN_FILE_IO::has_its_folder() const {
+    struct stat named, made;
+    if (stat(cur_folder_path.c_str(), &named) != 0 || !S_ISDIR(named.st_mode)) return false;
+    // The open folder keeps its inode number from being given to another one. Without it the name
+    // must do.
+    return fstat(cur_folder_fd.get(), &made) != 0 ||
+           (named.st_dev == made.st_dev && named.st_ino == made.st_ino);
 }
 
 int QUARN_FILE_IO::recycle() {
@@ -544,15 +575,17 @@ int QUARN_FILE_IO::open_new_log_file() {
                    cur_folder_path.c_str());
         return -1;
     }
-    cur_file_path = cur_folder_path + "/" + indexed_name(file_idx, local_time_text(time(nullptr))) +
-                    file_suffix + std::string(quarn::log_names::kFileEnding) +
-                    std::string(kOpenEnding);
+    if (!has_its_folder()) {
+        QUARN_LOGE("file_io: open log_file fail, cur_folder_path=%s is another folder",
+                   cur_folder_path.c_str());
+        return -1;
+    }
     if (open_cur_file() != 0) return -1;
     if (write_header() != 0) {
         QUARN_LOGE("file_io: write log_file=%s header fail", cur_file_path.c_str());
-        // Nothing may stand in front of the header that the next attempt writes.
-        unlink(cur_file_path.c_str());
+        const std::string path = cur_file_path;
         close_log_file();
+        unlink(path.c_str());  // nothing can be read from a file without a whole header
         return -1;
     }
     finalise_last_file();
@@ -563,13 +596,19 @@ int QUARN_FILE_IO::open_new_log_file() {
 
 int QUARN_FILE_IO::open_cur_file() {
     for (int attempt = 1;; ++attempt) {
-        fd = open(cur_file_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kMode);
+        cur_file_path = cur_folder_path + "/" +
+                        indexed_name(file_idx, local_time_text(time(nullptr))) + file_suffix +
+                        std::string(quarn::log_names::kFileEnding) + std::string(kOpenEnding);
+        // O_EXCL: what stands under that name already, a pipe, a link or anybody's file, is neither
+        // waited for nor followed nor appended to. After the pause the name has another second.
+        fd = open(cur_file_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kMode);
         if (fd >= 0) break;
-        if (attempt == kOpenAttempts) {
+        const int error = errno;
+        if (error == EEXIST || attempt == kOpenAttempts) {
             QUARN_LOGE("file_io: open log_file=%s fail, errno=%s", cur_file_path.c_str(),
-                       strerror(errno));
-            return -1;
+                       strerror(error));
         }
+        if (attempt == kOpenAttempts) return -1;
         std::this_thread::sleep_for(kOpenPause);
     }
     QUARN_LOGI("file_io: open log_file=%s (fd=%d)", cur_file_path.c_str(), fd.load());
@@ -598,6 +637,7 @@ int QUARN_FILE_IO::close_log_file() {
         QUARN_LOGE("file_io: log_file=%s is not open!",
                    cur_file_path.empty() ? "null" : cur_file_path.c_str());
     } else {
+        if (has_lost_its_name(fd)) forget_vanished_file();
         if (close(fd) == 0) {
             QUARN_LOGI("file_io: close log_file=%s (fd=%d)", cur_file_path.c_str(), fd.load());
         } else {
@@ -609,6 +649,13 @@ int QUARN_FILE_IO::close_log_file() {
     file_written = 0;
     cur_file_path.clear();
     return 0;
+}
+
+void QUARN_FILE_IO::forget_vanished_file() {
+    QUARN_LOGW("file_io: log_file=%s was deleted, %lld bytes went with it", cur_file_path.c_str(),
+               static_cast<long long>(lseek(fd, 0, SEEK_END)));
+    // No rename is due then. Only the names are the same where an exception renamed the folder.
+    if (last_component(last_file_path) == last_component(cur_file_path)) last_file_path.clear();
 }
 
 bool QUARN_FILE_IO::wants_ee_name() const {

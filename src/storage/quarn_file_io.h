@@ -1,6 +1,8 @@
 // The storage channel: compressed log files in capture folders, rotated by size.
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -74,6 +76,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     int io_closeDtor();
 
     // The rest runs under `io_mutex`.
+    int open_capture();
     int create_base_folders();
     int ensure_log_folder();
     void pick_next_index();
@@ -97,6 +100,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     // Sees to it that a file is open which may take more.
     int ready_file();
     void give_up_vanished_capture();
+    bool has_its_folder() const;
     int recycle();
     int rotate();
     int make_room();  // under `recycle_mutex`
@@ -107,6 +111,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     int write_header();
     void finalise_last_file();
     int close_log_file();
+    void forget_vanished_file();
 
     const std::string base_path;
     const std::string config_path;
@@ -119,11 +124,12 @@ class QUARN_FILE_IO : public QUARN_IO {
     uint32_t file_written = 0;                          // bytes, header not counted
     std::atomic<uint32_t> file_size{50 * 1024 * 1024};  // bytes; atomic: read without a lock
     time_t cur_folder_time = 0;
-    std::string cur_folder_path;     // empty: no capture
-    std::string latest_folder_path;  // found at start, then the current one
-    std::string cur_file_path;       // as it was opened; an exception renames the folder around it
-    std::string last_file_path;      // loses its ".tmp" when the next file opens
-    std::string file_suffix;         // "" or "_EE"
+    std::string cur_folder_path;             // empty: no capture
+    android::base::unique_fd cur_folder_fd;  // that folder as it was made; -1: could not be opened
+    std::string latest_folder_path;          // found at start, then the current one
+    std::string cur_file_path;   // as it was opened; an exception renames the folder around it
+    std::string last_file_path;  // loses its ".tmp" when the next file opens
+    std::string file_suffix;     // "" or "_EE"
     uint32_t next_folder_idx = 0;
     uint32_t file_idx = 0;
 

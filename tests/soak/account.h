@@ -13,7 +13,9 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -32,6 +34,7 @@ namespace fs = std::filesystem;
 namespace soak {
 
 inline constexpr uint64_t kMiB = 1 << 20;
+inline constexpr uint64_t kWrite = kMiB;  // most that a file gets at once
 // What a process may hold that no file has yet: the ring and a chunk on its way there; a full
 // buffer of blocks, and one that was being written, of a stream that packs at most so many times.
 inline constexpr uint64_t kRing = 16 * kMiB + 64 * 1024;
@@ -133,7 +136,7 @@ class Account {
         ReadLog();
         const bool closed = !files.empty() && files.front().closed;
         if (closed) {
-            Verify(files.front(), stream, Tail::kWhole);
+            Verify(std::move(files.front()), stream, Tail::kWhole);
             files.pop_front();
         }
         uint64_t bytes = 0;
@@ -148,7 +151,7 @@ class Account {
         ReadLog();
         while (!files.empty()) {
             const bool last = how == Ending::kKilled && files.size() == 1;
-            Verify(files.front(), stream, last ? Tail::kMayBeTorn : Tail::kWhole);
+            Verify(std::move(files.front()), stream, last ? Tail::kMayBeTorn : Tail::kWhole);
             files.pop_front();
         }
         if (!power_on.empty()) {
@@ -174,6 +177,18 @@ class Account {
                    missing - dropped);
     }
 
+    // Deletes a log file of this process, whose bytes are accounted for all the same. Any thread
+    // may call it.
+    void Delete(const fs::path& path) {
+        muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        std::lock_guard lock(deleted_mutex);
+        if (!fd || unlink(path.c_str()) != 0) return;
+        report.Add("files deleted");
+        if (verified.contains(Key(path))) return;
+        const uint64_t size = SizeOf(fd);
+        deleted.insert_or_assign(Key(path), Deleted{std::move(fd), size});
+    }
+
     // Bytes of the stream gone by, and bytes on storage still to be verified. Any thread may ask.
     uint64_t position() const { return stream.position(); }
     uint64_t backlog() const { return waiting; }
@@ -185,7 +200,12 @@ class Account {
         muxz::Fd fd;
         std::string path;
         bool closed;
-        uint64_t may_lack;  // bytes that, by the log, may be missing in front of it
+        uint64_t may_lack;                  // bytes that, by the log, may be missing in front of it
+        std::optional<uint64_t> told = {};  // bytes that went with it, by the log
+    };
+    struct Deleted {
+        muxz::Fd fd;
+        uint64_t size;  // when it was
     };
     // How a file may end. The power-on log is closed by a zero byte.
     enum class Tail { kWhole, kMayBeTorn, kZero, kAny };
@@ -206,11 +226,16 @@ class Account {
         if (line.find("command_handler: receive req=") != std::string::npos) return;
         if (const auto opened = Behind(line, "file_io: open log_file=")) {
             if (line.find("fail, errno") != std::string::npos) return;
-            files.push_back({OpenRenamed(*opened), *opened, false, std::exchange(may_lack, 0)});
+            files.push_back({OpenRenamed(*opened), *opened, false,
+                             // A writer that the host started again goes on behind an exit's drop.
+                             std::exchange(may_lack, 0) + std::exchange(dropped, 0)});
         } else if (line.find(" header fail") != std::string::npos && !files.empty()) {
             // Taken back; its name may come again.
             may_lack += files.back().may_lack;
             files.pop_back();
+        } else if (const auto lost = Behind(line, " was deleted, ");
+                   lost && Behind(line, "file_io: log_file=")) {
+            if (!files.empty()) files.back().told = std::stoull(*lost);
         } else if (Behind(line, "file_io: close log_file=")) {
             if (!files.empty()) files.back().closed = true;
         } else if (Behind(line, "file_io: flush compress_buf data to log file fail")) {
@@ -232,14 +257,43 @@ class Account {
         }
     }
 
+    // Whether a file that was deleted got no write more, and whether the log tells its loss if it
+    // was open. Keeps it readable.
+    bool TakeDeleted(File& file) {
+        std::lock_guard lock(deleted_mutex);
+        verified.insert(Key(file.path));
+        auto entry = deleted.extract(Key(file.path));
+        if (!entry) {
+            if (file.told) report.Fault("told as deleted, which it was not: " + file.path);
+            return false;
+        }
+        Deleted& gone = entry.mapped();
+        file.fd = std::move(gone.fd);
+        const uint64_t size = SizeOf(file.fd);
+        // One write may have been under way.
+        const uint64_t most = gone.size + (file.told || !file.closed ? kWrite : 0);
+        if (size > most || (file.told && *file.told != size)) {
+            report.Fault("deleted with " + std::to_string(gone.size) + " bytes, it has " +
+                         std::to_string(size) + " and the log tells of " +
+                         std::to_string(file.told.value_or(0)) + ": " + file.path);
+        }
+        if (file.told) report.Add("files deleted that were told");
+        return true;
+    }
+
+    // For the file behind the one that is verified.
+    void MayLackNext(uint64_t bytes) { (files.size() > 1 ? files[1].may_lack : may_lack) += bytes; }
+
     // Whether the file holds what `known` goes on with, and ends as it may.
-    void Verify(const File& file, KnownStream& known, Tail tail) {
+    void Verify(File&& file, KnownStream& known, Tail tail) {
+        const bool in_captures = &known == &stream;
+        const bool was_deleted = in_captures && TakeDeleted(file);
         if (!file.fd) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
             ReadLog();  // by now it tells why there is no such file
             if (!recycled.contains(Key(file.path))) report.Fault("no such file: " + file.path);
             report.Add("files recycled before they were read");
-            (files.size() > 1 ? files[1].may_lack : may_lack) += file.may_lack + kFile;
+            MayLackNext(file.may_lack + kFile);
             return;
         }
         muxz::FileSource source(file.fd.get());
@@ -251,8 +305,8 @@ class Account {
         muxz::BlockReader blocks(source, header.length);
         muxz::Block block;
         std::vector<uint8_t> raw;
-        const bool in_captures = &known == &stream;
-        for (uint64_t most = file.may_lack; blocks.Next(block);) {
+        bool empty = true;
+        for (uint64_t most = file.may_lack; blocks.Next(block); empty = false) {
             raw.resize(block.lengths.raw_length);
             if (!blocks.Unpack(block, raw.data())) break;
             const uint64_t at = known.position();
@@ -265,11 +319,15 @@ class Account {
                              " of the stream of seed " + std::to_string(stream_seed));
             }
             if (!gap) break;
-            report.Add(in_captures ? "bytes kept" : "bytes in power-on logs", raw.size());
+            report.Add(was_deleted   ? "bytes in deleted files"
+                       : in_captures ? "bytes kept"
+                                     : "bytes in power-on logs",
+                       raw.size());
             if (in_captures) report.Add("bytes given up, as the log tells", *gap);
             // Holes are in front of a file, never within one; but one power-on log has all of them.
             most = in_captures ? 0 : most - std::min(most, *gap);
         }
+        if (in_captures && empty) MayLackNext(file.may_lack);
         report.Add("files");
         const muxz::End end = blocks.end();
         uint8_t last = 1;
@@ -295,6 +353,9 @@ class Account {
     uint64_t may_lack = 0;   // for the next file
     uint64_t all_may_lack = 0;
     std::set<std::string> recycled;
+    std::mutex deleted_mutex;
+    std::set<std::string> verified;
+    std::map<std::string, Deleted> deleted;  // not yet verified
     uint64_t dropped = 0;
     std::string power_on;  // the path, once it is written to
     bool power_on_failed = false;

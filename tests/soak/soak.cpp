@@ -25,12 +25,13 @@ constexpr const char* kHelp = R"(Use: quarn_soak [--seconds N] [--seed S] [--kee
 
 Runs the daemon on a simulated phone in a box of its own. While the modem streams as fast as the
 daemon reads, the modem raises notifications and has exceptions, clients send commands and noise,
-captures are copied, subscribers come and go, log port and modem IPC fail, the disk is full now and
-then, and the daemon ends in order, after its log device has vanished, or at once, and starts anew.
+captures are copied, the running one's file or folder is deleted, subscribers come and go, log port
+and modem IPC fail, the disk is full now and then, and the daemon ends in order, after its log device
+has vanished, or at once, and starts anew.
 What happens is drawn from the seed; when it happens is not.
 
-All log files are read and compared with the stream that the modem made. What is missing must have
-been told in the daemon's log or be what a sudden end costs, and every process must rest with the
+All log files, deleted ones too, are read and compared with the stream that the modem made. What is
+missing must have been told in the daemon's log or be what a sudden end costs, and every process must rest with the
 descriptors, threads and memory that it had when it rested before.
 
   --seconds N   how long (default 20), and on top of it until each way to end was met
