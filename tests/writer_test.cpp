@@ -247,6 +247,12 @@ TEST_F(Writer, MakesWayForTheHostTool) {
     EXPECT_EQ(log.Count("writer_handler: stop success"), 1u);
     writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
     EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
+    // An exit in between is final.
+    writer.exec(EXEC_TOOL_CONNECTED, nullptr);
+    QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
+    writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
+    EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
 }
 
 TEST_F(Writer, SwitchesTheChannel) {

@@ -54,6 +54,11 @@ int32_t QUARN_WRITER_HANDLER::init() {
 
 int32_t QUARN_WRITER_HANDLER::start() {
     std::lock_guard lock(lifecycle_mutex);
+    return start_locked();
+}
+
+// Call with `lifecycle_mutex` held, and the same for the next.
+int32_t QUARN_WRITER_HANDLER::start_locked() {
     if (is_running.exchange(true)) {
         QUARN_LOGI("writer_handler: already start");
         return 0;
@@ -86,7 +91,6 @@ int32_t QUARN_WRITER_HANDLER::stop() {
     return 0;
 }
 
-// Call with `lifecycle_mutex` held.
 void QUARN_WRITER_HANDLER::stop_locked() {
     if (!is_running.exchange(false)) {
         QUARN_LOGI("writer_handler: already stop");
@@ -258,11 +262,10 @@ int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
             mark_exception();
             break;
         case EXEC_TOOL_CONNECTED:
-            was_running = is_running.load();
-            if (was_running) stop();
+            make_way();
             break;
         case EXEC_TOOL_DISCONNECTED:
-            if (was_running) start();
+            come_back();
             break;
         case EXEC_SET_SAVE_MODE:
             set_save_mode(static_cast<const QUARN_SAVE_MODE*>(arg));
@@ -312,8 +315,20 @@ void QUARN_WRITER_HANDLER::mark_exception() {
     }
 }
 
-// Leaves the writer stopped, with an empty ring and the channel of the new mode. Nobody starts it
-// in between, not even for an exit, which comes without `exec_mutex`.
+void QUARN_WRITER_HANDLER::make_way() {
+    std::lock_guard lock(lifecycle_mutex);
+    was_running = is_running.load();
+    if (was_running) stop_locked();
+}
+
+void QUARN_WRITER_HANDLER::come_back() {
+    std::lock_guard lock(lifecycle_mutex);
+    if (was_running) start_locked();
+}
+
+// Leaves the writer stopped, with an empty ring and the channel of the new mode. An exit comes
+// without `exec_mutex`: nobody starts the writer in between, nor does a host tool that goes later,
+// since what came then would stand behind what was dropped here.
 void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     if (mode == nullptr) {
         QUARN_LOGE("write_handler: arg is NULL");
@@ -321,6 +336,7 @@ void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     }
     wait_buffer_clean(kSwitchDrainLimitMs);
     std::lock_guard lock(lifecycle_mutex);
+    was_running = false;
     stop_locked();
     // In one step: the reader may be adding to it.
     const size_t left = ring != nullptr ? ring->reset() : 0;
