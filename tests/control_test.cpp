@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <memory>
@@ -21,6 +24,7 @@
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
 #include "support.h"
+#include "syscall_faults.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
@@ -320,6 +324,37 @@ TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
     flood.join();
 }
 
+// Storms on both sockets and single bytes, together: 100 new clients and pieces of requests at
+// once, then one every 2 ms.
+TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(handle.start(), 0);
+    const Client slow;
+    std::atomic<bool> ends{false};
+    std::vector<std::thread> storms;
+    storms.emplace_back([&] {
+        while (!ends && slow.Send("x")) continue;
+    });
+    for (const char* name : {"/dev/quarn_server.socket", "/dev/quarn_callback_server.socket"}) {
+        storms.emplace_back([&ends, name] {
+            while (!ends) {
+                close(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
+            }
+        });
+    }
+    const auto bytes = [&] { return log.Count("ctrl_connect: The delimiter of read ..."); };
+    const auto clients = [&] { return log.Count("ctrl_connect: begin to accept ..."); };
+    const auto subscribers = [&] { return log.Count("quarn_stateNotify: begin to accept ..."); };
+    EXPECT_TRUE(test::WaitUntil([&] { return bytes() + clients() + subscribers() >= 600; }));
+    const size_t turns = bytes() + clients() + subscribers();
+    const auto elapsed = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(elapsed, (turns - 101) * std::chrono::milliseconds(2));
+    EXPECT_GT(std::min({bytes(), clients(), subscribers()}), 20u);
+    ends = true;
+    handle.stop();
+    for (std::thread& storm : storms) storm.join();
+}
+
 TEST_F(Control, StopsWhateverClientsDo) {
     for (int round = 0; round < 20; ++round) {
         log.Clear();
@@ -371,11 +406,21 @@ TEST_F(Control, TellsEverySubscriber) {
     for (const auto& subscriber : subscribers) {
         EXPECT_EQ(subscriber->Receive(20), "cb_transfer_type,-5\0"s);
     }
-    // A subscriber that went is let go at the next message, which the others get.
+    // A subscriber that went is let go at the next message, which the others get, also when one was
+    // let go since the descriptors were collected.
     subscribers[0]->Close();
-    EXPECT_EQ(quarn_notifyLogModeUpdate(2), 0);
+    {
+        const test::FailCalls gone({test::Call::kSelect, EBADF, "", 1});
+        EXPECT_EQ(quarn_notifyLogModeUpdate(2), 0);
+    }
     EXPECT_EQ(subscribers[9]->Receive(14), "cb_log_mode,2\0"s);
     EXPECT_EQ(log.Count("quarn_stateNotify: Fail to send data to fd=..."), 1u);
+    {
+        const test::FailCalls broken({test::Call::kSelect, EBADF});
+        EXPECT_EQ(quarn_notifyLogModeUpdate(2), -1);
+        EXPECT_EQ(broken.failed(), 2);
+    }
+    EXPECT_EQ(log.Count("quarn_stateNotify: select failed, errno = Bad file descriptor"), 1u);
 }
 
 TEST_F(Control, ASubscriberThatDoesNotReadDelaysNobody) {

@@ -1,6 +1,11 @@
 // Device events and the modem's state file, in the box's own network namespace.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -15,6 +20,7 @@
 #include "platform/system_properties.h"
 #include "sim/uevents.h"
 #include "support.h"
+#include "syscall_faults.h"
 #include "thread_limit.h"
 
 namespace {
@@ -24,6 +30,21 @@ using namespace std::chrono_literals;
 const std::string kStateFile = "/dev/wwan_fsm_state";
 constexpr const char* kRemoved = "event_detect_handle: wwanD0MDLog is removed\n";
 constexpr const char* kRestart = "event_detect_handle: restart quarn";
+constexpr const char* kRecovered = "event_detect_handle: wwanD0MIPC0 is recover\n";
+constexpr const char* kReady = "event_detect_handle: md ready";
+
+// The descriptor on which the started handle hears of device events.
+int SocketOf(const test::LogCapture& log) {
+    const std::string told = "event_detect_handle: uevent_socket_server = ";
+    EXPECT_TRUE(log.WaitFor(told + "..."));
+    for (const auto& [priority, text] : log.messages()) {
+        if (text.starts_with(told)) return std::stoi(text.substr(told.size()));
+    }
+    return -1;
+}
+
+// Enough for it to look at the state file once: it does so every 5 s.
+void AwaitALook() { std::this_thread::sleep_for(5500ms); }
 
 std::string RestartProperty() {
     char value[PROP_VALUE_MAX] = {};
@@ -34,6 +55,7 @@ std::string RestartProperty() {
 class EventDetect : public testing::Test {
   protected:
     void SetUp() override {
+        test::HandleStopSignal();
         std::filesystem::create_directories("/data/vendor/radio");
         g_event_detect.init();
     }
@@ -103,7 +125,7 @@ TEST_F(EventDetect, ARemovalClosesTheCaptureAndAsksForTheRestart) {
         ASSERT_TRUE(sim::SendUevent(sim::NoiseUevent(seed * 41, seed)));
     }
     ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
-    ASSERT_TRUE(log.WaitFor("event_detect_handle: wwanD0MIPC0 is recover\n"));
+    ASSERT_TRUE(log.WaitFor(kRecovered));
     EXPECT_EQ(log.Count(kRemoved), 0u);
     EXPECT_EQ(RestartProperty(), "0");
 
@@ -118,22 +140,33 @@ TEST_F(EventDetect, ARemovalClosesTheCaptureAndAsksForTheRestart) {
     mcl_deinit();
 }
 
-// The removal holds up the queue, not the thread that reads the socket; a stop waits for it.
-TEST_F(EventDetect, TheQueueIsBoundedAndAStopWaitsForTheRestartUnderWay) {
-    ASSERT_EQ(g_event_detect.start(), 0);
-    std::unique_lock busy(g_quarn.exec_mutex);
-    ASSERT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog"));
-    ASSERT_TRUE(log.WaitFor(kRemoved));
-    for (size_t i = 1; i <= 80; ++i) {
-        ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
-        ASSERT_TRUE(log.WaitFor("event_detect_handle: wwanD0MIPC0 is recover\n", i));
+// The restart holds up the queue, not the thread that reads the socket. All removals that came
+// until it was done are answered by it, and a stop waits for it.
+TEST_F(EventDetect, OneRestartAnswersABurstOfRemovalsAndAStopWaitsForIt) {
+    for (const bool stops_meanwhile : {false, true}) {
+        SCOPED_TRACE(stops_meanwhile);
+        log.Clear();
+        quarn_property_set("vendor.quarn.qrx.restart", "0");
+        ASSERT_EQ(g_event_detect.start(), 0);
+        std::unique_lock busy(g_quarn.exec_mutex);
+        for (size_t i = 1; i <= 80; ++i) {
+            ASSERT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog"));
+            ASSERT_TRUE(log.WaitFor(kRemoved, i));
+        }
+        EXPECT_EQ(log.Count("event_detect_handle: 64 events wait, more are dropped"), 1u);
+        std::thread stopping([&] {
+            const auto restarted = [] { return RestartProperty() == "1"; };
+            EXPECT_TRUE(stops_meanwhile || test::WaitUntil(restarted));
+            g_event_detect.stop();
+        });
+        if (stops_meanwhile) {
+            EXPECT_TRUE(log.WaitFor("event_process: wait quarn_event_process_thread joinable"));
+        }
+        busy.unlock();
+        stopping.join();
+        EXPECT_EQ(log.Count(kRestart), 1u);
+        EXPECT_EQ(RestartProperty(), "1");
     }
-    EXPECT_EQ(log.Count("event_detect_handle: 64 events wait, more are dropped"), 1u);
-    std::thread stopping([] { g_event_detect.stop(); });
-    EXPECT_TRUE(log.WaitFor("event_process: wait quarn_event_process_thread joinable"));
-    busy.unlock();
-    stopping.join();
-    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, kRestart));
 }
 
 TEST_F(EventDetect, StartsOnceAndStops) {
@@ -151,10 +184,13 @@ TEST_F(EventDetect, StartsOnceAndStops) {
         EXPECT_EQ(log.Count("event_process: already start"), 1u);
         EXPECT_EQ(log.Count("event_detect_handle: already start"), 1u);
         if (run == 0) {
-            // Another socket cannot have this process's port.
+            // This process's port is taken: another one does.
             QUARN_EVENT_DETECT_HANDLE second;
-            EXPECT_EQ(second.start(), 1);
-            EXPECT_EQ(log.Count("event_detect_handle: open_uevent_socket bind failed, ..."), 1u);
+            EXPECT_EQ(second.start(), 0);
+            ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
+            EXPECT_TRUE(log.WaitFor(kRecovered, 2));
+            second.stop();
+            log.Clear();
         }
         g_event_detect.stop();
         EXPECT_EQ(log.Count("event_detect_handle: thread terminate"), 1u);
@@ -171,9 +207,57 @@ TEST_F(EventDetect, StartsOnceAndStops) {
 TEST_F(EventDetect, LooksAtTheStateFileUntilTheModemIsReady) {
     ASSERT_EQ(g_event_detect.start(), 0);
     test::WriteFile(kStateFile, "state=5\nstate=6\n");
-    std::this_thread::sleep_for(5500ms);  // it looks every 5 s
+    AwaitALook();
     EXPECT_FALSE(quarn_getCtrlPortStatus());
     test::WriteFile(kStateFile, "state=6");
-    ASSERT_TRUE(log.WaitFor("event_detect_handle: md ready"));
+    ASSERT_TRUE(log.WaitFor(kReady));
     EXPECT_TRUE(test::WaitUntil(quarn_getCtrlPortStatus));
+}
+
+TEST_F(EventDetect, WaitsForNobodyBehindAStateFileThatIsAPipe) {
+    ASSERT_EQ(mkfifo(kStateFile.c_str(), 0600), 0);
+    ASSERT_EQ(g_event_detect.start(), 0);
+    int writer = -1;
+    for (size_t looks = 1; looks <= 2; ++looks) {
+        AwaitALook();
+        ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
+        ASSERT_TRUE(log.WaitFor(kRecovered, looks));
+        if (looks == 1) writer = open(kStateFile.c_str(), O_RDWR | O_CLOEXEC);
+    }
+    EXPECT_EQ(write(writer, "state=6", 7), 7);
+    EXPECT_TRUE(log.WaitFor(kReady));
+    close(writer);
+}
+
+// A driver that makes its reader wait, whatever it was asked for, holds up the events. More of them
+// than the receive buffer holds are told once, and it goes on with what is left; a stop ends the
+// wait.
+TEST_F(EventDetect, OutlivesADriverThatWaitsAndAnOverflow) {
+    test::WriteFile(kStateFile, "state=5");
+    ASSERT_EQ(g_event_detect.start(), 0);
+    const int socket = SocketOf(log);
+    int size = 0;
+    socklen_t length = sizeof(size);
+    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+    EXPECT_GE(size, 256 * 1024);
+    const test::Fault waiting{test::Call::kRead, EINTR, kStateFile.c_str()};
+    {
+        const test::FailCalls driver(waiting);
+        ASSERT_TRUE(test::WaitUntil([&] { return driver.failed() > 0; }));
+        for (int i = 0; i < 3000; ++i) {
+            ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
+        }
+        EXPECT_EQ(log.Count(kRecovered), 0u);
+    }
+    ASSERT_TRUE(log.WaitFor(kRecovered));
+    EXPECT_EQ(log.Count("event_detect_handle: receive buffer overflow, device events are lost"),
+              1u);
+    ASSERT_TRUE(test::WaitUntil([&] {
+        log.Clear();
+        return sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0") && log.WaitFor(kRecovered);
+    }));
+    const test::FailCalls driver(waiting);
+    ASSERT_TRUE(test::WaitUntil([&] { return driver.failed() > 0; }));
+    g_event_detect.stop();
+    EXPECT_EQ(log.Count("event_detect_handle: stop success"), 1u);
 }

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "core/quarn.h"
 #include "modem/log_filter_manager.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
@@ -151,6 +152,10 @@ TEST_F(LogFilters, NothingIsSentWhileTheModemIsNotLogging) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
     EXPECT_EQ(log.Count("SendSetCommand: Error unexpected logging mode"), 3u);
     EXPECT_EQ(log.Count(kGaveUp), 1u);
+    g_quarn.is_close = true;  // which waits for this
+    EXPECT_FALSE(manager.SendSetCommand());
+    EXPECT_EQ(log.Count("SendSetCommand: Error unexpected logging mode"), 4u);
+    g_quarn.is_close = false;
     EXPECT_EQ(Reached(), "");
     modem.SetLogMode(2);
     modem.FailIpc(41, IpcFault::kSilence, 1, 1);

@@ -394,7 +394,12 @@ TEST_F(Notify, KeepTheModemInformationAndAskTheHandlesUntilTheEnd) {
     }
     log.Clear();
     g_quarn.md_info_time = 0;
-    g_quarn.callbacks_ended = true;
+    // The one that runs is waited for.
+    std::unique_lock running(g_quarn.exec_mutex);
+    std::thread end(quarn_endCallbacks);
+    EXPECT_FALSE(test::WaitUntil([] { return g_quarn.callbacks_ended.load(); }, 100ms));
+    running.unlock();
+    end.join();
     for (int code = 1; code <= 9; ++code) {
         Raise(code);
         EXPECT_EQ(Requests(code), "");

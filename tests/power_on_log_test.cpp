@@ -296,11 +296,10 @@ Outcome LiveAndEnd(unsigned int seed) {
     if (random() % 8 == 0) modem.FailIpc(0, sim::IpcFault::kSilence, 0, 1000);
     quarn_setTransferType(SAVE_MODE_EXIT);
     g_reader.stop();
-    g_quarn.callbacks_ended = true;
+    quarn_endCallbacks();
     g_writer.stop();
     quarn_mipcDeinit();
     PowerOnLogDeInit();
-    quarn_awaitCallbacks();
     mcl_deinit();
     for (std::thread& thread : threads) thread.join();
     const test::DecodedFile copy = DecodeFile(kPowerOnLogPath);

@@ -3,7 +3,9 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/select.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -127,7 +129,11 @@ DIR* opendir(const char* path) {
 
 ssize_t read(int fd, void* buf, size_t len) {
     if (const auto got = test::ReadShiftedTimer(fd, buf, len)) return *got;
-    return Fails(Call::kRead, fd) ? -1 : Real<read>("read")(fd, buf, len);
+    while (const auto fault = Meets(Call::kRead, fd)) {
+        errno = fault->error;
+        if (fault->error != EINTR || poll(nullptr, 0, 10) != 0) return -1;
+    }
+    return Real<read>("read")(fd, buf, len);
 }
 
 ssize_t write(int fd, const void* buf, size_t len) {
@@ -192,6 +198,11 @@ int listen(int fd, int backlog) noexcept {
 
 int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
     return Fails(Call::kAccept, fd) ? -1 : Real<accept4>("accept4")(fd, address, length, flags);
+}
+
+int select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* limit) {
+    if (writable != nullptr && Fails(Call::kSelect, "")) return -1;
+    return Real<select>("select")(count, readable, writable, failed, limit);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

@@ -9,7 +9,7 @@ namespace test {
 enum class Call {
     kOpen,  // also fopen
     kOpenFolder,
-    kRead,
+    kRead,  // with EINTR: waits until a signal comes or the fault is over
     kWrite,
     kSeek,
     kTruncate,
@@ -23,6 +23,7 @@ enum class Call {
     kSocket,
     kListen,
     kAccept,
+    kSelect,  // for writing
     kThread,
 };
 

@@ -282,7 +282,7 @@ TEST(Tool, MessagesBecomeRequestsUntilTheEnd) {
     sim::HostTool& host = sim::HostTool::Instance();
     g_tool.init();
     for (const bool ended : {false, true}) {
-        g_quarn.callbacks_ended = ended;
+        if (ended) quarn_endCallbacks();
         for (const auto& [message, requests] :
              {std::pair{0, "w9 t9 "}, {1, "t10 w10 "}, {2, ""}, {3, "t13 "}, {7, ""}}) {
             log.Clear();

@@ -247,6 +247,12 @@ TEST_F(Writer, MakesWayForTheHostTool) {
     EXPECT_EQ(log.Count("writer_handler: stop success"), 1u);
     writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
     EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
+    // An exit in between is final.
+    writer.exec(EXEC_TOOL_CONNECTED, nullptr);
+    QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
+    writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
+    EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
 }
 
 TEST_F(Writer, SwitchesTheChannel) {
@@ -276,6 +282,49 @@ TEST_F(Writer, SwitchesTheChannel) {
     EXPECT_EQ(writer.start(), 0);  // has nowhere to put it
     EXPECT_EQ(writer.stop(), 0);
     EXPECT_EQ(ring.current_size(), 1u);
+}
+
+// Nothing can have it begin again between its stop and the change of the channel.
+TEST_F(Writer, NobodyStartsItInTheMiddleOfASwitch) {
+    static QUARN_RING ring(1024);
+    static TestWriter writer(&ring);
+    static std::atomic<bool> started{false};
+    static std::thread starting;
+    // The line that comes in between.
+    __android_log_set_logger([](const __android_logger_data*, const char* text) {
+        if (!std::string(text).starts_with("write_handler: drop ")) return;
+        starting = std::thread([] { started = writer.start() == 0; });
+        EXPECT_FALSE(test::WaitUntil([] { return started.load(); }, milliseconds(200)));
+    });
+    Put(ring, "x");
+    QUARN_SAVE_MODE mode = SAVE_MODE_EXIT;
+    writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    starting.join();
+    EXPECT_TRUE(started);
+    writer.stop();
+}
+
+// A writer that has not been started yet is waited for. One that was stopped is not, nor any longer
+// one that is stopped meanwhile.
+TEST_F(Writer, AStopEndsTheWaitForTheRing) {
+    QUARN_RING ring(1024);
+    TestWriter unstarted(&ring), writer(&ring);  // have no channel to drain into
+    Put(ring, "x");
+    const auto begin = std::chrono::steady_clock::now();
+    std::atomic<bool> given_up{false};
+    std::thread patient([&] {
+        unstarted.wait_buffer_clean(4000);
+        given_up = true;
+    });
+    writer.start();
+    std::thread waiting([&] { writer.wait_buffer_clean(1'000'000); });
+    std::this_thread::sleep_for(milliseconds(1700));
+    writer.stop();
+    waiting.join();
+    for (int i = 0; i < 4; ++i) writer.wait_buffer_clean(1'000'000);
+    EXPECT_FALSE(given_up);
+    patient.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(5500));
 }
 
 TEST_F(Writer, SteersTheStorageChannel) {

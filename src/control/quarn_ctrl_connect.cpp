@@ -19,8 +19,9 @@
 #include <mutex>
 #include <thread>
 
-#include "control/listener_thread.h"
+#include "control/client_pace.h"
 #include "control/quarn_state_notify.h"
+#include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
@@ -47,7 +48,6 @@ std::atomic<bool> stopping{false};  // ends the wait for the rest of a request
 quarn_ctrl_callback handle_request = nullptr;
 int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
-quarn::zorvex::Pace pace;  // of requests and of new clients, in the listener thread
 
 // Guards changes of the slots. Only the listener thread changes them while it runs, so it reads
 // them without.
@@ -105,7 +105,7 @@ void add_client(int fd, const sockaddr_un& addr) {
 
 // False when nobody could be accepted.
 bool accept_client() {
-    pace.AwaitTurn();
+    quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("ctrl_connect: begin to accept from listen_fd=%d", listen_fd);
     sockaddr_un addr = {};
     socklen_t length = sizeof(addr);
@@ -125,7 +125,6 @@ bool accept_client() {
 }
 
 void serve_client(Client& client) {
-    pace.AwaitTurn();
     const int fd = client.fd;
     QUARN_LOGI("ctrl_connect: handle fd=%d msg", fd);
     if (handle_request(fd) >= 0) return;
@@ -286,6 +285,8 @@ int ReceiveByDelimiter(int fd, char* buf, int max_len, const char* log_prefix) {
             QUARN_LOGW("%sWait for read ready timeout fd: %d", log_prefix, fd);
             return total;
         }
+        // By pieces, not by requests: each of them costs a pass, and a message.
+        if (running == 1) AwaitClientTurn();
         char piece[kPieceSize];
         const int wanted = std::min(kPieceSize, max_len - total);
         const auto received = static_cast<int>(recv(fd, piece, static_cast<size_t>(wanted), 0));

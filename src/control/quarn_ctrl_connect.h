@@ -23,6 +23,7 @@ void quarn_setCtrlPortReady();
 namespace quarn::zorvex {
 
 // Reads up to and with a NUL byte, at most `max_len` bytes, waiting up to a second for each piece.
+// While the server runs, each piece waits for its turn.
 int ReceiveByDelimiter(int fd, char* buf, int max_len, const char* log_prefix);
 
 }  // namespace quarn::zorvex

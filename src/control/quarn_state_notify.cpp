@@ -20,7 +20,8 @@
 #include <mutex>
 #include <thread>
 
-#include "control/listener_thread.h"
+#include "control/client_pace.h"
+#include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
@@ -36,6 +37,7 @@ constexpr int kMaxNotifyTimeoutMs = 1000;  // exclusive
 constexpr int kUpdateTimeoutMs = 50;
 constexpr int kRebootTimeoutMs = 10;
 constexpr size_t kMessageSize = 128;
+constexpr int kSelectAttempts = 2;
 
 struct Subscriber {
     int32_t fd = -1;  // non-blocking; negative: the slot is free
@@ -48,7 +50,6 @@ std::mutex lifecycle_mutex;
 std::atomic<int> running{0};
 int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
-quarn::zorvex::Pace pace;  // of new subscribers, in the listener thread
 
 std::mutex subscriber_mutex;  // guards the slots
 std::array<Subscriber, kMaxSubscribers> subscribers;
@@ -133,7 +134,7 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
 }
 
 void accept_subscriber() {
-    pace.AwaitTurn();
+    quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("quarn_stateNotify: begin to accept from listen_fd=%d", listen_fd);
     sockaddr_un addr = {};
     socklen_t length = sizeof(addr);
@@ -275,14 +276,19 @@ int quarn_stateNotify(const void* buf, int len, int timeout_ms) {
         return -1;
     }
     fd_set writable;
-    const int max_fd = collect_subscribers(writable);
-    if (max_fd == 0) {
-        QUARN_LOGI("quarn_stateNotify: no callback client connected!");
-        return 0;
+    int ready = -1;
+    for (int attempt = 1; attempt <= kSelectAttempts; ++attempt) {
+        const int max_fd = collect_subscribers(writable);
+        if (max_fd == 0) {
+            QUARN_LOGI("quarn_stateNotify: no callback client connected!");
+            return 0;
+        }
+        // Without the mutex: the slots may change meanwhile, and are looked at afresh below. A
+        // subscriber that was let go since must not cost the others this message.
+        timeval timeout = {.tv_sec = 0, .tv_usec = suseconds_t{timeout_ms} * 1000};
+        ready = select(max_fd + 1, nullptr, &writable, nullptr, &timeout);
+        if (ready >= 0 || errno != EBADF) break;
     }
-    // Without the mutex: the slots may change meanwhile, and are looked at afresh below.
-    timeval timeout = {.tv_sec = 0, .tv_usec = suseconds_t{timeout_ms} * 1000};
-    const int ready = select(max_fd + 1, nullptr, &writable, nullptr, &timeout);
     if (ready < 0) {
         QUARN_LOGE("quarn_stateNotify: select failed, errno = %s", strerror(errno));
         return ready;

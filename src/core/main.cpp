@@ -101,7 +101,7 @@ void stop_handles() {
     g_tool.stop();
     g_command.stop();
     g_reader.stop();
-    g_quarn.callbacks_ended = true;  // one that came later would have the writer begin again
+    quarn_endCallbacks();  // one that came later would have the writer begin again
     g_writer.stop();
     // An exit request stops the writer first; the reader has gone on for a second or more.
     if (const size_t left = g_ring.current_size(); left != 0) {
@@ -128,7 +128,6 @@ int main() {
     quarn_mipcDeinit();
     QUARN_LOGI("stop all handler done");
     quarn::zorvex::PowerOnLogDeInit();
-    quarn_awaitCallbacks();
     mcl_deinit();
     return 0;
 }

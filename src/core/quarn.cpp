@@ -51,7 +51,10 @@ bool quarn_check_dir_exist(const char* path) {
     return stat(path, &status) == 0 && (status.st_mode & S_IFDIR) != 0;
 }
 
-void quarn_awaitCallbacks() { std::lock_guard lock(g_quarn.exec_mutex); }
+void quarn_endCallbacks() {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    g_quarn.callbacks_ended = true;
+}
 
 void quarn_sighandler(int) {}
 

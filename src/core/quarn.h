@@ -36,9 +36,9 @@ int32_t quarn_property_set(const char* name, const char* value);
 // tested, so a socket file counts as a directory too; this is meant.
 bool quarn_check_dir_exist(const char* path);
 
-// For the end of the process, once `callbacks_ended` is set: waits for the callback that still
-// runs. Takes `exec_mutex`.
-void quarn_awaitCallbacks();
+// For the end of the process: sets `callbacks_ended` under `exec_mutex`. Waits for the callback
+// that still runs; when it returns, none does anything any more.
+void quarn_endCallbacks();
 
 // The SIGUSR1 handler: does nothing, but lets the signal interrupt a blocked system call.
 void quarn_sighandler(int);

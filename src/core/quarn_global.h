@@ -67,7 +67,7 @@ struct QUARN_GLOBAL {
     // Serialises requests to handles, see `quarn_runHandleExec`.
     std::mutex exec_mutex;
     // The closed libraries' callbacks do nothing any more; they look at it under `exec_mutex`. Set
-    // at the end of the process, see also `quarn_awaitCallbacks`.
+    // at the end of the process by `quarn_endCallbacks`.
     std::atomic<bool> callbacks_ended{false};
     QUARN_READER_STATS stats = {};
 

@@ -54,6 +54,11 @@ int32_t QUARN_WRITER_HANDLER::init() {
 
 int32_t QUARN_WRITER_HANDLER::start() {
     std::lock_guard lock(lifecycle_mutex);
+    return start_locked();
+}
+
+// Call with `lifecycle_mutex` held, and the same for the next.
+int32_t QUARN_WRITER_HANDLER::start_locked() {
     if (is_running.exchange(true)) {
         QUARN_LOGI("writer_handler: already start");
         return 0;
@@ -71,6 +76,8 @@ int32_t QUARN_WRITER_HANDLER::start() {
         QUARN_LOGE("writer_handler: create thread fail, errno=%d(%s)", error, strerror(error));
         if (usb != nullptr) usb->io_pause();
         is_running = false;
+        std::lock_guard ended_lock(ended_mutex);
+        ended = true;
         return 1;
     }
     writer_thread = created;
@@ -80,16 +87,20 @@ int32_t QUARN_WRITER_HANDLER::start() {
 
 int32_t QUARN_WRITER_HANDLER::stop() {
     std::lock_guard lock(lifecycle_mutex);
+    stop_locked();
+    return 0;
+}
+
+void QUARN_WRITER_HANDLER::stop_locked() {
     if (!is_running.exchange(false)) {
         QUARN_LOGI("writer_handler: already stop");
-        return 0;
+        return;
     }
     wake_thread();
     QUARN_LOGI("writer_handler: join");
     join_thread();
     if (QUARN_FILE_IO* const file = storage()) file->io_close();
     QUARN_LOGI("writer_handler: stop success");
-    return 0;
 }
 
 // Gets the thread out of whatever it may wait in, so that it sees that it shall end.
@@ -215,13 +226,13 @@ int QUARN_WRITER_HANDLER::io_write_with_retry(const void* buf, int len) {
 void QUARN_WRITER_HANDLER::wait_buffer_clean(unsigned int timeout_ms) {
     const auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
     const uint64_t count_before = usb != nullptr ? usb->get_write_count() : 0;
-    std::this_thread::sleep_for(kDrainFirstPause);
+    if (thread_ended_within(kDrainFirstPause)) return;
     if (usb != nullptr && usb->get_write_count() == count_before) return;
     const auto* const host = static_cast<QUARN_SOCKET_IO*>(channel_of(IO_TYPE_SOCKET));
     if (host != nullptr && !host->is_connected()) return;
     for (unsigned int remaining = timeout_ms; remaining > 0 && held() != 0;) {
         const unsigned int step = std::min(remaining, kDrainStepMs);
-        std::this_thread::sleep_for(milliseconds(step));
+        if (thread_ended_within(milliseconds(step))) return;
         remaining -= step;
     }
 }
@@ -251,11 +262,10 @@ int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
             mark_exception();
             break;
         case EXEC_TOOL_CONNECTED:
-            was_running = is_running.load();
-            if (was_running) stop();
+            make_way();
             break;
         case EXEC_TOOL_DISCONNECTED:
-            if (was_running) start();
+            come_back();
             break;
         case EXEC_SET_SAVE_MODE:
             set_save_mode(static_cast<const QUARN_SAVE_MODE*>(arg));
@@ -305,14 +315,29 @@ void QUARN_WRITER_HANDLER::mark_exception() {
     }
 }
 
-// Leaves the writer stopped, with an empty ring and the channel of the new mode.
+void QUARN_WRITER_HANDLER::make_way() {
+    std::lock_guard lock(lifecycle_mutex);
+    was_running = is_running.load();
+    if (was_running) stop_locked();
+}
+
+void QUARN_WRITER_HANDLER::come_back() {
+    std::lock_guard lock(lifecycle_mutex);
+    if (was_running) start_locked();
+}
+
+// Leaves the writer stopped, with an empty ring and the channel of the new mode. An exit comes
+// without `exec_mutex`: nobody starts the writer in between, nor does a host tool that goes later,
+// since what came then would stand behind what was dropped here.
 void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     if (mode == nullptr) {
         QUARN_LOGE("write_handler: arg is NULL");
         return;
     }
     wait_buffer_clean(kSwitchDrainLimitMs);
-    stop();
+    std::lock_guard lock(lifecycle_mutex);
+    was_running = false;
+    stop_locked();
     // In one step: the reader may be adding to it.
     const size_t left = ring != nullptr ? ring->reset() : 0;
     if (left != 0) QUARN_LOGW("write_handler: drop %zu bytes data from cur_used_buf", left);

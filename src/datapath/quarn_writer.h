@@ -34,7 +34,8 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
     // Waits 1.5 s, and then up to `timeout_ms` for the ring to drain, unless the channel's host is
-    // not there to drain it.
+    // not there to drain it. Returns at once when the writer has been stopped, also meanwhile:
+    // nothing drains then. One that has not been started yet is waited for.
     void wait_buffer_clean(unsigned int timeout_ms);
 
   protected:
@@ -52,6 +53,8 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     // The channel's `io_write`, after one reopening of a storage channel that was found closed.
     int io_write_with_retry(const void* buf, int len);
 
+    int32_t start_locked();
+    void stop_locked();
     void wake_thread();
     bool thread_ended_within(std::chrono::milliseconds limit);
     void join_thread();
@@ -62,16 +65,19 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     void open_storage();
     void close_storage();
     void mark_exception();
+    void make_way();   // for the host tool
+    void come_back();  // when the host tool has gone
     void set_save_mode(const QUARN_SAVE_MODE* mode);
 
-    // Held for the whole of `start` and `stop`; guards `writer_thread`. The thread never takes it.
+    // Held for the whole of `start`, `stop` and the switch to another channel; guards
+    // `writer_thread` and `was_running`. The thread never takes it.
     std::mutex lifecycle_mutex;
     pthread_t writer_thread = 0;  // 0: none to join
     std::atomic<bool> is_running{false};
-    std::atomic<bool> was_running{false};  // when the host tool connected
+    bool was_running = false;  // when the host tool connected, and no switch has come since
     QUARN_RING* const ring;
 
     std::mutex ended_mutex;
     std::condition_variable ended_cond;
-    bool ended = false;  // the thread does nothing more; guarded by `ended_mutex`
+    bool ended = false;  // the thread does nothing any more; guarded by `ended_mutex`
 };

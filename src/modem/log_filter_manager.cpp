@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/quarn.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 
@@ -284,6 +285,7 @@ bool LogFilterManagerHandle::SendSetCommand() {
             QUARN_LOGE("%s: Error unexpected logging mode", kFunction);
             if (!is_last) std::this_thread::sleep_for(kSendPause);
         }
+        if (g_quarn.is_close) break;  // the daemon's end waits for this
     }
     QUARN_LOGE("%s: Error setting log filter by MIPC command", kFunction);
     return false;

@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -31,6 +31,9 @@ constexpr size_t kStateSize = 63;
 constexpr std::string_view kStateReady = "state=6";
 
 constexpr size_t kMaxMessage = 2048;  // a datagram of this size may have been cut
+// Bytes; what a phone's own device manager asks for. Within what the kernel grants everyone, so
+// that it takes no capability.
+constexpr int kReceiveBuffer = 256 * 1024;
 constexpr int kWaitTimeoutMs = 5000;
 constexpr std::chrono::seconds kErrorPause(1);
 
@@ -64,26 +67,21 @@ void close_fd(int fd, const char* who) {
     if (close(fd) != 0) QUARN_LOGE("%s: close fd %d fail, errno=%s", who, fd, strerror(errno));
 }
 
-// Whether the modem's state file says so. As long as there is none, or nothing in it, it does not.
-bool quarn_checkMdReady() {
-    const int fd = open(kStateFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    std::array<char, kStateSize> state;
-    const ssize_t length = read(fd, state.data(), state.size());
-    close_fd(fd, "quarn_checkMdReady");
-    return length > 0 &&
-           std::string_view(state.data(), static_cast<size_t>(length)).starts_with(kStateReady);
+// `port`: the process's own, or 0: the kernel chooses one.
+bool bind_to_port(int fd, pid_t port) {
+    sockaddr_nl address = {};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<uint32_t>(port);
+    address.nl_groups = 0xFFFFFFFF;
+    return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-// Positive when a message has come or the thread shall end, 0 after the time-out, -1 with errno.
-int wait_for_message(int socket_fd, int wake_fd) {
-    // A negative descriptor is passed over.
-    std::array<pollfd, 2> fds = {{{.fd = socket_fd, .events = POLLIN, .revents = 0},
-                                  {.fd = wake_fd, .events = POLLIN, .revents = 0}}};
-    const int ready = poll(fds.data(), fds.size(), kWaitTimeoutMs);
-    if (ready <= 0 || (fds[0].revents & POLLNVAL) == 0) return ready;
-    errno = EBADF;
-    return -1;
+// Another socket of this process, perhaps one of a closed library, may have the process's port.
+bool bind_to_any_port(int fd) {
+    if (bind_to_port(fd, getpid())) return true;
+    if (errno != EADDRINUSE) return false;
+    QUARN_LOGW("event_detect_handle: port id %d is taken, the kernel chooses another", getpid());
+    return bind_to_port(fd, 0);
 }
 
 // Init kills the daemon soon after the property is set, so that comes last.
@@ -173,10 +171,8 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
     }
     uevent_fd = open_uevent_socket();
     if (uevent_fd < 0) return false;
-    wake_fd = eventfd(0, EFD_CLOEXEC);
     detect_running = true;
-    if (!quarn_startThread(detect_thread, "quarn_uevent", "event_detect_handle",
-                           [this] { quarn_event_detect_handle_thread(); })) {
+    if (!create_detect_thread()) {
         detect_running = false;
         end_detecting();
         return false;
@@ -185,21 +181,27 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
     return true;
 }
 
+bool QUARN_EVENT_DETECT_HANDLE::create_detect_thread() {
+    const auto body = [](void* self) -> void* {
+        static_cast<QUARN_EVENT_DETECT_HANDLE*>(self)->quarn_event_detect_handle_thread();
+        return nullptr;
+    };
+    const int error = detect_thread.Create("quarn_uevent", body, this);
+    if (error == 0) return true;
+    QUARN_LOGE("event_detect_handle: create thread fail, errno=%d(%s)", error, strerror(error));
+    return false;
+}
+
 void QUARN_EVENT_DETECT_HANDLE::ask_detecting_to_end() {
     detect_running = false;
-    const uint64_t one = 1;
-    // Without it the thread still ends, a time-out later.
-    if (write(wake_fd, &one, sizeof(one)) < 0) {
-        QUARN_LOGW("event_detect_handle: wake thread fail, errno=%s", strerror(errno));
-    }
+    detect_thread.Interrupt();
 }
 
 // Joins the thread, if there is one, and closes what it used.
 void QUARN_EVENT_DETECT_HANDLE::end_detecting() {
-    if (detect_thread.joinable()) detect_thread.join();
-    if (wake_fd >= 0) close_fd(wake_fd, "event_detect_handle");
+    if (detect_thread.Exists()) detect_thread.Join();
     close_fd(uevent_fd, "event_detect_handle");
-    wake_fd = uevent_fd = -1;
+    uevent_fd = -1;
 }
 
 void QUARN_EVENT_DETECT_HANDLE::ask_processing_to_end() {
@@ -220,11 +222,10 @@ int QUARN_EVENT_DETECT_HANDLE::open_uevent_socket() {
     if (setsockopt(fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0) {
         QUARN_LOGE("event_detect_handle: set SO_PASSCRED failed, errno=%s", strerror(errno));
     }
-    sockaddr_nl address = {};
-    address.nl_family = AF_NETLINK;
-    address.nl_pid = static_cast<uint32_t>(getpid());
-    address.nl_groups = 0xFFFFFFFF;
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof(kReceiveBuffer)) != 0) {
+        QUARN_LOGE("event_detect_handle: set SO_RCVBUF failed, errno=%s", strerror(errno));
+    }
+    if (!bind_to_any_port(fd)) {
         QUARN_LOGE("event_detect_handle: open_uevent_socket bind failed, errno=%s",
                    strerror(errno));
         close_fd(fd, "event_detect_handle");
@@ -266,7 +267,8 @@ void QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread() {
 
 // Waits for one message and queues what it says. The modem's state is looked at while none comes.
 void QUARN_EVENT_DETECT_HANDLE::detect_once() {
-    const int ready = wait_for_message(uevent_fd, wake_fd);
+    const int ready = wait_for_message();
+    if (!detect_running) return;
     if (ready > 0) {
         receive_message();
     } else if (ready < 0) {
@@ -279,10 +281,41 @@ void QUARN_EVENT_DETECT_HANDLE::detect_once() {
     }
 }
 
+// Positive when a message has come, 0 after the time-out, -1 with errno.
+int QUARN_EVENT_DETECT_HANDLE::wait_for_message() {
+    pollfd socket = {.fd = uevent_fd, .events = POLLIN, .revents = 0};
+    const quarn::zorvex::ListenerThread::Wait wait(detect_thread);
+    const int ready = poll(&socket, 1, kWaitTimeoutMs);
+    if (ready <= 0 || (socket.revents & POLLNVAL) == 0) return ready;
+    errno = EBADF;
+    return -1;
+}
+
+// Whether the modem's state file says so. As long as there is none, or nothing in it, it does not:
+// neither a pipe nor a driver that waits for news is waited for. A driver that waits all the same
+// holds up device events, until a stop interrupts it.
+bool QUARN_EVENT_DETECT_HANDLE::quarn_checkMdReady() {
+    std::array<char, kStateSize> state;
+    ssize_t length = -1;
+    int fd;
+    {
+        const quarn::zorvex::ListenerThread::Wait wait(detect_thread);
+        fd = open(kStateFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        if (fd >= 0 && detect_running) length = read(fd, state.data(), state.size());
+    }
+    if (fd < 0) return false;
+    close_fd(fd, "quarn_checkMdReady");
+    return length > 0 &&
+           std::string_view(state.data(), static_cast<size_t>(length)).starts_with(kStateReady);
+}
+
 void QUARN_EVENT_DETECT_HANDLE::receive_message() {
     std::array<char, kMaxMessage + 2> buffer = {};
     const ssize_t received =
         recvfrom(uevent_fd, buffer.data(), kMaxMessage, MSG_DONTWAIT, nullptr, nullptr);
+    if (received < 0 && errno == ENOBUFS) {
+        QUARN_LOGW("event_detect_handle: receive buffer overflow, device events are lost");
+    }
     if (received < 1 || received == kMaxMessage) return;
     // Two NULs end any text and the message, whatever the sender left out.
     const auto length = static_cast<size_t>(received);
@@ -310,27 +343,28 @@ void QUARN_EVENT_DETECT_HANDLE::push_event(QUARN_EVENT event) {
 
 void QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread() {
     QUARN_LOGI("event_process: quarn_event_process_thread start");
-    while (process_running) {
-        for (size_t count = wait_for_events(); count > 0; --count) process_event(pop_event());
+    // A device that was added needs nothing here.
+    while (wait_for_events()) {
+        if (!take_events()) continue;
+        restart_daemon();
+        take_events();  // a removal that came meanwhile is answered by this restart
     }
     QUARN_LOGI("event_process: thread terminate");
 }
 
-// How many events there are to be processed now; 0: the thread shall end.
-size_t QUARN_EVENT_DETECT_HANDLE::wait_for_events() {
+// False when the thread shall end.
+bool QUARN_EVENT_DETECT_HANDLE::wait_for_events() {
     std::unique_lock lock(queue_mutex);
     queue_cond.wait(lock, [this] { return !process_running || !event_queue.empty(); });
-    return event_queue.size();
+    return process_running;
 }
 
-QUARN_EVENT QUARN_EVENT_DETECT_HANDLE::pop_event() {
+// Takes all events off the queue; whether the log device was removed in one of them.
+bool QUARN_EVENT_DETECT_HANDLE::take_events() {
     std::lock_guard lock(queue_mutex);
-    const QUARN_EVENT event = event_queue.front();
-    event_queue.pop_front();
-    return event;
-}
-
-void QUARN_EVENT_DETECT_HANDLE::process_event(QUARN_EVENT event) {
-    // A device that was added needs nothing here.
-    if (event == EVENT_MD_LOG_PORT_REMOVED) restart_daemon();
+    const auto removal =
+        std::find(event_queue.begin(), event_queue.end(), EVENT_MD_LOG_PORT_REMOVED);
+    const bool removed = removal != event_queue.end();
+    event_queue.clear();
+    return removed;
 }

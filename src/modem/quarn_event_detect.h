@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "core/listener_thread.h"
 #include "core/quarn_handle.h"
 
 enum QUARN_EVENT : int32_t {
@@ -37,8 +38,8 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     // 0, or 1 when the socket for device events could not be opened or a thread not be created;
     // what could be started runs, and another start tries the rest again.
     int32_t start() override;
-    // Joins both threads. One that is in the middle of a restart first comes to its end, which
-    // takes some seconds and `exec_mutex`: not to be called with that held.
+    // Joins both threads. A restart that is under way is finished first, which takes some seconds
+    // and `exec_mutex`: not to be called with that held. Removals that still wait are dropped.
     int32_t stop() override;
 
     // Reads a device event as the kernel sends it: NUL-terminated "KEY=value" texts, closed by an
@@ -49,6 +50,7 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
   private:
     bool start_processing();
     bool start_detecting();
+    bool create_detect_thread();
     void ask_detecting_to_end();
     void end_detecting();
     void ask_processing_to_end();
@@ -57,19 +59,18 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
 
     void quarn_event_detect_handle_thread();
     void detect_once();
+    int wait_for_message();
+    bool quarn_checkMdReady();
     void receive_message();
     void push_event(QUARN_EVENT event);
 
     void quarn_event_process_thread();
-    size_t wait_for_events();
-    QUARN_EVENT pop_event();
-    void process_event(QUARN_EVENT event);
+    bool wait_for_events();
+    bool take_events();
 
-    // Set while there is no detect thread, which reads both. -1: closed.
-    int uevent_fd = -1;
-    int wake_fd = -1;  // readable: look at `detect_running`
+    int uevent_fd = -1;  // -1: closed; set while there is no detect thread, which reads it
     std::atomic<bool> detect_running{false};
-    std::thread detect_thread;
+    quarn::zorvex::ListenerThread detect_thread;
     std::atomic<bool> md_ready_seen{false};
 
     std::atomic<bool> process_running{false};  // cleared under `queue_mutex`

@@ -1,6 +1,5 @@
-#include "control/listener_thread.h"
+#include "core/listener_thread.h"
 
-#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -10,14 +9,13 @@ namespace {
 
 constexpr std::chrono::milliseconds kEndedPoll(2);
 constexpr int kPollsPerInterrupt = 50;
-constexpr std::chrono::microseconds kTurnInterval(200);
-constexpr int kTurnBurst = 100;
 
 }  // namespace
 
-int ListenerThread::Create(const char* thread_name, Body thread_body) {
+int ListenerThread::Create(const char* thread_name, Body thread_body, void* body_arg) {
     name = thread_name;
     body = thread_body;
+    arg = body_arg;
     ended = false;
     const int error = pthread_create(&thread, nullptr, Run, this);
     exists = error == 0;
@@ -27,7 +25,7 @@ int ListenerThread::Create(const char* thread_name, Body thread_body) {
 void* ListenerThread::Run(void* self) {
     auto* const listener = static_cast<ListenerThread*>(self);
     pthread_setname_np(pthread_self(), listener->name);
-    void* const result = listener->body(nullptr);
+    void* const result = listener->body(listener->arg);
     listener->ended = true;
     return result;
 }
@@ -40,13 +38,6 @@ int ListenerThread::Join() {
     }
     exists = false;
     return pthread_join(thread, nullptr);
-}
-
-void Pace::AwaitTurn() {
-    const auto now = std::chrono::steady_clock::now();
-    used_up_to = std::max(used_up_to, now - kTurnBurst * kTurnInterval);
-    std::this_thread::sleep_until(used_up_to);
-    used_up_to += kTurnInterval;
 }
 
 }  // namespace quarn::zorvex

@@ -1,11 +1,10 @@
-// A thread that waits for clients, and can be got out of any wait for one.
+// A thread that waits for what comes from outside the process, and can be got out of any such wait.
 #pragma once
 
 #include <pthread.h>
 #include <signal.h>
 
 #include <atomic>
-#include <chrono>
 
 namespace quarn::zorvex {
 
@@ -15,14 +14,13 @@ class ListenerThread {
   public:
     using Body = void* (*)(void*);
 
-    // Runs `body(nullptr)` on a thread of that name (15 bytes at most). 0, or an error number: then
+    // Runs `body(arg)` on a thread of that name (15 bytes at most). 0, or an error number: then
     // there is no thread.
-    int Create(const char* thread_name, Body thread_body);
+    int Create(const char* thread_name, Body thread_body, void* body_arg = nullptr);
     bool Exists() const { return exists; }
     unsigned long id() const { return static_cast<unsigned long>(thread); }
 
-    // What the thread holds while it waits for clients; the rest of its work is not to be cut
-    // short.
+    // What the thread holds while it waits; the rest of its work is not to be cut short.
     class Wait {
       public:
         explicit Wait(ListenerThread& waiting_thread) : owner(waiting_thread) {
@@ -50,18 +48,9 @@ class ListenerThread {
     bool exists = false;
     const char* name = nullptr;
     Body body = nullptr;
+    void* arg = nullptr;
     std::atomic<bool> ended{false};
     std::atomic<bool> waits{false};
-};
-
-// Clients that ask without pause must not take the processor from the capture: each turn uses up an
-// interval, and when a burst is used up the next one waits. For one thread.
-class Pace {
-  public:
-    void AwaitTurn();
-
-  private:
-    std::chrono::steady_clock::time_point used_up_to;
 };
 
 }  // namespace quarn::zorvex
