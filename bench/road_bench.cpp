@@ -2,13 +2,25 @@
 // snappy_compress and bare write, in turn and in one process.
 //
 // Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]     (in a box)
+//
+// With --syncs: the road with its syncs against the road whose syncs return at once, which shows
+// what they cost. That takes a real file system (a box with a folder on a disk) and an idle
+// machine:
+//
+//     sim/box --folder build/road build/release/bench/road_bench --syncs --passes 10
+//     sim/box --folder build/road build/release/bench/road_bench --syncs --rate 20
+//
+//   --passes N   the stream N times over in each measurement (1)
+//   --rate MB    of the stream a second (0: as fast as it is read)
 #include <android/log.h>
 #include <fcntl.h>
 #include <snappy-c.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -39,17 +51,43 @@ void* operator new(size_t size) {
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
 
+// Whether syncs of the process reach the disk, and how long it has been in long writes, which are
+// the storage channel's and the bare limit's.
+static std::atomic<bool> syncs_count{true};
+static std::atomic<int64_t> write_ns{0}, longest_write_ns{0};
+
+extern "C" {
+
+int fdatasync(int fd) { return syncs_count ? static_cast<int>(syscall(SYS_fdatasync, fd)) : 0; }
+int fsync(int fd) { return syncs_count ? static_cast<int>(syscall(SYS_fsync, fd)) : 0; }
+int syncfs(int fd) noexcept { return syncs_count ? static_cast<int>(syscall(SYS_syncfs, fd)) : 0; }
+
+ssize_t write(int fd, const void* buf, size_t len) {
+    constexpr size_t kLong = 64 * 1024;
+    const auto start = std::chrono::steady_clock::now();
+    const ssize_t written = syscall(SYS_write, fd, buf, len);
+    if (len >= kLong) {
+        const int64_t ns = (std::chrono::steady_clock::now() - start).count();
+        write_ns += ns;
+        if (ns > longest_write_ns) longest_write_ns = ns;
+    }
+    return written;
+}
+
+}  // extern "C"
+
 namespace {
 
 constexpr size_t kBlockSize = 256 * 1024;    // what the writer takes at once
 constexpr size_t kBufferSize = 1024 * 1024;  // what the storage channel writes at once
 constexpr size_t kPortRead = 64 * 1024;
 
-// The port's bytes, from memory.
+// The port's bytes, from memory, several times over.
 class MemorySource : public sim::LogSource {
   public:
-    explicit MemorySource(const std::vector<uint8_t>& stream) : bytes(stream) {}
+    MemorySource(const std::vector<uint8_t>& stream, int times) : bytes(stream), passes(times) {}
     size_t Read(uint8_t* out, size_t len) override {
+        if (at == bytes.size() && --passes > 0) at = 0;
         len = std::min(len, bytes.size() - at);
         memcpy(out, bytes.data() + at, len);
         at += len;
@@ -58,6 +96,7 @@ class MemorySource : public sim::LogSource {
 
   private:
     const std::vector<uint8_t>& bytes;
+    int passes;
     size_t at = 0;
 };
 
@@ -83,6 +122,27 @@ Cost Measure(const Run& run) {
     run();
     const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
     return {wall.count(), CpuSeconds() - cpu, allocations - allocated};
+}
+
+// CPU time of the whole machine, in seconds: the kernel's own threads write back what is not
+// synced.
+double MachineCpuSeconds() {
+    std::ifstream stat("/proc/stat");
+    std::string cpu;
+    double user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0;
+    stat >> cpu >> user >> nice >> system >> idle >> iowait >> irq >> softirq;
+    return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// CPU time of this process' thread of that name.
+double ThreadCpuSeconds(const std::string& name) {
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::string comm;
+        std::ifstream(task.path() / "comm") >> comm;
+        double ns = 0;
+        if (comm == name && std::ifstream(task.path() / "schedstat") >> ns) return ns * 1e-9;
+    }
+    return 0;
 }
 
 void WriteAll(int fd, const char* buf, size_t len) {
@@ -129,16 +189,66 @@ void Bare(const std::vector<uint8_t>& bytes, const std::string& folder) {
     close(fd);
 }
 
-// Until the last byte is in a file and the capture closed.
-void Road(const std::vector<uint8_t>& bytes) {
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// Until the last byte is in a file and the capture closed. Returns the writer's CPU time.
+double Road(const std::vector<uint8_t>& bytes, int passes) {
     sim::Modem& modem = sim::Modem::Instance();
+    const uint64_t size = bytes.size() * static_cast<uint64_t>(passes);
     const uint64_t before = modem.bytes_delivered();
-    modem.SetSource(std::make_unique<MemorySource>(bytes));
+    modem.SetSource(std::make_unique<MemorySource>(bytes, passes));
     modem.StartStream();
-    while (modem.bytes_delivered() - before < bytes.size() || g_ring.current_size() > 0) {
+    while (modem.bytes_delivered() - before < size || g_ring.current_size() > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    const double cpu = ThreadCpuSeconds("quarn_writer");
     g_writer.stop();
+    return cpu;
+}
+
+void RemoveFiles() {
+    for (const char* folder : {"/data/bare", "/data/vendor/radio/quarn/logs"}) {
+        for (const auto& entry : fs::directory_iterator(folder)) fs::remove_all(entry);
+    }
+}
+
+// The road without, then with syncs, or the other way round; what they add, in the median. What is
+// left to the kernel counts for the machine, until it is on the disk too.
+void CompareSyncs(const std::vector<uint8_t>& bytes, int passes, int rounds) {
+    enum Figure { kWall, kCpu, kWriterCpu, kWriterWrites, kMachineCpu, kFigures };
+    const char* const names[] = {"wall", "cpu", "writer's cpu", "writer's writes", "machine's cpu"};
+    std::vector<double> added[kFigures];
+    for (int run = 0; run < 2 * rounds; ++run) {
+        static std::array<double, kFigures> figures[2];
+        const int with = (run + run / 2) % 2;
+        RemoveFiles();
+        sync();
+        syncs_count = with != 0;
+        write_ns = longest_write_ns = 0;
+        std::array<double, kFigures>& now = figures[with];
+        const double machine = MachineCpuSeconds();
+        g_file_io.io_open();
+        g_writer.start();
+        const Cost road = Measure([&] { now[kWriterCpu] = Road(bytes, passes); });
+        sync();
+        now[kMachineCpu] = MachineCpuSeconds() - machine;
+        now[kWall] = road.wall;
+        now[kCpu] = road.cpu;
+        now[kWriterWrites] = static_cast<double>(write_ns) * 1e-9;
+        printf("%-7s", with != 0 ? "with" : "without");
+        for (int i = 0; i < kFigures; ++i)
+            printf("  %s %.3f s", names[i], now[static_cast<size_t>(i)]);
+        printf("  (the longest %.0f ms)\n", static_cast<double>(longest_write_ns) * 1e-6);
+        for (size_t i = 0; run % 2 != 0 && i < kFigures; ++i) {
+            added[i].push_back((figures[1][i] / figures[0][i] - 1) * 100);
+        }
+    }
+    printf("syncs add, median of %d:", rounds);
+    for (size_t i = 0; i < kFigures; ++i) printf("  %s %+.1f %%", names[i], Median(added[i]));
+    printf("\n");
 }
 
 std::vector<uint8_t> Stream(const std::string& input, size_t size) {
@@ -165,19 +275,20 @@ void Print(const char* what, const Cost& cost, size_t size) {
            static_cast<unsigned long>(cost.allocations));
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     std::string input;
     size_t mib = 1024;
     int rounds = 5;
+    int passes = 1;
+    bool syncs = false;
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
+        if (option == "--syncs") {
+            syncs = true;
+            continue;
+        }
         const char* const value = i + 1 < argc ? argv[++i] : nullptr;
         if (option == "--input" && value != nullptr) {
             input = value;
@@ -185,12 +296,17 @@ int main(int argc, char** argv) {
             mib = static_cast<size_t>(atol(value));
         } else if (option == "--rounds" && value != nullptr && atoi(value) > 0) {
             rounds = atoi(value);
+        } else if (option == "--passes" && value != nullptr && atoi(value) > 0) {
+            passes = atoi(value);
+        } else if (option == "--rate" && value != nullptr && atol(value) >= 0) {
+            sim::Modem::Instance().SetRate(static_cast<uint64_t>(atol(value)) * 1'000'000);
         } else if (option == "--file-size" && value != nullptr &&
                    g_file_io.set_file_size(atoi(value)) == 0) {
             continue;
         } else {
             fprintf(stderr,
-                    "Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]\n");
+                    "Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB] "
+                    "[--rate MB] [--syncs [--passes N]]\n");
             return 2;
         }
     }
@@ -209,22 +325,22 @@ int main(int argc, char** argv) {
     mcl_init();
     g_reader.start();
 
+    if (syncs) CompareSyncs(bytes, passes, rounds);
     std::vector<double> wall_ratios, cpu_ratios;
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; !syncs && round < rounds; ++round) {
         const Cost bare = Measure([&] { Bare(bytes, "/data/bare"); });
         g_file_io.io_open();
         g_writer.start();
-        const Cost road = Measure([&] { Road(bytes); });
+        const Cost road = Measure([&] { Road(bytes, 1); });
         Print("bare", bare, bytes.size());
         Print("road", road, bytes.size());
         wall_ratios.push_back(bare.wall / road.wall);
         cpu_ratios.push_back(bare.cpu / road.cpu);
-        for (const char* folder : {"/data/bare", "/data/vendor/radio/quarn/logs"}) {
-            for (const auto& entry : fs::directory_iterator(folder)) fs::remove_all(entry);
-        }
+        RemoveFiles();
     }
     g_reader.stop();
     mcl_deinit();
+    if (syncs) return 0;
     printf("road as a share of the bare limit, median of %d: wall %.3f, cpu %.3f\n", rounds,
            Median(wall_ratios), Median(cpu_ratios));
     return 0;
