@@ -1,6 +1,7 @@
 // Ends the daemon suddenly, again and again, on one log tree, and looks after each end at what is
 // on disk and at how the next start goes on from there. crash_safety --help tells how to run it.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,6 +14,8 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -35,9 +38,10 @@ namespace {
 constexpr const char* kHelp = R"(Use: crash_safety [--rounds N] [--seed N]
 
 Starts the daemon on the simulated phone under load, ends it as kill -9 does, looks at the log tree and
-the configuration file, and starts it again on what is there: N rounds (20). The same seed (1) draws
-the same moments, as far as time allows. Outside a box the rounds are shared out among four boxes
-side by side, each with a tree and a seed of its own.
+the configuration file, and starts it again on what is there: N rounds (20). Then a power cut ends it,
+N / 10 times, each after some ten seconds: files are cut back to what was synced. The same seed (1)
+draws the same moments, as far as time allows. Outside a box the rounds are shared out among four
+boxes side by side, each with a tree and a seed of its own.
 
 Exit status: 0 when all that must hold held, 1 otherwise, 2 for a wrong call.
 )";
@@ -51,6 +55,8 @@ const std::string kPowerOnLog = quarn::zorvex::kPowerOnLogPath;
 constexpr const char* kDefault = "transfer_type 1\nfile_size 1\nrecycle_size 8\n";
 constexpr unsigned int kLargestFileMb = 2;
 constexpr unsigned int kLargestTreeMb = 10;
+constexpr std::chrono::seconds kSyncDelay(5);
+constexpr std::chrono::seconds kBusyMachine(2);
 
 // The configuration file once the saver has put `request`, a key and its value, into it.
 std::string Saved(std::string config, const std::string& request) {
@@ -204,12 +210,106 @@ class CrashSafety : public testing::Test {
         if (HasFailure()) printf("%s\n", log.c_str());
     }
 
+#ifdef POWER_CUT
+    void PowerCut(int number) {
+        SCOPED_TRACE("power cut " + std::to_string(number) + " of seed " + std::to_string(seed));
+        const std::string name = "cut" + std::to_string(number);
+        const std::string tap = "/data/tap." + name;
+        const std::string notes = "/data/notes." + name;
+        // Files that are written all the time; files that end faster than the disk takes them.
+        const bool large_files = number % 2 != 0;
+        const int sync_ms = large_files ? 20 : 1500;
+        test::WriteFile(kConfigPath, "transfer_type 1\nrecycle_size 4000\nfile_size " +
+                                         std::string(large_files ? "50\n" : "1\n"));
+        before = Survey();
+        fs::create_directories(kBase);
+        for (const auto& entry : fs::recursive_directory_iterator(kBase)) {
+            old_inodes.insert(Inode(entry));
+        }
+        test::Daemon daemon(name,
+                            "tap " + tap + "\nsource generated " + std::to_string(number) +
+                                (large_files ? "\nrate 4M" : "\nrate 10M") + "\nstream start\n",
+                            {{"LD_PRELOAD", POWER_CUT},
+                             {"SYNC_NOTES", notes},
+                             {"SYNC_DELAY_MS", std::to_string(sync_ms)}});
+        std::this_thread::sleep_for(Draw(100, 4000));
+        if (!large_files && random() % 2 == 0) Steer("exception");
+        if (!large_files && random() % 2 == 0) Steer("notify 7");  // a second capture
+        std::this_thread::sleep_for(Draw(8000, 11000));
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
+        daemon.Kill();
+        // Whoever has to wait for a processor of a busy machine gets some time more.
+        CutBack(test::ReadFile(notes), now - kSyncDelay - milliseconds(sync_ms) - kBusyMachine);
+        const std::vector<Folder> after = Survey();
+        ExpectFinished(after, daemon.Log());
+        ExpectStream(after, test::ReadFile(tap), daemon.Log());
+        if (HasFailure()) printf("%s\n", daemon.Log().c_str());
+    }
+#endif
+
     // What was seen how often: states that a start has to find its way from.
     std::map<std::string, int> seen;
     std::mt19937 random{seed};
     std::vector<Folder> before;  // the tree at the start of a round
+    std::set<ino_t> old_inodes;  // of it, before a power cut
 
   private:
+    static ino_t Inode(const fs::path& path) {
+        struct stat status = {};
+        return lstat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+    }
+
+    // Leaves what a power cut leaves by the notes of tests/power_cut.cpp: what was synced. What
+    // was written up to `due` must be there.
+    void CutBack(const std::string& notes, std::chrono::nanoseconds due) {
+        std::map<ino_t, uintmax_t> wanted, synced;
+        std::set<ino_t> named = old_inodes;
+        std::istringstream lines(notes);
+        char kind;
+        int64_t time;
+        ino_t inode;
+        uintmax_t length;
+        while (lines >> kind >> time >> inode >> length) {
+            if (kind == 'w' && time <= due.count()) wanted[inode] = length;
+            if (kind == 's') synced[inode] = length;
+            if (kind == 'e') named.insert(inode);
+        }
+        std::vector<fs::path> paths;  // each behind the folder that it is in
+        for (const auto& entry : fs::recursive_directory_iterator(kLogs)) paths.push_back(entry);
+        for (auto path = paths.rbegin(); path != paths.rend(); ++path) {
+            inode = Inode(*path);
+            if (old_inodes.count(inode) != 0) continue;
+            bool found = true;
+            for (fs::path at = *path; at != fs::path(kBase).parent_path(); at = at.parent_path()) {
+                found = found && named.count(Inode(at)) != 0;
+            }
+            const uintmax_t left = found ? synced[inode] : 0;
+            if (fs::is_directory(*path)) {
+                if (!found) fs::remove(*path);
+                continue;
+            }
+            if (path->filename() == fs::path(kPowerOnLog).filename()) {
+                fs::remove(*path);
+                continue;
+            }
+            EXPECT_GE(left, wanted[inode]) << *path << " of " << fs::file_size(*path);
+            seen["KiB in time for a power cut"] += static_cast<int>(wanted[inode] / 1024);
+            seen["KiB lost by a power cut"] +=
+                static_cast<int>((fs::file_size(*path) - left) / 1024);
+            if (left == 0) {
+                fs::remove(*path);
+                ++seen["files lost by a power cut"];
+            } else {
+                fs::resize_file(*path, left);
+                EXPECT_TRUE(test::DecodeFile(*path).whole) << *path;
+            }
+        }
+    }
+
+    static bool Steer(const std::string& line) {
+        return system((SIMCTL_PROGRAM " --box /data " + line + " >/dev/null 2>&1").c_str()) == 0;
+    }
+
     void EndSomehow(test::Daemon& daemon) {
         // Seldom as long as it takes until a capture has ended and the next one begun.
         const auto kind = random() % 12;
@@ -220,16 +320,12 @@ class CrashSafety : public testing::Test {
         const milliseconds exception_at = Draw(30, 300);
         const auto start = std::chrono::steady_clock::now();
         const auto lived = [&] { return std::chrono::steady_clock::now() - start; };
-        const auto steer = [](const std::string& line) {
-            return system((SIMCTL_PROGRAM " --box /data " + line + " >/dev/null 2>&1").c_str()) ==
-                   0;
-        };
         std::thread console([&] {
-            while (kind == 0 && lived() < life && !steer("notify 7")) {
+            while (kind == 0 && lived() < life && !Steer("notify 7")) {
             }
             if (!exception) return;
             std::this_thread::sleep_until(start + exception_at);
-            steer("exception");
+            Steer("exception");
         });
         while (lived() < life && !daemon.Ended()) std::this_thread::sleep_for(milliseconds(1));
         daemon.Kill();
@@ -369,6 +465,16 @@ TEST_F(CrashSafety, EveryStartGoesOnFromWhatASuddenEndLeft) {
     for (int number = 1; number <= rounds && !HasFailure(); ++number) Round(number);
     for (const auto& [what, count] : seen) printf("%6d  %s\n", count, what.c_str());
 }
+
+#ifdef POWER_CUT
+TEST_F(CrashSafety, APowerCutCostsFiveSecondsAtMost) {
+    for (int number = 1; number <= std::max(1, rounds / 10) && !HasFailure(); ++number) {
+        PowerCut(number);
+    }
+    for (const auto& [what, count] : seen) printf("%6d  %s\n", count, what.c_str());
+    EXPECT_GT(seen["KiB in time for a power cut"], 0);
+}
+#endif
 
 // Shares the rounds out; false when one of the boxes did not hold.
 bool RunBoxes(const std::string& self, int boxes) {

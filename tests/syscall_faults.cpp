@@ -16,6 +16,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -37,6 +38,7 @@ using test::Fault;
 std::atomic<int> armed_count{0};
 std::mutex armed_mutex;
 std::vector<FailCalls*> armed;
+std::condition_variable disarmed;
 
 // What a descriptor stands for: a path, or the name of a socket.
 std::string NameOf(int fd) {
@@ -70,10 +72,23 @@ std::optional<Fault> Meets(Call call, Target target) {
     return {};
 }
 
+void WaitWhileItHangs(Call call) {
+    std::unique_lock lock(armed_mutex);
+    disarmed.wait(lock, [call] {
+        return std::none_of(armed.begin(), armed.end(), [call](const FailCalls* entry) {
+            return entry->fault.hang && entry->fault.call == call;
+        });
+    });
+}
+
 // Sets errno when the call is to fail.
 template <typename Target>
 bool Fails(Call call, Target target) {
     const auto fault = Meets(call, target);
+    if (fault && fault->hang) {
+        WaitWhileItHangs(call);
+        return false;
+    }
     if (fault) errno = fault->error;
     return fault.has_value();
 }
@@ -99,6 +114,7 @@ FailCalls::~FailCalls() {
     std::lock_guard lock(armed_mutex);
     std::erase(armed, this);
     --armed_count;
+    disarmed.notify_all();
 }
 
 int FailCalls::failed() const {
@@ -137,7 +153,11 @@ ssize_t read(int fd, void* buf, size_t len) {
 }
 
 ssize_t write(int fd, const void* buf, size_t len) {
-    const auto fault = Meets(Call::kWrite, fd);
+    auto fault = Meets(Call::kWrite, fd);
+    if (fault && fault->hang) {
+        WaitWhileItHangs(Call::kWrite);
+        fault.reset();
+    }
     if (!fault || fault->error == 0) {
         return Real<write>("write")(fd, buf, fault ? std::min(len, fault->limit) : len);
     }
@@ -187,6 +207,10 @@ int rename(const char* from, const char* to) noexcept {
 int unlink(const char* path) noexcept {
     return Fails(Call::kRemoveFile, path) ? -1 : Real<unlink>("unlink")(path);
 }
+
+int fdatasync(int fd) { return Fails(Call::kSync, fd) ? -1 : Real<fdatasync>("fdatasync")(fd); }
+
+int syncfs(int fd) noexcept { return Fails(Call::kSyncAll, fd) ? -1 : Real<syncfs>("syncfs")(fd); }
 
 int socket(int domain, int type, int protocol) noexcept {
     return Fails(Call::kSocket, "") ? -1 : Real<socket>("socket")(domain, type, protocol);

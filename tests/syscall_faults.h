@@ -20,6 +20,7 @@ enum class Call {
     kMakeFolder,
     kRename,  // `where` is the old name
     kRemoveFile,
+    kSyncAll,  // syncfs
     kSocket,
     kListen,
     kAccept,
@@ -38,6 +39,7 @@ struct Fault {
     int count = INT_MAX;     // calls that fail
     int after = 0;           // calls that still go well before
     size_t limit = 0;
+    bool hang = false;  // the calls, of those that take a descriptor, wait until the fault is gone
 };
 
 // While it lives, the calls that its fault names fail. Several may live at once: the newest one

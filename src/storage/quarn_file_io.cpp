@@ -49,6 +49,8 @@ std::string local_time_text(time_t time) {
     return {text.data(), strftime(text.data(), text.size(), quarn::log_names::kTimeFormat, &local)};
 }
 
+std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
 // "QRXMDLog_<idx>_<time>"
 std::string indexed_name(uint32_t idx, const std::string& time_text) {
     return std::string(quarn::log_names::kPrefix) + std::to_string(idx) + "_" + time_text;
@@ -237,6 +239,10 @@ int QUARN_FILE_IO::open_capture() {
     quarn::zorvex::UpdateFolderHistory(finished_path);
     finalise_latest_folder();
 
+    // What they hold may be new. On a phone init makes the base folder itself.
+    for (const std::string& folder : {base_path, top_log_folder, log_folder}) {
+        file_sync.FolderChanged(folder);
+    }
     latest_folder_path = cur_folder_path;
     recycle_config.cur_folder_idx = static_cast<int32_t>(next_folder_idx);
     recycle_config.folder_created = true;
@@ -343,6 +349,10 @@ void QUARN_FILE_IO::finalise_latest_folder() {
 bool QUARN_FILE_IO::rename_folder(const std::string& from, const std::string& to) {
     acquire_folder_name_lock();
     const bool renamed = rename(from.c_str(), to.c_str()) == 0;
+    if (renamed) {
+        file_sync.FolderChanged(folder_of(to));
+        file_sync.FolderChanged(to);  // may wait for its sync under the old name
+    }
     release_folder_name_lock();
     if (!renamed) {
         QUARN_LOGE("file_io: rename log folder %s to %s fail", from.c_str(), to.c_str());
@@ -536,6 +546,7 @@ int QUARN_FILE_IO::make_room() {
 int QUARN_FILE_IO::append_whole(const char* buf, int len) {
     const off_t length_before = lseek(fd, 0, SEEK_END);
     const int written = common_write(buf, len);
+    file_sync.Written(fd, cur_file_path);  // a failed write may leave whole blocks
     if (written >= 0) return written;
     if (length_before < 0 || ftruncate(fd, length_before) != 0) {
         QUARN_LOGE("file_io: cut log_file=%s fail, errno=%s", cur_file_path.c_str(),
@@ -591,6 +602,7 @@ int QUARN_FILE_IO::open_new_log_file() {
     finalise_last_file();
     last_file_path = cur_file_path;
     ++file_idx;
+    file_sync.FolderChanged(cur_folder_path);
     return 0;
 }
 
@@ -625,6 +637,7 @@ void QUARN_FILE_IO::finalise_last_file() {
     if (last_file_path.empty()) return;
     const std::string finished = finished_file_path(last_file_path);
     if (rename(last_file_path.c_str(), finished.c_str()) == 0) {
+        file_sync.FolderChanged(folder_of(finished));
         QUARN_LOGI("file_io: rename log file %s to %s", last_file_path.c_str(), finished.c_str());
     } else {
         QUARN_LOGE("file_io: rename log file %s to %s fail", last_file_path.c_str(),
@@ -645,6 +658,7 @@ int QUARN_FILE_IO::close_log_file() {
                        fd.load(), strerror(errno));
         }
         fd = -1;
+        file_sync.Finished();
     }
     file_written = 0;
     cur_file_path.clear();

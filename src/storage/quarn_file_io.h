@@ -11,6 +11,7 @@
 #include <string>
 
 #include "datapath/quarn_io.h"
+#include "storage/file_sync.h"
 #include "storage/log_file_format.h"
 #include "storage/recycle_config.h"
 
@@ -132,6 +133,8 @@ class QUARN_FILE_IO : public QUARN_IO {
     std::string file_suffix;     // "" or "_EE"
     uint32_t next_folder_idx = 0;
     uint32_t file_idx = 0;
+
+    quarn::zorvex::FileSync file_sync;  // owned, with its thread; called under `io_mutex`
 
     RECYCLE_CONFIG recycle_config;
     std::mutex recycle_mutex;

@@ -1,0 +1,207 @@
+#include "storage/file_sync.h"
+
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "core/named_thread.h"
+#include "platform/quarn_log.h"
+
+namespace quarn::zorvex {
+
+namespace {
+
+using android::base::unique_fd;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kDelay(5);     // between a write and its sync
+constexpr std::chrono::seconds kEndLimit(5);  // for the last sync, when the owner ends
+constexpr size_t kMaxFolders = 16;            // that wait
+
+// What the thread takes over at once.
+struct Work {
+    unique_fd file;
+    std::string path;     // the file's, for messages
+    uint64_t number = 0;  // the file's
+    bool finished = false;
+    bool whole_file_system = false;
+    std::vector<std::string> folders;  // no two alike
+};
+
+// 0, or the error.
+int Repeat(int (*sync)(int), int fd) {
+    while (sync(fd) != 0) {
+        if (errno != EINTR) return errno;
+    }
+    return 0;
+}
+
+}  // namespace
+
+struct FileSync::Shared {
+    // Innermost: nothing else is locked while it is held, and nobody waits for the disk.
+    std::mutex mutex;
+    std::condition_variable changed;
+    Work waiting;
+    std::optional<Clock::time_point> due;  // of what waits; none: nothing does
+    uint64_t file_number = 1;              // of the file that is written now
+    uint64_t failed_number = 0;            // of the last file that had a failure told
+    bool ending = false;
+    bool ended = false;
+
+    // The rest under `mutex`.
+
+    // Never postpones what waits already.
+    void SetDue(Clock::time_point time) {
+        if (due && *due <= time) return;
+        due = time;
+        changed.notify_all();
+    }
+
+    // True when something is due; false at the end, with nothing left.
+    bool AwaitDue(std::unique_lock<std::mutex>& lock) {
+        while (!ending) {
+            if (!due) {
+                changed.wait(lock);
+                continue;
+            }
+            const Clock::time_point until = *due;
+            if (until <= Clock::now()) break;
+            changed.wait_until(lock, until);
+        }
+        return due.has_value();
+    }
+
+    void TellFailure(uint64_t number, const char* what, const std::string& path, int error) {
+        if (std::exchange(failed_number, number) == number) return;
+        QUARN_LOGE("file_sync: %s=%s fail, errno=%s", what, path.c_str(), strerror(error));
+    }
+
+    // --- on the thread; without the lock ---
+
+    void Run() {
+        std::unique_lock lock(mutex);
+        while (AwaitDue(lock)) {
+            Work work = std::exchange(waiting, {});
+            due.reset();
+            if (!work.file.ok()) work.number = file_number;
+            lock.unlock();
+            const bool folder_gone = SyncAll(work);
+            lock.lock();
+            // Its new name has waited long enough under the old one.
+            if (folder_gone && !waiting.folders.empty()) SetDue(Clock::now());
+        }
+        ended = true;
+        changed.notify_all();
+    }
+
+    // The file first: its name, once on the disk, should not stand for an empty one. Returns true
+    // if a folder was not there.
+    bool SyncAll(Work& work) {
+        if (work.file.ok()) {
+            const int error = Repeat(work.whole_file_system ? syncfs : fdatasync, work.file);
+            if (error != 0) Fail(work, "sync log_file", work.path, error);
+            work.file.reset();
+            if (work.whole_file_system) return false;
+        }
+        bool folder_gone = false;
+        for (const std::string& path : work.folders) {
+            const unique_fd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            if (!folder.ok()) {
+                if (errno == ENOENT) {
+                    folder_gone = true;
+                } else {
+                    Fail(work, "open folder", path, errno);
+                }
+                continue;
+            }
+            const int error = Repeat(work.whole_file_system ? syncfs : fsync, folder);
+            if (error != 0) Fail(work, "sync folder", path, error);
+            if (work.whole_file_system) return false;
+        }
+        return folder_gone;
+    }
+
+    void Fail(const Work& work, const char* what, const std::string& path, int error) {
+        std::lock_guard lock(mutex);
+        TellFailure(work.number, what, path, error);
+    }
+};
+
+FileSync::FileSync() : shared(std::make_shared<Shared>()) {}
+
+FileSync::~FileSync() {
+    if (!thread.joinable()) return;
+    bool ended;
+    {
+        std::unique_lock lock(shared->mutex);
+        shared->ending = true;
+        shared->changed.notify_all();
+        ended = shared->changed.wait_for(lock, kEndLimit, [this] { return shared->ended; });
+    }
+    if (ended) {
+        thread.join();
+        return;
+    }
+    QUARN_LOGW("file_sync: the last sync does not end, leave it alone");
+    thread.detach();
+}
+
+void FileSync::FolderChanged(const std::string& folder) {
+    if (!thread.joinable() &&
+        !quarn_startThread(thread, "quarn_sync", "file_sync", [kept = shared] { kept->Run(); })) {
+        return;
+    }
+    std::lock_guard lock(shared->mutex);
+    Work& waiting = shared->waiting;
+    std::vector<std::string>& folders = waiting.folders;
+    if (std::find(folders.begin(), folders.end(), folder) == folders.end()) {
+        if (folders.size() < kMaxFolders) {
+            folders.push_back(folder);
+        } else {
+            waiting.whole_file_system = true;
+        }
+    }
+    shared->SetDue(Clock::now() + kDelay);
+}
+
+void FileSync::Written(int fd, const std::string& path) {
+    if (!thread.joinable()) return;
+    std::lock_guard lock(shared->mutex);
+    Work& waiting = shared->waiting;
+    if (waiting.file.ok()) {
+        // The place is taken by a file before this one.
+        if (waiting.finished) waiting.whole_file_system = true;
+        return;
+    }
+    waiting.file.reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    if (!waiting.file.ok()) {
+        shared->TellFailure(shared->file_number, "keep log_file", path, errno);
+        return;
+    }
+    waiting.path = path;
+    waiting.number = shared->file_number;
+    shared->SetDue(Clock::now() + kDelay);
+}
+
+void FileSync::Finished() {
+    if (!thread.joinable()) return;
+    std::lock_guard lock(shared->mutex);
+    ++shared->file_number;
+    if (!shared->waiting.file.ok()) return;
+    shared->waiting.finished = true;
+    shared->SetDue(Clock::now());
+}
+
+}  // namespace quarn::zorvex

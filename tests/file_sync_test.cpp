@@ -1,0 +1,116 @@
+// What brings the storage channel's files to the disk: when, and that nobody waits for it. What a
+// power cut leaves is looked at by crash_safety.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "shifted_clock.h"
+#include "storage/quarn_file_io.h"
+#include "support.h"
+#include "syscall_faults.h"
+
+namespace fs = std::filesystem;
+using std::chrono::seconds;
+using test::Call;
+using test::FailCalls;
+using test::Fault;
+
+namespace {
+
+class FileSync : public testing::Test {
+  protected:
+    FileSync() {
+        fs::create_directories("/data/vendor/radio");
+        io->create_top_folder();
+        io->io_open();
+    }
+    void Store(const std::string& bytes) {
+        EXPECT_GT(io->io_write(bytes.data(), static_cast<int>(bytes.size())), 0);
+        io->flush_ringBuf();
+    }
+    // Descriptors of log files, whoever has them.
+    static size_t OpenFiles() {
+        size_t count = 0;
+        for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            if (fs::read_symlink(entry, gone)
+                    .string()
+                    .starts_with("/data/vendor/radio/quarn/logs/"))
+                ++count;
+        }
+        return count;
+    }
+
+    test::LogCapture log;
+    test::ShiftedClock clock;
+    std::unique_ptr<QUARN_FILE_IO> io =
+        std::make_unique<QUARN_FILE_IO>("/data/vendor/radio/quarn/");
+    std::unique_ptr<FailCalls> fault;
+};
+
+}  // namespace
+
+TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
+    FailCalls syncs({.call = Call::kSync, .error = EIO, .where = ".muxz"});
+    const auto synced = [&](int times) {
+        return test::WaitUntil([&] { return syncs.failed() == times; }, seconds(10));
+    };
+    Store("1");
+    clock.Shift(CLOCK_MONOTONIC, seconds(3));
+    Store("2");  // postpones nothing
+    clock.Shift(CLOCK_MONOTONIC, seconds(2));
+    EXPECT_TRUE(synced(1));
+
+    // A write that lasts longer than that.
+    fault =
+        std::make_unique<FailCalls>(Fault{.call = Call::kWrite, .where = ".muxz", .hang = true});
+    std::thread writer([&] { Store("3"); });
+    EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
+    clock.Shift(CLOCK_MONOTONIC, seconds(6));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for a sync that comes too early
+    EXPECT_EQ(syncs.failed(), 1);
+    fault.reset();
+    writer.join();
+    clock.Shift(CLOCK_MONOTONIC, seconds(6));
+    EXPECT_TRUE(synced(2));
+
+    Store("4");
+    io->close_log_file_with_flush();  // without a wait
+    EXPECT_TRUE(synced(3));
+    EXPECT_EQ(log.Count("file_sync: sync log_file=..."), 1u);  // of three failures of the file
+}
+
+// Files go on, two descriptors are held, and the end of the channel does not wait for ever.
+TEST_F(FileSync, ASyncThatHangsHoldsNobodyUp) {
+    const auto hang = [&] {
+        fault =
+            std::make_unique<FailCalls>(Fault{.call = Call::kSync, .where = ".muxz", .hang = true});
+    };
+    hang();
+    for (int file = 0; file < 4; ++file) {
+        Store("abc");
+        io->close_log_file_with_flush();
+        EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
+        EXPECT_EQ(OpenFiles(), file == 0 ? 1u : 2u);
+    }
+    // Two had no place.
+    FailCalls whole_file_system({.call = Call::kSyncAll, .error = EIO});
+    fault.reset();
+    EXPECT_TRUE(test::WaitUntil([] { return OpenFiles() == 0; }));
+    EXPECT_EQ(whole_file_system.failed(), 1);
+
+    hang();
+    Store("abc");
+    std::thread end([&] { io.reset(); });
+    EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
+    clock.Shift(CLOCK_MONOTONIC, seconds(5));
+    end.join();
+    EXPECT_EQ(log.Count("file_sync: the last sync does not end, leave it alone"), 1u);
+}
