@@ -85,8 +85,9 @@ int Sync(int (*real)(int), int fd, bool everything) {
         }
     }
     const char* const delay = getenv("SYNC_DELAY_MS");
-    if (delay != nullptr && !S_ISDIR(status.st_mode))
+    if (delay != nullptr && !S_ISDIR(status.st_mode)) {
         usleep(static_cast<useconds_t>(atoi(delay)) * 1000);
+    }
     const int rc = real(fd);
     if (rc == 0) Note(lines);
     return rc;

@@ -60,7 +60,7 @@ struct FileSync::Shared {
     bool ending = false;
     bool ended = false;
 
-    // The rest under `mutex`.
+    // --- under `mutex` ---
 
     // Never postpones what waits already.
     void SetDue(Clock::time_point time) {
@@ -83,13 +83,18 @@ struct FileSync::Shared {
         return due.has_value();
     }
 
+    // --- without the lock ---
+
+    // Once a file.
     void TellFailure(uint64_t number, const char* what, const std::string& path, int error) {
-        if (std::exchange(failed_number, number) == number) return;
+        {
+            std::lock_guard lock(mutex);
+            if (std::exchange(failed_number, number) == number) return;
+        }
         QUARN_LOGE("file_sync: %s=%s fail, errno=%s", what, path.c_str(), strerror(error));
     }
 
-    // --- on the thread; without the lock ---
-
+    // The thread.
     void Run() {
         std::unique_lock lock(mutex);
         while (AwaitDue(lock)) {
@@ -111,7 +116,7 @@ struct FileSync::Shared {
     bool SyncAll(Work& work) {
         if (work.file.ok()) {
             const int error = Repeat(work.whole_file_system ? syncfs : fdatasync, work.file);
-            if (error != 0) Fail(work, "sync log_file", work.path, error);
+            if (error != 0) TellFailure(work.number, "sync log_file", work.path, error);
             work.file.reset();
             if (work.whole_file_system) return false;
         }
@@ -122,20 +127,15 @@ struct FileSync::Shared {
                 if (errno == ENOENT) {
                     folder_gone = true;
                 } else {
-                    Fail(work, "open folder", path, errno);
+                    TellFailure(work.number, "open folder", path, errno);
                 }
                 continue;
             }
             const int error = Repeat(work.whole_file_system ? syncfs : fsync, folder);
-            if (error != 0) Fail(work, "sync folder", path, error);
+            if (error != 0) TellFailure(work.number, "sync folder", path, error);
             if (work.whole_file_system) return false;
         }
         return folder_gone;
-    }
-
-    void Fail(const Work& work, const char* what, const std::string& path, int error) {
-        std::lock_guard lock(mutex);
-        TellFailure(work.number, what, path, error);
     }
 };
 
@@ -178,7 +178,7 @@ void FileSync::FolderChanged(const std::string& folder) {
 
 void FileSync::Written(int fd, const std::string& path) {
     if (!thread.joinable()) return;
-    std::lock_guard lock(shared->mutex);
+    std::unique_lock lock(shared->mutex);
     Work& waiting = shared->waiting;
     if (waiting.file.ok()) {
         // The place is taken by a file before this one.
@@ -187,7 +187,10 @@ void FileSync::Written(int fd, const std::string& path) {
     }
     waiting.file.reset(fcntl(fd, F_DUPFD_CLOEXEC, 0));
     if (!waiting.file.ok()) {
-        shared->TellFailure(shared->file_number, "keep log_file", path, errno);
+        const int error = errno;
+        const uint64_t number = shared->file_number;
+        lock.unlock();
+        shared->TellFailure(number, "keep log_file", path, error);
         return;
     }
     waiting.path = path;

@@ -179,6 +179,7 @@ QUARN_FILE_IO::~QUARN_FILE_IO() { io_closeDtor(); }
 int QUARN_FILE_IO::create_top_folder() {
     std::lock_guard lock(io_mutex);
     umask(0);
+    file_sync.FolderChanged(base_path);
     if (!quarn_check_dir_exist(base_path.c_str())) {
         if (mkdir(base_path.c_str(), kMode) != 0) {
             QUARN_LOGE("file_io: create folder %s fail, errno=%s", base_path.c_str(),
