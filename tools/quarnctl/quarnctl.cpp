@@ -109,11 +109,11 @@ class Parser {
             if (equals != std::string::npos) why = name + " takes no value";
             return equals == std::string::npos;
         };
-        int32_t number = 0;
         if (name == "--help") return flag(arguments.help);
         if (name == "--version") return flag(arguments.version);
         if (name == "--json") return flag(arguments.json);
         if (name == "--timeout") {
+            int32_t number = 0;
             if (!TakeNumber(name, equals, 0, "a number of seconds", number, why)) return false;
             arguments.timeout = seconds(number);
             return true;
