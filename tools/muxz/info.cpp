@@ -14,8 +14,8 @@
 #include "sim/qrx_log_header.h"
 #include "tools/muxz/commands.h"
 #include "tools/muxz/input.h"
+#include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
 #include "tools/muxz/tree.h"
 
 namespace muxz {
@@ -147,31 +147,31 @@ void ShowBlocks(BlockReader& reader, const OpenLog& log, Progress& progress) {
 }  // namespace
 
 int Info(const std::vector<std::string>& paths, bool all) {
-    Report report(isatty(STDOUT_FILENO) == 0);
+    Messages messages(isatty(STDOUT_FILENO) == 0);
     for (const std::string& path : paths) {
         std::string why;
         const Fd fd = OpenRegular(AT_FDCWD, path, why);
         if (!fd) {
-            report.IoError(path, why);
+            messages.IoError(path, why);
             continue;
         }
         const OpenLog log{fd.get(), path, MayBeOpen(path)};
         struct stat info;
         if (fstat(fd.get(), &info) == 0)
-            report.progress.Expect(static_cast<uint64_t>(info.st_size));
+            messages.progress.Expect(static_cast<uint64_t>(info.st_size));
         FileSource source(fd.get());
         Header header;
         printf("%s\n", PrintablePath(path).c_str());
-        if (!TakeHeader(source, log, header, report)) {
+        if (!TakeHeader(source, log, header, messages)) {
             Line("header", "none that is whole");
             continue;
         }
         ShowHeader(header, all);
         BlockReader reader(source, header.length, BlockReader::Mode::kLengths);
-        ShowBlocks(reader, log, report.progress);
-        TellEnd(reader, log, report, "");
+        ShowBlocks(reader, log, messages.progress);
+        TellEnd(reader, log, messages, "");
     }
-    return report.status;
+    return messages.status;
 }
 
 }  // namespace muxz

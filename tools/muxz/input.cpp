@@ -45,7 +45,7 @@ void Input::Visit(const std::function<bool(const OpenLog&)>& visit) {
     for (Item& item : items) {
         if (!(item.is_capture ? VisitCapture(item, visit) : VisitFile(item, visit))) break;
     }
-    report.progress.Clear();
+    messages.progress.Clear();
 }
 
 bool Input::Holds(const std::string& path) const {
@@ -58,7 +58,7 @@ bool Input::Holds(const std::string& path) const {
 }
 
 bool Input::Refuse(const std::string& path, const std::string& why) {
-    report.IoError(path, why);
+    messages.IoError(path, why);
     return false;
 }
 
@@ -72,7 +72,7 @@ bool Input::AddTree(const std::string& path, bool with_power_on_log) {
     Tree tree;
     std::vector<Complaint> complaints;
     if (!ListTree(path, tree, complaints)) return Refuse(path, strerror(errno));
-    report.Tell(complaints);
+    messages.Tell(complaints);
     size_t copies = 0;
     for (Capture& capture : tree.captures) {
         if (capture.copy) {
@@ -84,7 +84,7 @@ bool Input::AddTree(const std::string& path, bool with_power_on_log) {
     if (with_power_on_log) {
         for (const std::string& log : tree.power_on_logs) items.push_back({log, {}, false});
     }
-    if (copies != 0) report.Note(path, std::to_string(copies) + " copied captures are left out");
+    if (copies != 0) messages.Note(path, std::to_string(copies) + " copied captures are left out");
     if (tree.captures.empty() && tree.power_on_logs.empty())
         return Refuse(path, "holds no log files");
     return true;
@@ -95,7 +95,7 @@ Fd Input::Open(Item& item) {
 }
 
 void Input::MeasureCaptures() {
-    if (!report.progress.is_active()) return;
+    if (!messages.progress.is_active()) return;
     std::vector<Complaint> ignored;
     for (Item& item : items) {
         if (!item.is_capture) continue;
@@ -103,23 +103,23 @@ void Input::MeasureCaptures() {
         ListFiles(Open(item), "", files, ignored);
         for (const LogFile& file : files) expected += file.size;
     }
-    report.progress.Expect(expected);
+    messages.progress.Expect(expected);
 }
 
 bool Input::VisitCapture(Item& item, const std::function<bool(const OpenLog&)>& visit) {
     const Fd folder = Open(item);
     const std::string path = item.path.empty() ? item.capture.path() : item.path;
     if (!folder && errno == ENOENT) {
-        report.Note(path, kGone);
+        messages.Note(path, kGone);
         return true;
     }
     std::vector<LogFile> files;
     std::vector<Complaint> complaints;
     if (!folder || !ListFiles(folder, path, files, complaints)) {
-        report.IoError(path, strerror(errno));
+        messages.IoError(path, strerror(errno));
         return true;
     }
-    report.Tell(complaints);
+    messages.Tell(complaints);
     for (LogFile& file : files) {
         std::string why;
         const Fd fd = OpenFile(folder, file, why);
@@ -127,9 +127,9 @@ bool Input::VisitCapture(Item& item, const std::function<bool(const OpenLog&)>& 
         if (fd) {
             if (!visit({fd.get(), file_path, MayBeOpen(file.name)})) return false;
         } else if (errno == ENOENT) {
-            report.Note(file_path, kGone);
+            messages.Note(file_path, kGone);
         } else {
-            report.IoError(file_path, why);
+            messages.IoError(file_path, why);
         }
     }
     return true;
@@ -146,11 +146,11 @@ bool Input::VisitFile(Item& item, const std::function<bool(const OpenLog&)>& vis
         }
     }
     if (fd) return visit({fd.get(), item.path, MayBeOpen(item.path)});
-    report.IoError(item.path, why);
+    messages.IoError(item.path, why);
     return true;
 }
 
-bool TakeHeader(FileSource& source, const OpenLog& log, Header& header, Report& report) {
+bool TakeHeader(FileSource& source, const OpenLog& log, Header& header, Messages& messages) {
     const HeaderState state = ReadHeader(source, header);
     if (state == HeaderState::kWhole) return true;
     if (log.may_be_open && (state == HeaderState::kEmpty || state == HeaderState::kCut))
@@ -158,30 +158,31 @@ bool TakeHeader(FileSource& source, const OpenLog& log, Header& header, Report& 
     std::string text(Text(state));
     if (state == HeaderState::kUnknown || state == HeaderState::kDamaged)
         text += " (try muxz recover)";
-    state == HeaderState::kReadError ? report.IoError(log.path, text)
-                                     : report.FaultAt(log.path, 0, text);
+    state == HeaderState::kReadError ? messages.IoError(log.path, text)
+                                     : messages.FaultAt(log.path, 0, text);
     return false;
 }
 
-void TellEnd(const BlockReader& reader, const OpenLog& log, Report& report, const char* advice) {
+void TellEnd(const BlockReader& reader, const OpenLog& log, Messages& messages,
+             const char* advice) {
     switch (reader.end()) {
         case End::kWhole:
         case End::kStrayByte:
             return;
         case End::kCutLengths:
             if (!log.may_be_open)
-                report.Note(log.path,
-                            "offset " + std::to_string(reader.offset()) + ": " + reader.reason());
+                messages.Note(log.path,
+                              "offset " + std::to_string(reader.offset()) + ": " + reader.reason());
             return;
         case End::kCutBlock:
-            if (!log.may_be_open) report.FaultAt(log.path, reader.offset(), reader.reason());
+            if (!log.may_be_open) messages.FaultAt(log.path, reader.offset(), reader.reason());
             return;
         case End::kDamaged:
-            report.FaultAt(log.path, reader.offset(), reader.reason() + advice);
+            messages.FaultAt(log.path, reader.offset(), reader.reason() + advice);
             return;
         case End::kReadError:
-            report.IoError(log.path,
-                           "offset " + std::to_string(reader.offset()) + ": " + reader.reason());
+            messages.IoError(log.path,
+                             "offset " + std::to_string(reader.offset()) + ": " + reader.reason());
             return;
     }
 }

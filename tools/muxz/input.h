@@ -1,7 +1,7 @@
 // What the commands of muxz read: the log files that the arguments name, and the messages that each
 // file calls for, from its header to where its blocks end.
 //
-// What cannot be read is told to the report, and the rest is read. The daemon may rename and
+// What cannot be read is told to the messages, and the rest is read. The daemon may rename and
 // recycle meanwhile: what was renamed is found again, what a capture lost is told and no fault.
 #pragma once
 
@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
 #include "tools/muxz/tree.h"
 
 namespace muxz {
@@ -25,7 +25,7 @@ struct OpenLog {
 // The files that the arguments name, in the order in which they are read.
 class Input {
   public:
-    explicit Input(Report& messages) : report(messages) {}
+    explicit Input(Messages& told) : messages(told) {}
 
     // False when `path` names nothing that could be read.
     bool Add(const std::string& given, bool with_power_on_log);
@@ -51,16 +51,16 @@ class Input {
     bool VisitCapture(Item& item, const std::function<bool(const OpenLog&)>& visit);
     bool VisitFile(Item& item, const std::function<bool(const OpenLog&)>& visit);
 
-    Report& report;
+    Messages& messages;
     std::vector<Item> items;
     uint64_t expected = 0;  // bytes
 };
 
 // Reads the header and tells when it is none. Of a file still open a front is enough.
-bool TakeHeader(FileSource& source, const OpenLog& log, Header& header, Report& report);
+bool TakeHeader(FileSource& source, const OpenLog& log, Header& header, Messages& messages);
 
 // Tells where and why the blocks ended, unless that is in order. `advice` follows on damage.
-void TellEnd(const BlockReader& reader, const OpenLog& log, Report& report, const char* advice);
+void TellEnd(const BlockReader& reader, const OpenLog& log, Messages& messages, const char* advice);
 
 // What the blocks of a file amount to.
 struct BlockCounts {

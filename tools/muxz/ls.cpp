@@ -11,8 +11,8 @@
 
 #include "tools/muxz/commands.h"
 #include "tools/muxz/input.h"
+#include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
 #include "tools/muxz/tree.h"
 
 namespace muxz {
@@ -21,7 +21,7 @@ namespace {
 
 class Lister {
   public:
-    explicit Lister(LsOptions chosen) : options(chosen), report(isatty(STDOUT_FILENO) == 0) {}
+    explicit Lister(LsOptions chosen) : options(chosen), messages(isatty(STDOUT_FILENO) == 0) {}
 
     int List(const std::string& root) {
         Tree tree;
@@ -30,22 +30,22 @@ class Lister {
         if (CaptureAt(root, capture) && OpenCapture(capture)) {
             tree.captures.push_back(capture);
         } else if (!ListTree(root, tree, complaints)) {
-            report.IoError(root, strerror(errno));
-            return report.status;
+            messages.IoError(root, strerror(errno));
+            return messages.status;
         }
-        report.Tell(complaints);
+        messages.Tell(complaints);
         Row("INDEX", "TIME", "FILES", "PACKED", "RAW", "STATE", "PATH");
         for (Capture& listed : tree.captures) ListCapture(listed);
         for (const std::string& path : tree.power_on_logs) ListPowerOnLog(path);
-        report.progress.Clear();
-        return report.status;
+        messages.progress.Clear();
+        return messages.status;
     }
 
   private:
     void Row(const std::string& index, const std::string& time, const std::string& files,
              const std::string& packed, const std::string& raw, const std::string& state,
              const std::string& path) {
-        report.progress.Clear();
+        messages.progress.Clear();
         const int width = options.exact ? 14 : 9;
         printf("%10s  %-19s  %6s  %*s  ", index.c_str(), time.c_str(), files.c_str(), width,
                packed.c_str());
@@ -68,10 +68,10 @@ class Lister {
     uint64_t RawBytes(const OpenLog& log) {
         FileSource source(log.fd);
         Header header;
-        if (!TakeHeader(source, log, header, report)) return 0;
+        if (!TakeHeader(source, log, header, messages)) return 0;
         BlockReader reader(source, header.length, BlockReader::Mode::kLengths);
-        const uint64_t raw = Count(reader, report.progress).raw;
-        TellEnd(reader, log, report, "");
+        const uint64_t raw = Count(reader, messages.progress).raw;
+        TellEnd(reader, log, messages, "");
         return raw;
     }
 
@@ -79,19 +79,19 @@ class Lister {
         const Fd folder = OpenCapture(capture);
         std::vector<LogFile> files;
         std::vector<Complaint> complaints;
-        if (!folder && errno == ENOENT) return report.Note(capture.path(), "gone");
+        if (!folder && errno == ENOENT) return messages.Note(capture.path(), "gone");
         if (!folder || !ListFiles(folder, capture.path(), files, complaints)) {
-            report.IoError(capture.path(), strerror(errno));
+            messages.IoError(capture.path(), strerror(errno));
             return;
         }
-        report.Tell(complaints);
+        messages.Tell(complaints);
         uint64_t packed = 0, raw = 0;
         std::vector<uint64_t> raw_of_file;
         for (LogFile& file : files) {
             std::string why;
             const Fd fd = options.raw ? OpenFile(folder, file, why) : Fd();
             const std::string path = capture.path() + "/" + file.name;
-            if (options.raw && !fd && errno != ENOENT) report.IoError(path, why);
+            if (options.raw && !fd && errno != ENOENT) messages.IoError(path, why);
             raw_of_file.push_back(fd ? RawBytes({fd.get(), path, MayBeOpen(path)}) : 0);
             packed += file.size;
             raw += raw_of_file.back();
@@ -121,7 +121,7 @@ class Lister {
     }
 
     const LsOptions options;
-    Report report;
+    Messages messages;
 };
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "tools/muxz/commands.h"
-#include "tools/muxz/report.h"
+#include "tools/muxz/messages.h"
 
 namespace {
 

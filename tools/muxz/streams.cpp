@@ -18,8 +18,8 @@
 #include "storage/log_names.h"
 #include "tools/muxz/commands.h"
 #include "tools/muxz/input.h"
+#include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
 #include "tools/muxz/tree.h"
 
 namespace muxz {
@@ -89,90 +89,90 @@ class Output {
 };
 
 // An existing log must not be lost by a slip of the arguments.
-bool MayOverwrite(const std::string& path, const Input& input, Report& report) {
+bool MayOverwrite(const std::string& path, const Input& input, Messages& messages) {
     char real[PATH_MAX];  // a link may lead to one
     const std::string name(LastComponent(realpath(path.c_str(), real) != nullptr ? real : path));
     const bool is_log = quarn::log_names::ParseFile(name) || name == quarn::log_names::kPowerOnLog;
     if (!input.Holds(path) && !(is_log && access(path.c_str(), F_OK) == 0)) return true;
-    report.IoError(path, "is a log file, it is not overwritten");
+    messages.IoError(path, "is a log file, it is not overwritten");
     return false;
 }
 
 }  // namespace
 
 int Cat(const std::vector<std::string>& paths, const std::string& output_path) {
-    Report report(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
-    Input input(report);
+    Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
+    Input input(messages);
     bool any = false;
     for (const std::string& path : paths) any = input.Add(path, false) || any;
-    if (!any) return report.status;
-    if (!output_path.empty() && !MayOverwrite(output_path, input, report)) return report.status;
+    if (!any) return messages.status;
+    if (!output_path.empty() && !MayOverwrite(output_path, input, messages)) return messages.status;
     Output output(output_path);
     uint64_t done = 0;
     input.Visit([&](const OpenLog& log) {
         FileSource source(log.fd);
         Header header;
-        if (!TakeHeader(source, log, header, report)) return true;
+        if (!TakeHeader(source, log, header, messages)) return true;
         BlockReader reader(source, header.length);
         Block block;
         while (reader.Next(block)) {
             const size_t raw = block.lengths.raw_length;
             if (!reader.Unpack(block, output.Room(raw))) break;
             output.Filled(raw);
-            report.progress.At(done + block.offset);
+            messages.progress.At(done + block.offset);
         }
         done += reader.offset();
-        TellEnd(reader, log, report, "; the rest of the file is left out (try muxz recover)");
+        TellEnd(reader, log, messages, "; the rest of the file is left out (try muxz recover)");
         return true;
     });
     output.Close();
-    return report.status;
+    return messages.status;
 }
 
 int Verify(const std::vector<std::string>& paths) {
-    Report report(true);
-    Input input(report);
+    Messages messages(true);
+    Input input(messages);
     for (const std::string& path : paths) {
-        if (!input.Add(path, true) || report.status != kFine) return report.status;
+        if (!input.Add(path, true) || messages.status != kFine) return messages.status;
     }
     uint64_t files = 0, blocks = 0, raw = 0, done = 0;
     input.Visit([&](const OpenLog& log) {
         ++files;
         FileSource source(log.fd);
         Header header;
-        if (!TakeHeader(source, log, header, report)) return report.status == kFine;
+        if (!TakeHeader(source, log, header, messages)) return messages.status == kFine;
         BlockReader reader(source, header.length);
         Block block;
         while (reader.Next(block) && reader.Check(block)) {
             ++blocks;
             raw += block.lengths.raw_length;
-            report.progress.At(done + block.offset);
+            messages.progress.At(done + block.offset);
         }
         done += reader.offset();
-        TellEnd(reader, log, report, "");
-        return report.status == kFine;
+        TellEnd(reader, log, messages, "");
+        return messages.status == kFine;
     });
-    if (report.status == kFine)
+    if (messages.status == kFine)
         printf("%" PRIu64 " files, %" PRIu64 " blocks, %" PRIu64
                " raw bytes: every block is good\n",
                files, blocks, raw);
-    return report.status;
+    return messages.status;
 }
 
 int RecoverFile(const std::string& path, const std::string& output_path) {
     constexpr uint64_t kMostGapsTold = 100;
-    Report report(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
+    Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
     std::string why;
     const Fd fd = OpenRegular(AT_FDCWD, path, why);
     if (!fd) {
-        report.IoError(path, why);
-        return report.status;
+        messages.IoError(path, why);
+        return messages.status;
     }
-    Input input(report);
+    Input input(messages);
     input.Add(path, false);
-    if (!output_path.empty() && !MayOverwrite(output_path, input, report)) return report.status;
+    if (!output_path.empty() && !MayOverwrite(output_path, input, messages)) return messages.status;
     struct stat info;
-    if (fstat(fd.get(), &info) == 0) report.progress.Expect(static_cast<uint64_t>(info.st_size));
+    if (fstat(fd.get(), &info) == 0) messages.progress.Expect(static_cast<uint64_t>(info.st_size));
     Output output(output_path);
 
     uint64_t gaps_told = 0;
@@ -182,19 +182,19 @@ int RecoverFile(const std::string& path, const std::string& output_path) {
                      [&](uint64_t offset, Bytes raw) {
                          memcpy(output.Room(raw.size()), raw.data(), raw.size());
                          output.Filled(raw.size());
-                         report.progress.At(offset);
+                         messages.progress.At(offset);
                      },
                  .gap =
                      [&](Gap gap) {
                          if (++gaps_told > kMostGapsTold) return;
-                         report.Note(path, "offset " + std::to_string(gap.offset) + ": skipped " +
-                                               std::to_string(gap.length) + " bytes");
+                         messages.Note(path, "offset " + std::to_string(gap.offset) + ": skipped " +
+                                                 std::to_string(gap.length) + " bytes");
                      },
-                 .progress = [&](uint64_t offset) { report.progress.At(offset); }});
+                 .progress = [&](uint64_t offset) { messages.progress.At(offset); }});
     output.Close();
 
     if (gaps_told > kMostGapsTold)
-        report.Note(path, std::to_string(gaps_told - kMostGapsTold) + " more gaps");
+        messages.Note(path, std::to_string(gaps_told - kMostGapsTold) + " more gaps");
     const bool cut = result.ends_cut && result.gaps == 1;
     std::string summary = std::to_string(result.blocks) + " blocks, " +
                           std::to_string(result.raw_bytes) + " raw bytes recovered; " +
@@ -204,14 +204,14 @@ int RecoverFile(const std::string& path, const std::string& output_path) {
     if (result.ends_cut) summary += "; the file ends within a block";
     if (result.trailing > 1)
         summary += "; " + std::to_string(result.trailing) + " bytes of a block at the end";
-    report.Note(path, summary);
+    messages.Note(path, summary);
     if (result.error != 0) {
-        report.IoError(path,
-                       "offset " + std::to_string(result.end) + ": " + strerror(result.error));
+        messages.IoError(path,
+                         "offset " + std::to_string(result.end) + ": " + strerror(result.error));
     } else if (result.gaps != 0 && !(cut && MayBeOpen(path))) {
-        report.status = std::max(report.status, kFaults);
+        messages.status = std::max(messages.status, kFaults);
     }
-    return report.status;
+    return messages.status;
 }
 
 }  // namespace muxz

@@ -1,4 +1,4 @@
-#include "tools/muxz/report.h"
+#include "tools/muxz/messages.h"
 
 #include <unistd.h>
 
@@ -61,26 +61,26 @@ std::string Size(uint64_t bytes, bool exact) {
     return text;
 }
 
-void Report::Note(const std::string& path, const std::string& text) {
+void Messages::Note(const std::string& path, const std::string& text) {
     progress.Clear();
     fprintf(stderr, "muxz: %s: %s\n", PrintablePath(path).c_str(), text.c_str());
 }
 
-void Report::Fault(const std::string& path, const std::string& text) {
+void Messages::Fault(const std::string& path, const std::string& text) {
     Note(path, text);
     status = std::max(status, kFaults);
 }
 
-void Report::FaultAt(const std::string& path, uint64_t offset, const std::string& text) {
+void Messages::FaultAt(const std::string& path, uint64_t offset, const std::string& text) {
     Fault(path, "offset " + std::to_string(offset) + ": " + text);
 }
 
-void Report::IoError(const std::string& path, const std::string& text) {
+void Messages::IoError(const std::string& path, const std::string& text) {
     Note(path, text);
     status = kUsageOrIo;
 }
 
-void Report::Tell(const std::vector<Complaint>& complaints) {
+void Messages::Tell(const std::vector<Complaint>& complaints) {
     for (const auto& [kind, path, text] : complaints) {
         Note(path, text);
         if (kind == Complaint::Kind::kFault) status = std::max(status, kFaults);

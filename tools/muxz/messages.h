@@ -48,9 +48,9 @@ std::string PrintablePath(std::string_view path);
 std::string Size(uint64_t bytes, bool exact);
 
 // The messages and the exit status of one run. The status never gets better.
-class Report {
+class Messages {
   public:
-    explicit Report(bool with_progress) : progress(with_progress) {}
+    explicit Messages(bool with_progress) : progress(with_progress) {}
 
     // Tells, and leaves the status as it is.
     void Note(const std::string& path, const std::string& text);
