@@ -17,7 +17,9 @@
 #include "storage/log_file_format.h"
 #include "storage/log_names.h"
 #include "support.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
+#include "tools/muxz/recovery.h"
 #include "tools/muxz/tree.h"
 
 namespace {

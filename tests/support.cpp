@@ -11,6 +11,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/tree.h"
 

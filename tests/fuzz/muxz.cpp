@@ -4,7 +4,9 @@
 #include <map>
 
 #include "fuzz.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
+#include "tools/muxz/recovery.h"
 
 namespace {
 

@@ -13,6 +13,7 @@
 
 #include "sim/qrx_log_header.h"
 #include "tools/muxz/commands.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/input.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"

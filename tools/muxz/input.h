@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/muxz/header.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/tree.h"

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/input.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"

@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 
 namespace muxz {

@@ -17,9 +17,11 @@
 
 #include "storage/log_names.h"
 #include "tools/muxz/commands.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/input.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reader.h"
+#include "tools/muxz/recovery.h"
 #include "tools/muxz/tree.h"
 
 namespace muxz {

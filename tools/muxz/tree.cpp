@@ -16,7 +16,7 @@
 #include <queue>
 
 #include "storage/log_names.h"
-#include "tools/muxz/reader.h"
+#include "tools/muxz/source.h"
 
 namespace muxz {
 
