@@ -9,10 +9,6 @@ namespace muxz {
 
 namespace {
 
-uint32_t Get32(const uint8_t* in) {
-    return in[0] | static_cast<uint32_t>(in[1]) << 8 | static_cast<uint32_t>(in[2]) << 16 |
-           static_cast<uint32_t>(in[3]) << 24;
-}
 uint16_t Get16(const uint8_t* in) { return static_cast<uint16_t>(in[0] | in[1] << 8); }
 
 // Fills the fields of version 1 from a whole header.

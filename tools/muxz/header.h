@@ -37,6 +37,11 @@ struct Header {
 HeaderState ParseHeader(Bytes front, Header& header);
 HeaderState ReadHeader(Source& source, Header& header);
 
+inline uint32_t Get32(const uint8_t* in) {
+    return in[0] | static_cast<uint32_t>(in[1]) << 8 | static_cast<uint32_t>(in[2]) << 16 |
+           static_cast<uint32_t>(in[3]) << 24;
+}
+
 struct CustomEntry {
     uint8_t type;
     Bytes value;

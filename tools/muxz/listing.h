@@ -6,9 +6,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/muxz/model.h"
+#include "tools/muxz/tree.h"
 
 namespace muxz {
 
@@ -27,7 +29,11 @@ struct FoundFile {
     std::string path;
     uint64_t size = 0;  // bytes, when it was listed
     std::function<OpenedFile()> open;
+    bool given = false;                 // its path itself was given
+    std::pair<size_t, size_t> place{};  // as FileFacts has it
 };
+// A file on disk.
+FoundFile FileAt(const std::string& path, uint64_t size);
 
 // Files that belong together by where they lie.
 struct FoundGroup {
@@ -37,10 +43,13 @@ struct FoundGroup {
         kPowerOn,  // power-on logs
     };
     Kind kind = Kind::kHeap;
-    std::string path;   // of the folder
-    std::string root;   // the given path that led here
-    bool whole = true;  // all files of the folder are here
+    std::string path;    // of the folder; of files given one by one empty
+    bool given = false;  // of kCapture: its path itself was given
+    bool whole = true;   // all files of the folder are here
     bool copy = false;
+    // Numbers of the log files in the folder that were not asked for.
+    std::vector<uint32_t> others;
+    std::optional<Capture> capture;  // of kCapture: what its name tells
     std::vector<FoundFile> files;  // as listed; of a capture in the order of their numbers
 };
 

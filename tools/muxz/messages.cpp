@@ -63,7 +63,8 @@ std::string Size(uint64_t bytes, bool exact) {
 
 void Messages::Note(const std::string& path, const std::string& text) {
     progress.Clear();
-    fprintf(stderr, "muxz: %s: %s\n", PrintablePath(path).c_str(), text.c_str());
+    const std::string place = path.empty() ? "" : PrintablePath(path) + ": ";
+    fprintf(stderr, "muxz: %s%s\n", place.c_str(), text.c_str());
 }
 
 void Messages::Fault(const std::string& path, const std::string& text) {
@@ -80,12 +81,21 @@ void Messages::IoError(const std::string& path, const std::string& text) {
     status = kUsageOrIo;
 }
 
-void Messages::Tell(const std::vector<Complaint>& complaints) {
-    for (const auto& [kind, path, text] : complaints) {
-        Note(path, text);
-        if (kind == Complaint::Kind::kFault) status = std::max(status, kFaults);
-        if (kind == Complaint::Kind::kUnreadable) status = kUsageOrIo;
+void Messages::Tell(const Finding& finding) {
+    std::string text = finding.text;
+    if (finding.offset) text = "offset " + std::to_string(*finding.offset) + ": " + text;
+    switch (finding.kind) {
+        case Finding::Kind::kNote:
+            return Note(finding.path, text);
+        case Finding::Kind::kFault:
+            return Fault(finding.path, text);
+        case Finding::Kind::kUnreadable:
+            return IoError(finding.path, text);
     }
+}
+
+void Messages::Tell(const std::vector<Finding>& findings) {
+    for (const Finding& finding : findings) Tell(finding);
 }
 
 }  // namespace muxz

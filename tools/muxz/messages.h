@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/muxz/tree.h"
+#include "tools/muxz/model.h"
 
 namespace muxz {
 
@@ -57,7 +57,8 @@ class Messages {
     void Fault(const std::string& path, const std::string& text);
     void FaultAt(const std::string& path, uint64_t offset, const std::string& text);
     void IoError(const std::string& path, const std::string& text);
-    void Tell(const std::vector<Complaint>& complaints);
+    void Tell(const Finding& finding);
+    void Tell(const std::vector<Finding>& findings);
 
     int status = kFine;
     Progress progress;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <map>
 #include <tuple>
 
 namespace muxz {
@@ -44,6 +45,84 @@ const std::vector<CustomValue>& CaptureFacts::custom() const {
         if (!file.header.custom.empty()) return file.header.custom;
     }
     return kNone;
+}
+
+std::string RawMissing(const Finding& finding) {
+    if (!finding.raw_missing) return "the raw bytes in them are missing, how many is not known";
+    return std::string(finding.raw_estimated ? "about " : "") +
+           std::to_string(*finding.raw_missing) + " raw bytes are missing";
+}
+
+std::string_view Text(CaptureFacts::State state) {
+    switch (state) {
+        case CaptureFacts::State::kFinished:
+            return "finished";
+        case CaptureFacts::State::kUnfinished:
+            return "unfinished";
+        case CaptureFacts::State::kNewest:
+            return "newest";
+        case CaptureFacts::State::kBeingWritten:
+            return "being written";
+    }
+    return "";
+}
+
+std::vector<const FileFacts*> Model::Files() const {
+    std::vector<const FileFacts*> files;
+    for (const Phone& phone : phones) {
+        for (const FileFacts& log : phone.power_on_logs) {
+            if (log.given) files.push_back(&log);
+        }
+        for (const CaptureFacts& capture : phone.captures) {
+            if (capture.copy) continue;
+            for (const FileFacts& file : capture.files) files.push_back(&file);
+        }
+    }
+    return files;
+}
+
+std::vector<CustomChange> Changes(const Phone& phone) {
+    std::vector<CustomChange> changes;
+    const CaptureFacts* before = nullptr;
+    for (size_t i = 0; i < phone.captures.size(); ++i) {
+        const CaptureFacts& capture = phone.captures[i];
+        if (capture.copy || capture.custom().empty()) continue;
+        std::map<uint8_t, std::pair<std::string, std::string>> values;
+        if (before != nullptr) {
+            for (const CustomValue& value : before->custom())
+                values[value.type].first = value.value;
+            for (const CustomValue& value : capture.custom()) {
+                values[value.type].second = value.value;
+            }
+        }
+        for (const auto& [type, change] : values) {
+            if (change.first != change.second)
+                changes.push_back({i, type, change.first, change.second});
+        }
+        before = &capture;
+    }
+    return changes;
+}
+
+std::string Model::Verdict() const {
+    const auto count = [](size_t number, const char* one) {
+        return std::to_string(number) + " " + one + (number == 1 ? "" : "s");
+    };
+    const int status = Status();
+    std::string what = count(totals.captures, "capture") + ", " + count(totals.files, "file");
+    if (status == 2) return "NOT ALL COULD BE READ: " + what;
+    if (status == 0) {
+        if (depth == Depth::kBlocks) return "GOOD: " + what + ", every block unpacks";
+        return "GOOD as far as looked at: " + what + ", every block has its place";
+    }
+    std::string text = "NOT WHOLE: " + what + ", " + count(totals.faults, "fault");
+    if (totals.holes != 0) text += ", " + count(totals.holes, "hole") + " among them";
+    if (totals.damaged_bytes != 0) {
+        text += ", " + std::to_string(totals.damaged_bytes) + " bytes damaged (" +
+                (totals.raw_estimated ? "about " : "") + std::to_string(totals.raw_missing) +
+                " raw bytes missing)";
+    }
+    return text;
 }
 
 int Model::Status() const {

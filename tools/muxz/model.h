@@ -28,19 +28,17 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
+#include "tools/muxz/times.h"
 
 namespace muxz {
 
 struct Listing;
-
-// Seconds since 1970-01-01 00:00:00 on the phone's own clock, as names tell it: local time.
-using PhoneTime = int64_t;
-// Seconds since 1970-01-01 00:00:00 UTC, as headers tell it.
-using UtcTime = int64_t;
 
 // --- findings
 
@@ -67,8 +65,10 @@ struct Finding {
     // Bytes of the file: where, and how many. Only of kDamage, kCutEnd and kHeader.
     std::optional<uint64_t> offset;
     uint64_t length = 0;
-    // Raw bytes that are missing there; none when nothing tells how many. Only of kDamage.
+    // Raw bytes that are missing there; none when nothing tells how many. Estimated: by the ratio
+    // of the blocks in front, since the lost ones do not say it. Only of kDamage.
     std::optional<uint64_t> raw_missing;
+    bool raw_estimated = false;
     // The numbers that are missing. Only of kHole, kFrontGone and kCaptureGone.
     std::optional<uint32_t> first_number;
     std::optional<uint32_t> last_number;
@@ -77,6 +77,8 @@ struct Finding {
     std::optional<PhoneTime> to;
     std::string text;  // for people, without path and offset; fit for a terminal
 };
+// "about 4096 raw bytes are missing"
+std::string RawMissing(const Finding& finding);
 
 // --- a file
 
@@ -107,6 +109,9 @@ struct HeaderFacts {
     };
     Kind kind = Kind::kEmpty;
     uint64_t length = 0;  // bytes in front of the first block; of kNoBlock all that were looked at
+    // Of kForeign and kNoBlock: where a row of blocks begins, as FindFirstBlock tells it.
+    // Neighbours that agree on it settle a doubt about `length`.
+    std::optional<uint64_t> row;
 
     // The known layout as it stands, of a known version; of kOwn only.
     std::optional<Header> own;
@@ -134,19 +139,26 @@ struct BlockFacts {
 
 struct FileFacts {
     std::string path;
-    std::string name;                 // its last component
-    std::optional<uint32_t> index;    // of the header, else of the name
-    std::optional<PhoneTime> opened;  // by its name
-    bool exception = false;           // marked so in its name: opened after a modem exception
-    bool may_be_open = false;         // by its name; its end may be anywhere
-    uint64_t size = 0;                // bytes, when it was scanned
+    std::string name;                    // its last component
+    std::optional<uint32_t> index;       // of the header, else of the name
+    std::optional<uint32_t> name_index;  // of the name
+    std::optional<PhoneTime> opened;     // by its name
+    bool exception = false;              // marked so in its name: opened after a modem exception
+    bool may_be_open = false;            // by its name; its end may be anywhere
+    uint64_t size = 0;                   // bytes, when it was scanned
     std::optional<UtcTime> last_change;
     bool readable = true;
+    bool given = false;  // its path itself was given, not that of a folder around it
+    // Which of the given paths led to it, and its place by name in a heap.
+    std::pair<size_t, size_t> place;
+    uint64_t fingerprint = 0;  // of the first bytes behind the header; 0: there are none
 
     HeaderFacts header;
     BlockFacts blocks;              // zero when only the header was read
     End end = End::kWhole;          // likewise
+    std::string end_reason;         // what is wrong there, for people; empty when nothing is
     uint64_t end_offset = 0;        // behind the last good block
+    uint64_t trailing = 0;          // bytes seen behind it: of a stray byte or a cut block
     uint64_t damaged_bytes = 0;     // of the file, in kDamage findings
     std::vector<Finding> findings;  // what the file alone tells
 
@@ -160,6 +172,7 @@ struct FileFacts {
 // When the modem crashed. `exact` when the modem itself told, by its restart.
 struct ExceptionTime {
     bool exact = false;
+    std::optional<UtcTime> utc;  // when exact
     std::optional<PhoneTime> from;
     std::optional<PhoneTime> to;  // as `from` when exact
     std::string told_by;          // path of the file whose header told; empty unless exact
@@ -179,6 +192,9 @@ struct CaptureFacts {
     State state = State::kFinished;
     bool copy = false;  // another capture holds the same; counts for nothing
     bool whole = true;  // all files of its folder were asked for, not some of them
+    // Numbers of the files in the folder that were not asked for; empty when `whole`.
+    std::vector<uint32_t> others;
+    bool given = false;  // its path itself was given, not that of a tree around it
 
     std::optional<PhoneTime> start;          // when its folder was made
     std::optional<UtcTime> folder_time;      // the same instant, by its headers
@@ -190,11 +206,16 @@ struct CaptureFacts {
     uint64_t size = 0;             // bytes of all files
     BlockFacts blocks;             // of all files
     uint64_t damaged_bytes = 0;
-    uint64_t raw_missing = 0;  // raw bytes known to be missing in damaged places
+    uint64_t raw_missing = 0;  // bytes, in damaged places
+    bool raw_estimated = false;
+    std::vector<Finding> findings;  // about the capture as a whole; those of its files are theirs
 
     std::optional<double> Seconds() const;           // from start to end, when that is above 0
     const std::vector<CustomValue>& custom() const;  // of its first file that has any
 };
+
+// "finished", "unfinished", "newest" or "being written"
+std::string_view Text(CaptureFacts::State state);
 
 // --- phones
 
@@ -202,7 +223,10 @@ struct Phone {
     std::string hardware_id;             // empty when no header tells
     std::vector<CaptureFacts> captures;  // in capture order, copies among them
     std::vector<FileFacts> power_on_logs;
-    std::optional<int32_t> utc_offset;  // of its newest capture that tells it
+    std::optional<int32_t> utc_offset;  // seconds east, of its newest capture that tells it
+    // No header tells it: it is what makes the last change of files fit the opening of the next.
+    bool utc_offset_estimated = false;
+    bool last_changes_kept = true;  // else the files were copied without their times
 };
 
 struct HistoryEntry {
@@ -228,8 +252,8 @@ struct Totals {
     size_t faults = 0;
     size_t holes = 0;  // among the faults
     uint64_t damaged_bytes = 0;
-    uint64_t raw_missing = 0;        // of damaged places that tell it
-    size_t raw_missing_unknown = 0;  // damaged places that do not
+    uint64_t raw_missing = 0;    // bytes, in damaged places
+    bool raw_estimated = false;  // not all of them are told exactly
     size_t power_on_logs = 0;
     BlockFacts power_on_blocks;  // apart from the others
 };
@@ -243,11 +267,16 @@ enum class Depth {
 struct Model {
     Depth depth = Depth::kHeaders;  // how far the files were read
     std::vector<Phone> phones;      // one, unless the files cannot be those of one phone
+    size_t phones_found = 0;        // also those that were not asked for
     std::string phones_why;         // by which signs, when there are several
     std::vector<HistoryEntry> history;
     std::vector<Finding> findings;  // all of them, in the order of the stream
     bool reordered = false;         // the order of the model is not that of names or arguments
     Totals totals;
+
+    // Of all phones, in the order of the stream. Not copies; power-on logs only when they were
+    // given themselves, since the captures hold their blocks too.
+    std::vector<const FileFacts*> Files() const;
 
     // 0 good, 1 faults or holes, 2 something could not be read.
     int Status() const;
@@ -261,14 +290,28 @@ std::vector<CustomChange> Changes(const Phone& phone);
 // Of the files that `listing` names, in its order: facts[i][k] is of listing.groups[i].files[k].
 using ScannedFiles = std::vector<std::vector<FileFacts>>;
 
-Model Assemble(const Listing& listing, ScannedFiles scanned, Depth depth);
+// Which phones the model is to hold when the files cannot be those of one.
+struct PhoneChoice {
+    enum class Which {
+        kAll,   // each apart from the others
+        kOne,   // the one of `number` alone
+        kSame,  // it is one phone, whatever the signs say
+    };
+    Which which = Which::kAll;
+    size_t number = 0;  // 1 is the first
+};
 
 struct BuildOptions {
     Depth depth = Depth::kHeaders;
-    bool first_fault = false;  // reads no further file once a file has a fault
+    PhoneChoice phones{};
+    bool copies = false;       // copies are read like the others; else only their headers
+    bool first_fault = false;  // reads no more than headers once a file has a fault
     // Called now and then with the bytes of log files gone by so far, and those of all of them.
-    std::function<void(uint64_t done, uint64_t all)> progress;
+    std::function<void(uint64_t done, uint64_t all)> progress{};
 };
 Model Build(const std::vector<std::string>& paths, const BuildOptions& options);
+
+// `scanned` are the files that `listing` names.
+Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions& options);
 
 }  // namespace muxz

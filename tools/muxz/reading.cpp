@@ -1,0 +1,29 @@
+#include "tools/muxz/reading.h"
+
+namespace muxz {
+
+Model Read(const std::vector<std::string>& paths, BuildOptions options, Messages& messages) {
+    options.progress = [&](uint64_t done, uint64_t all) {
+        messages.progress.Expect(all);
+        messages.progress.At(done);
+    };
+    Model model = Build(paths, options);
+    messages.progress.Clear();
+    return model;
+}
+
+bool AreWanted(const Model& model, const Phones& phones, Messages& messages) {
+    if (phones && !model.phones.empty()) return true;
+    if (!phones && model.phones_found <= 1) return true;
+    if (phones) {
+        messages.IoError("", "there is no phone " + std::to_string(phones->number) + ", but " +
+                                 std::to_string(model.phones_found));
+        return false;
+    }
+    messages.IoError("", "these are files of " + std::to_string(model.phones_found) +
+                             " phones: " + model.phones_why +
+                             " (choose with --phone N, all or same; muxz ls shows them)");
+    return false;
+}
+
+}  // namespace muxz
