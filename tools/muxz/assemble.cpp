@@ -107,6 +107,11 @@ void TakePowerOnLogs(std::vector<FileFacts> logs, Model& model) {
 
 void Choose(const PhoneChoice& choice, Model& model) {
     model.phones_found = model.phones.size();
+    if (model.phones_found > 1) {
+        model.findings.push_back(NoteOn("", Finding::What::kPhones,
+                                        "these are files of " + std::to_string(model.phones_found) +
+                                            " phones: " + model.phones_why));
+    }
     if (choice.which != PhoneChoice::Which::kOne) return;
     std::vector<Phone> chosen;
     if (choice.number >= 1 && choice.number <= model.phones.size())

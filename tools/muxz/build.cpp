@@ -63,18 +63,22 @@ class Builder {
   private:
     std::vector<FileFacts> ScanGroup(const FoundGroup& group) {
         std::vector<FileFacts> files;
-        for (const FoundFile& file : group.files) files.push_back(ScanOne(group, file, {}));
+        std::vector<Depth> depths;
+        for (const FoundFile& file : group.files) {
+            const bool shallow = (group.copy && !options.copies) || (options.first_fault && fault);
+            depths.push_back(shallow ? Depth::kHeaders : options.depth);
+            files.push_back(ScanOne(file, depths.back(), {}));
+        }
         const std::optional<uint64_t> header = CommonHeader(files);
         for (size_t i = 0; header && i < files.size(); ++i) {
-            if (Contradicts(files[i], *header)) files[i] = ScanOne(group, group.files[i], header);
+            if (Contradicts(files[i], *header))
+                files[i] = ScanOne(group.files[i], depths[i], header);
         }
         return files;
     }
 
-    FileFacts ScanOne(const FoundGroup& group, const FoundFile& file,
-                      std::optional<uint64_t> header) {
-        const bool shallow = (group.copy && !options.copies) || (options.first_fault && fault);
-        ScanOptions scan{shallow ? Depth::kHeaders : options.depth, header, {}};
+    FileFacts ScanOne(const FoundFile& file, Depth depth, std::optional<uint64_t> header) {
+        ScanOptions scan{depth, header, {}};
         if (options.progress) {
             scan.progress = [this](uint64_t bytes) { options.progress(done += bytes, all); };
         }

@@ -58,7 +58,7 @@ int Cat(const std::vector<std::string>& paths, const std::string& output_path,
     const std::vector<const FileFacts*> files = model.Files();
     if (files.empty()) return messages.status;
     if (model.reordered)
-        messages.Note("", "the files are written in capture order, not in that of their names");
+        messages.Note("", "the files go in capture order, not in that of names or arguments");
     if (!output_path.empty() && !MayOverwrite(output_path, model, messages)) return messages.status;
     messages.progress.Expect(model.totals.size);
     Output output(output_path);

@@ -6,7 +6,7 @@
 
 #include "storage/log_names.h"
 #include "tools/muxz/assemble.h"
-#include "tools/muxz/messages.h"
+#include "tools/muxz/text.h"
 
 namespace muxz {
 
@@ -78,7 +78,7 @@ void FindFileGaps(CaptureFacts& capture) {
     for (const FileFacts& file : capture.files) {
         if (!file.index) continue;
         if (before == nullptr) {
-            if (*file.index != 0 && capture.whole) {
+            if (*file.index != 0 && *file.index < kLargestGap && capture.whole) {
                 const uint32_t last = *file.index - 1;
                 Finding note =
                     NoteOn(capture.path, Finding::What::kFrontGone,
@@ -123,7 +123,7 @@ std::vector<Finding> FindCaptureGaps(const std::vector<Phone>& phones,
         const CaptureFacts* before = nullptr;
         for (const CaptureFacts* capture : captures) {
             const uint32_t index = *capture->index;
-            if (before == nullptr && index != 0)
+            if (before == nullptr && index != 0 && index < kLargestGap)
                 findings.push_back(GoneCaptures(folder, 0, index - 1, " gone: recycled?"));
             const uint32_t step = before == nullptr ? 0 : index - *before->index;
             if (step > 1 && step < kLargestGap)

@@ -3,7 +3,7 @@
 #include <tuple>
 
 #include "tools/muxz/assemble.h"
-#include "tools/muxz/messages.h"
+#include "tools/muxz/text.h"
 
 namespace muxz {
 
@@ -63,17 +63,15 @@ struct Row {
     CaptureFacts capture;
     std::string custom;
     uint32_t last;  // number
-    size_t used;    // when a file was last added
 };
 
+// A phone writes one capture at a time, so a file belongs to the latest that it fits.
 Row* RowFor(std::vector<Row>& rows, const FileFacts& file, const std::string& custom) {
-    Row* best = nullptr;
-    for (Row& row : rows) {
-        if (file.index == 0u || row.custom != custom || row.last >= *file.index) continue;
-        if (best == nullptr || std::tie(row.last, row.used) > std::tie(best->last, best->used))
-            best = &row;
-    }
-    return best;
+    if (*file.index == 0) return nullptr;
+    const auto row = std::find_if(rows.rbegin(), rows.rend(), [&](const Row& candidate) {
+        return candidate.custom == custom && candidate.last < *file.index;
+    });
+    return row == rows.rend() ? nullptr : &*row;
 }
 
 Captures GroupByName(std::vector<FileFacts> files) {
@@ -83,7 +81,6 @@ Captures GroupByName(std::vector<FileFacts> files) {
     });
     Captures done;
     std::vector<Row> rows;
-    size_t count = 0;
     for (FileFacts& file : files) {
         if (std::any_of(rows.begin(), rows.end(),
                         [&](Row& row) { return IsSecondCopy(row.capture, file); }))
@@ -93,14 +90,13 @@ Captures GroupByName(std::vector<FileFacts> files) {
         if (Row* row = RowFor(rows, file, custom)) {
             row->capture.files.push_back(std::move(file));
             row->last = index;
-            row->used = ++count;
             continue;
         }
         if (rows.size() == kMostRows) {
             done.push_back(std::move(rows.front().capture));
             rows.erase(rows.begin());
         }
-        rows.push_back({Begin(std::move(file)), custom, index, ++count});
+        rows.push_back({Begin(std::move(file)), custom, index});
     }
     for (Row& row : rows) done.push_back(std::move(row.capture));
     return done;

@@ -91,7 +91,7 @@ class Collector {
     Listing listing;
     size_t given_paths = 0;
     size_t argument = 0;  // the one being taken
-    Tree tree;  // of all paths
+    Tree tree;            // of all paths
     // By the path of a capture: which argument led to it, and whether it named the capture itself.
     std::map<std::string, std::pair<size_t, bool>> arguments;
     std::map<std::string, size_t> places;  // of groups whose files were given one by one
@@ -187,7 +187,7 @@ void Collector::TakeTree(const std::string& path) {
     }
     if (!own.captures.empty()) {
         TakeHistory(path);
-        TakeHistory(path + "/..");
+        TakeHistory(LastComponent(path).starts_with('.') ? path + "/.." : FolderAround(path));
     }
     for (const Capture& capture : own.captures) {
         arguments.try_emplace(capture.path(), argument, false);
@@ -284,13 +284,18 @@ Listing Collector::Finish() {
     // What lies beside files that were given one by one may fill holes between them.
     for (FoundGroup& group : listing.groups) {
         if (group.whole) continue;
-        std::set<std::string> folders;
-        for (const FoundFile& file : group.files) folders.insert(FolderAround(file.path));
+        std::set<std::string> folders, asked;
+        for (const FoundFile& file : group.files) {
+            folders.insert(FolderAround(file.path));
+            asked.emplace(LastComponent(file.path));
+        }
         for (const std::string& folder : folders) {
             std::vector<LogFile> files;
             std::vector<Complaint> ignored;
             ListFiles(OpenFolder(folder), folder, files, ignored);
-            for (const LogFile& file : files) group.others.push_back(file.index);
+            for (const LogFile& file : files) {
+                if (!asked.contains(file.name)) group.others.push_back(file.index);
+            }
         }
     }
     return std::move(listing);

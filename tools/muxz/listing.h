@@ -50,7 +50,7 @@ struct FoundGroup {
     // Numbers of the log files in the folder that were not asked for.
     std::vector<uint32_t> others;
     std::optional<Capture> capture;  // of kCapture: what its name tells
-    std::vector<FoundFile> files;  // as listed; of a capture in the order of their numbers
+    std::vector<FoundFile> files;    // as listed; of a capture in the order of their numbers
 };
 
 struct Listing {

@@ -60,12 +60,16 @@ class Lister {
             path);
         for (const FileFacts& file : capture.files) {
             if (!options.files) break;
+            const bool last =
+                &file == &capture.files.back() && capture.state != CaptureFacts::State::kFinished;
+            const std::string_view state_of_file =
+                Text(!file.may_be_open ? CaptureFacts::State::kFinished
+                     : last            ? capture.state
+                                       : CaptureFacts::State::kUnfinished);
             Row(file.index ? std::to_string(*file.index) : "-",
                 file.opened ? ShowTime(*file.opened) : "-", "", Size(file.size, options.exact),
                 Size(file.blocks.raw, options.exact),
-                std::string(file.may_be_open ? "newest" : "finished") +
-                    (file.exception ? " EE" : ""),
-                "  " + file.name);
+                std::string(state_of_file) + (file.exception ? " EE" : ""), "  " + file.name);
         }
     }
 

@@ -2,7 +2,7 @@
 #include <optional>
 
 #include "tools/muxz/assemble.h"
-#include "tools/muxz/messages.h"
+#include "tools/muxz/text.h"
 
 namespace muxz {
 
@@ -51,7 +51,11 @@ std::optional<std::string> Conflict(const CaptureFacts& a, const CaptureFacts& b
     const bool heap = !a.index && !b.index;
     if (heap && a.folder_time && a.folder_time == b.folder_time)
         return "captures of one second, in " + both;
-    if (LiesWithin(a, b) || LiesWithin(b, a)) return "captures at the same time, " + both;
+    if (LiesWithin(a, b) || LiesWithin(b, a)) {
+        const bool guess = heap && (!a.folder_time || !b.folder_time);
+        return "captures at the same time, " + both +
+               (guess ? " (which file is whose is a guess by names)" : "");
+    }
     return std::nullopt;
 }
 

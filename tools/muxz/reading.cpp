@@ -16,13 +16,14 @@ bool AreWanted(const Model& model, const Phones& phones, Messages& messages) {
     if (phones && !model.phones.empty()) return true;
     if (!phones && model.phones_found <= 1) return true;
     if (phones) {
-        messages.IoError("", "there is no phone " + std::to_string(phones->number) + ", but " +
+        messages.IoError("", "there is no phone " + std::to_string(phones->number) + ", only " +
                                  std::to_string(model.phones_found));
         return false;
     }
-    messages.IoError("", "these are files of " + std::to_string(model.phones_found) +
-                             " phones: " + model.phones_why +
-                             " (choose with --phone N, all or same; muxz ls shows them)");
+    for (const Finding& finding : model.findings) {
+        if (finding.what == Finding::What::kPhones) messages.Tell(finding);
+    }
+    messages.IoError("", "choose with --phone N, --phone all or --phone same; muxz ls shows them");
     return false;
 }
 

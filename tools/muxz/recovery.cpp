@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "storage/log_file_format.h"
+#include "tools/muxz/block.h"
 #include "tools/muxz/search.h"
 
 namespace muxz {
@@ -72,7 +73,7 @@ Recovery Recoverer::Run() {
         uint64_t found;
         const bool more = expected ? FindBehind(at, found) : search.Find(found = at);
         const uint64_t gap = found < at ? 0 : at;
-        if (!more) result.ends_cut = search.IsCut(at, found);
+        if (!more) result.ends_cut = found - gap < kLeastBlock || search.IsCut(at, found);
         Skip(gap, found);
         result.end = found;
         if (!more) break;

@@ -16,6 +16,7 @@ constexpr uint32_t kAloneBytes = 64;  // raw bytes that make a block trusted on 
 constexpr int64_t kCreditPerByte = 16;
 constexpr size_t kLookAhead = 4096;  // bytes at least that a search has before it
 constexpr size_t kPiece = size_t{1024} * 1024;
+constexpr int kMostTried = 64;   // blocks that are looked at for the first of a row
 constexpr int kMostInARow = 16;  // damaged blocks whose lengths are followed from one to the next
 
 }  // namespace
@@ -88,6 +89,14 @@ bool BlockSearch::BeginsRow(uint64_t offset) {
     return true;
 }
 
+bool BlockSearch::LeadsTo(uint64_t offset, uint64_t to) {
+    for (int i = 0; i < kMostInARow && offset < to; ++i) {
+        if (!LooksLikeBlockAt(offset)) return false;
+        offset = Behind(offset);
+    }
+    return offset == to;
+}
+
 void BlockSearch::Earn(uint64_t bytes) {
     const uint64_t most = kMostCredit / kCreditPerByte;
     credit = std::min(credit + static_cast<int64_t>(std::min(bytes, most)) * kCreditPerByte,
@@ -141,12 +150,16 @@ FirstBlock FindFirstBlock(Source& source) {
     Window window(source, kMostHeader);
     BlockSearch search(window);
     FirstBlock first;
-    for (uint64_t offset = 0; search.Find(offset, kMostHeader); ++offset) {
+    uint64_t offset = 0;
+    for (int i = 0; i < kMostTried && search.Find(offset, kMostHeader); ++i, ++offset) {
         if (!first.offset) first.offset = offset;
         if (search.BeginsRow(offset)) {
             first.row = offset;
             break;
         }
+    }
+    for (uint64_t front = 0; first.offset && front < *first.offset; ++front) {
+        if (search.LeadsTo(front, *first.offset)) first.offset = front;
     }
     return first;
 }

@@ -28,6 +28,9 @@ class BlockSearch {
     // one block more, to bytes enough that it is none by chance.
     bool BeginsRow(uint64_t offset);
 
+    // Returns true if lengths alone lead from a block at `offset` to one at `to`.
+    bool LeadsTo(uint64_t offset, uint64_t to);
+
     // Moves `offset` on to the next trusted block, at most to `limit`. On false `offset` is at the
     // end of the file or behind `limit`.
     bool Find(uint64_t& offset, uint64_t limit = UINT64_MAX);
@@ -62,7 +65,9 @@ class BlockSearch {
 
 // Where the blocks of a file begin whose header is another writer's.
 struct FirstBlock {
-    std::optional<uint64_t> offset;  // of the first trusted block, as recovery finds it
+    // Of the first trusted block, as recovery finds it, or of one in front of it that is damaged
+    // but whose lengths lead there.
+    std::optional<uint64_t> offset;
     // Of the first one that begins a row of blocks. Later than `offset`, there is damage behind the
     // block at `offset`, or that block is part of the header: a neighbour's header decides.
     std::optional<uint64_t> row;

@@ -42,10 +42,11 @@ bool MayBeOpen(std::string_view path) {
 
 namespace {
 
-constexpr int kMostReadings = 8;                 // of a folder that changes all the time
-constexpr int kMostAttempts = 3;                 // to open what is renamed again and again
-constexpr int kMaxDepth = 8;                     // of a capture below the root of its tree
-constexpr size_t kCompared = size_t{64} * 1024;  // bytes of two files that tell a copy
+constexpr int kMostReadings = 8;  // of a folder that changes all the time
+constexpr int kMostAttempts = 3;  // to open what is renamed again and again
+constexpr int kMaxDepth = 8;      // of a capture below the root of its tree
+// Bytes of two files that tell a copy: more than a header may have.
+constexpr size_t kCompared = size_t{256} * 1024;
 constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is looked for among
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
