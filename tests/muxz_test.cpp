@@ -39,6 +39,7 @@ struct Told {
     uint32_t folder_time = 1706745500;
     uint32_t file_index = 5;
     uint32_t modem_time = 1706745599;  // 0: the modem told nothing yet
+    uint32_t opened = 1706745599;      // the file
     std::string radio = "v1";
     std::string hardware = "hw";
 };
@@ -65,7 +66,7 @@ std::string OwnHeader(const Told& told) {
     const std::string custom = CustomBlock(told), record = ModemRecord(told);
     const bool any = told.modem_time != 0;
     const QRX_LOG_FORMAT_MODEM modem{record.data(), any ? 0xcbcac9c8 : 0, any ? 0x11223344u : 0,
-                                     any ? told.modem_time : told.folder_time, 0};
+                                     any ? told.modem_time : told.opened, 0};
     QRX_LOG_FORMAT_AP phone{1048576, told.folder_time, told.file_index, 0, {}};
     phone.custom_header = {1, 0, static_cast<uint16_t>(custom.size()), 0, custom.data()};
     const char* path = "/box/header";
@@ -423,6 +424,7 @@ class MuxzTool : public testing::Test {
                                                        : capture) -
                            3600;
         told.file_index = of_file ? *ParseIndex(of_file->index) : 0;
+        if (of_file) told.opened = SecondsOf(of_file->time) - 3600;
         return HeaderBytes(header, told);
     }
     // A log file below the log folder.

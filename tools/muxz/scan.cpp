@@ -72,6 +72,7 @@ class Scanner {
     bool TakeHeader();
     bool TakeForeignHeader(HeaderState state);
     void TakeOwnHeader(const Header& own);
+    bool IsOwnTime(UtcTime time) const;
     bool IsBlockAt(uint64_t offset) const {
         Window window(*source, kFingerprint);
         return BlockSearch(window).LooksLikeBlockAt(offset) ||
@@ -122,8 +123,17 @@ bool Scanner::TakeHeader() {
     }
 }
 
-// Takes the words of a known header. The modem told nothing yet when its record is empty: then the
-// time is the file's own.
+// Returns true if `time` may be when the file was opened, in some zone.
+bool Scanner::IsOwnTime(UtcTime time) const {
+    constexpr int64_t kQuarter = 900;  // s; what zones differ by
+    constexpr int64_t kOpening = 5;    // s; that three attempts may take
+    if (!facts.opened) return true;
+    const int64_t apart = (*facts.opened - time) % kQuarter;
+    const int64_t past = (apart + kQuarter) % kQuarter;
+    return past <= kOpening || past >= kQuarter - kOpening;
+}
+
+// An empty record means that the modem told nothing yet: then the time is the file's own.
 void Scanner::TakeOwnHeader(const Header& own) {
     HeaderFacts& header = facts.header;
     header.own = own;
@@ -134,9 +144,9 @@ void Scanner::TakeOwnHeader(const Header& own) {
     modem.record = own.modem_record;
     modem.word_a = own.modem.md_info_word_a;
     modem.word_b = own.modem.md_info_word_b;
-    const bool told = modem.word_a != 0 || std::any_of(modem.record.begin(), modem.record.end(),
-                                                       [](uint8_t byte) { return byte != 0; });
-    if (told) modem.time = own.modem.md_info_time;
+    const bool empty = modem.word_a == 0 && std::all_of(modem.record.begin(), modem.record.end(),
+                                                        [](uint8_t byte) { return byte == 0; });
+    if (!empty || !IsOwnTime(own.modem.md_info_time)) modem.time = own.modem.md_info_time;
     Bytes rest;
     for (const CustomEntry& entry : ParseCustomBlock(own.custom, rest)) {
         header.custom.push_back({entry.type, {entry.value.begin(), entry.value.end()}});

@@ -119,16 +119,12 @@ void TellEnds(Phone& phone) {
     }
 }
 
-// The first file that tells another restart of the modem than the file before it. While the modem
-// has told nothing yet, its first word is no restart, unless no other follows.
+// The first file whose modem information is of another time than that of the file before it.
 const FileFacts* FirstRestart(const CaptureFacts& capture) {
-    for (const bool was_told : {true, false}) {
-        for (size_t i = 1; i < capture.files.size(); ++i) {
-            const auto &before = capture.files[i - 1].header.modem,
-                       &now = capture.files[i].header.modem;
-            if (!before || !now || !now->time || now->time == before->time) continue;
-            if (before->time.has_value() == was_told) return &capture.files[i];
-        }
+    for (size_t i = 1; i < capture.files.size(); ++i) {
+        const auto &before = capture.files[i - 1].header.modem,
+                   &now = capture.files[i].header.modem;
+        if (before && now && now->time && now->time != before->time) return &capture.files[i];
     }
     return nullptr;
 }
