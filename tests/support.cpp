@@ -11,7 +11,6 @@
 #include <sstream>
 #include <thread>
 
-#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/tree.h"
 

@@ -26,7 +26,6 @@
 #include "sim/modem.h"
 #include "tests/soak/phone.h"
 #include "tests/support.h"
-#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/tree.h"
 

@@ -32,7 +32,6 @@
 #include <utility>
 #include <vector>
 
-#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/times.h"
 

@@ -1,4 +1,4 @@
-// Walks the blocks of a log file. docs/log-file-format.md is the page beside it; header.h finds
+// Walks the blocks of a log file. docs/log-file-format.md is the page beside it; header.h tells
 // where the blocks begin, recovery.h takes files apart of which not even that is known.
 //
 // Any bytes may be thrown at it. Memory is bounded by what a 24-bit length can say: a window and
@@ -13,6 +13,7 @@
 #include <string>
 
 #include "storage/log_file_format.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/source.h"
 
 namespace muxz {
