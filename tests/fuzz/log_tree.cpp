@@ -243,7 +243,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Check(muxz::ListTree(kLogs, listed, complaints), "any tree can be listed");
     for (const muxz::Capture& capture : listed.captures) {
         fuzz::Check(names::ParseFolder(capture.name).has_value(), "captures are named so");
-        muxz::IsCapture(capture.path());
+        muxz::Capture again;
+        fuzz::Check(muxz::CaptureAt(capture.path(), again), "and found by it");
     }
 
     const auto capture = [] {

@@ -1,10 +1,13 @@
-// Log files of any bytes: the header, the walk over the blocks, and recovery, which must find what
-// the walk finds.
+// Log files of any bytes: the header, the walk over the blocks, recovery, which must find what the
+// walk finds, and the scan, which must account for every byte.
 #include <algorithm>
 #include <map>
 
 #include "fuzz.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
+#include "tools/muxz/recovery.h"
+#include "tools/muxz/scan.h"
 
 namespace {
 
@@ -58,6 +61,46 @@ void Recover(muxz::Bytes file, std::map<uint64_t, size_t> expected) {
     fuzz::Check(expected.empty(), "recovery finds every block that the walk finds");
 }
 
+// Header, blocks and damage are all of the file up to its end.
+muxz::FileFacts Scan(muxz::Bytes bytes, muxz::Depth depth, muxz::FoundFile& found) {
+    found.path = "/heap/QRXMDLog_1_2024_0101_000000.muxz";
+    found.size = bytes.size();
+    found.open = [bytes, path = found.path] {
+        muxz::OpenedFile opened;
+        opened.source = std::make_unique<muxz::MemorySource>(bytes);
+        opened.path = path;
+        opened.size = bytes.size();
+        return opened;
+    };
+    const muxz::FileFacts facts = muxz::ScanFile(found, {depth, std::nullopt, {}});
+    for (const muxz::Finding& finding : facts.findings) {
+        fuzz::Check(finding.offset.value_or(0) + finding.length <= bytes.size(),
+                    "findings lie within the file");
+        fuzz::Check(!finding.text.empty(), "each has a text");
+    }
+    if (facts.end_offset == 0) return facts;
+    const uint64_t known = facts.header.length + facts.blocks.packed +
+                           facts.blocks.blocks * quarn::log_file::kBlockHeaderSize +
+                           facts.damaged_bytes;
+    if (facts.end == muxz::End::kDamaged) {
+        fuzz::Check(known == bytes.size() || known + 1 == bytes.size(), "damage to the end");
+    } else {
+        fuzz::Check(known == facts.end_offset, "every byte up to the end is accounted for");
+    }
+    return facts;
+}
+
+void Model(muxz::Bytes file) {
+    muxz::Listing listing;
+    muxz::FoundGroup& heap = listing.groups.emplace_back();
+    heap.files.resize(2);
+    muxz::ScannedFiles scanned(1);
+    scanned[0].push_back(Scan(file, muxz::Depth::kBlocks, heap.files[0]));
+    scanned[0].push_back(Scan(file.first(file.size() / 2), muxz::Depth::kLengths, heap.files[1]));
+    const muxz::Model model = muxz::Assemble(listing, scanned, {});
+    fuzz::Check(!model.Files().empty() && !model.Verdict().empty(), "a model has what was scanned");
+}
+
 }  // namespace
 
 void fuzz::SetUp() {}
@@ -77,5 +120,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Check(CountBlocks(file, whole ? header.length : 0) >= blocks.size(),
                 "lengths alone show no fewer blocks");
     Recover(file, whole ? blocks : std::map<uint64_t, size_t>());
+    Model(file);
     return 0;
 }

@@ -1,22 +1,16 @@
-// muxz info: the header of a file, what its blocks amount to and how it ends.
-#include <fcntl.h>
-#include <sys/stat.h>
+// muxz info: the header of each file, what its blocks amount to and how it ends.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "sim/qrx_log_header.h"
 #include "tools/muxz/commands.h"
-#include "tools/muxz/input.h"
-#include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
-#include "tools/muxz/tree.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/reading.h"
 
 namespace muxz {
 
@@ -45,21 +39,17 @@ std::string Number(uint32_t value) {
     return text;
 }
 
-std::string Time(uint32_t seconds) {
-    const time_t time = seconds;
-    tm utc{};
-    char text[64];
-    gmtime_r(&time, &utc);
-    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &utc);
-    return std::to_string(seconds) + " (" + text + ")";
+std::string Time(UtcTime seconds) {
+    return std::to_string(seconds) + " (" + ShowUtc(seconds) + ")";
 }
 
-void ShowCustomBlock(const Header& header, bool all) {
-    Bytes rest;
-    for (const CustomEntry& entry : ParseCustomBlock(header.custom, rest)) {
-        const std::string_view value(reinterpret_cast<const char*>(entry.value.data()),
-                                     entry.value.size());
-        switch (entry.type) {
+Bytes AsBytes(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+void ShowCustom(const std::vector<CustomValue>& custom, bool all) {
+    for (const auto& [type, value] : custom) {
+        switch (type) {
             case 0:
                 Line("  tag", Printable(value));
                 break;
@@ -70,13 +60,19 @@ void ShowCustomBlock(const Header& header, bool all) {
                 Line("  hardware id", Printable(value));
                 break;
             default:
-                Line(("  type " + std::to_string(entry.type)).c_str(), Hex(entry.value, all));
+                Line(("  type " + std::to_string(type)).c_str(), Hex(AsBytes(value), all));
         }
     }
-    if (!rest.empty()) Line("  no entry", Hex(rest, all));
 }
 
-void ShowHeader(const Header& header, bool all) {
+void ShowModem(const ModemInfo& modem, bool all) {
+    Line("modem info word a", Number(modem.word_a));
+    Line("modem info word b", Number(modem.word_b));
+    Line("modem info time", modem.time ? Time(*modem.time) : "none yet");
+    Line("modem record", Hex(modem.record, all));
+}
+
+void ShowOwnHeader(const Header& header, const HeaderFacts& facts, bool all) {
     const auto& magic = sim::log_header::kMagic;
     Line("magic", Printable({reinterpret_cast<const char*>(magic.data()), magic.size()}));
     Line("version", std::to_string(header.version) + (header.known_version ? "" : ", unknown"));
@@ -87,91 +83,108 @@ void ShowHeader(const Header& header, bool all) {
     Line("folder time", Time(header.phone.folder_time));
     Line("file index", std::to_string(header.phone.file_idx));
     Line("phone reserved", Number(header.phone.reserved_12));
-    Line("modem info word a", Number(header.modem.md_info_word_a));
-    Line("modem info word b", Number(header.modem.md_info_word_b));
-    Line("modem info time", Time(header.modem.md_info_time));
+    ShowModem(*facts.modem, all);
     Line("modem reserved", Number(header.modem.reserved_20));
-    Line("modem record", Hex(header.modem_record, all));
     const CUSTOM_HEADER_INFO& custom = header.phone.custom_header;
     Line("custom header", std::string(custom.present == 1 ? "present" : "not present") + ", " +
                               std::to_string(custom.length) + " bytes, reserved " +
                               std::to_string(custom.reserved_1) + " and " +
                               std::to_string(custom.reserved_4));
-    ShowCustomBlock(header, all);
+    ShowCustom(facts.custom, all);
+    Bytes rest;
+    ParseCustomBlock(header.custom, rest);
+    if (!rest.empty()) Line("  no entry", Hex(rest, all));
 }
 
-std::string HowItEnds(const BlockReader& reader, bool may_be_open) {
-    const std::string open = may_be_open ? ", which is normal in a file still open" : "";
-    switch (reader.end()) {
+void ShowForeignHeader(const HeaderFacts& header, bool all) {
+    Line("header", "header of another writer, " + std::to_string(header.length) + " bytes");
+    if (header.folder_time) Line("folder time", Time(*header.folder_time));
+    if (header.file_index) Line("file index", std::to_string(*header.file_index));
+    if (header.modem) ShowModem(*header.modem, all);
+    if (!header.custom.empty()) Line("custom header", "recognised by its tag");
+    ShowCustom(header.custom, all);
+}
+
+// Returns true if blocks follow.
+bool ShowHeader(const FileFacts& file, bool all) {
+    const HeaderFacts& header = file.header;
+    switch (header.kind) {
+        case HeaderFacts::Kind::kOwn:
+            ShowOwnHeader(*header.own, header, all);
+            return true;
+        case HeaderFacts::Kind::kForeign:
+            ShowForeignHeader(header, all);
+            return true;
+        case HeaderFacts::Kind::kNone:
+            Line("header", "none, the blocks begin at once");
+            return true;
+        case HeaderFacts::Kind::kDamaged:
+            Line("header", "damaged");
+            return header.length < file.size;
+        case HeaderFacts::Kind::kNoBlock:
+            Line("header", "none that is known, and no block near it");
+            return false;
+        case HeaderFacts::Kind::kEmpty:
+        case HeaderFacts::Kind::kCut:
+            Line("header", "none that is whole");
+            return false;
+    }
+    return false;
+}
+
+std::string HowItEnds(const FileFacts& file) {
+    const std::string open = file.may_be_open ? ", which is normal in a file still open" : "";
+    switch (file.end) {
         case End::kWhole:
             return "with its last block";
         case End::kStrayByte:
             return "with the byte more that a flushed close leaves" +
-                   std::string(may_be_open ? ", or that begins a block" : "");
+                   std::string(file.may_be_open ? ", or that begins a block" : "");
         case End::kCutLengths:
         case End::kCutBlock:
-            return reader.reason() + open;
+            return file.end_reason + open;
         case End::kDamaged:
-            return "damaged at offset " + std::to_string(reader.offset()) + ": " + reader.reason();
+            return "damaged at offset " + std::to_string(file.end_offset) + ": " + file.end_reason;
         case End::kReadError:
-            return "unreadable at offset " + std::to_string(reader.offset());
+            return "unreadable at offset " + std::to_string(file.end_offset);
     }
     return "";
 }
 
-void ShowBlocks(BlockReader& reader, const OpenLog& log, Progress& progress) {
-    const BlockCounts counts = Count(reader, progress);
-    progress.Clear();
+void ShowBlocks(const FileFacts& file) {
+    const BlockFacts& blocks = file.blocks;
     const auto pair = [](const quarn::log_file::BlockHeader& lengths) {
         return std::to_string(lengths.raw_length) + " raw, " +
                std::to_string(lengths.packed_length) + " packed bytes";
     };
-    Line("blocks", std::to_string(counts.blocks));
-    Line("raw bytes", std::to_string(counts.raw));
-    Line("packed bytes", std::to_string(counts.packed));
-    if (counts.blocks != 0) {
+    Line("blocks", std::to_string(blocks.blocks));
+    Line("raw bytes", std::to_string(blocks.raw));
+    Line("packed bytes", std::to_string(blocks.packed));
+    if (blocks.blocks != 0) {
         char ratio[32];
         snprintf(ratio, sizeof(ratio), "%.3f",
-                 static_cast<double>(counts.raw) / static_cast<double>(counts.packed));
+                 static_cast<double>(blocks.raw) / static_cast<double>(blocks.packed));
         Line("ratio", ratio);
-        Line("smallest block", pair(counts.smallest));
-        Line("largest block", pair(counts.largest));
+        Line("smallest block", pair(blocks.smallest));
+        Line("largest block", pair(blocks.largest));
     }
-    struct stat info;
-    const bool sized = fstat(log.fd, &info) == 0;
-    const uint64_t size = sized ? static_cast<uint64_t>(info.st_size) : reader.offset();
-    Line("trailing bytes", std::to_string(std::max(size, reader.offset()) - reader.offset()));
-    Line("ends", HowItEnds(reader, log.may_be_open));
+    if (file.damaged_bytes != 0) Line("damaged bytes", std::to_string(file.damaged_bytes));
+    Line("trailing bytes", std::to_string(std::max(file.size, file.end_offset) - file.end_offset));
+    Line("ends", HowItEnds(file));
 }
 
 }  // namespace
 
 int Info(const std::vector<std::string>& paths, bool all) {
-    Report report(isatty(STDOUT_FILENO) == 0);
-    for (const std::string& path : paths) {
-        std::string why;
-        const Fd fd = OpenRegular(AT_FDCWD, path, why);
-        if (!fd) {
-            report.IoError(path, why);
-            continue;
-        }
-        const OpenLog log{fd.get(), path, MayBeOpen(path)};
-        struct stat info;
-        if (fstat(fd.get(), &info) == 0)
-            report.progress.Expect(static_cast<uint64_t>(info.st_size));
-        FileSource source(fd.get());
-        Header header;
-        printf("%s\n", PrintablePath(path).c_str());
-        if (!TakeHeader(source, log, header, report)) {
-            Line("header", "none that is whole");
-            continue;
-        }
-        ShowHeader(header, all);
-        BlockReader reader(source, header.length, BlockReader::Mode::kLengths);
-        ShowBlocks(reader, log, report.progress);
-        TellEnd(reader, log, report, "");
+    Messages messages(isatty(STDOUT_FILENO) == 0);
+    const Model model = Read(paths, {.depth = Depth::kLengths}, messages);
+    for (const FileFacts* file : model.Files()) {
+        if (!file->readable) continue;
+        printf("%s\n", PrintablePath(file->path).c_str());
+        if (ShowHeader(*file, all)) ShowBlocks(*file);
     }
-    return report.status;
+    messages.Tell(model.findings);
+    return messages.status;
 }
 
 }  // namespace muxz

@@ -1,19 +1,14 @@
-// muxz ls: the captures of a tree.
-#include <fcntl.h>
-#include <sys/stat.h>
+// muxz ls: the captures, and on demand their files.
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "tools/muxz/commands.h"
-#include "tools/muxz/input.h"
-#include "tools/muxz/reader.h"
-#include "tools/muxz/report.h"
-#include "tools/muxz/tree.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/reading.h"
 
 namespace muxz {
 
@@ -21,31 +16,29 @@ namespace {
 
 class Lister {
   public:
-    explicit Lister(LsOptions chosen) : options(chosen), report(isatty(STDOUT_FILENO) == 0) {}
+    explicit Lister(LsOptions chosen) : options(chosen) {}
 
-    int List(const std::string& root) {
-        Tree tree;
-        std::vector<Complaint> complaints;
-        Capture capture;
-        if (CaptureAt(root, capture) && OpenCapture(capture)) {
-            tree.captures.push_back(capture);
-        } else if (!ListTree(root, tree, complaints)) {
-            report.IoError(root, strerror(errno));
-            return report.status;
+    void List(const Model& model) {
+        for (size_t i = 0; i < model.phones.size(); ++i) {
+            const Phone& phone = model.phones[i];
+            if (model.phones.size() > 1) {
+                printf("%sphone %zu%s%s\n", i == 0 ? "" : "\n", i + 1,
+                       phone.hardware_id.empty() ? "" : ", hardware id ",
+                       Printable(phone.hardware_id).c_str());
+            }
+            Row("INDEX", "TIME", "FILES", "PACKED", "RAW", "STATE", "PATH");
+            for (const CaptureFacts& capture : phone.captures) ListCapture(capture);
+            for (const FileFacts& log : phone.power_on_logs) {
+                Row("", "", "1", Size(log.size, options.exact), Size(log.blocks.raw, options.exact),
+                    "power-on log", log.path);
+            }
         }
-        report.Tell(complaints);
-        Row("INDEX", "TIME", "FILES", "PACKED", "RAW", "STATE", "PATH");
-        for (Capture& listed : tree.captures) ListCapture(listed);
-        for (const std::string& path : tree.power_on_logs) ListPowerOnLog(path);
-        report.progress.Clear();
-        return report.status;
     }
 
   private:
     void Row(const std::string& index, const std::string& time, const std::string& files,
              const std::string& packed, const std::string& raw, const std::string& state,
-             const std::string& path) {
-        report.progress.Clear();
+             const std::string& path) const {
         const int width = options.exact ? 14 : 9;
         printf("%10s  %-19s  %6s  %*s  ", index.c_str(), time.c_str(), files.c_str(), width,
                packed.c_str());
@@ -53,79 +46,46 @@ class Lister {
         printf("%-16s  %s\n", state.c_str(), PrintablePath(path).c_str());
     }
 
-    // "2024_0131_235959" as people write it; what has another shape stays.
-    static std::string ShowTime(const std::string& time) {
-        int year, day, clock, end = 0;
-        if (time.size() != 16 ||
-            sscanf(time.c_str(), "%4d_%4d_%6d%n", &year, &day, &clock, &end) != 3 || end != 16)
-            return time;
-        char text[80];
-        snprintf(text, sizeof(text), "%04d-%02d-%02d %02d:%02d:%02d", year, day / 100, day % 100,
-                 clock / 10000, clock / 100 % 100, clock % 100);
-        return text;
-    }
-
-    uint64_t RawBytes(const OpenLog& log) {
-        FileSource source(log.fd);
-        Header header;
-        if (!TakeHeader(source, log, header, report)) return 0;
-        BlockReader reader(source, header.length, BlockReader::Mode::kLengths);
-        const uint64_t raw = Count(reader, report.progress).raw;
-        TellEnd(reader, log, report, "");
-        return raw;
-    }
-
-    void ListCapture(Capture& capture) {
-        const Fd folder = OpenCapture(capture);
-        std::vector<LogFile> files;
-        std::vector<Complaint> complaints;
-        if (!folder && errno == ENOENT) return report.Note(capture.path(), "gone");
-        if (!folder || !ListFiles(folder, capture.path(), files, complaints)) {
-            report.IoError(capture.path(), strerror(errno));
-            return;
-        }
-        report.Tell(complaints);
-        uint64_t packed = 0, raw = 0;
-        std::vector<uint64_t> raw_of_file;
-        for (LogFile& file : files) {
-            std::string why;
-            const Fd fd = options.raw ? OpenFile(folder, file, why) : Fd();
-            const std::string path = capture.path() + "/" + file.name;
-            if (options.raw && !fd && errno != ENOENT) report.IoError(path, why);
-            raw_of_file.push_back(fd ? RawBytes({fd.get(), path, MayBeOpen(path)}) : 0);
-            packed += file.size;
-            raw += raw_of_file.back();
-        }
-        const std::string state = std::string(capture.finished ? "finished" : "open") +
+    void ListCapture(const CaptureFacts& capture) const {
+        const std::string state = std::string(Text(capture.state)) +
                                   (capture.exception ? " EE" : "") + (capture.copy ? " copy" : "");
-        Row(std::to_string(capture.index), ShowTime(capture.time), std::to_string(files.size()),
-            Size(packed, options.exact), Size(raw, options.exact), state, capture.path());
-        for (size_t i = 0; options.files && i < files.size(); ++i) {
-            const LogFile& file = files[i];
-            Row(std::to_string(file.index), ShowTime(file.time), "", Size(file.size, options.exact),
-                Size(raw_of_file[i], options.exact),
-                std::string(MayBeOpen(file.name) ? "open" : "finished") +
-                    (file.exception ? " EE" : ""),
-                "  " + file.name);
+        // The folder of a heap says nothing of a capture.
+        const std::string path =
+            capture.name.empty() && !capture.files.empty()
+                ? capture.files.front().path + (capture.files.size() > 1 ? " ..." : "")
+                : capture.path;
+        Row(capture.index ? std::to_string(*capture.index) : "-",
+            capture.start ? ShowTime(*capture.start) : "-", std::to_string(capture.files.size()),
+            Size(capture.size, options.exact), Size(capture.blocks.raw, options.exact), state,
+            path);
+        for (const FileFacts& file : capture.files) {
+            if (!options.files) break;
+            const bool last =
+                &file == &capture.files.back() && capture.state != CaptureFacts::State::kFinished;
+            const std::string_view state_of_file =
+                Text(!file.may_be_open ? CaptureFacts::State::kFinished
+                     : last            ? capture.state
+                                       : CaptureFacts::State::kUnfinished);
+            Row(file.index ? std::to_string(*file.index) : "-",
+                file.opened ? ShowTime(*file.opened) : "-", "", Size(file.size, options.exact),
+                Size(file.blocks.raw, options.exact),
+                std::string(state_of_file) + (file.exception ? " EE" : ""), "  " + file.name);
         }
-    }
-
-    void ListPowerOnLog(const std::string& path) {
-        std::string why;
-        const Fd fd = OpenRegular(AT_FDCWD, path, why);
-        struct stat info;
-        if (!fd || fstat(fd.get(), &info) != 0) return;
-        const uint64_t raw = options.raw ? RawBytes({fd.get(), path, true}) : 0;
-        Row("", "", "1", Size(static_cast<uint64_t>(info.st_size), options.exact),
-            Size(raw, options.exact), "power-on log", path);
     }
 
     const LsOptions options;
-    Report report;
 };
 
 }  // namespace
 
-int Ls(const std::string& root, LsOptions options) { return Lister(options).List(root); }
+int Ls(const std::vector<std::string>& paths, LsOptions options) {
+    Messages messages(isatty(STDOUT_FILENO) == 0);
+    const Depth depth = options.raw ? Depth::kLengths : Depth::kHeaders;
+    const Model model = Read(paths, {.depth = depth, .copies = options.raw}, messages);
+    if (model.totals.captures + model.totals.copies + model.totals.power_on_logs != 0)
+        Lister(options).List(model);
+    messages.Tell(model.findings);
+    return messages.status;
+}
 
 }  // namespace muxz

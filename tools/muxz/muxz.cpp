@@ -11,8 +11,9 @@
 #include <string_view>
 #include <vector>
 
+#include "storage/log_names.h"
 #include "tools/muxz/commands.h"
-#include "tools/muxz/report.h"
+#include "tools/muxz/messages.h"
 
 namespace {
 
@@ -22,17 +23,19 @@ constexpr const char* kDefaultTree = "/data/vendor/radio/quarn/logs";
 
 constexpr const char* kHelp = R"(muxz reads log files.
 
-  muxz info FILE...        header, block statistics, how the file ends
+  muxz check PATH...       whole or not, what is missing, when the modem crashed
+  muxz ls [PATH...]        the captures
+  muxz info PATH...        header, block statistics, how each file ends
   muxz cat PATH...         the raw stream of files, captures and trees
   muxz verify PATH...      checks every block
-  muxz recover FILE        finds the blocks of a damaged file
-  muxz ls [TREE]           the captures of a tree
+  muxz recover PATH...     finds the blocks of damaged files
 
 "muxz COMMAND --help" tells more. Exit status: 0 fine, 1 faults in the data, 2 usage or
 input and output. A file named ".tmp" is still being written and may end anywhere.
+PATH is a tree, a capture folder, a folder with files of any captures, or a file.
 )";
 
-constexpr const char* kInfoHelp = R"(muxz info [-a] FILE...
+constexpr const char* kInfoHelp = R"(muxz info [-a] PATH...
 Shows the header of each file, what its blocks amount to and how it ends.
   -a, --all     the modem record and unknown entries whole
 Examples:
@@ -40,28 +43,32 @@ Examples:
   muxz info -a logs/power_on_log.muxz
 )";
 
-constexpr const char* kCatHelp = R"(muxz cat [-o FILE] PATH...
+constexpr const char* kCatHelp = R"(muxz cat [-o FILE] [--phone WHICH] PATH...
 Writes the raw stream of each PATH: a file, a capture folder (its files in the order of their
-numbers) or a tree (its captures in capture order; power-on log and copies are left out).
-What is damaged is told, the rest is written, and the exit status is 1.
+numbers), a tree (its captures in capture order; power-on log and copies are left out) or a folder
+with files of any captures. Files given one by one are put into capture order too.
+What is damaged or missing is told, the rest is written, and the exit status is 1.
   -o, --output FILE   instead of standard output
+  --phone WHICH       when the files are those of several phones: the number of one as ls shows it,
+                      "all" for one after the other, "same" when it is one phone all the same
 Examples:
   muxz cat /data/vendor/radio/quarn/logs | sha256sum
   muxz cat -o stream.bin logs/QRXMDLog_3_2024_0131_235959t
   muxz cat logs/power_on_log.muxz > power_on.bin
 )";
 
-constexpr const char* kVerifyHelp = R"(muxz verify PATH...
-Checks every block of each PATH, a file, a capture folder or a tree (with its power-on log, without
-copies): its lengths, and that it unpacks. Ends with status 1 at the first fault, which it tells
-with file and byte offset.
+constexpr const char* kVerifyHelp = R"(muxz verify [--first] PATH...
+Checks every block of each PATH, its lengths and that it unpacks, and that no file is missing
+between others. Tells every fault with file and byte offset, and their number; status 1 when there
+is one. Copies are left out, the power-on log counts apart.
+  --first       tells the first fault and looks no further
 Examples:
   muxz verify /data/vendor/radio/quarn/logs
   muxz verify logs/QRXMDLog_0_2024_0131_235959/*.muxz
 )";
 
-constexpr const char* kRecoverHelp = R"(muxz recover [-o FILE] FILE
-Writes what can be unpacked of a file whose header is unknown or whose bytes are damaged or cut
+constexpr const char* kRecoverHelp = R"(muxz recover [-o FILE] PATH...
+Writes what can be unpacked of files whose header is unknown or whose bytes are damaged or cut
 anywhere, and tells what was skipped. Status 1 when something was.
   -o, --output FILE   instead of standard output
 Examples:
@@ -69,10 +76,11 @@ Examples:
   muxz recover disk_image | less
 )";
 
-constexpr const char* kLsHelp = R"(muxz ls [-r] [-b] [-f] [TREE]
-Lists the captures of a tree in capture order. TREE is /data/vendor/radio/quarn/logs by default.
-State: "open" until the next capture starts, else "finished"; EE: a modem exception; copy: made by a
-copy command, or another capture of the tree holds the same.
+constexpr const char* kLsHelp = R"(muxz ls [-r] [-b] [-f] [PATH...]
+Lists captures in capture order. PATH is /data/vendor/radio/quarn/logs by default.
+State: "newest" is the last capture, "being written" when a daemon has it open or it grows;
+"unfinished" when its name says so though a later one is there; EE: a modem exception; copy: made by
+a copy command, or another capture holds the same.
   -r, --raw     the unpacked sizes too (reads the lengths of all blocks)
   -b, --bytes   sizes in bytes
   -f, --files   every file of each capture
@@ -81,27 +89,44 @@ Examples:
   muxz ls -r box/data/vendor/radio/quarn/logs
 )";
 
+constexpr const char* kCheckHelp = R"(muxz check [--quick] [--phone WHICH] PATH...
+Tells on one screen what the files hold: captures with start, end, sizes and rate; exceptions and
+when they were; what is damaged or missing; the phone and what changed; the UTC offset. The last
+line is the verdict. Status 0: good; 1: faults or holes; 2: something cannot be read.
+  --quick         reads the lengths of the blocks, but does not unpack them
+  --phone WHICH   as of cat
+Examples:
+  muxz check ticket/logs
+)";
+
 // --- arguments
 
-// What a command was given: the letters of its options, the argument of -o, and the rest.
+// What a command was given: the letters of its options, what two of them say, and the rest.
 struct Arguments {
     std::string letters;
     std::string output;
+    Phones phones;
     std::vector<std::string> paths;
     bool wrong = false;
 
     bool Has(char letter) const { return letters.find(letter) != std::string::npos; }
 };
 
+Phones ParsePhones(const std::string& text) {
+    if (text == "all") return PhoneChoice();
+    if (text == "same") return PhoneChoice{PhoneChoice::Which::kSame};
+    const auto number = quarn::log_names::ParseIndex(text);
+    if (!number || *number == 0) return std::nullopt;
+    return PhoneChoice{PhoneChoice::Which::kOne, *number};
+}
+
 Arguments Parse(int argc, char** argv, const char* allowed) {
     static constexpr option kLong[] = {
-        {"help", no_argument, nullptr, 'h'},
-        {"all", no_argument, nullptr, 'a'},
-        {"raw", no_argument, nullptr, 'r'},
-        {"bytes", no_argument, nullptr, 'b'},
-        {"files", no_argument, nullptr, 'f'},
-        {"output", required_argument, nullptr, 'o'},
-        {nullptr, 0, nullptr, 0},
+        {"help", no_argument, nullptr, 'h'},        {"all", no_argument, nullptr, 'a'},
+        {"raw", no_argument, nullptr, 'r'},         {"bytes", no_argument, nullptr, 'b'},
+        {"files", no_argument, nullptr, 'f'},       {"output", required_argument, nullptr, 'o'},
+        {"first", no_argument, nullptr, 'F'},       {"quick", no_argument, nullptr, 'Q'},
+        {"phone", required_argument, nullptr, 'P'}, {nullptr, 0, nullptr, 0},
     };
     Arguments arguments;
     // getopt tells of what is no option at all; of what another command has it knows nothing.
@@ -111,6 +136,7 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
         } else {
             arguments.letters += static_cast<char>(letter);
             if (letter == 'o') arguments.output = optarg;
+            if (letter == 'P' && !(arguments.phones = ParsePhones(optarg))) arguments.wrong = true;
         }
     }
     if (arguments.Has('o') && arguments.output.empty()) arguments.wrong = true;
@@ -122,23 +148,24 @@ struct Command {
     const char* help;
     const char* allowed;  // options as getopt takes them
     size_t least_paths;
-    size_t most_paths;
     int (*run)(const Arguments&);
 };
 
 const std::map<std::string_view, Command> kCommands = {
-    {"info",
-     {kInfoHelp, "ha", 1, SIZE_MAX, [](const Arguments& a) { return Info(a.paths, a.Has('a')); }}},
+    {"info", {kInfoHelp, "ha", 1, [](const Arguments& a) { return Info(a.paths, a.Has('a')); }}},
     {"cat",
-     {kCatHelp, "ho:", 1, SIZE_MAX, [](const Arguments& a) { return Cat(a.paths, a.output); }}},
-    {"verify", {kVerifyHelp, "h", 1, SIZE_MAX, [](const Arguments& a) { return Verify(a.paths); }}},
+     {kCatHelp, "ho:P:", 1, [](const Arguments& a) { return Cat(a.paths, a.output, a.phones); }}},
+    {"verify",
+     {kVerifyHelp, "hF", 1, [](const Arguments& a) { return Verify(a.paths, a.Has('F')); }}},
     {"recover",
-     {kRecoverHelp, "ho:", 1, 1,
-      [](const Arguments& a) { return RecoverFile(a.paths[0], a.output); }}},
+     {kRecoverHelp, "ho:", 1, [](const Arguments& a) { return RecoverFiles(a.paths, a.output); }}},
+    {"check",
+     {kCheckHelp, "hQP:", 1,
+      [](const Arguments& a) { return Check(a.paths, a.Has('Q'), a.phones); }}},
     {"ls",
-     {kLsHelp, "hrbf", 0, 1,
+     {kLsHelp, "hrbf", 0,
       [](const Arguments& a) {
-          return Ls(a.paths.empty() ? kDefaultTree : a.paths[0],
+          return Ls(a.paths.empty() ? std::vector<std::string>{kDefaultTree} : a.paths,
                     {.raw = a.Has('r'), .exact = a.Has('b'), .files = a.Has('f')});
       }}},
 };
@@ -156,7 +183,7 @@ int Run(int argc, char** argv) {
     }
     const auto command = kCommands.find(name);
     if (command == kCommands.end()) return UsageError(kHelp);
-    const auto& [help, allowed, least, most, run] = command->second;
+    const auto& [help, allowed, least, run] = command->second;
 
     std::string program = "muxz " + name;
     argv[1] = program.data();  // for the messages of getopt
@@ -165,8 +192,7 @@ int Run(int argc, char** argv) {
         fputs(help, stdout);
         return kFine;
     }
-    if (arguments.wrong || arguments.paths.size() < least || arguments.paths.size() > most)
-        return UsageError(help);
+    if (arguments.wrong || arguments.paths.size() < least) return UsageError(help);
     return run(arguments);
 }
 

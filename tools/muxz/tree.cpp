@@ -9,14 +9,13 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <queue>
 
 #include "storage/log_names.h"
-#include "tools/muxz/reader.h"
+#include "tools/muxz/source.h"
 
 namespace muxz {
 
@@ -31,6 +30,11 @@ std::string_view LastComponent(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
+std::string FolderAround(const std::string& path) {
+    const size_t before_name = path.find_last_not_of('/') + 1 - LastComponent(path).size();
+    return before_name == 0 ? "." : path.substr(0, std::max<size_t>(before_name - 1, 1));
+}
+
 bool MayBeOpen(std::string_view path) {
     // The power-on log has one name from its first byte on.
     return path.ends_with(names::kOpenEnding) || LastComponent(path) == names::kPowerOnLog;
@@ -38,19 +42,14 @@ bool MayBeOpen(std::string_view path) {
 
 namespace {
 
-constexpr int kMostReadings = 8;                 // of a folder that changes all the time
-constexpr int kMostAttempts = 3;                 // to open what is renamed again and again
-constexpr int kMaxDepth = 8;                     // of a capture below the root of its tree
-constexpr size_t kCompared = size_t{64} * 1024;  // bytes of two files that tell a copy
+constexpr int kMostReadings = 8;  // of a folder that changes all the time
+constexpr int kMostAttempts = 3;  // to open what is renamed again and again
+constexpr int kMaxDepth = 8;      // of a capture below the root of its tree
+// Bytes of two files that tell a copy: more than a header may have.
+constexpr size_t kCompared = size_t{256} * 1024;
 constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is looked for among
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
-
-// Without a slash at its end.
-std::string FolderAround(const std::string& path) {
-    const size_t before_name = path.find_last_not_of('/') + 1 - LastComponent(path).size();
-    return before_name == 0 ? "." : path.substr(0, std::max<size_t>(before_name - 1, 1));
-}
 
 struct Entry {
     std::string name;
@@ -239,9 +238,7 @@ class TreeWalk {
                 loose = loose || names::ParseFile(entry.name);
             }
         }
-        if (loose)
-            complaints.push_back(
-                {Complaint::Kind::kLeftOut, path, "log files outside a capture are left out"});
+        if (loose) tree.heaps.push_back(path);
         return true;
     }
 
@@ -306,30 +303,32 @@ bool LookUpAgain(const Fd& folder, LogFile& file) {
 }  // namespace
 
 bool CaptureAt(const std::string& path, Capture& capture) {
-    if (!ParseCapture(std::string(LastComponent(path)), capture)) return false;
-    capture.folder = FolderAround(path);
+    std::string own = path;
+    char real[PATH_MAX];
+    if (LastComponent(path).starts_with('.') && realpath(path.c_str(), real) != nullptr) own = real;
+    if (!ParseCapture(std::string(LastComponent(own)), capture)) return false;
+    capture.folder = FolderAround(own);
     return true;
 }
 
-bool IsCapture(const std::string& folder) {
-    char real[PATH_MAX];
-    if (realpath(folder.c_str(), real) != nullptr && names::ParseFolder(LastComponent(real)))
-        return true;
-    std::vector<Entry> entries;
-    ReadFolder(OpenFolder(folder), entries);
-    const auto holds = [&](const std::function<bool(const Entry&)>& is_it) {
-        return std::any_of(entries.begin(), entries.end(), is_it);
-    };
-    return holds([](const Entry& e) { return !e.is_folder && names::ParseFile(e.name); }) &&
-           !holds([](const Entry& e) { return e.is_folder; });
+bool WalkTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints) {
+    std::string path = root;
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    return TreeWalk(tree, complaints).Walk(path, 0);
+}
+
+void SettleCaptures(std::vector<Capture>& captures) {
+    MarkCopies(captures);
+    captures = InCaptureOrder(std::move(captures));
 }
 
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints) {
-    std::string path = root;
-    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
-    if (!TreeWalk(tree, complaints).Walk(path, 0)) return false;
-    MarkCopies(tree.captures);
-    tree.captures = InCaptureOrder(std::move(tree.captures));
+    if (!WalkTree(root, tree, complaints)) return false;
+    for (const std::string& heap : tree.heaps) {
+        complaints.push_back(
+            {Complaint::Kind::kLeftOut, heap, "log files outside a capture are left out"});
+    }
+    SettleCaptures(tree.captures);
     return true;
 }
 
@@ -392,7 +391,10 @@ std::string FindRenamed(const std::string& path) {
     LogFile file;
     if (CaptureAt(path, capture) && LookUpAgain(OpenFolder(capture.folder), capture))
         return capture.path();
-    const std::string around = FolderAround(path);
+    std::string around = FolderAround(path);
+    if (!OpenFolder(around) && CaptureAt(around, capture) &&
+        LookUpAgain(OpenFolder(capture.folder), capture))
+        around = capture.path();
     if (ParseLogFile(std::string(LastComponent(path)), file) &&
         LookUpAgain(OpenFolder(around), file))
         return around + "/" + file.name;

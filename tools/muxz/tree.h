@@ -71,17 +71,19 @@ struct Complaint {
 struct Tree {
     std::vector<Capture> captures;           // in capture order, copies among them
     std::vector<std::string> power_on_logs;  // paths; not those beside copies
+    std::vector<std::string> heaps;          // folders with log files outside of captures
 };
 
-// Whether `folder` is one capture: by its name, or since log files and no folders lie in it.
-// Otherwise it is a tree of captures.
-bool IsCapture(const std::string& folder);
-
 // The capture whose folder is `path`, by its name; false when it is none or its number too large.
+// `path` may end in "." or "..".
 bool CaptureAt(const std::string& path, Capture& capture);
 
 // Links to folders are not followed. False with errno when `root` itself cannot be read.
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints);
+// As ListTree, but adds to `tree`, whose captures are then neither in order nor marked as copies.
+bool WalkTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints);
+// Puts the captures of one tree or more into order and marks copies among them.
+void SettleCaptures(std::vector<Capture>& captures);
 
 // The log files of a capture's folder in the order of their numbers. `path` is for complaints.
 // False with errno.
@@ -102,6 +104,8 @@ Fd OpenRegular(int folder, const std::string& path, std::string& why);
 Fd OpenFolder(const std::string& path);
 
 std::string_view LastComponent(std::string_view path);
+// Without a slash at its end; "." when `path` is a name.
+std::string FolderAround(const std::string& path);
 
 // A file of this name may end anywhere: the daemon may not have closed it yet.
 bool MayBeOpen(std::string_view path);

@@ -1,8 +1,8 @@
-// What people see of a run of muxz: messages and progress on standard error, the exit status, and
-// how text and sizes are shown.
+// What people see of a run of muxz beside its output: messages and progress on standard error, and
+// the exit status.
 //
 // A message makes its path fit for a terminal. What of its text comes from a file is the caller's
-// to pass through `Printable`.
+// to pass through `Printable` of text.h.
 #pragma once
 
 #include <chrono>
@@ -11,7 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/muxz/tree.h"
+#include "tools/muxz/model.h"
+#include "tools/muxz/text.h"
 
 namespace muxz {
 
@@ -38,26 +39,18 @@ class Progress {
         std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
 };
 
-// Bytes from files and headers may hold anything, a terminal's commands among it: what is no
-// printable ASCII is shown in hex.
-std::string Printable(std::string_view text);
-// Paths may well hold letters beyond ASCII.
-std::string PrintablePath(std::string_view path);
-
-// Bytes for people, as "1.5M", or all digits when it is to be exact.
-std::string Size(uint64_t bytes, bool exact);
-
 // The messages and the exit status of one run. The status never gets better.
-class Report {
+class Messages {
   public:
-    explicit Report(bool with_progress) : progress(with_progress) {}
+    explicit Messages(bool with_progress) : progress(with_progress) {}
 
     // Tells, and leaves the status as it is.
     void Note(const std::string& path, const std::string& text);
     void Fault(const std::string& path, const std::string& text);
     void FaultAt(const std::string& path, uint64_t offset, const std::string& text);
     void IoError(const std::string& path, const std::string& text);
-    void Tell(const std::vector<Complaint>& complaints);
+    void Tell(const Finding& finding);
+    void Tell(const std::vector<Finding>& findings);
 
     int status = kFine;
     Progress progress;

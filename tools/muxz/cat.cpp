@@ -1,0 +1,72 @@
+// muxz cat: the raw stream.
+#include <unistd.h>
+
+#include "tools/muxz/commands.h"
+#include "tools/muxz/listing.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/output.h"
+#include "tools/muxz/reading.h"
+#include "tools/muxz/walk.h"
+
+namespace muxz {
+
+namespace {
+
+// A file as it was scanned, and now is.
+class Stream {
+  public:
+    Stream(Output& to, Messages& told) : output(to), messages(told) {}
+
+    void Write(const FileFacts& file) {
+        const auto kind = file.header.kind;
+        if (!file.readable || kind == HeaderFacts::Kind::kEmpty ||
+            kind == HeaderFacts::Kind::kCut || kind == HeaderFacts::Kind::kNoBlock)
+            return;
+        const OpenedFile opened = FileAt(file.path, file.size).open();
+        if (!opened.source) {
+            if (opened.error == ENOENT) return messages.Note(file.path, "gone, recycled meanwhile");
+            return messages.IoError(file.path, opened.why);
+        }
+        FileFacts now = file;
+        now.findings.clear();
+        WalkBlocks(*opened.source, BlockReader::Mode::kBytes, now,
+                   [&](BlockReader& reader, const Block& block) {
+                       const size_t raw = block.lengths.raw_length;
+                       if (!reader.Unpack(block, output.Room(raw))) return false;
+                       output.Filled(raw);
+                       messages.progress.At(done + block.offset);
+                       return true;
+                   });
+        done += now.end_offset;
+        messages.Tell(now.findings);
+    }
+
+  private:
+    Output& output;
+    Messages& messages;
+    uint64_t done = 0;
+};
+
+}  // namespace
+
+int Cat(const std::vector<std::string>& paths, const std::string& output_path,
+        const Phones& phones) {
+    Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
+    const Model model = Build(paths, {.phones = phones.value_or(PhoneChoice())});
+    if (!AreWanted(model, phones, messages)) return messages.status;
+    messages.Tell(model.findings);
+    const std::vector<const FileFacts*> files = model.Files();
+    if (files.empty()) return messages.status;
+    if (model.reordered)
+        messages.Note("", "the files go in capture order, not in that of names or arguments");
+    if (!output_path.empty() && !MayOverwrite(output_path, model, messages)) return messages.status;
+    messages.progress.Expect(model.totals.size);
+    Output output(output_path);
+    Stream stream(output, messages);
+    for (const FileFacts* file : files) stream.Write(*file);
+    output.Close();
+    messages.progress.Clear();
+    return messages.status;
+}
+
+}  // namespace muxz

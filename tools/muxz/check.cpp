@@ -1,0 +1,172 @@
+// muxz check: on one screen, whether all is there and good, and when the modem crashed.
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "tools/muxz/commands.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/reading.h"
+
+namespace muxz {
+
+namespace {
+
+constexpr size_t kMostRows = 12;  // of captures, and of findings: more do not fit a screen
+
+std::string TimeOr(std::optional<PhoneTime> time, const char* none) {
+    return time ? ShowTime(*time) : none;
+}
+
+std::string NameOf(const CaptureFacts& capture) {
+    if (capture.index) return "capture " + std::to_string(*capture.index);
+    return "capture of " + TimeOr(capture.start, "an unknown time");
+}
+
+std::string Ratio(const char* format, double part, double of) {
+    char text[32];
+    snprintf(text, sizeof(text), format, part / of);
+    return of > 0 ? text : "-";
+}
+
+void PrintCapture(const CaptureFacts& capture) {
+    const double seconds = capture.Seconds().value_or(0);
+    const auto raw = static_cast<double>(capture.blocks.raw);
+    printf("%8s  %-19s  %-19s  %12s  %5zu  %8s  %8s  %5s  %9s  %s%s\n",
+           capture.index ? std::to_string(*capture.index).c_str() : "-",
+           TimeOr(capture.start, "-").c_str(), TimeOr(capture.end, "-").c_str(),
+           capture.Seconds() ? ShowDuration(static_cast<int64_t>(seconds)).c_str() : "-",
+           capture.files.size(), Size(capture.blocks.raw, false).c_str(),
+           Size(capture.size, false).c_str(),
+           Ratio("%.2f", raw, static_cast<double>(capture.blocks.packed)).c_str(),
+           Ratio("%.3f", raw / 1e6, seconds).c_str(), std::string(Text(capture.state)).c_str(),
+           capture.exception ? " EE" : "");
+}
+
+void PrintCaptures(const Phone& phone) {
+    std::vector<const CaptureFacts*> captures;
+    for (const CaptureFacts& capture : phone.captures) {
+        if (!capture.copy) captures.push_back(&capture);
+    }
+    printf("%8s  %-19s  %-19s  %12s  %5s  %8s  %8s  %5s  %9s  %s\n", "CAPTURE", "START", "END",
+           "DURATION", "FILES", "RAW", "PACKED", "RATIO", "RAW MB/s", "STATE");
+    const size_t left_out = captures.size() > kMostRows ? captures.size() - kMostRows : 0;
+    if (left_out != 0) printf("%8s  %zu older captures: muxz ls shows them\n", "...", left_out);
+    for (size_t i = left_out; i < captures.size(); ++i) PrintCapture(*captures[i]);
+}
+
+void PrintExceptions(const Phone& phone) {
+    for (const CaptureFacts& capture : phone.captures) {
+        if (!capture.exception || capture.copy) continue;
+        const ExceptionTime& when = *capture.exception;
+        std::string text;
+        if (when.exact) {
+            text = "at " + (when.from ? ShowTime(*when.from) : ShowUtc(*when.utc)) +
+                   ", as the modem told after it";
+        } else {
+            text = "between " + TimeOr(when.from, "an unknown time") + " and " +
+                   TimeOr(when.to, "an unknown time");
+        }
+        printf("exception   %s: %s\n", NameOf(capture).c_str(), text.c_str());
+    }
+}
+
+const char* NameOf(uint8_t type) {
+    return type == 1 ? "radio version" : type == 2 ? "hardware id" : "entry of another type";
+}
+
+void PrintCustom(const Phone& phone) {
+    const auto first =
+        std::find_if(phone.captures.begin(), phone.captures.end(),
+                     [](const CaptureFacts& c) { return !c.copy && !c.custom().empty(); });
+    if (first == phone.captures.end()) {
+        puts("phone       no custom header");
+        return;
+    }
+    std::string text;
+    for (const auto& [type, value] : first->custom()) {
+        if (type == 0) continue;
+        text += (text.empty() ? "" : ", ") + (NameOf(type) + (" " + Printable(value)));
+    }
+    printf("phone       %s\n", text.empty() ? "custom header with its tag only" : text.c_str());
+    const std::vector<CustomChange> changes = Changes(phone);
+    const auto or_none = [](const std::string& value) {
+        return value.empty() ? "none" : Printable(value);
+    };
+    for (const CustomChange& change : changes) {
+        printf("changed     %s: %s %s, before %s\n", NameOf(phone.captures[change.capture]).c_str(),
+               NameOf(change.type), or_none(change.after).c_str(), or_none(change.before).c_str());
+    }
+}
+
+void PrintOffset(const Phone& phone) {
+    if (!phone.utc_offset) {
+        puts("UTC offset  unknown");
+        return;
+    }
+    printf("UTC offset  %s%s\n", ShowOffset(*phone.utc_offset).c_str(),
+           phone.utc_offset_estimated ? ", as the last changes of the files make likely" : "");
+    const CaptureFacts* before = nullptr;
+    for (const CaptureFacts& capture : phone.captures) {
+        if (capture.copy || !capture.utc_offset) continue;
+        if (before != nullptr && before->utc_offset != capture.utc_offset) {
+            printf("changed     %s: %s, before %s\n", NameOf(capture).c_str(),
+                   ShowOffset(*capture.utc_offset).c_str(),
+                   ShowOffset(*before->utc_offset).c_str());
+        }
+        before = &capture;
+    }
+}
+
+void PrintFindings(const Model& model, Finding::Kind kind, const char* word) {
+    size_t count = 0;
+    for (const Finding& finding : model.findings) {
+        if (finding.kind != kind || ++count > kMostRows) continue;
+        const std::string path = finding.path.empty() ? "" : PrintablePath(finding.path) + ": ";
+        const std::string offset =
+            finding.offset ? "offset " + std::to_string(*finding.offset) + ": " : "";
+        printf("%-10s  %s%s%s\n", word, path.c_str(), offset.c_str(), finding.text.c_str());
+    }
+    if (count > kMostRows)
+        printf("%-10s  %zu more: muxz verify tells all\n", word, count - kMostRows);
+}
+
+void PrintTotals(const Totals& totals) {
+    const std::string damage = totals.damaged_bytes == 0
+                                   ? ""
+                                   : ", " + std::to_string(totals.damaged_bytes) + " damaged (" +
+                                         (totals.raw_estimated ? "about " : "") +
+                                         std::to_string(totals.raw_missing) + " raw bytes missing)";
+    printf("bytes       %s raw, %s packed%s\n", Size(totals.blocks.raw, false).c_str(),
+           Size(totals.size, false).c_str(), damage.c_str());
+    if (totals.power_on_logs != 0)
+        printf("power-on    %s raw, which the captures hold too\n",
+               Size(totals.power_on_blocks.raw, false).c_str());
+}
+
+}  // namespace
+
+int Check(const std::vector<std::string>& paths, bool quick, const Phones& phones) {
+    Messages messages(true);
+    const Model model = Read(paths,
+                             {.depth = quick ? Depth::kLengths : Depth::kBlocks,
+                              .phones = phones.value_or(PhoneChoice())},
+                             messages);
+    if (!AreWanted(model, phones, messages)) return messages.status;
+    for (size_t i = 0; i < model.phones.size(); ++i) {
+        const Phone& phone = model.phones[i];
+        if (model.phones.size() > 1) printf("%sphone %zu\n", i == 0 ? "" : "\n", i + 1);
+        if (!phone.captures.empty()) PrintCaptures(phone);
+        PrintExceptions(phone);
+        PrintCustom(phone);
+        PrintOffset(phone);
+    }
+    PrintTotals(model.totals);
+    PrintFindings(model, Finding::Kind::kUnreadable, "unreadable");
+    PrintFindings(model, Finding::Kind::kFault, "fault");
+    PrintFindings(model, Finding::Kind::kNote, "note");
+    puts(model.Verdict().c_str());
+    return model.Status();
+}
+
+}  // namespace muxz

@@ -1,0 +1,162 @@
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+
+#include "tools/muxz/assemble.h"
+
+namespace muxz {
+
+namespace {
+
+constexpr int64_t kQuarter = 900;         // s; what zones differ by
+constexpr int64_t kFarthest = 15 * 3600;  // s; that a zone is from Greenwich
+constexpr int64_t kSlack = 60;            // s; between the end of a file and the next one
+constexpr size_t kLeastPairs = 2;         // of files, that an estimated offset fits
+
+bool IsZone(int64_t offset) { return std::abs(offset) <= kFarthest; }
+
+// Calls `take` for each two files of a capture of which the later was opened as the other ended.
+template <typename Take>
+void ForPairs(const Phone& phone, Take take) {
+    for (const CaptureFacts& capture : phone.captures) {
+        for (size_t i = 1; i < capture.files.size(); ++i) {
+            const FileFacts &file = capture.files[i - 1], &next = capture.files[i];
+            if (file.index && next.index && *next.index == *file.index + 1 && file.last_change &&
+                next.opened)
+                take(*file.last_change, *next.opened);
+        }
+    }
+}
+
+void TellOffset(CaptureFacts& capture) {
+    for (const FileFacts& file : capture.files) {
+        if (!capture.folder_time) capture.folder_time = file.header.folder_time;
+    }
+    if (!capture.folder_time) return;
+    if (capture.start) {
+        const int64_t offset = *capture.start - *capture.folder_time;
+        if (IsZone(offset)) capture.utc_offset = static_cast<int32_t>(offset);
+        return;
+    }
+    // The first file is opened soon after the folder was made, whose name a heap does not tell.
+    if (capture.files.empty() || capture.files.front().index != 0u) return;
+    const auto opened = capture.files.front().opened;
+    if (!opened) return;
+    const int64_t apart = *opened - *capture.folder_time;
+    const int64_t offset = (apart >= 0 ? apart : apart - kQuarter + 1) / kQuarter * kQuarter;
+    if (IsZone(offset)) capture.utc_offset = static_cast<int32_t>(offset);
+}
+
+// The offset by which files ended when the next ones were opened, if one fits them all.
+std::optional<int32_t> EstimateOffset(const Phone& phone) {
+    std::optional<int64_t> offset;
+    size_t pairs = 0;
+    bool fits = true;
+    ForPairs(phone, [&](UtcTime last_change, PhoneTime next_opened) {
+        const int64_t apart = next_opened - last_change;
+        const int64_t rounded =
+            (apart >= 0 ? apart + kQuarter / 2 : apart - kQuarter / 2) / kQuarter * kQuarter;
+        ++pairs;
+        fits = fits && std::abs(apart - rounded) <= kSlack && IsZone(rounded) &&
+               offset.value_or(rounded) == rounded;
+        offset = rounded;
+    });
+    if (!fits || pairs < kLeastPairs) return std::nullopt;
+    return static_cast<int32_t>(*offset);
+}
+
+void TellOffsets(Phone& phone) {
+    for (CaptureFacts& capture : phone.captures) {
+        TellOffset(capture);
+        if (capture.utc_offset) phone.utc_offset = capture.utc_offset;
+    }
+    if (!phone.utc_offset) {
+        phone.utc_offset = EstimateOffset(phone);
+        phone.utc_offset_estimated = phone.utc_offset.has_value();
+    }
+    for (CaptureFacts& capture : phone.captures) {
+        if (!capture.utc_offset) capture.utc_offset = phone.utc_offset;
+        if (capture.start) continue;
+        if (capture.folder_time && capture.utc_offset) {
+            capture.start = *capture.folder_time + *capture.utc_offset;
+        } else if (!capture.files.empty()) {
+            capture.start = capture.files.front().opened;
+        }
+    }
+}
+
+// The last change of `file` on the phone's clock, where it can be believed.
+std::optional<PhoneTime> LastChange(const Phone& phone, const CaptureFacts& capture,
+                                    const FileFacts& file, std::optional<PhoneTime> bound) {
+    if (!phone.last_changes_kept || !capture.utc_offset || !file.last_change) return std::nullopt;
+    const PhoneTime time = *file.last_change + *capture.utc_offset;
+    if (file.opened && time < *file.opened - kSlack) return std::nullopt;
+    if (bound && time > *bound + kSlack) return std::nullopt;
+    return file.opened ? std::max(time, *file.opened) : time;
+}
+
+void TellEnds(Phone& phone) {
+    const std::optional<int32_t> offset = phone.utc_offset;
+    ForPairs(phone, [&](UtcTime last_change, PhoneTime next_opened) {
+        if (offset && last_change + *offset > next_opened + kSlack) phone.last_changes_kept = false;
+    });
+    std::optional<PhoneTime> next_start;
+    for (auto capture = phone.captures.rbegin(); capture != phone.captures.rend(); ++capture) {
+        std::optional<PhoneTime> bound = next_start;
+        for (size_t i = capture->files.size(); i-- > 0;) {
+            FileFacts& file = capture->files[i];
+            const FileFacts* next =
+                i + 1 < capture->files.size() ? &capture->files[i + 1] : nullptr;
+            const bool follows =
+                next != nullptr && file.index && next->index && *next->index == *file.index + 1;
+            file.closed =
+                follows && next->opened ? next->opened : LastChange(phone, *capture, file, bound);
+            if (file.opened) bound = file.opened;
+        }
+        if (!capture->files.empty()) capture->end = capture->files.back().closed;
+        // Between log folders a clock that was set may make the next capture the earlier one.
+        if (!capture->copy && capture->start) next_start = capture->start;
+    }
+}
+
+// The first file whose modem information is of another time than that of the file before it.
+const FileFacts* FirstRestart(const CaptureFacts& capture) {
+    for (size_t i = 1; i < capture.files.size(); ++i) {
+        const auto &before = capture.files[i - 1].header.modem,
+                   &now = capture.files[i].header.modem;
+        if (before && now && now->time && now->time != before->time) return &capture.files[i];
+    }
+    return nullptr;
+}
+
+void TellException(CaptureFacts& capture) {
+    if (!capture.exception) return;
+    ExceptionTime& when = *capture.exception;
+    if (const FileFacts* file = FirstRestart(capture)) {
+        when.exact = true;
+        when.utc = file->header.modem->time;
+        if (capture.utc_offset) when.from = when.to = *when.utc + *capture.utc_offset;
+        when.told_by = file->path;
+        return;
+    }
+    // The files that are opened behind an exception carry its mark.
+    when.from = capture.start;
+    for (const FileFacts& file : capture.files) {
+        if (file.exception) {
+            when.to = file.opened;
+            return;
+        }
+        if (file.opened) when.from = file.opened;
+    }
+    when.to = capture.end;
+}
+
+}  // namespace
+
+void TellTimes(Phone& phone) {
+    TellOffsets(phone);
+    TellEnds(phone);
+    for (CaptureFacts& capture : phone.captures) TellException(capture);
+}
+
+}  // namespace muxz

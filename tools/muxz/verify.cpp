@@ -1,0 +1,52 @@
+// muxz verify: whether every block is good and every file there.
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+
+#include "tools/muxz/commands.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/reading.h"
+
+namespace muxz {
+
+namespace {
+
+void TellFirst(const Model& model, Messages& messages) {
+    const auto first =
+        std::find_if(model.findings.begin(), model.findings.end(),
+                     [](const Finding& f) { return f.kind != Finding::Kind::kNote; });
+    if (first != model.findings.end()) messages.Tell(*first);
+}
+
+void PrintCounts(size_t files, const BlockFacts& blocks) {
+    printf("%zu files, %" PRIu64 " blocks, %" PRIu64 " raw bytes", files, blocks.blocks,
+           blocks.raw);
+}
+
+}  // namespace
+
+int Verify(const std::vector<std::string>& paths, bool first) {
+    Messages messages(true);
+    const Model model = Read(paths, {.depth = Depth::kBlocks, .first_fault = first}, messages);
+    if (first && model.Status() != kFine) {
+        TellFirst(model, messages);
+        return messages.status;
+    }
+    messages.Tell(model.findings);
+    const Totals& totals = model.totals;
+    if (totals.files + totals.power_on_logs == 0) return messages.status;
+    if (totals.files != 0 || totals.power_on_logs == 0) PrintCounts(totals.files, totals.blocks);
+    if (totals.power_on_logs != 0) {
+        printf("%sof the power-on log ", totals.files != 0 ? ", apart from them " : "");
+        PrintCounts(totals.power_on_logs, totals.power_on_blocks);
+    }
+    if (totals.faults == 0) {
+        puts(messages.status == kFine ? ": every block is good" : ": not all could be read");
+    } else {
+        printf(": %zu faults, %zu of them holes, %" PRIu64 " bytes damaged\n", totals.faults,
+               totals.holes, totals.damaged_bytes);
+    }
+    return messages.status;
+}
+
+}  // namespace muxz
