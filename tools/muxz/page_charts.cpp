@@ -233,14 +233,16 @@ class Timeline {
             AddSpan(spans, *finding.from - file->utc_offset, *finding.to - file->utc_offset, "hole",
                     "", finding.text, lane);
         if ((finding.what != Finding::What::kDamage && finding.what != Finding::What::kCutEnd) ||
-            !finding.offset || !file->to || file->file->size == 0)
+            !finding.offset || !file->to || file->file->size == 0 || !OnAxis(file->from))
             return;
-        const double share = std::min(
-            1.0, static_cast<double>(*finding.offset) / static_cast<double>(file->file->size));
-        const UtcTime at =
-            file->from + static_cast<UtcTime>(share * static_cast<double>(*file->to - file->from));
-        AddSpan(spans, at, at, "damage", "", finding.text + " in " + PrintablePath(finding.path),
-                lane);
+        const auto length = static_cast<double>(*file->to - file->from);
+        const auto at = [&](uint64_t offset) {
+            const double share =
+                static_cast<double>(offset) / static_cast<double>(file->file->size);
+            return static_cast<double>(file->from) + std::min(1.0, share) * length;
+        };
+        spans.push_back({at(*finding.offset), at(*finding.offset + finding.length), "damage", "",
+                         finding.text + " in " + PrintablePath(finding.path), lane});
     }
 
     void AddLogCharts(std::vector<TimeChart>& charts) const {

@@ -40,7 +40,7 @@ polyline, .legend line { fill: none; stroke-width: 1.8; vector-effect: non-scali
 rect.capture, rect.fill { fill: var(--fill); stroke: var(--one); stroke-width: 1 } rect.capture2 { fill: var(--fill2); stroke: var(--one); stroke-width: 1 }
 .exception { stroke: var(--bad); stroke-width: 3; fill: url(#bars) } rect.exception { stroke-width: 1.5 }
 .hole { fill: url(#hatch); stroke: var(--bad); stroke-width: 1 } .damage { stroke: var(--bad); stroke-width: 2; stroke-dasharray: 3 2; fill: url(#dots) }
-rect.damage { stroke-width: 1 } .gone { fill: none; stroke: var(--soft); stroke-width: 1; stroke-dasharray: 4 3 } .event { stroke: var(--ink); stroke-width: 1.5; fill: var(--ink) }
+rect.damage { stroke-width: 1.5 } .gone { fill: none; stroke: var(--soft); stroke-width: 1; stroke-dasharray: 4 3 } .event { stroke: var(--ink); stroke-width: 1.5; fill: var(--ink) }
 .limit { stroke: var(--bad); stroke-width: 2; stroke-dasharray: 4 2 }
 .legend { display: flex; flex-wrap: wrap; gap: .1rem 1.1rem; font-size: .85rem; color: var(--soft); margin: .4rem 0 0 } .legend span { display: inline-flex; align-items: center; gap: .4rem }
 .unit, .none { font-weight: 600 }
