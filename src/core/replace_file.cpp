@@ -35,6 +35,7 @@ Replaced WriteNewFile(const std::string& path, mode_t mode,
     unlink(path.c_str());  // what an earlier death left there
     unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (fd < 0) return Replaced::kNotCreated;
+    fchmod(fd, mode);  // whatever the umask
     if (!write(fd) || fsync(fd) != 0) return Replaced::kNotWritten;
     return close(fd.release()) == 0 ? Replaced::kDone : Replaced::kNotClosed;
 }
