@@ -24,7 +24,7 @@ mode_t ModeOf(const char* path, mode_t otherwise) {
 }
 
 bool SyncFolderOf(const std::string& path) {
-    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const std::string folder = path.substr(0, path.rfind('/') + 1) + ".";
     const unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd >= 0 && fsync(fd) == 0;
 }
