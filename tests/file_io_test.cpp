@@ -379,6 +379,8 @@ TEST_F(FileIo, ACutFileIsLeftAsItIs) {
         Restart();
         ASSERT_EQ(io->io_open(), 0);
         ASSERT_TRUE(Write(bytes.substr(0, bytes.size() / 2)));
+        io->set_file_suffix("_EE");
+        io->rename_folder_ee();  // the loss is told under the folder's new name
         const std::string file =
             io->get_latest_folder_path() + "/" + List(io->get_latest_folder_path()).at(0);
         const std::string had = test::DecodeFile(file).bytes;

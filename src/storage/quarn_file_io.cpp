@@ -59,8 +59,6 @@ std::string indexed_name(uint32_t idx, const std::string& time_text) {
 // Marks in a path are looked for in its last component only: the folders above may be named freely.
 size_t name_start(const std::string& path) { return path.rfind('/') + 1; }
 
-std::string last_component(const std::string& path) { return path.substr(name_start(path)); }
-
 bool name_contains(const std::string& path, std::string_view mark) {
     return path.find(mark, name_start(path)) != std::string::npos;
 }
@@ -676,8 +674,7 @@ int QUARN_FILE_IO::close_log_file() {
 void QUARN_FILE_IO::forget_vanished_file() {
     QUARN_LOGW("file_io: log_file=%s was deleted, %lld bytes went with it", cur_file_path.c_str(),
                static_cast<long long>(lseek(fd, 0, SEEK_END)));
-    // No rename is due then. Only the names are the same where an exception renamed the folder.
-    if (last_component(last_file_path) == last_component(cur_file_path)) last_file_path.clear();
+    if (last_file_path == cur_file_path) last_file_path.clear();  // no rename is due then
 }
 
 // What is missing from the end of the open file, as of one that somebody emptied: no more than 0
@@ -700,8 +697,8 @@ int QUARN_FILE_IO::rename_folder_ee() {
     if (!latest_folder_path.empty()) latest_folder_path = ee_path;
     cur_folder_path = ee_path;
     // The file that waits for its final name may still be one of the capture before.
-    if (last_file_path.starts_with(old_path + "/")) {
-        last_file_path.replace(0, old_path.size(), ee_path);
+    for (std::string* const path : {&cur_file_path, &last_file_path}) {
+        if (path->starts_with(old_path + "/")) path->replace(0, old_path.size(), ee_path);
     }
     QUARN_LOGI("file_io: rename log folder to %s", ee_path.c_str());
     return 0;
