@@ -55,7 +55,6 @@ std::string RestartProperty() {
 class EventDetect : public testing::Test {
   protected:
     void SetUp() override {
-        test::HandleStopSignal();
         std::filesystem::create_directories("/data/vendor/radio");
         g_event_detect.init();
     }

@@ -10,6 +10,16 @@ namespace {
 constexpr std::chrono::milliseconds kEndedPoll(2);
 constexpr int kPollsPerInterrupt = 50;
 
+// Whoever has no handler yet, as `main` when it starts the first of these threads, would be ended
+// by the signal.
+void EnsureHandler() {
+    struct sigaction action;
+    if (sigaction(SIGUSR1, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
+    action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+}
+
 }  // namespace
 
 int ListenerThread::Create(const char* thread_name, Body thread_body, void* body_arg) {
@@ -17,6 +27,7 @@ int ListenerThread::Create(const char* thread_name, Body thread_body, void* body
     body = thread_body;
     arg = body_arg;
     ended = false;
+    EnsureHandler();
     const int error = pthread_create(&thread, nullptr, Run, this);
     exists = error == 0;
     return error;

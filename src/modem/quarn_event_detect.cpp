@@ -31,8 +31,8 @@ constexpr size_t kStateSize = 63;
 constexpr std::string_view kStateReady = "state=6";
 
 constexpr size_t kMaxMessage = 2048;  // a datagram of this size may have been cut
-// Bytes; what a phone's own device manager asks for. Within what the kernel grants everyone, so
-// that it takes no capability.
+// Bytes; what a phone's own device manager asks for. The kernel grants as much of it as it grants
+// everyone, which takes no capability, and doubles that.
 constexpr int kReceiveBuffer = 256 * 1024;
 constexpr int kWaitTimeoutMs = 5000;
 constexpr std::chrono::seconds kErrorPause(1);

@@ -265,8 +265,13 @@ void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
         return;
     }
     if (len == 0) return;
-    if (struct stat status; fstat(log.fd, &status) == 0 && status.st_nlink == 0) {
-        QUARN_LOGW("Power-on log: stop writing log, %s was deleted", kPowerOnLogPath);
+    struct stat status;
+    const bool known = fstat(log.fd, &status) == 0;
+    const bool deleted = known && status.st_nlink == 0;
+    // What followed a cut would lie behind a hole.
+    if (deleted || (known && status.st_size < lseek(log.fd, 0, SEEK_CUR))) {
+        QUARN_LOGW("Power-on log: stop writing log, %s was %s", kPowerOnLogPath,
+                   deleted ? "deleted" : "cut");
         CloseFile(log, kWho);
         log.state = State::kStopped;
         return;
