@@ -186,11 +186,6 @@ class FolderNameLock {
     QUARN_FILE_IO& file_io;
 };
 
-std::string LastComponent(std::string_view path) {
-    while (path.ends_with('/')) path.remove_suffix(1);
-    return std::string(path.substr(path.rfind('/') + 1));
-}
-
 // Records carry the finished name, which the newest capture and one with an exception do not bear.
 // Call with the folder-name lock held.
 std::string FindFolder(const std::string& record) {
@@ -237,7 +232,7 @@ Walk CopyLogFileFromFolder(const std::string& record, const std::string& directo
     const std::string source = FindFolder(record);
     const ScannedFolder scanned(source);
     if (scanned.empty()) return Walk::kGoesOn;
-    const std::string destination = directory + "/" + LastComponent(source);
+    const std::string destination = directory + "/" + std::string(log_names::LastComponent(source));
     if (mkdir(destination.c_str(), kFolderMode) != 0) {
         QUARN_LOGE("%s: Error creating folder %s: %s", "CopyLogFileFromFolder", destination.c_str(),
                    strerror(errno));

@@ -1,6 +1,7 @@
 #include "storage/log_names.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 
 namespace quarn::log_names {
@@ -19,6 +20,16 @@ std::string_view TakeWhile(std::string_view& text, Predicate belongs) {
     text.remove_prefix(run.size());
     return run;
 }
+
+std::string LocalTime(time_t time) {
+    std::array<char, 32> text;
+    struct tm local;
+    localtime_r(&time, &local);
+    return {text.data(), strftime(text.data(), text.size(), kTimeFormat, &local)};
+}
+
+// Where the last component begins.
+size_t NameStart(std::string_view path) { return path.rfind('/') + 1; }
 
 // What folder and file names begin with: prefix, index, "_", time. Leaves the rest in `text`.
 // A time has two characters or more and ends in a digit: any "_" behind its last digit belongs to
@@ -71,6 +82,48 @@ std::optional<uint32_t> ParseIndex(std::string_view digits) {
     const auto [stop, error] = std::from_chars(digits.data(), end, value);
     if (error != std::errc{} || stop != end) return std::nullopt;
     return value;
+}
+
+std::optional<uint32_t> IndexOf(std::string_view name) {
+    const size_t first = name.find('_');
+    if (first == std::string_view::npos) return std::nullopt;
+    const size_t second = name.find('_', first + 1);
+    if (second == std::string_view::npos) return std::nullopt;
+    return ParseIndex(name.substr(first + 1, second - first - 1)).value_or(0);
+}
+
+std::string IndexedName(uint32_t index, time_t time) {
+    return std::string(kPrefix) + std::to_string(index) + "_" + LocalTime(time);
+}
+
+std::string OpenFileName(uint32_t index, time_t time, std::string_view suffix) {
+    return IndexedName(index, time).append(suffix).append(kFileEnding).append(kOpenEnding);
+}
+
+std::string_view LastComponent(std::string_view path) {
+    while (path.ends_with('/')) path.remove_suffix(1);
+    return path.substr(NameStart(path));
+}
+
+bool HasException(std::string_view path) {
+    return path.find(kException, NameStart(path)) != std::string_view::npos;
+}
+
+std::string FinishedFolder(std::string_view path) {
+    if (HasException(path)) {
+        const size_t mark = path.rfind(kException);
+        const size_t kept = mark > NameStart(path) ? mark - 1 : mark;  // drops the "t"
+        return std::string(path.substr(0, kept)).append(kException);
+    }
+    if (path.ends_with(kUnfinished)) path.remove_suffix(kUnfinished.size());
+    return std::string(path);
+}
+
+std::string FinishedFile(std::string_view path) {
+    std::string finished(path);
+    const size_t mark = finished.find(kOpenEnding, NameStart(path));
+    if (mark != std::string::npos) finished.erase(mark, kOpenEnding.size());
+    return finished;
 }
 
 }  // namespace quarn::log_names

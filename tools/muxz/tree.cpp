@@ -25,11 +25,6 @@ Fd::~Fd() { Close(); }
 
 bool Fd::Close() { return fd < 0 || close(std::exchange(fd, -1)) == 0; }
 
-std::string_view LastComponent(std::string_view path) {
-    while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
-    return path.substr(path.rfind('/') + 1);
-}
-
 std::string FolderAround(const std::string& path) {
     const size_t before_name = path.find_last_not_of('/') + 1 - LastComponent(path).size();
     return before_name == 0 ? "." : path.substr(0, std::max<size_t>(before_name - 1, 1));

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "storage/log_names.h"
+
 namespace muxz {
 
 // Owns a descriptor.
@@ -103,7 +105,7 @@ std::string FindRenamed(const std::string& path);
 Fd OpenRegular(int folder, const std::string& path, std::string& why);
 Fd OpenFolder(const std::string& path);
 
-std::string_view LastComponent(std::string_view path);
+using quarn::log_names::LastComponent;
 // Without a slash at its end; "." when `path` is a name.
 std::string FolderAround(const std::string& path);
 
