@@ -136,7 +136,8 @@ void Recycler(benchmark::State& state) {
     config.recycle_size = static_cast<uint32_t>(files);
     for (auto _ : state) {
         if (over) config.recycle_size = config.recycle_size - 1;
-        const int32_t rc = quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(config);
+        const int32_t rc =
+            quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(config, "");
         if (rc != 0) state.SkipWithError("recycling failed");
     }
 }

@@ -145,17 +145,17 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
     {
         const test::NoNewThreads limit;
         PowerOnLogInit();
-        PowerOnLogStart();
+        PowerOnLogStart(0);
         EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
         PowerOnLogStop();
     }
     PowerOnLogInit();
     test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
-    PowerOnLogStart();
+    PowerOnLogStart(0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +
                                                kPowerOnLogPath + ": File exists"));
     fs::remove_all(kPowerOnLogPath);
-    PowerOnLogStart();
+    PowerOnLogStart(0);
     Store("abc");
     PowerOnLogDeInit();
     EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "abc");
@@ -237,7 +237,7 @@ TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
         if (in_flush) notification.lock();
         std::thread stop(PowerOnLogStop);
         EXPECT_TRUE(test::WaitUntil([&] {
-            PowerOnLogStart();
+            PowerOnLogStart(0);
             return log.Count(kAlreadyStopped) > 0;
         }));
         g_file_io.io_close();

@@ -151,6 +151,9 @@ const RecyclerCase kCases[] = {
 class Recycler : public testing::Test {
   protected:
     Recycler() { fs::create_directories("/data/vendor/radio"); }
+    int32_t Recycle(const std::string& latest_folder = "") const {
+        return LogFileRecycler::GetInstance()->CheckAndRecycle(config, latest_folder);
+    }
     test::LogCapture log;
     RECYCLE_CONFIG config;
 };
@@ -158,7 +161,6 @@ class Recycler : public testing::Test {
 }  // namespace
 
 TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
-    int number = 0;
     for (size_t i = 0; i < 2 * std::size(kCases); ++i) {
         const RecyclerCase& c = kCases[i / 2];
         SCOPED_TRACE(c.what);
@@ -167,17 +169,11 @@ TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
         for (std::string folder; history >> folder;) {
             quarn::zorvex::UpdateFolderHistory(kLogs + "/" + folder);
         }
-        // The recycler reads the history again when the latest capture is another one.
-        const std::string aside = kLogs + "aside" + std::to_string(++number);
-        g_file_io.io_close();
-        ASSERT_EQ(g_file_io.set_log_folder(aside), 0);
-        ASSERT_EQ(g_file_io.io_open(), 0);
-        fs::remove_all(aside);
-
         config.recycle_size = c.recycle_size;
         config.keep_ee_size = c.keep_ee_size;
         config.clear_ee = c.clear_ee;
-        EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), c.rc);
+        // It reads the history again when the latest capture is another one.
+        EXPECT_EQ(Recycle("/latest" + std::to_string(i)), c.rc);
         EXPECT_EQ(Left(), Expand(c.left));
         EXPECT_EQ(log.Count("BuildLogFileList: Error opening ..."), 0u);  // none is listed twice
     }
@@ -196,8 +192,10 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     MakeFile(current + "/QRXMDLog_0_2024_0101_000000.muxz", 4096);
     MakeFile(current + "/QRXMDLog_1_2024_0101_000000.muxz.tmp", 4096);
     MakeLinks("latest>" + current.substr(kLogs.size()) + Expand(" <A>>latest"));
-    config.recycle_size = 1;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
+    g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, 1);
+    ASSERT_EQ(g_file_io.io_write("x", 1), 1);
+    g_file_io.flush_ringBuf();
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: recycle fail (memory not enough)"));
     EXPECT_EQ(test::List(current),
               std::vector<std::string>{"QRXMDLog_1_2024_0101_000000.muxz.tmp"});
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: still remain 3072KB not cleared"));
@@ -211,7 +209,7 @@ TEST_F(Recycler, FoldersBehindLinksCountOnce) {
     const std::string loose = elsewhere + "loose", current = kLogs + Expand("<C>t");
     const auto recycle = [&](unsigned int size) {
         config.recycle_size = size;
-        return LogFileRecycler::GetInstance()->CheckAndRecycle(config);
+        return Recycle();
     };
     for (const bool links_first : {false, true}) {
         for (const auto& folder : {capture, plain, loose}) MakeFile(folder + file, 4096);
@@ -247,7 +245,7 @@ TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
     MakeFile(kLogs + Expand("<A>/QRXMDLog_99999999999_2024_0101_000000.muxz"), 0);
     fs::create_directory(kLogs + Expand("<A>/sub"));
     config.recycle_size = 8;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_EQ(Recycle(), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO,
                         "LogFileRecycler: total log file size=8MB, skip recycle (recycle=8MB)"));
     EXPECT_EQ(log.Count("Unexpected..."), 1u);
@@ -255,7 +253,7 @@ TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
         ANDROID_LOG_WARN,
         "TraverseAndBuildFolderList: Unexpected file in log folder " + kLogs + "/notes.txt"));
     config.recycle_size = 4;
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), 0);
+    EXPECT_EQ(Recycle(), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "BuildLogFileList: Unexpected entry in log folder ..."));
     // The stray entries keep the emptied folder.
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "RecycleFolder: Error removing folder ..."));
@@ -263,6 +261,6 @@ TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
     EXPECT_TRUE(fs::exists(kLogs + "power_on_log.muxz"));
 
     fs::remove_all(kLogs);
-    EXPECT_EQ(LogFileRecycler::GetInstance()->CheckAndRecycle(config), -1);
+    EXPECT_EQ(Recycle(), -1);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "LogFileRecycler: failed to traverse, skip recycle"));
 }

@@ -15,6 +15,7 @@
 
 #include "core/replace_file.h"
 #include "platform/quarn_log.h"
+#include "storage/append_undo.h"
 
 namespace quarn::zorvex {
 
@@ -103,14 +104,14 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
                    strerror(errno));
         return -1;
     }
-    const off_t size = lseek(fd, 0, SEEK_END);
+    const AppendUndo undo(fd);
     const bool recorded = android::base::WriteStringToFd(folder_path + '\n', fd);
     if (recorded) {
         QUARN_LOGD("CopyLogFile: record %s in the history file", folder_path.c_str());
     } else {
         QUARN_LOGE("%s: Error writing file: %s", "UpdateFolderHistory", strerror(errno));
         // A piece of a record would run into the next one.
-        if (size < 0 || ftruncate(fd, size) != 0) {
+        if (!undo.Undo()) {
             QUARN_LOGE("CopyLogFile: cut the history file fail, errno=%s", strerror(errno));
         }
     }

@@ -26,11 +26,6 @@ constexpr int kKbShift = 10;  // bytes to KiB, and MB to KiB the other way
 // Captures lie one or two folders deep. Each level that is walked holds a descriptor.
 constexpr int kMaxDepth = 16;
 
-std::string LastComponent(std::string path) {
-    while (path.ends_with('/')) path.pop_back();
-    return path.substr(path.rfind('/') + 1);
-}
-
 struct Entry {
     std::string name;
     struct stat status;  // behind the link, if it is one
@@ -70,12 +65,13 @@ LogFileRecycler* LogFileRecycler::GetInstance() {
     return &recycler;
 }
 
-int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config) {
+int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config,
+                                         const std::string& current_folder) {
     QUARN_LOGI("LogFileRecycler: start to check and recycle");
     recycle_kb = int64_t{config.recycle_size} << kKbShift;
     keep_ee_kb = int64_t{config.keep_ee_size} << kKbShift;
     clear_ee = config.clear_ee ? 1 : 0;
-    BuildLogFolderHistoryIndex();
+    BuildLogFolderHistoryIndex(current_folder);
 
     folder_list.clear();
     total_kb = 0;
@@ -110,17 +106,16 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config) {
     return 0;
 }
 
-void LogFileRecycler::BuildLogFolderHistoryIndex() {
-    std::string current = g_file_io.get_latest_folder_path();
-    if (current == latest_folder) {
+void LogFileRecycler::BuildLogFolderHistoryIndex(const std::string& current_folder) {
+    if (current_folder == latest_folder) {
         QUARN_LOGI("LogFileRecycler: the latest folder is same, skip reading history file");
         return;
     }
-    latest_folder = std::move(current);
+    latest_folder = current_folder;
     history_index.clear();
     uint64_t position = 0;
     for (const std::string& record : GetLatestHistoryRecord(kHistoryRecords)) {
-        history_index.emplace(LastComponent(record), ++position);
+        history_index.emplace(log_names::LastComponent(record), ++position);
     }
 }
 
@@ -168,8 +163,8 @@ void LogFileRecycler::FollowLinks() {
         const std::unique_ptr<char, void (*)(void*)> target(realpath(link.c_str(), nullptr), free);
         struct stat status;
         if (!target || stat(target.get(), &status) != 0) continue;  // gone meanwhile
-        std::string name = LastComponent(target.get());
-        if (!IsLogFolderName(name)) name = LastComponent(link);
+        std::string name(log_names::LastComponent(target.get()));
+        if (!IsLogFolderName(name)) name = log_names::LastComponent(link);
         TakeFolder(target.get(), name, status, 0, false);
     }
 }
@@ -190,7 +185,7 @@ bool LogFileRecycler::GetLogFolderInfo(const std::string& parent_path, const std
         return false;
     }
     info.name = name;
-    info.parent = parent_path == root ? "" : LastComponent(parent_path);
+    info.parent = parent_path == root ? "" : log_names::LastComponent(parent_path);
     info.time = parsed->time;
     info.is_ee = parsed->suffix.ends_with(log_names::kException);
     // The history holds the names that folders bear once finished, exception mark apart.

@@ -105,6 +105,10 @@ std::string_view LastComponent(std::string_view path) {
     return path.substr(NameStart(path));
 }
 
+void FollowRename(std::string& path, const std::string& from, const std::string& to) {
+    if (path.starts_with(from + "/")) path.replace(0, from.size(), to);
+}
+
 bool HasException(std::string_view path) {
     return path.find(kException, NameStart(path)) != std::string_view::npos;
 }

@@ -51,6 +51,9 @@ std::string OpenFileName(uint32_t index, time_t time, std::string_view suffix);
 // Without slashes at its end.
 std::string_view LastComponent(std::string_view path);
 
+// Gives `path` the new name of the folder `from` if it lies in that.
+void FollowRename(std::string& path, const std::string& from, const std::string& to);
+
 // The functions below look for marks in the last component of `path` only, since the folders above
 // may be named freely. REQUIRES: `path` does not end in a slash.
 

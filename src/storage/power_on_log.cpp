@@ -24,6 +24,7 @@
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
+#include "storage/append_undo.h"
 #include "storage/log_file_header.h"
 #include "storage/log_names.h"
 
@@ -111,10 +112,10 @@ PowerOnLog& Module() {
 
 // All of it, or, as far as that can be undone, nothing, so that what is in the file stays whole.
 bool Append(int fd, const char* buf, size_t size) {
-    const off_t before = lseek(fd, 0, SEEK_CUR);
+    const AppendUndo undo(fd);
     if (android::base::WriteFully(fd, buf, size)) return true;
     const int error = errno;
-    if (before >= 0 && ftruncate(fd, before) == 0) lseek(fd, before, SEEK_SET);
+    undo.Undo();
     errno = error;
     return false;
 }
@@ -143,9 +144,9 @@ void RemovePreviousFile(const char* who) {
 }
 
 // False, with no file open, on failure.
-bool OpenFile(PowerOnLog& log, const char* who) {
+bool OpenFile(PowerOnLog& log, const char* who, time_t folder_time) {
     RemovePreviousFile(who);
-    const LogFileHeader header(g_file_io.get_cur_folder_time(), 0);
+    const LogFileHeader header(folder_time, 0);
     if (!header.has_modem_info()) QUARN_LOGE("%s: Error missing modem info", who);
     // O_EXCL: what took the name since then, a pipe or a link, is neither waited for nor followed.
     log.fd = open(kPowerOnLogPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
@@ -226,7 +227,7 @@ void PowerOnEventDetectThreadEntry() {
     QUARN_LOGI("Power-on Log: thread %s terminate", kThreadEntry);
 }
 
-void PowerOnLogStart() {
+void PowerOnLogStart(time_t folder_time) {
     constexpr const char* kWho = "PowerOnLogStart";
     PowerOnLog& log = Module();
     const UseLock lock(log.mutex);
@@ -250,7 +251,7 @@ void PowerOnLogStart() {
                    type);
         return;
     }
-    if (!OpenFile(log, kWho)) return;  // the next capture folder tries again
+    if (!OpenFile(log, kWho, folder_time)) return;  // the next capture folder tries again
     QUARN_LOGI("Power-on log: start writing log to %s", kPowerOnLogPath);
     log.state = State::kWriting;
 }

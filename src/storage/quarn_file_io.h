@@ -1,10 +1,6 @@
 // The storage channel: compressed log files in capture folders, rotated by size.
 #pragma once
 
-#include <android-base/unique_fd.h>
-#include <sys/types.h>
-
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <ctime>
@@ -12,13 +8,17 @@
 #include <string>
 
 #include "datapath/quarn_io.h"
+#include "storage/block_buffer.h"
+#include "storage/capture_tree.h"
 #include "storage/file_sync.h"
-#include "storage/log_file_format.h"
+#include "storage/log_file.h"
 #include "storage/recycle_config.h"
 
 // States: closed -> `io_open` -> capture open, no file -> first flushed block -> file open (".tmp")
-// -> rotation: next file open, the one before renamed without ".tmp" -> `io_close` -> closed. The
-// names in the tree are told in log_names.h, the files' framing in log_file_format.h.
+// -> rotation: next file open, the one before renamed without ".tmp" -> `io_close` -> closed.
+//
+// This class has the locks, the settings and the order of the steps. The steps themselves are those
+// of the block buffer, the log file and the capture tree, none of which knows of the others.
 //
 // Locks, in order: `io_mutex`, then one of `recycle_mutex`, `folder_name_mutex`, the history mutex,
 // the power-on mutex (power_on_log.h) and, also inside the last, `md_info_mutex`. All operations
@@ -61,10 +61,9 @@ class QUARN_FILE_IO : public QUARN_IO {
     int set_log_folder(std::string path);
     std::string get_log_folder();
 
-    // Only for what runs inside this channel's own operations, hence under `io_mutex`: the recycler
-    // and the power-on log.
-    time_t get_cur_folder_time() const { return cur_folder_time; }
-    std::string get_latest_folder_path() const { return latest_folder_path; }
+    // REQUIRES: no operation of the channel runs at the same time, or the caller runs inside one.
+    time_t get_cur_folder_time() const { return capture.folder_time(); }
+    std::string get_latest_folder_path() const { return capture.latest_folder(); }
 
     // While it is held no capture folder is renamed.
     void acquire_folder_name_lock();
@@ -79,67 +78,34 @@ class QUARN_FILE_IO : public QUARN_IO {
 
     // The rest runs under `io_mutex`.
     int open_capture();
-    int create_base_folders();
-    int ensure_log_folder();
-    void pick_next_index();
-    // The unfinished folder with the highest index, or else any with the highest; both outputs are
-    // cleared when there is none.
-    void find_latest_folder(std::string& path, uint32_t& idx) const;
-    void find_latest_file(const std::string& folder_path, std::string& path) const;
-    void finalise_latest_folder();
-    bool rename_folder(const std::string& from, const std::string& to);
-    bool wants_ee_name() const;
-
     // Writes what is buffered; false, with the buffer kept, on failure.
-    bool flush_compress_buf(Flush how);
+    bool flush_blocks(Flush how);
     void flush_last(Flush how);
     void close_capture_files(Flush how);
     void forget_capture();
 
-    // Writes whole blocks (and with `last` the stray byte) to the current file, after opening the
-    // first one or the next one. On -1 the file holds nothing of what is left in the buffer.
-    int save_to_log_file(const char* buf, unsigned int len, bool last);
+    // Writes what is buffered to the current file, after opening the first one or the next one. On
+    // -1 the file holds nothing of what is left in the buffer; otherwise the caller clears it.
+    int save_to_log_file(Flush how);
     // Sees to it that a file is open which may take more.
     int ready_file();
     void give_up_vanished_capture();
-    bool has_its_folder() const;
     int recycle();
     int rotate();
     int make_room();  // under `recycle_mutex`
-    int append_whole(const char* buf, int len);
-    void drop_blocks_within(size_t size);
     int open_new_log_file();
-    int open_cur_file();
-    int write_header();
-    void finalise_last_file();
-    int close_log_file();
-    void forget_vanished_file();
-    off_t bytes_cut() const;
+    void close_log_file();
 
-    const std::string base_path;
-    const std::string config_path;
-    const std::string top_log_folder;
-    std::string log_folder;  // the top one or one directly in it
-
-    std::array<char, quarn::log_file::kCompressBufSize>
-        compress_buf{};                                 // whole blocks not yet in the file
-    uint32_t compress_used = 0;                         // bytes
-    uint32_t file_written = 0;                          // bytes, header not counted
-    off_t header_length = 0;                            // of the open file, once it is whole
-    std::atomic<uint32_t> file_size{50 * 1024 * 1024};  // bytes; atomic: read without a lock
-    time_t cur_folder_time = 0;
-    std::string cur_folder_path;             // empty: no capture
-    android::base::unique_fd cur_folder_fd;  // that folder as it was made; -1: could not be opened
-    std::string latest_folder_path;          // found at start, then the current one
-    std::string cur_file_path;   // as it was opened; an exception renames the folder around it
-    std::string last_file_path;  // loses its ".tmp" when the next file opens
-    std::string file_suffix;     // "" or "_EE"
-    uint32_t next_folder_idx = 0;
-    uint32_t file_idx = 0;
-
-    quarn::zorvex::FileSync file_sync;  // owned, with its thread; called under `io_mutex`
+    // Owned, with its thread. Outlives the two that call it.
+    quarn::zorvex::FileSync file_sync;
+    quarn::zorvex::CaptureTree capture;
+    quarn::zorvex::LogFile file;
+    quarn::zorvex::BlockBuffer blocks;
+    // "" or "_EE"
+    std::string file_suffix;
+    // Bytes; atomic: read without a lock.
+    std::atomic<uint32_t> file_size{50 * 1024 * 1024};
 
     RECYCLE_CONFIG recycle_config;
     std::mutex recycle_mutex;
-    std::mutex folder_name_mutex;
 };

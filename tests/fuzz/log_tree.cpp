@@ -196,7 +196,8 @@ void Recycle(const Made& made, unsigned int recycle, const std::string& capture)
     config.recycle_size = recycle;
     config.keep_ee_size = made.keep;
     config.clear_ee = made.clear;
-    const int32_t rc = quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(config);
+    const int32_t rc = quarn::zorvex::LogFileRecycler::GetInstance()->CheckAndRecycle(
+        config, g_file_io.get_latest_folder_path());
     const Tree after = Look();
     const int64_t budget = int64_t{recycle} << 10;
     fuzz::Check((rc == 0) == (after.log_kib <= budget), "the result tells whether it is in budget");
