@@ -57,8 +57,9 @@ class PowerOnMutex {
         changed.wait(guard, [this] { return holder == Holder::kNobody; });
         holder = Holder::kStop;
     }
-    // For everybody else: waits for its turn, but gives up as soon as a stop is under way.
-    bool try_lock() {
+    // For everybody else: waits for its turn, but gives up as soon as a stop is under way. Returns
+    // true if it has the mutex.
+    bool lock_unless_stopping() {
         std::unique_lock guard(mutex);
         changed.wait(guard, [this] { return stops != 0 || holder == Holder::kNobody; });
         if (stops != 0) return false;
@@ -84,9 +85,21 @@ class PowerOnMutex {
 using StopLock = std::lock_guard<PowerOnMutex>;
 
 // False when a stop is under way.
-class UseLock : public std::unique_lock<PowerOnMutex> {
+class UseLock {
   public:
-    explicit UseLock(PowerOnMutex& mutex) : unique_lock(mutex, std::try_to_lock) {}
+    explicit UseLock(PowerOnMutex& power_on_mutex)
+        : mutex(power_on_mutex), owned(mutex.lock_unless_stopping()) {}
+    ~UseLock() {
+        if (owned) mutex.unlock();
+    }
+    UseLock(const UseLock&) = delete;
+    UseLock& operator=(const UseLock&) = delete;
+
+    explicit operator bool() const { return owned; }
+
+  private:
+    PowerOnMutex& mutex;
+    const bool owned;
 };
 
 struct PowerOnLog {
