@@ -15,9 +15,10 @@ namespace quarn::log_file {
 
 constexpr size_t kLengthSize = 3;
 constexpr size_t kBlockHeaderSize = kLengthSize + kLengthSize;
-constexpr size_t kCompressBufSize =
-    size_t{1024} * 1024;  // blocks gather in it on their way to the file
-constexpr uint32_t kMaxLength = (1u << (8 * kLengthSize)) - 1;  // most that a length can say
+// Blocks gather in a buffer of this size on their way to the file.
+constexpr size_t kCompressBufSize = size_t{1024} * 1024;
+// The most that a length can say.
+constexpr uint32_t kMaxLength = (1u << (8 * kLengthSize)) - 1;
 
 struct BlockHeader {
     uint32_t raw_length;     // bytes when unpacked

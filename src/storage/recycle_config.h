@@ -15,10 +15,16 @@ enum QUARN_RECYCLE_OPT : int32_t {
 // channel's recycle mutex and read without it, the rest belongs to the thread that holds
 // `io_mutex`.
 struct RECYCLE_CONFIG {
-    std::atomic<uint32_t> recycle_size{2500};  // MB allowed for all log files together
-    std::atomic<bool> clear_ee{true};          // exception folders may be emptied too
-    std::atomic<uint32_t> keep_ee_size{0};  // MB of each exception folder to keep; 0: no trimming
-    int32_t cur_folder_idx = 0;             // of the capture being written
-    bool folder_created = false;            // a capture has been opened since start
-    bool reserved = true;                   // carried for the recycler, which gives it no meaning
+    // MB allowed for all log files together.
+    std::atomic<uint32_t> recycle_size{2500};
+    // Exception folders may be emptied too.
+    std::atomic<bool> clear_ee{true};
+    // MB of each exception folder to keep; 0: no trimming.
+    std::atomic<uint32_t> keep_ee_size{0};
+    // Of the capture being written.
+    int32_t cur_folder_idx = 0;
+    // A capture has been opened since start.
+    bool folder_created = false;
+    // Carried for the recycler, which gives it no meaning.
+    bool reserved = true;
 };
