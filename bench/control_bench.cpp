@@ -23,6 +23,7 @@
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
 #include "sim/modem.h"
 
 namespace fs = std::filesystem;

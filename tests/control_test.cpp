@@ -21,6 +21,7 @@
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
 #include "support.h"

@@ -11,12 +11,13 @@
 #include "control/log_commands.h"
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
-#include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "modem/early_log_filter.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 #include "storage/power_on_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 

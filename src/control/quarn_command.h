@@ -31,6 +31,8 @@ class QUARN_COMMAND_HANDLE : public QUARN_HANDLE {
     int32_t stop() override;
 };
 
+extern QUARN_COMMAND_HANDLE g_command;
+
 // Serves one request of the client: 0 when a reply was sent, else -1.
 int quarn_ctrlConnCallback(int fd);
 

@@ -54,8 +54,6 @@ quarn::zorvex::ListenerThread listener;
 std::mutex client_mutex;
 std::array<Client, kMaxClients> clients;
 
-std::atomic<int> ctrl_port_ready{0};
-
 void close_fd(int fd) {
     if (close(fd) != 0) {
         QUARN_LOGE("ctrl_connect: close fd=%d fail, errno=%s", fd, strerror(errno));
@@ -263,10 +261,6 @@ int quarn_ctrlConn_sendData(int fd, const void* buf, int len) {
 int quarn_ctrlConn_recvData(int fd, void* buf, int len) {
     return quarn::zorvex::ReceiveByDelimiter(fd, static_cast<char*>(buf), len, "ctrl_connect: ");
 }
-
-bool quarn_getCtrlPortStatus() { return ctrl_port_ready != 0; }
-
-void quarn_setCtrlPortReady() { ctrl_port_ready = 1; }
 
 namespace quarn::zorvex {
 

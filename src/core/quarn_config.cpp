@@ -17,16 +17,18 @@
 #include <vector>
 
 #include "control/quarn_command.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "core/replace_file.h"
 #include "core/utility.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 
 using android::base::unique_fd;
+using quarn::zorvex::kMaxLoadSize;
 using quarn::zorvex::Replaced;
 using quarn::zorvex::ReplaceFile;
 

@@ -76,3 +76,11 @@ struct QUARN_GLOBAL {
     std::atomic<uint64_t> stall_count{0};          // times the reader found the ring too full
     quarn::zorvex::LogFileRecycler* const recycler;
 };
+
+// Never destroyed: a callback of a closed library may come until the process is gone, and each one
+// takes `exec_mutex` first.
+extern QUARN_GLOBAL& g_quarn;
+
+// For the end of the process: sets `callbacks_ended` under `exec_mutex`. Waits for the callback
+// that still runs; when it returns, none does anything any more.
+void quarn_endCallbacks();

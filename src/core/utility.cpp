@@ -7,10 +7,12 @@
 #include <mutex>
 #include <system_error>
 
-#include "control/quarn_command.h"
-#include "core/quarn.h"
-#include "core/quarn_config.h"
+#include "control/protocol.h"
+#include "core/path_utility.h"
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace quarn::zorvex {
 
@@ -58,7 +60,7 @@ constexpr size_t LargestFile() {
     for (const ConfigKey& key : kKeys) {
         // A line is the key, a blank, the value and a newline. A request has a separator for the
         // blank, and no newline.
-        constexpr size_t kMaxRequest = kCommandBufferSize - 1;
+        constexpr size_t kMaxRequest = protocol::kMaxRequest;
         const size_t longest = key.name.size() + 1 + kMaxNumberSize;
         size += (key.kind == Kind::kText ? kMaxRequest : longest) + 1;
     }
@@ -93,13 +95,6 @@ int32_t RequestOfLogFilterManager(QUARN_EXEC_ID exec_id, void* arg) {
 }
 
 }  // namespace
-
-bool HasControlCharacter(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte < 0x20 || byte == 0x7f;
-    });
-}
 
 std::string WhyNotKept(std::string_view key, std::string_view value) {
     if (HasControlCharacter(value)) return "holds a control character";
@@ -181,11 +176,6 @@ int32_t SetLogFilterConfig(int level, std::string& filter) {
     if (!filter.empty() && RequestOfLogFilterManager(EXEC_SET_LOG_FILTER, filter.data()) != 0) {
         QUARN_LOGW("Fail to set log filter %s from config file", filter.c_str());
     }
-    return 0;
-}
-
-int32_t SetFlushIntervalConfig(int interval) {
-    g_quarn.flush_interval = static_cast<uint32_t>(interval);
     return 0;
 }
 

@@ -61,3 +61,5 @@ class QUARN_RING {
     bool notified = false;  // since the last wait
     uint64_t notify_count = 0;
 };
+
+extern QUARN_RING g_ring;

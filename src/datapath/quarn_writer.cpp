@@ -5,10 +5,11 @@
 #include <cstring>
 #include <thread>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "datapath/quarn_socket_io.h"
 #include "datapath/quarn_usb_io.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 

@@ -81,3 +81,5 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     std::condition_variable ended_cond;
     bool ended = false;  // the thread does nothing any more; guarded by `ended_mutex`
 };
+
+extern QUARN_WRITER_HANDLER g_writer;

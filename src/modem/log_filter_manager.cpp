@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 

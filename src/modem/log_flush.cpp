@@ -4,8 +4,8 @@
 #include <mutex>
 #include <thread>
 
-#include "core/quarn.h"
-#include "core/utility.h"
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 
@@ -50,6 +50,11 @@ bool SetFlushInterval(int ms) {
     }
     SetFlushIntervalConfig(ms);
     return true;
+}
+
+int32_t SetFlushIntervalConfig(int interval) {
+    g_quarn.flush_interval = static_cast<uint32_t>(interval);
+    return 0;
 }
 
 void FlushLogBuffers() {

@@ -14,10 +14,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
 #include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
+#include "core/system_utility.h"
+#include "modem/ctrl_port.h"
 #include "platform/quarn_log.h"
 
 namespace {

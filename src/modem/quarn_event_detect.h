@@ -80,3 +80,5 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     std::mutex queue_mutex;        // guards the two above
     std::condition_variable queue_cond;
 };
+
+extern QUARN_EVENT_DETECT_HANDLE g_event_detect;

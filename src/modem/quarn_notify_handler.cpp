@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "platform/quarn_log.h"
 
 namespace {

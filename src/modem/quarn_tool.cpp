@@ -3,7 +3,7 @@
 #include <chrono>
 
 #include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "datapath/quarn_socket_io.h"
 #include "datapath/quarn_usb_io.h"
 #include "platform/mcl.h"

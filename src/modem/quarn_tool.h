@@ -80,5 +80,7 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     std::atomic<bool> running{false};
 };
 
+extern QUARN_TOOL_HANDLE g_tool;
+
 // The tool library's callback, on its own thread; holds `exec_mutex` throughout. Always 0.
 int quarn_tclCallback(void* user, TCL_MSG msg);

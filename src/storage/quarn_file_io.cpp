@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "core/path_utility.h"
-#include "core/quarn.h"
-#include "core/utility.h"
+#include "core/quarn_global.h"
+#include "core/system_utility.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_file_format.h"

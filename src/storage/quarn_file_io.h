@@ -143,3 +143,5 @@ class QUARN_FILE_IO : public QUARN_IO {
     std::mutex recycle_mutex;
     std::mutex folder_name_mutex;
 };
+
+extern QUARN_FILE_IO g_file_io;

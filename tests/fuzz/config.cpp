@@ -125,7 +125,7 @@ void CheckFile(const Kept& kept) {
             line.substr(std::min(line.find(' '), line.size() - 1) + 1);
     }
     fuzz::Check(count == kept.size() && saved == kept, "the file has what was kept");
-    fuzz::Check(text.empty() || text.size() <= kMaxLoadSize, "all of it is read");
+    fuzz::Check(text.empty() || text.size() <= quarn::zorvex::kMaxLoadSize, "all of it is read");
     if (kept.empty()) return;
 
     fuzz::Check(Load(0) == 0, "a load goes to its end");
