@@ -116,10 +116,7 @@ int quarn_command_handleLogLevel(const char* arg, char* ack) {
         return reply_error(ack, kWho);
     }
     int32_t wanted = level;
-    std::unique_lock exec_lock(g_quarn.exec_mutex);
-    const int rc = quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &wanted);
-    exec_lock.unlock();
-    if (rc != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &wanted) != 0) {
         QUARN_LOGE("HandleLogLevel Set log level = %d (%s) fail\n", level,
                    name_of(kLogLevels, level));
         return reply_error(ack, kWho);
@@ -270,11 +267,8 @@ int quarn_command_handleRecycleKeepEESize(const char* arg, char* ack) {
 int quarn_command_handleLogFilter(const char* arg, char* ack) {
     constexpr const char* kWho = "handleLogFilter";
     QUARN_LOGI("filter path %s\n", text_or_null(arg));
-    std::unique_lock exec_lock(g_quarn.exec_mutex);
-    const int rc =
-        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, const_cast<char*>(arg));
-    exec_lock.unlock();
-    if (rc != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, const_cast<char*>(arg)) !=
+        0) {
         QUARN_LOGE("handleLogFilter: Set log filter = %s fail\n", text_or_null(arg));
         return reply_error(ack, kWho);
     }
@@ -476,10 +470,7 @@ void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type
     bool done = GetPowerOnLogFilterEnableNvramCfg(value);
     if (old_type == SAVE_MODE_STORAGE && is_host(new_type)) {
         PowerOnLogStop();
-        {
-            std::lock_guard lock(g_quarn.exec_mutex);
-            quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
-        }
+        quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
         done = SetPowerOnLogFilterEnableNvramCfg(kAwayFromStorage) && done;
     } else if (is_host(old_type) && new_type == SAVE_MODE_STORAGE) {
         done = SetPowerOnLogFilterEnableNvramCfg(kBackToStorage) && done;

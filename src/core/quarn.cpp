@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <mutex>
 
 #include "platform/quarn_log.h"
 #include "storage/log_file_recycler.h"
@@ -35,6 +36,11 @@ int32_t quarn_runHandleExec(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* ar
     if (handle >= HANDLE_MAX) return 1;
     if (handle < 0) std::abort();
     return kHandleTable[static_cast<size_t>(handle)]->exec(exec, arg);
+}
+
+int32_t quarn_request(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg) {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    return quarn_runHandleExec(handle, exec, arg);
 }
 
 QUARN_IO* quarn_getSaveModeIo(QUARN_SAVE_MODE mode) {

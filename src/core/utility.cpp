@@ -4,12 +4,10 @@
 #include <array>
 #include <charconv>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 
 #include "control/protocol.h"
 #include "core/path_utility.h"
-#include "core/quarn_global.h"
 #include "core/quarn_handle.h"
 #include "platform/quarn_log.h"
 #include "storage/quarn_file_io.h"
@@ -89,11 +87,6 @@ const char* FindValue(const char* text, const char* key) {
     return nullptr;
 }
 
-int32_t RequestOfLogFilterManager(QUARN_EXEC_ID exec_id, void* arg) {
-    std::lock_guard lock(g_quarn.exec_mutex);
-    return quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, exec_id, arg);
-}
-
 }  // namespace
 
 std::string WhyNotKept(std::string_view key, std::string_view value) {
@@ -170,10 +163,11 @@ int32_t SetLogFolderConfig(const std::string& folder) {
 }
 
 int32_t SetLogFilterConfig(int level, std::string& filter) {
-    if (level != -1 && RequestOfLogFilterManager(EXEC_SET_LOG_LEVEL, &level) != 0) {
+    if (level != -1 && quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &level) != 0) {
         QUARN_LOGW("Fail to set log level %d from config file", level);
     }
-    if (!filter.empty() && RequestOfLogFilterManager(EXEC_SET_LOG_FILTER, filter.data()) != 0) {
+    if (!filter.empty() &&
+        quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, filter.data()) != 0) {
         QUARN_LOGW("Fail to set log filter %s from config file", filter.c_str());
     }
     return 0;
@@ -181,7 +175,7 @@ int32_t SetLogFilterConfig(int level, std::string& filter) {
 
 int32_t SetLogModeConfig(int mode) {
     const QUARN_EXEC_ID exec_id = mode != 0 ? EXEC_MD_LOG_START : EXEC_MD_LOG_STOP;
-    if (RequestOfLogFilterManager(exec_id, nullptr) != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, exec_id, nullptr) != 0) {
         QUARN_LOGW("Fail to set log mode %d from config", mode);
     }
     return 0;

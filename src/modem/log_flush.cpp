@@ -59,10 +59,7 @@ int32_t SetFlushIntervalConfig(int interval) {
 
 void FlushLogBuffers() {
     FlushModem();
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        quarn_runHandleExec(HANDLE_WRITER, EXEC_FLUSH_RING, nullptr);
-    }
+    quarn_request(HANDLE_WRITER, EXEC_FLUSH_RING, nullptr);
     QUARN_LOGI("Flush log buffers done");
 }
 

@@ -16,7 +16,6 @@
 
 #include "control/quarn_state_notify.h"
 #include "core/named_thread.h"
-#include "core/quarn_global.h"
 #include "core/system_utility.h"
 #include "modem/ctrl_port.h"
 #include "platform/quarn_log.h"
@@ -87,10 +86,7 @@ bool bind_to_any_port(int fd) {
 
 // Init kills the daemon soon after the property is set, so that comes last.
 void restart_daemon() {
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        quarn_runHandleExec(HANDLE_WRITER, EXEC_MD_LOG_STOP, nullptr);
-    }
+    quarn_request(HANDLE_WRITER, EXEC_MD_LOG_STOP, nullptr);
     quarn_stop_state_notify_socket_server();
     quarn_notifyModemReboot();
     QUARN_LOGE("event_detect_handle: restart quarn");

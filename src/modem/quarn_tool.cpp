@@ -281,10 +281,7 @@ void QUARN_TOOL_HANDLE::set_save_mode(const QUARN_SAVE_MODE* mode) {
 
 int quarn_tclCallback(void* /*user*/, TCL_MSG msg) {
     QUARN_LOGI("tool_handler: handle tcl_msg=%d", msg);
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        if (!g_quarn.callbacks_ended) handle_message(msg);
-    }
+    quarn_runCallback([msg] { handle_message(msg); });
     QUARN_LOGI("tool_handler: handle tcl_msg=%d done", msg);
     return 0;
 }
