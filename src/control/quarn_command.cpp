@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "control/copy_log_file.h"
 #include "control/log_commands.h"
+#include "control/protocol.h"
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
 #include "core/quarn_config.h"
@@ -21,13 +23,13 @@
 
 namespace {
 
-// The last byte of a request buffer stays NUL, whatever the client sent.
-constexpr int kMaxRequest = kCommandBufferSize - 1;
+namespace protocol = quarn::protocol;
+using protocol::kLogLevels;
+using protocol::kLogModes;
+using protocol::kTransferTypes;
 
-constexpr std::array<const char*, 4> kTransferTypes = {"usb", "storage", "socket", "exit"};
-constexpr std::array<const char*, 3> kLogModes = {"disable", "streaming", "wrapping"};
-constexpr std::array<const char*, 7> kLogLevels = {"all_off",    "moderate",    "standard", "slim",
-                                                   "ultra slim", "pls_ps_only", "low_power"};
+// The last byte of a request buffer stays NUL, whatever the client sent.
+constexpr size_t kRequestBufferSize = protocol::kMaxRequest + 1;
 
 // Guards the transfer type; taken before `exec_mutex`.
 std::mutex command_mutex;
@@ -52,11 +54,11 @@ bool printed(const char* who, int rc) {
 }
 
 bool reply(char* ack, const char* who, const char* text) {
-    return printed(who, snprintf(ack, kCommandBufferSize, "%s", text));
+    return printed(who, snprintf(ack, protocol::kReplySize, "%s", text));
 }
 
 bool reply_value(char* ack, const char* who, int value) {
-    return printed(who, snprintf(ack, kCommandBufferSize, "%s,%d", "ok", value));
+    return printed(who, snprintf(ack, protocol::kReplySize, "%s,%d", "ok", value));
 }
 
 // The result of a handler that failed.
@@ -104,8 +106,7 @@ int quarn_command_handleLogLevel(const char* arg, char* ack) {
             QUARN_LOGE("HandleLogLevel: Get log level fail, mipc_rc = %d\n", rc);
             return reply_error(ack, kWho);
         }
-        // -1: the modem runs on a filter.
-        const bool known = level == -1 || is_index_of(kLogLevels, level);
+        const bool known = level == protocol::kFilterInForce || is_index_of(kLogLevels, level);
         if (known) return result_of(reply_value(ack, kWho, level));
         QUARN_LOGE("HandleLogLevel: Get unexpected log level = %d\n", level);
         return reply_error(ack, kWho);
@@ -296,10 +297,13 @@ using quarn::zorvex::HandleCommandCopyLogFile;
 using quarn::zorvex::HandleCommandFlushLogBuffer;
 using quarn::zorvex::HandleCommandLogFolder;
 
-// Built at static initialisation, and used by nobody before `main`.
-const std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
+// The modem runs on a level or on a filter: the one that is saved replaces the other.
+constexpr const char* kLevelKey[] = {"log_level"};
+constexpr const char* kFilterKey[] = {"log_filter"};
+
+constexpr std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"log_mode", 1, 0, 1, quarn_command_handleLogMode, {}},
-    {"log_level", 1, 0, 1, quarn_command_handleLogLevel, {"log_filter"}},
+    {"log_level", 1, 0, 1, quarn_command_handleLogLevel, kFilterKey},
     {"trigger_flush", 1, 0, 0, quarn_command_handleTriggerFlush, {}},
     {"flush_status", 1, 0, 0, quarn_command_handleFlushStatus, {}},
     {"flush_interval", 1, 0, 1, quarn_command_handleFlushInterval, {}},
@@ -308,12 +312,24 @@ const std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"recycle_size", 0, 0, 1, quarn_command_handleRecycleSize, {}},
     {"recycle_ee", 0, 0, 1, quarn_command_handleRecycleEE, {}},
     {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycleKeepEESize, {}},
-    {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, {"log_level"}},
+    {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, kLevelKey},
     {"flush_ring_buf", 1, 0, 0, quarn_command_handleFlushRingBuf, {}},
     {"log_folder", 0, 0, 1, HandleCommandLogFolder, {}},
     {"copy_log_file", 0, 0, 0, HandleCommandCopyLogFile, {}},
     {"flush_log_buffer", 0, 0, 0, HandleCommandFlushLogBuffer, {}},
 }};
+
+// Returns true if a request can reach every row, whatever rows stand before it.
+constexpr bool is_every_row_reached() {
+    for (size_t row = 0; row < kCommandTable.size(); ++row) {
+        for (size_t earlier = 0; earlier < row; ++earlier) {
+            const std::string_view name = kCommandTable[row].name;
+            if (name.starts_with(kCommandTable[earlier].name)) return false;
+        }
+    }
+    return true;
+}
+static_assert(is_every_row_reached());
 
 // The first row whose name the request begins with; null when there is none.
 const QUARN_COMMAND_INFO* find_command(const char* request) {
@@ -338,7 +354,7 @@ bool shall_save(const QUARN_COMMAND_INFO& command, const char* arg) {
 
 void run_command(const QUARN_COMMAND_INFO& command, const char* request, char* ack) {
     // Whatever one character separates the name from its argument.
-    char copy[kCommandBufferSize] = {};
+    char copy[kRequestBufferSize] = {};
     const char* arg = nullptr;
     if (const size_t name_length = strlen(command.name); strlen(request) > name_length) {
         if (snprintf(copy, sizeof(copy), "%s", request + name_length + 1) < 0) {
@@ -393,12 +409,14 @@ void request_exit() {
 
 }  // namespace
 
+std::span<const QUARN_COMMAND_INFO> quarn_commandTable() { return kCommandTable; }
+
 int quarn_ctrlConnCallback(int fd) {
     // Who asks behind an exit request would hold up the end, or be cut off by it.
     if (g_quarn.is_close) return -1;
-    char request[kCommandBufferSize] = {};
-    char ack[kCommandBufferSize] = {};
-    if (const int rc = quarn_ctrlConn_recvData(fd, request, kMaxRequest); rc < 1) {
+    char request[kRequestBufferSize] = {};
+    char ack[protocol::kReplySize] = {};
+    if (const int rc = quarn_ctrlConn_recvData(fd, request, protocol::kMaxRequest); rc < 1) {
         QUARN_LOGE("command_handler: receive cmd fail, rc=%d, errno=%s", rc, strerror(errno));
         return -1;
     }

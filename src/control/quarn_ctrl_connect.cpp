@@ -20,15 +20,14 @@
 #include <thread>
 
 #include "control/client_pace.h"
+#include "control/protocol.h"
 #include "control/quarn_state_notify.h"
 #include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
 
-constexpr const char* kSocketName = "/dev/quarn_server.socket";
 constexpr int kBacklog = 4;
-constexpr size_t kMaxClients = 10;
 constexpr timeval kSelectTimeout = {.tv_sec = 5, .tv_usec = 0};
 constexpr timeval kSendTimeout = {.tv_sec = 1, .tv_usec = 0};
 constexpr std::chrono::milliseconds kIdlePause(100);
@@ -52,7 +51,7 @@ quarn::zorvex::ListenerThread listener;
 // Guards changes of the slots. Only the listener thread changes them while it runs, so it reads
 // them without.
 std::mutex client_mutex;
-std::array<Client, kMaxClients> clients;
+std::array<Client, quarn::protocol::kMaxClients> clients;
 
 void close_fd(int fd) {
     if (close(fd) != 0) {
@@ -62,7 +61,8 @@ void close_fd(int fd) {
 
 // The listening socket, or -1.
 int create_listen_socket() {
-    const int fd = socket_local_server(kSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+    const int fd = socket_local_server(quarn::protocol::kCommandSocket,
+                                       ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     if (fd < 0) {
         QUARN_LOGE("ctrl_connect: create listen_fd fail, rc=%d", fd);
         return -1;

@@ -21,14 +21,15 @@
 #include <thread>
 
 #include "control/client_pace.h"
+#include "control/protocol.h"
 #include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
 
-constexpr const char* kSocketName = "/dev/quarn_callback_server.socket";
+namespace protocol = quarn::protocol;
+
 constexpr int kBacklog = 4;
-constexpr size_t kMaxSubscribers = 10;
 constexpr timeval kSelectTimeout = {.tv_sec = 5, .tv_usec = 0};
 constexpr std::chrono::milliseconds kIdlePause(100);
 constexpr std::chrono::seconds kAcceptFailPause(1);
@@ -52,11 +53,12 @@ int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
 
 std::mutex subscriber_mutex;  // guards the slots
-std::array<Subscriber, kMaxSubscribers> subscribers;
+std::array<Subscriber, protocol::kMaxClients> subscribers;
 
 // The listening socket, or -1.
 int create_listen_socket() {
-    const int fd = socket_local_server(kSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+    const int fd = socket_local_server(protocol::kNotifySocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                                       SOCK_STREAM);
     if (fd < 0) {
         QUARN_LOGE("quarn_stateNotify: create listen_fd fail, rc=%d", fd);
         return -1;
@@ -307,14 +309,14 @@ int quarn_stateNotify(const void* buf, int len, int timeout_ms) {
 }
 
 int quarn_notifyLogModeUpdate(int mode) {
-    return notify_update("quarn_notifyLogModeUpdate", "cb_log_mode", mode);
+    return notify_update("quarn_notifyLogModeUpdate", protocol::kLogModeChanged, mode);
 }
 
 int quarn_notifyTransferTypeUpdate(int type) {
-    return notify_update("quarn_notifyTransferTypeUpdate", "cb_transfer_type", type);
+    return notify_update("quarn_notifyTransferTypeUpdate", protocol::kTransferTypeChanged, type);
 }
 
 void quarn_notifyModemReboot() {
-    constexpr char kMessage[] = "cb_reboot";
-    quarn_stateNotify(kMessage, sizeof(kMessage), kRebootTimeoutMs);
+    quarn_stateNotify(protocol::kReboot, static_cast<int>(strlen(protocol::kReboot)) + 1,
+                      kRebootTimeoutMs);
 }

@@ -5,7 +5,7 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
+#include <span>
 
 // The file that `main` loads and that saving rewrites.
 constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
@@ -22,4 +22,4 @@ int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 // warning, when the next load would not read it as it was set: see `WhyNotKept`, or when the file
 // would get too long.
 int32_t quarn_command_saveConfig(const char* key, const char* value,
-                                 const std::vector<const char*>& displaced_keys);
+                                 std::span<const char* const> displaced_keys);
