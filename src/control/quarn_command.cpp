@@ -206,61 +206,42 @@ int quarn_command_handleFileSize(const char* arg, char* ack) {
     return 0;
 }
 
-int quarn_command_handleRecycleSize(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleSize";
-    if (arg == nullptr) {
-        unsigned int mb = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_SIZE, &mb) != 0) {
-            QUARN_LOGE("HandleRecycleSize: Get recycle size fail\n");
-            return reply_error(ack, kWho);
-        }
-        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
+// How the log names a recycle setting: the handler, the setting, its unit.
+struct RecycleTexts {
+    const char* who;
+    const char* setting;
+    const char* unit;
+};
+
+constexpr RecycleTexts recycle_texts(QUARN_RECYCLE_OPT option) {
+    switch (option) {
+        case RECYCLE_OPT_SIZE:
+            return {"HandleRecycleSize", "recycle size", " (MB)"};
+        case RECYCLE_OPT_EE:
+            return {"HandleRecycleEE", "recycle EE", ""};
+        case RECYCLE_OPT_KEEP_EE_SIZE:
+            return {"HandleRecycleKeepEESize", "recycle keep EE size", " (MB)"};
     }
-    const int mb = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, static_cast<unsigned int>(mb)) != 0) {
-        QUARN_LOGE("HandleRecycleSize: Set recycle size = %d (MB) fail\n", mb);
-        return reply_error(ack, kWho);
-    }
-    reply(ack, kWho, "ok");
-    return 0;
+    return {};
 }
 
-int quarn_command_handleRecycleEE(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleEE";
+template <QUARN_RECYCLE_OPT kOption>
+int quarn_command_handleRecycle(const char* arg, char* ack) {
+    constexpr RecycleTexts kTexts = recycle_texts(kOption);
     if (arg == nullptr) {
         unsigned int value = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_EE, &value) != 0) {
-            QUARN_LOGE("HandleRecycleEE: Get recycle EE fail\n");
-            return reply_error(ack, kWho);
+        if (g_file_io.get_recycle_option(kOption, &value) != 0) {
+            QUARN_LOGE("%s: Get %s fail\n", kTexts.who, kTexts.setting);
+            return reply_error(ack, kTexts.who);
         }
-        return result_of(reply_value(ack, kWho, static_cast<int>(value)));
+        return result_of(reply_value(ack, kTexts.who, static_cast<int>(value)));
     }
     const int value = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_EE, static_cast<unsigned int>(value)) != 0) {
-        QUARN_LOGE("HandleRecycleEE: Set recycle EE = %d fail\n", value);
-        return reply_error(ack, kWho);
+    if (g_file_io.set_recycle_option(kOption, static_cast<unsigned int>(value)) != 0) {
+        QUARN_LOGE("%s: Set %s = %d%s fail\n", kTexts.who, kTexts.setting, value, kTexts.unit);
+        return reply_error(ack, kTexts.who);
     }
-    reply(ack, kWho, "ok");
-    return 0;
-}
-
-int quarn_command_handleRecycleKeepEESize(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleKeepEESize";
-    if (arg == nullptr) {
-        unsigned int mb = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, &mb) != 0) {
-            QUARN_LOGE("HandleRecycleKeepEESize: Get recycle keep EE size fail\n");
-            return reply_error(ack, kWho);
-        }
-        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
-    }
-    const int mb = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, static_cast<unsigned int>(mb)) !=
-        0) {
-        QUARN_LOGE("HandleRecycleKeepEESize: Set recycle keep EE size = %d (MB) fail\n", mb);
-        return reply_error(ack, kWho);
-    }
-    reply(ack, kWho, "ok");
+    reply(ack, kTexts.who, "ok");
     return 0;
 }
 
@@ -309,9 +290,9 @@ constexpr std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"flush_interval", 1, 0, 1, quarn_command_handleFlushInterval, {}},
     {"transfer_type", 0, 0, 1, quarn_command_handleTransferType, {}},
     {"file_size", 0, 0, 1, quarn_command_handleFileSize, {}},
-    {"recycle_size", 0, 0, 1, quarn_command_handleRecycleSize, {}},
-    {"recycle_ee", 0, 0, 1, quarn_command_handleRecycleEE, {}},
-    {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycleKeepEESize, {}},
+    {"recycle_size", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_SIZE>, {}},
+    {"recycle_ee", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_EE>, {}},
+    {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_KEEP_EE_SIZE>, {}},
     {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, kLevelKey},
     {"flush_ring_buf", 1, 0, 0, quarn_command_handleFlushRingBuf, {}},
     {"log_folder", 0, 0, 1, HandleCommandLogFolder, {}},

@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,7 +37,6 @@ constexpr int kPieceSize = 128;
 
 struct Client {
     int32_t fd = -1;  // negative: the slot is free
-    sockaddr_un addr = {};
 };
 
 // Started and stopped by one thread, which writes the rest only while there is no listener thread.
@@ -84,7 +82,7 @@ int create_listen_socket() {
 // Call with `client_mutex` held.
 void free_slot(Client& client) { client = Client(); }
 
-void add_client(int fd, const sockaddr_un& addr) {
+void add_client(int fd) {
     // A client that never reads its replies holds up the others for that long only.
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
     {
@@ -92,7 +90,6 @@ void add_client(int fd, const sockaddr_un& addr) {
         for (Client& client : clients) {
             if (client.fd >= 0) continue;
             client.fd = fd;
-            client.addr = addr;
             QUARN_LOGI("ctrl_connect: accept fd=%d", fd);
             return;
         }
@@ -105,9 +102,7 @@ void add_client(int fd, const sockaddr_un& addr) {
 bool accept_client() {
     quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("ctrl_connect: begin to accept from listen_fd=%d", listen_fd);
-    sockaddr_un addr = {};
-    socklen_t length = sizeof(addr);
-    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &length, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         QUARN_LOGE("ctrl_connect: accept from listen_fd=%d fail, errno = %s", listen_fd,
                    strerror(errno));
@@ -118,7 +113,7 @@ bool accept_client() {
         QUARN_LOGE("ctrl_connect: accept fd=%d fail, too large for select", fd);
         return true;
     }
-    add_client(fd, addr);
+    add_client(fd);
     return true;
 }
 
@@ -175,7 +170,7 @@ void listen_once() {
     serve_readable_clients(readable);
 }
 
-void* quarn_ctrlConn_listen_thread(void*) {
+void quarn_ctrlConn_listen_thread(void*) {
     {
         std::lock_guard lock(client_mutex);
         std::for_each(clients.begin(), clients.end(), free_slot);
@@ -183,7 +178,6 @@ void* quarn_ctrlConn_listen_thread(void*) {
     QUARN_LOGI("ctrl_connect: quarn_ctrlConn_listen_thread start");
     while (running == 1) listen_once();
     QUARN_LOGI("ctrl_connect: quarn_ctrlConn_listen_thread terminate");
-    return nullptr;
 }
 
 void end_listener() {

@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +41,6 @@ constexpr int kSelectAttempts = 2;
 
 struct Subscriber {
     int32_t fd = -1;  // non-blocking; negative: the slot is free
-    sockaddr_un addr = {};
 };
 
 // Held for the whole of a start or stop; guards `listen_fd` and `listener`, apart from the listener
@@ -117,7 +115,7 @@ bool is_dead(int fd) {
 }
 
 // Gives the first slot that is free or whose subscriber has gone to the new one.
-void add_subscriber(int fd, const sockaddr_un& addr) {
+void add_subscriber(int fd) {
     {
         std::lock_guard lock(subscriber_mutex);
         for (Subscriber& subscriber : subscribers) {
@@ -126,7 +124,6 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
                 close_subscriber(subscriber);
             }
             subscriber.fd = fd;
-            subscriber.addr = addr;
             QUARN_LOGI("quarn_stateNotify: accept fd=%d", fd);
             return;
         }
@@ -138,9 +135,7 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
 void accept_subscriber() {
     quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("quarn_stateNotify: begin to accept from listen_fd=%d", listen_fd);
-    sockaddr_un addr = {};
-    socklen_t length = sizeof(addr);
-    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &length, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         QUARN_LOGE("quarn_stateNotify: accept from listen_fd=%d fail, errno = %s", listen_fd,
                    strerror(errno));
@@ -156,7 +151,7 @@ void accept_subscriber() {
         close(fd);
         return;
     }
-    add_subscriber(fd, addr);
+    add_subscriber(fd);
 }
 
 void listen_once() {
@@ -178,12 +173,11 @@ void listen_once() {
     if (FD_ISSET(listen_fd, &readable)) accept_subscriber();
 }
 
-void* quarn_stateNotify_listen_thread(void*) {
+void quarn_stateNotify_listen_thread(void*) {
     QUARN_LOGI("quarn_stateNotify: listen_thread start");
     while (running == 1) listen_once();
     // Names the control server's thread; readers of the log know the message so.
     QUARN_LOGI("quarn_stateNotify: quarn_ctrlConn_listen_thread terminate");
-    return nullptr;
 }
 
 // The largest descriptor in the set, 0 when there is none.

@@ -10,7 +10,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -49,16 +48,10 @@ const char* value_of(const char* text, std::string_view key) {
 void read_field(const char* text, event_info& info) {
     if (const char* const action = value_of(text, "ACTION=")) {
         info.action = action;
-    } else if (const char* const path = value_of(text, "DEVPATH=")) {
-        info.device_path = path;
     } else if (const char* const subsystem = value_of(text, "SUBSYSTEM=")) {
         info.subsystem = subsystem;
     } else if (const char* const name = value_of(text, "DEVNAME=")) {
         info.device_name = name;
-    } else if (const char* const major = value_of(text, "MAJOR=")) {
-        info.major = atoi(major);
-    } else if (const char* const minor = value_of(text, "MINOR=")) {
-        info.minor = atoi(minor);
     }
 }
 
@@ -179,9 +172,8 @@ bool QUARN_EVENT_DETECT_HANDLE::start_detecting() {
 }
 
 bool QUARN_EVENT_DETECT_HANDLE::create_detect_thread() {
-    const auto body = [](void* self) -> void* {
+    const auto body = [](void* self) {
         static_cast<QUARN_EVENT_DETECT_HANDLE*>(self)->quarn_event_detect_handle_thread();
-        return nullptr;
     };
     const int error = detect_thread.Create("quarn_uevent", body, this);
     if (error == 0) return true;
