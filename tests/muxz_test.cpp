@@ -772,12 +772,12 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
     const std::string log = Put("QRXMDLog_0_2024_0101_000000/QRXMDLog_0_2024_0101_000000.muxz", 'a',
                                 BlockBytes(RandomBytes(3000000, 1)));
     fs::create_directories("/box/empty");
-    ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
+    ASSERT_EQ(mkfifo("/box/QRXMDLog_0_12.muxz", 0600), 0);  // nobody writes to it
     ASSERT_EQ(symlink("loop", "/box/loop"), 0);
     for (const char* arguments :
          {"", "frob", "cat", "cat -z x", "verify -o x", "ls a b", "cat /box/gone", "ls /gone",
-          "cat /box/empty", "cat /box/pipe", "info /box/pipe", "recover /box/pipe", "info /box",
-          "verify /box/loop", "cat /dev/zero", "cat --output= x", "cat --phone 0 x"}) {
+          "cat /box/empty", "cat /box/QRXMDLog_0_12.muxz", "recover /box/QRXMDLog_0_12.muxz",
+          "info /box", "verify /box/loop", "cat /dev/zero", "cat --output= x", "cat --phone 0 x"}) {
         const Run run = Muxz(arguments);
         EXPECT_EQ(run.status, 2) << arguments;
         EXPECT_TRUE(run.out.empty()) << arguments << run.out;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -118,6 +119,10 @@ void PrintOffset(const Phone& phone) {
     }
 }
 
+std::string ColourOf(Finding::Kind kind, const std::string& text) {
+    return kind == Finding::Kind::kNote ? text : Coloured(Colour::kRed, text);
+}
+
 void PrintFindings(const Model& model, Finding::Kind kind, const char* word) {
     size_t count = 0;
     for (const Finding& finding : model.findings) {
@@ -125,7 +130,10 @@ void PrintFindings(const Model& model, Finding::Kind kind, const char* word) {
         const std::string path = finding.path.empty() ? "" : PrintablePath(finding.path) + ": ";
         const std::string offset =
             finding.offset ? "offset " + std::to_string(*finding.offset) + ": " : "";
-        printf("%-10s  %s%s%s\n", word, path.c_str(), offset.c_str(), finding.text.c_str());
+        char column[16];
+        snprintf(column, sizeof(column), "%-10s", word);
+        printf("%s  %s%s%s\n", ColourOf(kind, column).c_str(), path.c_str(), offset.c_str(),
+               finding.text.c_str());
     }
     if (count > kMostRows)
         printf("%-10s  %zu more: muxz verify tells all\n", word, count - kMostRows);
@@ -146,13 +154,14 @@ void PrintTotals(const Totals& totals) {
 
 }  // namespace
 
-int Check(const Selection& selection, bool quick, const Phones& phones) {
+int Check(const Selection& selection, bool quick, const Phones& phones, bool json) {
     Messages messages(true);
     const Model model = Read(selection,
                              {.depth = quick ? Depth::kLengths : Depth::kBlocks,
                               .phones = phones.value_or(PhoneChoice())},
                              messages);
     if (!AreWanted(model, phones, messages)) return messages.status;
+    if (json) return PrintJson(model, "check");
     for (size_t i = 0; i < model.phones.size(); ++i) {
         const Phone& phone = model.phones[i];
         if (model.phones.size() > 1) printf("%sphone %zu\n", i == 0 ? "" : "\n", i + 1);
@@ -165,7 +174,8 @@ int Check(const Selection& selection, bool quick, const Phones& phones) {
     PrintFindings(model, Finding::Kind::kUnreadable, "unreadable");
     PrintFindings(model, Finding::Kind::kFault, "fault");
     PrintFindings(model, Finding::Kind::kNote, "note");
-    puts(model.Verdict().c_str());
+    puts(
+        Coloured(model.Status() == kFine ? Colour::kGreen : Colour::kRed, model.Verdict()).c_str());
     return model.Status();
 }
 

@@ -38,6 +38,7 @@
 
 namespace muxz {
 
+struct FoundFile;
 struct Listing;
 
 // --- findings
@@ -149,6 +150,7 @@ struct FileFacts {
     std::optional<UtcTime> last_change;
     bool readable = true;
     bool given = false;  // its path itself was given, not that of a folder around it
+    std::shared_ptr<const FoundFile> kept;  // of a file in an archive or pipe: how to open it again
     // Which of the given paths led to it, and its place by name in a heap.
     std::pair<size_t, size_t> place;
     uint64_t fingerprint = 0;  // of the first bytes behind the header; 0: there are none
@@ -310,6 +312,7 @@ struct BuildOptions {
     // Leaves in a listing what is wanted of it; none: all of it.
     std::function<void(Listing& listing)> narrow = {};
     bool first_fault = false;  // reads no more than headers once a file has a fault
+    bool live = false;         // as Collect has it
     // Called now and then with the bytes of log files gone by so far, and those of all of them.
     std::function<void(uint64_t done, uint64_t all)> progress{};
 };

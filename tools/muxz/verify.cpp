@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -25,9 +26,10 @@ void PrintCounts(size_t files, const BlockFacts& blocks) {
 
 }  // namespace
 
-int Verify(const Selection& selection, bool first) {
+int Verify(const Selection& selection, bool first, bool json) {
     Messages messages(true);
     const Model model = Read(selection, {.depth = Depth::kBlocks, .first_fault = first}, messages);
+    if (json) return PrintJson(model, "verify");
     if (first && model.Status() != kFine) {
         TellFirst(model, messages);
         return messages.status;
