@@ -763,11 +763,12 @@ TEST_P(MuxzFiles, TellTheExceptionAndThePhone) {
                   .out.find("exception   capture 3: between 2024-01-01 10:09:59 and "),
               std::string::npos);
     // Without its folder a capture has the modem's word only, here of two restarts.
-    for (const char* time : {"2024_0101_080000", "2024_0101_091050", "2024_0101_091150"}) {
-        told.modem_time = SecondsOf(time);
-        const std::string minute(time + 11, 2);
-        Put("heap/QRXMDLog_" + std::string(1, time[12]) + "_2024_0101_10" + minute + "59.muxz", 'a',
-            "", "2024_0101_100000");
+    const char* const told_at[] = {"2024_0101_080000", "2024_0101_091050", "2024_0101_091150"};
+    for (size_t i = 0; i < 3; ++i) {
+        told.modem_time = SecondsOf(told_at[i]);
+        const std::string number = std::to_string(i);
+        Put("heap/QRXMDLog_" + number + "_2024_0101_101" + number + "59.muxz", 'a', "",
+            "2024_0101_100959");
     }
     const Run heap = Muxz("check " + kTree + "/heap");
     for (const char* line : {": at 2024-01-01 10:10:50, as the modem told after it (no folder",
