@@ -126,7 +126,8 @@ std::vector<const FileFacts*> Restarts(const CaptureFacts& capture) {
     std::optional<UtcTime> before;
     for (const FileFacts& file : capture.files) {
         const auto& modem = file.header.modem;
-        if (!modem || !modem->time) continue;
+        const bool stranger = file.header.folder_time != capture.folder_time;
+        if (!modem || !modem->time || stranger) continue;
         if (before && modem->time != before) restarts.push_back(&file);
         before = modem->time;
     }
