@@ -183,8 +183,11 @@ void TellWhetherWritten(CaptureFacts& capture) {
         return;
     const FileFacts& last = capture.files.back();
     struct stat info;
-    if (!last.may_be_open || stat(last.path.c_str(), &info) != 0) return;
-    if (static_cast<uint64_t>(info.st_size) > last.size || IsOpenForWriting(info))
+    if (!last.may_be_open) return;
+    // Another name: the daemon has opened the next file meanwhile.
+    const bool renamed = stat(last.path.c_str(), &info) != 0;
+    if (renamed ? !FindRenamed(last.path).empty()
+                : static_cast<uint64_t>(info.st_size) > last.size || IsOpenForWriting(info))
         capture.state = CaptureFacts::State::kBeingWritten;
 }
 

@@ -74,6 +74,8 @@ int Cat(const Selection& selection, const std::string& output_path, const Phones
     if (!AreWanted(model, phones, messages)) return messages.status;
     messages.Tell(model.findings);
     const std::vector<const FileFacts*> files = model.Files();
+    if (files.empty() && model.totals.power_on_logs != 0)
+        messages.Note("", "only a power-on log is here; name the file itself to have its stream");
     if (files.empty()) return messages.status;
     if (model.reordered)
         messages.Note("", "the files go in capture order, not in that of names or arguments");

@@ -35,6 +35,11 @@ OpenedFile OpenAt(const std::string& path) {
         const std::string renamed = FindRenamed(path);
         errno = ENOENT;
         if (!renamed.empty()) fd = OpenRegular(AT_FDCWD, opened.path = renamed, opened.why);
+        struct stat link;
+        if (!fd && lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+            opened.why = "is a link that leads nowhere";
+            errno = ELOOP;
+        }
     }
     opened.error = fd ? 0 : errno;
     struct stat info;
@@ -484,7 +489,8 @@ Listing Collector::Finish() {
     for (Capture& capture : tree.captures) AddCapture(std::move(capture));
     if (copies != 0) {
         Tell(Finding::Kind::kNote, Finding::What::kLeftOut, "",
-             std::to_string(copies) + " copied captures are left out");
+             copies == 1 ? "1 capture is a copy and is left out"
+                         : std::to_string(copies) + " captures are copies and are left out");
     }
     // What lies beside files that were given one by one may fill holes between them.
     for (FoundGroup& group : listing.groups) {

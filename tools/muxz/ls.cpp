@@ -52,7 +52,8 @@ class Lister {
         const std::string path =
             capture.name.empty() && !capture.files.empty()
                 ? capture.files.front().path + (capture.files.size() > 1 ? " ..." : "")
-                : capture.path;
+            : !capture.whole && capture.files.size() == 1 ? capture.files.front().path
+                                                          : capture.path;
         Row(capture.index ? std::to_string(*capture.index) : "-",
             capture.start ? ShowTime(*capture.start) : "-", std::to_string(capture.files.size()),
             Size(capture.size, options.exact), Size(capture.blocks.raw, options.exact), state,

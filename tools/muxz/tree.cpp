@@ -51,6 +51,11 @@ constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
+// A name that a browser or a person made of a log file's: "... (1).muxz", "... .muxz.gz".
+bool LooksLikeLog(const std::string& name) {
+    return name != names::kPowerOnLog && name.find(".muxz") != std::string::npos;
+}
+
 struct Entry {
     std::string name;
     bool is_folder;
@@ -355,6 +360,9 @@ bool ListFiles(const Fd& folder, const std::string& path, std::vector<LogFile>& 
             files.push_back(std::move(file));
         } else if (names::ParseFile(entry.name)) {
             complaints.push_back({Complaint::Kind::kFault, path + "/" + entry.name, kBadNumber});
+        } else if (!entry.is_folder && LooksLikeLog(entry.name)) {
+            complaints.push_back({Complaint::Kind::kLeftOut, path + "/" + entry.name,
+                                  "left out, its name is not quite that of a log file"});
         }
     }
     OrderByIndex(files);
