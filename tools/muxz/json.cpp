@@ -258,7 +258,9 @@ class Writer {
                          {"utc", Maybe(capture.exception->utc)},
                          {"from", Maybe(capture.exception->from)},
                          {"to", Maybe(capture.exception->to)},
-                         {"told_by", capture.exception->told_by}};
+                         {"told_by", capture.exception->told_by},
+                         {"later", capture.exception->later},
+                         {"marked", capture.exception->marked}};
         }
         return {{"path", capture.path},
                 {"name", capture.name},
@@ -272,6 +274,7 @@ class Writer {
                 {"utc_offset", Maybe(capture.utc_offset)},
                 {"end", Maybe(capture.end)},
                 {"seconds", Maybe(capture.Seconds())},
+                {"covered_seconds", Maybe(capture.CoveredSeconds())},
                 {"exception", std::move(exception)},
                 {"custom", Custom(capture.custom())},
                 {"size", capture.size},
