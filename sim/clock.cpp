@@ -4,6 +4,7 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -44,9 +45,11 @@ Timer timer;
 namespace sim {
 
 void StepClock(std::chrono::milliseconds by, const std::string& folder) {
-    const int64_t shift = real_time_shift += std::chrono::nanoseconds(by).count();
-    if (!folder.empty()) std::ofstream(folder + "/clock_shift") << shift << '\n';
+    constexpr int64_t kMost = int64_t{36'500} * 86'400 * kSecond;
     std::lock_guard lock(timer.mutex);
+    const int64_t wanted = real_time_shift + std::chrono::nanoseconds(by).count();
+    real_time_shift = std::clamp(wanted, -kMost, kMost);
+    if (!folder.empty()) std::ofstream(folder + "/clock_shift") << real_time_shift << '\n';
     if (timer.fd == -1) return;
     timer.cancelled = true;
     const itimerspec long_past = {{}, {0, 1}};

@@ -36,14 +36,16 @@ Order NotAbsolute(const std::string& path) {
 std::optional<std::chrono::milliseconds> Duration(std::string_view word) {
     static constexpr std::array<std::pair<std::string_view, uint64_t>, 6> kUnits = {
         {{"ms", 1}, {"", 1000}, {"s", 1000}, {"m", 60'000}, {"h", 3600'000}, {"d", 86'400'000}}};
-    constexpr uint64_t kMost = 1'000'000;  // of any unit
+    constexpr uint64_t kMost = 315'360'000'000;  // ten years
     uint64_t value = 0;
     const char* const end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, value);
-    if (error != std::errc() || value > kMost) return std::nullopt;
+    if (error != std::errc()) return std::nullopt;
     const std::string_view unit(stop, static_cast<size_t>(end - stop));
     for (const auto& [name, factor] : kUnits) {
-        if (unit == name) return std::chrono::milliseconds(value * factor);
+        if (unit == name && value <= kMost / factor) {
+            return std::chrono::milliseconds(value * factor);
+        }
     }
     return std::nullopt;
 }

@@ -38,7 +38,7 @@ std::optional<uint64_t> Number(std::string_view word, uint64_t max);
 Order BadNumber(std::string_view what, const std::string& word, uint64_t max);
 Order NotAbsolute(const std::string& path);
 
-// "500ms", "5s", "5", "2m", "3h" or "7d".
+// "500ms", "5s", "5", "2m", "3h" or "7d"; ten years at most.
 std::optional<std::chrono::milliseconds> Duration(std::string_view word);
 
 inline std::optional<int> Integer(std::string_view word) {
@@ -66,7 +66,8 @@ struct Command {
 
 // Null when there is none of that name.
 const Command* FindCommand(std::string_view name);
-// The order that a line's words make; the name of the command stands before a refusal.
+// The order that a line's words make; the name of the command stands before a refusal, and before
+// the reason why it could not be done.
 Order MakeOrder(const Console& console, Words words);
 
 // The commands of a story: what a phone's owner, other programs and time do to it.

@@ -41,6 +41,7 @@ summarise() {
         row "recycled" "$recycled_bytes" "bytes in $recycled_files files"
         [ "$recycled_raw" = 0 ] || row "decoded before that" "$recycled_raw" bytes
     fi
+    [ "$recycled_earlier" = 0 ] || row "recycled of earlier runs" "$recycled_earlier" files
     if [ "$recycled_uncounted" = 0 ]; then row missing "$missing" bytes
     else row "missing, or recycled" "$missing" "bytes ($recycled_uncounted files were recycled too soon to be counted)"; fi
     if [ -n "$replay" ]; then

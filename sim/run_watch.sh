@@ -1,15 +1,16 @@
 # What ./run shows while it runs: a line of status, and each event of note once. Sourced by ./run.
 #
 # Reads $box, $kept_log, $tools, $storage; $logs is the log folder as this script can reach it.
-# shellcheck shell=bash disable=SC2154
+# shellcheck shell=bash disable=SC2154,SC2034 # what ./run sets, and what it reads
 
 declare -A phone=()             # the simulated phone's state, as it was last told
-declare -A size_of=() raw_of=() # of this run's log files, by key: bytes there, and decoded
-declare -A path_of=() missed=()
-packed=0                        # bytes in the log files that are there
-recycled_files=0 recycled_bytes=0 recycled_raw=0 recycled_uncounted=0
+declare -A size_of=()           # of this run's log files, by key: bytes when they were last seen
+declare -A earlier=()           # keys of the log files of earlier runs
+seen=$box/modem/seen            # second names of this run's log files, by key
+packed=0 files_there=0          # bytes in, and number of, the log files that are there
+recycled_files=0 recycled_bytes=0 recycled_raw=0 recycled_uncounted=0 recycled_earlier=0
 exceptions=0 stalls=0 drops=0 scenario_fault=
-log_at=0 log_inode=
+log_at=0 log_inode=''
 
 # --- the terminal ---
 
@@ -28,7 +29,7 @@ on_terminal=
 if [ -t 2 ] && [ -z "${show_log-}" ]; then on_terminal=yes; fi
 measure_terminal() { width=$(stty size <&2 2>/dev/null | cut -d' ' -f2); [ "${width:-0}" -gt 0 ] || width=80; }
 
-# No escape codes: a carriage return and blanks are what every terminal has.
+# What does not fit the width is left out. No escape codes: a carriage return and blanks are what every terminal has.
 clear_status() {
     [ -n "$status_shown" ] || return 0
     printf '\r%*s\r' ${#status_shown} '' >&2
@@ -69,58 +70,52 @@ phone_does() {
 # --- the log files ---
 
 # A file keeps its key while it and its folder get other names: "QRXMDLog_3_.../QRXMDLog_0_....muxz.tmp"
-# is "3/0".
-key_of() { # PATH
-    [[ $1 =~ /QRXMDLog_([0-9]+)_[^/]*/QRXMDLog_([0-9]+)_ ]] && key=${BASH_REMATCH[1]}/${BASH_REMATCH[2]}
+# is "3-0".
+key_of() { # PATH; sets $key
+    [[ $1 =~ /QRXMDLog_([0-9]+)_[^/]*/QRXMDLog_([0-9]+)_[^/]*$ ]] && key=${BASH_REMATCH[1]}-${BASH_REMATCH[2]}
 }
 
+# The log files of this run: "BYTES PATH".
+list_files() {
+    find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %p\n' 2>/dev/null
+}
+
+# Before the daemon starts: what is there is not of this run.
+note_earlier_files() {
+    local path key
+    while IFS= read -r path; do
+        if key_of "$path"; then earlier[$key]=yes; fi
+    done < <(find "$logs" -type f 2>/dev/null)
+    rm -rf "$seen" && mkdir "$seen"
+}
+
+# Each file gets a second name, under which it can be looked at once it has been recycled. A phone
+# with a storage of its own has no room for that.
 scan_files() {
     local size path key
-    local -A there=()
-    [ -d "$logs" ] || return 0
-    packed=0
+    packed=0 files_there=0
     while IFS=' ' read -r size path; do
         key_of "$path" || continue
-        there[$key]=yes size_of[$key]=$size path_of[$key]=$path
-        packed=$((packed + size))
-    done < <(find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %p\n' 2>/dev/null)
-    for key in "${!size_of[@]}"; do
-        if [ -n "${there[$key]-}" ]; then unset "missed[$key]"; continue; fi
-        # While its folder gets its other name a file may be overlooked once.
-        missed[$key]=$((${missed[$key]-0} + 1))
-        [ "${missed[$key]}" -lt 2 ] || forget_file "$key"
-    done
+        packed=$((packed + size)) files_there=$((files_there + 1))
+        if [ -z "${size_of[$key]-}" ] && [ -z "$storage" ]; then ln "$path" "$seen/$key" 2>/dev/null; fi
+        size_of[$key]=$size
+    done < <(list_files)
 }
 
-forget_file() { # KEY: of a file that has been recycled
-    collect_count
+forget_file() { # PATH of a file that has been recycled
+    local key size raw
+    key_of "$1" || return 0
+    recycled_now=$((recycled_now + 1))
+    [ -z "${earlier[$key]-}" ] || { recycled_earlier=$((recycled_earlier + 1)); return 0; }
     recycled_files=$((recycled_files + 1))
-    recycled_bytes=$((recycled_bytes + size_of[$1]))
-    if [ -n "${raw_of[$1]-}" ]; then recycled_raw=$((recycled_raw + raw_of[$1]))
-    else recycled_uncounted=$((recycled_uncounted + 1)); fi
-    unset "size_of[$1]" "raw_of[$1]" "path_of[$1]" "missed[$1]"
-}
-
-# What is in a file is counted when the file is finished, one at a time and only with idle time: once
-# it is recycled nobody can.
-counter= counted_key=
-collect_count() {
-    [ -n "$counter" ] && ! kill -0 "$counter" 2>/dev/null || return 0
-    if wait "$counter" && [ -n "${size_of[$counted_key]-}" ]; then raw_of[$counted_key]=$(<"$box/modem/count"); fi
-    counter=
-}
-count_next_file() {
-    local key oldest=
-    collect_count
-    [ -z "$counter" ] || return 0
-    for key in "${!path_of[@]}"; do
-        [ -z "${raw_of[$key]-}" ] && [[ ${path_of[$key]} == *.muxz ]] || continue
-        if [ -z "$oldest" ] || [ "${path_of[$key]}" -ot "${path_of[$oldest]}" ]; then oldest=$key; fi
-    done
-    [ -n "$oldest" ] || return 0
-    counted_key=$oldest
-    ( trap '' INT; set -o pipefail; nice -n 19 "$tools/muxz" cat "${path_of[$oldest]}" 2>/dev/null | wc -c >"$box/modem/count" ) &
-    counter=$!
+    if size=$(stat -c %s "$seen/$key" 2>/dev/null) &&
+        raw=$("$tools/muxz" cat "$seen/$key" 2>/dev/null | wc -c; exit "${PIPESTATUS[0]}"); then
+        recycled_raw=$((recycled_raw + raw))
+    else
+        size=${size_of[$key]-0} recycled_uncounted=$((recycled_uncounted + 1))
+    fi
+    recycled_bytes=$((recycled_bytes + size))
+    rm -f "$seen/$key"
 }
 
 # --- the Android log ---
@@ -148,7 +143,7 @@ note_line() { # LINE of the kept log
         "notify_handler: ntfy_code=6") exceptions=$((exceptions + 1)); tell "exception of the modem" ;;
         *"wwanD0MDLog is removed"*) tell "the modem's log device is removed: the daemon asks for its restart" ;;
         "LogFileRecycler: remove folder "*) tell "recycled: folder ${text##*/}" ;;
-        "LogFileRecycler: remove file "*) recycled_now=$((recycled_now + 1)) ;;
+        "LogFileRecycler: remove file "*) forget_file "$text" ;;
         "log buffer stall count: "*) stalls=$((stalls + ${text##* })); tell_once stall "the ring was full: the modem waits" ;;
         *": drop "*" bytes"*)
             text=${text#*: drop }
@@ -220,9 +215,9 @@ make_status() {
     fi
     [ $total = 0 ] || ratio=$((raw / total)).$((raw * 10 / total % 10))
     printf -v time '%d:%02d' $((SECONDS / 60)) $((SECONDS % 60))
-    status_line="$time  in $(human $in)/s out $(human $((out > 0 ? out : 0)))/s"
-    status_line+="  raw $(human "$raw") packed $(human $total) ratio $ratio"
-    status_line+="  files ${#size_of[@]}  stalls $stalls drops $drops  $(phone_does)"
+    status_line="$time $(phone_does)  in $(human $in)/s out $(human $((out > 0 ? out : 0)))/s"
+    status_line+="  raw $(human "$raw") packed $(human $total) ($ratio)"
+    status_line+="  files $files_there stalls $stalls drops $drops"
 }
 
 last_line=0
@@ -230,7 +225,6 @@ last_line=0
 watch() {
     follow_log
     scan_files
-    count_next_file
     make_status
     if [ -n "$on_terminal" ]; then
         show_status "$status_line"

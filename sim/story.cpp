@@ -112,16 +112,16 @@ bool IsOperator(std::string_view word) {
 Later MakeLater(const Console& console, Words words) {
     Later later = {0ms, Command::kEvent, Refuse("")};
     if (words.size() < 3) {
-        later.order = Refuse("use: after TIME COMMAND [ARGUMENT...]");
+        later.order = Refuse("no COMMAND");
         return later;
     }
     const auto delay = Duration(words[1]);
     if (!delay) {
-        later.order = Refuse("after: TIME is not a time such as 500ms, 5s or 2m: " + words[1]);
+        later.order = Refuse("TIME is not a time such as 500ms, 5s or 2m: " + words[1]);
         return later;
     }
     if (words[2] == "after" || words[2] == "expect" || words[2] == "storage") {
-        later.order = Refuse("after: " + words[2] + " is nothing that happens at a time");
+        later.order = Refuse(words[2] + " is nothing that happens at a time");
         return later;
     }
     later.delay = *delay;
