@@ -121,7 +121,7 @@ forget_file() { # PATH of a file that has been recycled
 # --- the Android log ---
 
 # Errors that a daemon in good order writes too; docs/android-log.md tells why.
-harmless='quarn_property_set: rc 0|folder already created|open file: .*/quarn\.cfg failed, errno=No such|md_time_sync_handle: (wait|stop)|select failed, errno = Interrupted|msg fail, close it|restart quarn|already close|receive cmd fail, rc=0'
+harmless='quarn_property_set: rc 0|folder already created|quarn\.cfg failed, errno=No such|failed to get platform data|no modem info|missing modem info|is closed, try reopen|file_io: already close|left tot_read_len|md_time_sync_handle: (wait|stop)|errno = Interrupted|msg fail, close it|receive cmd fail, rc=0|restart quarn'
 of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLog is removed|LogFileRecycler: remove |log buffer stall count|: drop [0-9]+ bytes'
 
 declare -A last_told=()
