@@ -118,7 +118,9 @@ void Console::RunScenario(const std::string& path) const {
         if (!later.order.ok()) {
             TellFailure(where, later.order.refusal);
         } else if (later.delay > gone || gone == milliseconds(0)) {
-            Schedule::Instance().Add(later.delay - gone, where, later.order.act);
+            if (!Schedule::Instance().Add(later.delay - gone, where, later.order.act)) {
+                TellFailure(where, "too much waits already");
+            }
         } else if (later.kind == Command::kSetting) {
             const Reply reply = later.order.act();
             if (!reply.ok) TellFailure(where, reply.text);

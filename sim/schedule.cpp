@@ -12,15 +12,17 @@ Schedule& Schedule::Instance() {
     return schedule;
 }
 
-void Schedule::Add(std::chrono::milliseconds delay, const std::string& where,
+bool Schedule::Add(std::chrono::milliseconds delay, const std::string& where,
                    std::function<Reply()> act) {
     {
         std::lock_guard lock(mutex_);
+        if (entries_.size() >= kMostEntries) return false;
         entries_.emplace(Clock::now() + delay, Entry{where, std::move(act)});
         if (!runs_) std::thread(&Schedule::Run, this).detach();
         runs_ = true;
     }
     cond_.notify_all();
+    return true;
 }
 
 void Schedule::Run() {

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -20,11 +21,13 @@ class Schedule {
     Schedule(const Schedule&) = delete;
     Schedule& operator=(const Schedule&) = delete;
 
-    // `where`: what stands before a failure's reason in the Android log.
-    void Add(std::chrono::milliseconds delay, const std::string& where, std::function<Reply()> act);
+    // `where`: what stands before a failure's reason in the Android log. Returns false when too
+    // much waits already.
+    bool Add(std::chrono::milliseconds delay, const std::string& where, std::function<Reply()> act);
 
   private:
     using Clock = std::chrono::steady_clock;
+    static constexpr size_t kMostEntries = 4096;
     struct Entry {
         std::string where;
         std::function<Reply()> act;

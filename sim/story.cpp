@@ -134,8 +134,8 @@ Order AfterOrder(const Console& console, Words words) {
     Later later = MakeLater(console, words);
     if (!later.order.ok()) return Refuse(later.order.refusal);
     return Do([delay = later.delay, act = std::move(later.order.act)] {
-        Schedule::Instance().Add(delay, "after", act);
-        return Ok();
+        if (Schedule::Instance().Add(delay, "after", act)) return Ok();
+        return Failed("too much waits already");
     });
 }
 

@@ -74,6 +74,7 @@ TEST(Daemon, ThePhoneKeepsItsLogItsClockAndItsScenario) {
     };
     EXPECT_TRUE(Console("get clock").starts_with(three_days_on())) << Console("get clock");
     first.Kill();
+    std::filesystem::remove(kept);
     Daemon second("second", "", keep);
     ASSERT_TRUE(kept_has("stateNotify: listen_thread start\n"));
     EXPECT_TRUE(test::WaitUntil([] { return Console("get clock_sets") == "1\n"; }));
