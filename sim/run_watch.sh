@@ -216,8 +216,8 @@ make_status() {
     [ $total = 0 ] || ratio=$((raw / total)).$((raw * 10 / total % 10))
     printf -v time '%d:%02d' $((SECONDS / 60)) $((SECONDS % 60))
     status_line="$time $(phone_does)  in $(human $in)/s out $(human $((out > 0 ? out : 0)))/s"
-    status_line+="  raw $(human "$raw") packed $(human $total) ($ratio)"
-    status_line+="  files $files_there stalls $stalls drops $drops"
+    status_line+="  stalls $stalls drops $drops"
+    status_line+="  $(human "$raw") > $(human $total) ($ratio)  files $files_there"
 }
 
 last_line=0

@@ -77,6 +77,17 @@ bool HasStorageOfItsOwn(const struct statvfs& space) {
            space.f_blocks * space.f_frsize <= kLargestStorage;
 }
 
+// Makes the ballast as large as that leaves `bytes` free; an errno number.
+int SetBallast(int fd, uint64_t bytes) {
+    struct statvfs space = {};
+    struct stat ballast = {};
+    if (fstatvfs(fd, &space) != 0 || fstat(fd, &ballast) != 0) return errno;
+    const uint64_t size = static_cast<uint64_t>(ballast.st_size) + space.f_bavail * space.f_frsize;
+    const auto wanted = static_cast<off_t>(size - std::min(size, bytes));
+    if (wanted <= ballast.st_size) return ftruncate(fd, wanted) == 0 ? 0 : errno;
+    return posix_fallocate(fd, ballast.st_size, wanted - ballast.st_size);
+}
+
 Reply LeaveFree(uint64_t bytes) {
     struct statvfs space = {};
     if (statvfs("/data", &space) != 0 || !HasStorageOfItsOwn(space)) {
@@ -84,17 +95,11 @@ Reply LeaveFree(uint64_t bytes) {
     }
     const int fd = open(kBallast, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd == -1) return Failed(std::string("cannot write to /data: ") + strerror(errno));
-    struct stat ballast = {};
-    fstat(fd, &ballast);
-    const uint64_t available = space.f_bavail * space.f_frsize;
-    const auto size = static_cast<uint64_t>(ballast.st_size) + available;
-    // An empty file is as small as it gets.
-    const auto wanted = static_cast<off_t>(size - std::min(size, bytes));
-    const int error = wanted > ballast.st_size
-                          ? posix_fallocate(fd, ballast.st_size, wanted - ballast.st_size)
-                          : (ftruncate(fd, wanted) == 0 ? 0 : errno);
+    // The daemon may have taken some of the space meanwhile, and then there is no ballast at all.
+    int error = ENOSPC;
+    for (int tries = 0; error == ENOSPC && tries < 100; ++tries) error = SetBallast(fd, bytes);
     close(fd);
-    return error == 0 || error == ENOSPC ? Ok() : Failed(strerror(error));
+    return error == 0 ? Ok() : Failed(strerror(error));
 }
 
 Reply FreeAll() {
