@@ -506,11 +506,10 @@ constexpr Command kCommands[] = {
      "in a scenario, for ./run: the run ends here, as with Ctrl-C", EndOrder},
     {"expect", 4, 5, Command::kEvent, "FIGURE OPERATOR NUMBER | log TEXT OPERATOR NUMBER",
      "in a scenario, for ./run: what must hold when the run has ended, or its status is 1. FIGURE: "
-     "bytes delivered by the modem, bytes decoded from the log files, bytes missing or drops "
-     "(bytes "
-     "that the daemon dropped); files, captures, captures marked for an exception, files recycled; "
-     "exceptions, restarts, stalls; or the lines of the Android log with this text in them. "
-     "OPERATOR: = != < <= > >=",
+     "delivered (bytes that the modem handed over), decoded (bytes in the log files), missing or "
+     "drops (bytes), files, captures, marked (captures with an exception), recycled (files), "
+     "exceptions, restarts or stalls; or the number of lines of the Android log with this text in "
+     "them. OPERATOR: = != < <= > >=",
      ExpectOrder},
     {"state", 1, 1, Command::kEvent, "", "shows how the modem stands, a value a line", State},
     {"get", 2, 2, Command::kEvent, "KEY", "shows one of these values alone", Get},

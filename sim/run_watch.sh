@@ -29,7 +29,7 @@ on_terminal=
 if [ -t 2 ] && [ -z "${show_log-}" ]; then on_terminal=yes; fi
 measure_terminal() { width=$(stty size <&2 2>/dev/null | cut -d' ' -f2); [ "${width:-0}" -gt 0 ] || width=80; }
 
-# What does not fit the width is left out. No escape codes: a carriage return and blanks are what every terminal has.
+# What does not fit the width is left out. No escape codes: every terminal knows a carriage return.
 clear_status() {
     [ -n "$status_shown" ] || return 0
     printf '\r%*s\r' ${#status_shown} '' >&2
@@ -40,7 +40,10 @@ show_status() { # TEXT
     printf '\r%s%*s' "$text" $((${#status_shown} > ${#text} ? ${#status_shown} - ${#text} : 0)) '' >&2
     status_shown=$text
 }
-tell() { clear_status; echo "run: $*" >&2; }
+tell() { # TEXT, which may hold names that others have chosen
+    clear_status
+    echo "run: ${1//[[:cntrl:]]/?}" >&2
+}
 
 # --- the phone ---
 
@@ -51,7 +54,7 @@ ask_phone() {
     local line
     phone=()
     while IFS= read -r line; do phone[${line%%: *}]=${line#*: }; done < <(simctl state)
-    [ ${#phone[@]} -gt 0 ] || return 1
+    [ -n "${phone[host_sent]-}" ] || { phone=(); return 1; } # nothing, or not up to the last row
     [ -z "$storage" ] || logs=/proc/${phone[pid]}/root$tree
 }
 
