@@ -257,7 +257,9 @@ TEST_F(Config, SavedLines) {
                   c.before.empty());
     }
     EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
-    // The file keeps its mode; a link in its place is replaced, what it points to stays.
+    // The file keeps its mode, whatever the umask; a link in its place is replaced, what it points
+    // to stays.
+    umask(077);
     fs::permissions(kPath, fs::perms{0640});
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
     EXPECT_EQ(fs::status(kPath).permissions(), fs::perms{0640});

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "control/protocol.h"
 #include "daemon_process.h"
 #include "sim/restart.h"
 #include "support.h"
@@ -26,7 +27,7 @@ constexpr int kRestartAsked = 75;
 uint64_t Polls() { return std::stoull(Console("get calls_poll")); }
 
 int Subscribe() {
-    const int fd = socket_local_client("/dev/quarn_callback_server.socket",
+    const int fd = socket_local_client(quarn::protocol::kNotifySocket,
                                        ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     const timeval limit = {.tv_sec = 20, .tv_usec = 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));

@@ -372,6 +372,33 @@ TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
     }
 }
 
+// Behind the cut there would be no header, or half a block.
+TEST_F(FileIo, ACutFileIsLeftAsItIs) {
+    const std::string bytes = test::StreamBytes(32 * kChunk);
+    for (const off_t length : {off_t{0}, off_t{100 << 10}}) {
+        Restart();
+        ASSERT_EQ(io->io_open(), 0);
+        ASSERT_TRUE(Write(bytes.substr(0, bytes.size() / 2)));
+        io->set_file_suffix("_EE");
+        io->rename_folder_ee();  // the loss is told under the folder's new name
+        const std::string file =
+            io->get_latest_folder_path() + "/" + List(io->get_latest_folder_path()).at(0);
+        const std::string had = test::DecodeFile(file).bytes;
+        const auto lost = static_cast<off_t>(fs::file_size(file)) - length;
+        ASSERT_EQ(truncate(file.c_str(), length), 0);
+        log.Clear();
+        ASSERT_TRUE(Write(bytes.substr(bytes.size() / 2)));
+        io->io_close();
+        EXPECT_EQ(log.Count("file_io: log_file=" + file + " was cut, " + std::to_string(lost) +
+                            " bytes went with it"),
+                  1u);
+        const std::string finished = file.substr(0, file.rfind('.'));
+        EXPECT_EQ(static_cast<off_t>(fs::file_size(finished)), length);
+        fs::remove(finished);
+        EXPECT_TRUE(had + test::DecodeTree(io->get_latest_folder_path()) == bytes);
+    }
+}
+
 // The exception whose mark the vanished folder could not take is in the capture that goes on; so is
 // what a capture without a file had buffered.
 TEST_F(FileIo, ACaptureWithoutFolderGoesOnInAnother) {

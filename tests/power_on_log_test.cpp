@@ -18,6 +18,7 @@
 
 #include "byte_source.h"
 #include "core/quarn.h"
+#include "modem/early_log_filter.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "shifted_clock.h"
@@ -160,6 +161,19 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
     PowerOnLogDeInit();
     EXPECT_EQ(DecodeFile(kPowerOnLogPath).bytes, "abc");
     EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
+}
+
+// What followed in an emptied copy would lie behind a hole.
+TEST_F(PowerOn, EndsWhenItsFileIsCut) {
+    PowerOnLogInit();
+    ASSERT_EQ(g_file_io.io_open(), 0);
+    Store("one ");
+    fs::resize_file(kPowerOnLogPath, 0);
+    Store("two ");
+    EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, std::string("Power-on log: stop writing log, ") +
+                                              kPowerOnLogPath + " was cut"));
+    EXPECT_EQ(fs::file_size(kPowerOnLogPath), 0u);
+    EXPECT_EQ(test::DecodeTree(kLogs), "one two ");
 }
 
 // A deleted copy is not written to, and does not come again; the captures go on.

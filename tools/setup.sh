@@ -5,6 +5,7 @@ run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
 # What single steps of ./test want beside these.
 lint_packages=(clang-tidy cppcheck)
+page_packages=(chromium)
 fuzz_packages=(libclang-rt-dev)
 arm64_packages=(g++-aarch64-linux-gnu qemu-user)
 arm64_root_packages=(libsnappy-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)

@@ -24,7 +24,7 @@ mode_t ModeOf(const char* path, mode_t otherwise) {
 }
 
 bool SyncFolderOf(const std::string& path) {
-    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const std::string folder = path.substr(0, path.rfind('/') + 1) + ".";
     const unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd >= 0 && fsync(fd) == 0;
 }
@@ -35,6 +35,7 @@ Replaced WriteNewFile(const std::string& path, mode_t mode,
     unlink(path.c_str());  // what an earlier death left there
     unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (fd < 0) return Replaced::kNotCreated;
+    fchmod(fd, mode);  // whatever the umask
     if (!write(fd) || fsync(fd) != 0) return Replaced::kNotWritten;
     return close(fd.release()) == 0 ? Replaced::kDone : Replaced::kNotClosed;
 }

@@ -12,10 +12,10 @@
 #include <memory>
 #include <utility>
 
-#include "core/quarn.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_names.h"
+#include "storage/quarn_file_io.h"
 #include "storage/recycle_config.h"
 
 namespace quarn::zorvex {

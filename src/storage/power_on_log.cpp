@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -20,12 +19,13 @@
 #include <thread>
 
 #include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
 #include "modem/log_flush.h"
-#include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 #include "storage/log_file_header.h"
 #include "storage/log_names.h"
+#include "storage/quarn_file_io.h"
 
 namespace quarn::zorvex {
 
@@ -40,8 +40,6 @@ constexpr mode_t kMode = 0644;
 constexpr char kEnd = 0;  // the file's last byte
 
 constexpr const char* kThreadEntry = "PowerOnEventDetectThreadEntry";
-constexpr std::string_view kFilterSetting = "AT+ZORVEARLYLOGFILTER";
-constexpr std::string_view kLineEnds = "\r\n";
 
 enum class State { kNotInitialised, kInitialised, kWriting, kStopped };
 
@@ -265,8 +263,13 @@ void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
         return;
     }
     if (len == 0) return;
-    if (struct stat status; fstat(log.fd, &status) == 0 && status.st_nlink == 0) {
-        QUARN_LOGW("Power-on log: stop writing log, %s was deleted", kPowerOnLogPath);
+    struct stat status;
+    const bool known = fstat(log.fd, &status) == 0;
+    const bool deleted = known && status.st_nlink == 0;
+    // What followed a cut would lie behind a hole.
+    if (deleted || (known && status.st_size < lseek(log.fd, 0, SEEK_CUR))) {
+        QUARN_LOGW("Power-on log: stop writing log, %s was %s", kPowerOnLogPath,
+                   deleted ? "deleted" : "cut");
         CloseFile(log, kWho);
         log.state = State::kStopped;
         return;
@@ -304,44 +307,6 @@ void PowerOnLogDeInit() {
     const StopLock lock(log.mutex);
     EndFile(log, "PowerOnLogDeInit");
     QUARN_LOGI("Power-on Log: de-init successfully");
-}
-
-bool GetPowerOnLogFilterEnableNvramCfg(int& value) {
-    value = -1;
-    std::string response;
-    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "?", response)) return false;
-    if (!GetAtCommandExecStatus(response)) return false;
-
-    const size_t start = response.find_first_not_of(kLineEnds);
-    if (start == std::string::npos) {
-        QUARN_LOGE(
-            "Power-on log: Cannot find power-on log filter enable value in AT command result");
-        return false;
-    }
-    const std::string line =
-        response.substr(start, response.find_first_of(kLineEnds, start) - start);
-    int number = -1;
-    const char* const line_end = line.data() + line.size();
-    auto [end, error] = std::from_chars(line.data(), line_end, number);
-    if (error == std::errc() && end != line_end) error = std::errc::invalid_argument;
-    if (error != std::errc()) {
-        QUARN_LOGE("Power-on log: Convert power-on log filter enable %s to int failed: %s",
-                   line.c_str(), strerror(static_cast<int>(error)));
-        return false;
-    }
-    value = number;
-    QUARN_LOGI("Power-on log: Get power-on log filter enable=%d by AT command", value);
-    return true;
-}
-
-bool SetPowerOnLogFilterEnableNvramCfg(int value) {
-    std::string response;
-    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "=" + std::to_string(value), response) ||
-        !GetAtCommandExecStatus(response)) {
-        return false;
-    }
-    QUARN_LOGI("Power-on log: Set power-on log filter enable=%d by AT command", value);
-    return true;
 }
 
 }  // namespace quarn::zorvex

@@ -16,8 +16,8 @@
 #include <thread>
 
 #include "core/path_utility.h"
-#include "core/quarn.h"
-#include "core/utility.h"
+#include "core/quarn_global.h"
+#include "core/system_utility.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_file_format.h"
@@ -58,8 +58,6 @@ std::string indexed_name(uint32_t idx, const std::string& time_text) {
 
 // Marks in a path are looked for in its last component only: the folders above may be named freely.
 size_t name_start(const std::string& path) { return path.rfind('/') + 1; }
-
-std::string last_component(const std::string& path) { return path.substr(name_start(path)); }
 
 bool name_contains(const std::string& path, std::string_view mark) {
     return path.find(mark, name_start(path)) != std::string::npos;
@@ -484,7 +482,7 @@ void QUARN_FILE_IO::flush_last(Flush how) {
 }
 
 int QUARN_FILE_IO::save_to_log_file(const char* buf, unsigned int len, bool last) {
-    if (fd >= 0 && has_lost_its_name(fd)) close_log_file();
+    if (fd >= 0 && (has_lost_its_name(fd) || bytes_cut() > 0)) close_log_file();
     if (ready_file() != 0) {
         give_up_vanished_capture();
         return -1;
@@ -600,6 +598,7 @@ int QUARN_FILE_IO::open_new_log_file() {
         unlink(path.c_str());  // nothing can be read from a file without a whole header
         return -1;
     }
+    header_length = lseek(fd, 0, SEEK_END);
     finalise_last_file();
     last_file_path = cur_file_path;
     ++file_idx;
@@ -651,7 +650,12 @@ int QUARN_FILE_IO::close_log_file() {
         QUARN_LOGE("file_io: log_file=%s is not open!",
                    cur_file_path.empty() ? "null" : cur_file_path.c_str());
     } else {
-        if (has_lost_its_name(fd)) forget_vanished_file();
+        if (has_lost_its_name(fd)) {
+            forget_vanished_file();
+        } else if (const off_t lost = bytes_cut(); lost > 0) {
+            QUARN_LOGW("file_io: log_file=%s was cut, %lld bytes went with it",
+                       cur_file_path.c_str(), static_cast<long long>(lost));
+        }
         if (close(fd) == 0) {
             QUARN_LOGI("file_io: close log_file=%s (fd=%d)", cur_file_path.c_str(), fd.load());
         } else {
@@ -662,6 +666,7 @@ int QUARN_FILE_IO::close_log_file() {
         file_sync.Finished();
     }
     file_written = 0;
+    header_length = 0;
     cur_file_path.clear();
     return 0;
 }
@@ -669,8 +674,13 @@ int QUARN_FILE_IO::close_log_file() {
 void QUARN_FILE_IO::forget_vanished_file() {
     QUARN_LOGW("file_io: log_file=%s was deleted, %lld bytes went with it", cur_file_path.c_str(),
                static_cast<long long>(lseek(fd, 0, SEEK_END)));
-    // No rename is due then. Only the names are the same where an exception renamed the folder.
-    if (last_component(last_file_path) == last_component(cur_file_path)) last_file_path.clear();
+    if (last_file_path == cur_file_path) last_file_path.clear();  // no rename is due then
+}
+
+// What is missing from the end of the open file, as of one that somebody emptied: no more than 0
+// when nothing is. What followed the cut would have no header, or begin within a block.
+off_t QUARN_FILE_IO::bytes_cut() const {
+    return header_length + off_t{file_written} - lseek(fd, 0, SEEK_END);
 }
 
 bool QUARN_FILE_IO::wants_ee_name() const {
@@ -687,8 +697,8 @@ int QUARN_FILE_IO::rename_folder_ee() {
     if (!latest_folder_path.empty()) latest_folder_path = ee_path;
     cur_folder_path = ee_path;
     // The file that waits for its final name may still be one of the capture before.
-    if (last_file_path.starts_with(old_path + "/")) {
-        last_file_path.replace(0, old_path.size(), ee_path);
+    for (std::string* const path : {&cur_file_path, &last_file_path}) {
+        if (path->starts_with(old_path + "/")) path->replace(0, old_path.size(), ee_path);
     }
     QUARN_LOGI("file_io: rename log folder to %s", ee_path.c_str());
     return 0;

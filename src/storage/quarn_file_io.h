@@ -2,6 +2,7 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <sys/types.h>
 
 #include <array>
 #include <atomic>
@@ -113,6 +114,7 @@ class QUARN_FILE_IO : public QUARN_IO {
     void finalise_last_file();
     int close_log_file();
     void forget_vanished_file();
+    off_t bytes_cut() const;
 
     const std::string base_path;
     const std::string config_path;
@@ -123,6 +125,7 @@ class QUARN_FILE_IO : public QUARN_IO {
         compress_buf{};                                 // whole blocks not yet in the file
     uint32_t compress_used = 0;                         // bytes
     uint32_t file_written = 0;                          // bytes, header not counted
+    off_t header_length = 0;                            // of the open file, once it is whole
     std::atomic<uint32_t> file_size{50 * 1024 * 1024};  // bytes; atomic: read without a lock
     time_t cur_folder_time = 0;
     std::string cur_folder_path;             // empty: no capture
@@ -140,3 +143,5 @@ class QUARN_FILE_IO : public QUARN_IO {
     std::mutex recycle_mutex;
     std::mutex folder_name_mutex;
 };
+
+extern QUARN_FILE_IO g_file_io;

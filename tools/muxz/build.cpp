@@ -137,7 +137,8 @@ void TellWhetherWritten(CaptureFacts& capture) {
 }  // namespace
 
 Model Build(const std::vector<std::string>& paths, const BuildOptions& options) {
-    const Listing listing = Collect(paths);
+    Listing listing = Collect(paths);
+    if (options.narrow) options.narrow(listing);
     Model model = Assemble(listing, Builder(listing, options).Scan(), options);
     for (Phone& phone : model.phones) {
         for (CaptureFacts& capture : phone.captures) TellWhetherWritten(capture);

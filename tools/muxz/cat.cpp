@@ -17,7 +17,7 @@ class Stream {
   public:
     Stream(Output& to, Messages& told) : output(to), messages(told) {}
 
-    void Write(const FileFacts& file) {
+    void Write(const FileFacts& file, RawRange range) {
         const auto kind = file.header.kind;
         if (!file.readable || kind == HeaderFacts::Kind::kEmpty ||
             kind == HeaderFacts::Kind::kCut || kind == HeaderFacts::Kind::kNoBlock)
@@ -29,9 +29,13 @@ class Stream {
         }
         FileFacts now = file;
         now.findings.clear();
+        uint64_t at = 0;  // raw bytes of the file
         WalkBlocks(*opened.source, BlockReader::Mode::kBytes, now,
                    [&](BlockReader& reader, const Block& block) {
                        const size_t raw = block.lengths.raw_length;
+                       const bool wanted = range.Holds(at, raw);
+                       at += raw;
+                       if (!wanted) return true;
                        if (!reader.Unpack(block, output.Room(raw))) return false;
                        output.Filled(raw);
                        messages.progress.At(done + block.offset);
@@ -47,12 +51,21 @@ class Stream {
     uint64_t done = 0;
 };
 
+RawRange RangeIn(const Selection& selection, const FileFacts& file) {
+    for (const Part& part : selection.parts) {
+        if (part.file.file->path == file.path) return RangeOf(part, file.blocks.raw);
+    }
+    return {};
+}
+
 }  // namespace
 
-int Cat(const std::vector<std::string>& paths, const std::string& output_path,
-        const Phones& phones) {
+int Cat(const Selection& selection, const std::string& output_path, const Phones& phones) {
     Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
-    const Model model = Build(paths, {.phones = phones.value_or(PhoneChoice())});
+    // Where a part of a file begins is told by how many raw bytes the file has.
+    BuildOptions options{.depth = selection.parts.empty() ? Depth::kHeaders : Depth::kLengths};
+    if (phones) options.phones = *phones;
+    const Model model = Read(selection, options, messages);
     if (!AreWanted(model, phones, messages)) return messages.status;
     messages.Tell(model.findings);
     const std::vector<const FileFacts*> files = model.Files();
@@ -63,7 +76,7 @@ int Cat(const std::vector<std::string>& paths, const std::string& output_path,
     messages.progress.Expect(model.totals.size);
     Output output(output_path);
     Stream stream(output, messages);
-    for (const FileFacts* file : files) stream.Write(*file);
+    for (const FileFacts* file : files) stream.Write(*file, RangeIn(selection, *file));
     output.Close();
     messages.progress.Clear();
     return messages.status;

@@ -146,9 +146,9 @@ void PrintTotals(const Totals& totals) {
 
 }  // namespace
 
-int Check(const std::vector<std::string>& paths, bool quick, const Phones& phones) {
+int Check(const Selection& selection, bool quick, const Phones& phones) {
     Messages messages(true);
-    const Model model = Read(paths,
+    const Model model = Read(selection,
                              {.depth = quick ? Depth::kLengths : Depth::kBlocks,
                               .phones = phones.value_or(PhoneChoice())},
                              messages);

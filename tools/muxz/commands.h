@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/muxz/model.h"
+#include "tools/muxz/stretch.h"
 
 namespace muxz {
 
@@ -17,21 +18,23 @@ namespace muxz {
 using Phones = std::optional<PhoneChoice>;
 
 // `all`: the modem record and unknown entries whole.
-int Info(const std::vector<std::string>& paths, bool all);
+int Info(const Selection& selection, bool all);
 
-int Cat(const std::vector<std::string>& paths, const std::string& output_path,
-        const Phones& phones);
+int Cat(const Selection& selection, const std::string& output_path, const Phones& phones);
 // `first`: tells the first fault and looks no further.
-int Verify(const std::vector<std::string>& paths, bool first);
+int Verify(const Selection& selection, bool first);
 int RecoverFiles(const std::vector<std::string>& paths, const std::string& output_path);
 // `quick`: reads the lengths of the blocks, but does not unpack them.
-int Check(const std::vector<std::string>& paths, bool quick, const Phones& phones);
+int Check(const Selection& selection, bool quick, const Phones& phones);
 
 struct LsOptions {
     bool raw = false;    // the unpacked sizes too
     bool exact = false;  // sizes in bytes
     bool files = false;  // every file of each capture
 };
-int Ls(const std::vector<std::string>& paths, LsOptions options);
+int Ls(const Selection& selection, LsOptions options);
+
+// Every block is read. A page on standard output when `output_path` is empty.
+int WriteReport(const Selection& selection, const std::string& output_path, const Phones& phones);
 
 }  // namespace muxz

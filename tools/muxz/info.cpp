@@ -175,9 +175,9 @@ void ShowBlocks(const FileFacts& file) {
 
 }  // namespace
 
-int Info(const std::vector<std::string>& paths, bool all) {
+int Info(const Selection& selection, bool all) {
     Messages messages(isatty(STDOUT_FILENO) == 0);
-    const Model model = Read(paths, {.depth = Depth::kLengths}, messages);
+    const Model model = Read(selection, {.depth = Depth::kLengths}, messages);
     for (const FileFacts* file : model.Files()) {
         if (!file->readable) continue;
         printf("%s\n", PrintablePath(file->path).c_str());

@@ -78,10 +78,10 @@ class Lister {
 
 }  // namespace
 
-int Ls(const std::vector<std::string>& paths, LsOptions options) {
+int Ls(const Selection& selection, LsOptions options) {
     Messages messages(isatty(STDOUT_FILENO) == 0);
     const Depth depth = options.raw ? Depth::kLengths : Depth::kHeaders;
-    const Model model = Read(paths, {.depth = depth, .copies = options.raw}, messages);
+    const Model model = Read(selection, {.depth = depth, .copies = options.raw}, messages);
     if (model.totals.captures + model.totals.copies + model.totals.power_on_logs != 0)
         Lister(options).List(model);
     messages.Tell(model.findings);

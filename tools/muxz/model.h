@@ -32,6 +32,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/muxz/android_log.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/times.h"
 
@@ -272,6 +273,8 @@ struct Model {
     std::vector<Finding> findings;  // all of them, in the order of the stream
     bool reordered = false;         // the order of the model is not that of names or arguments
     Totals totals;
+    std::optional<AndroidLog> android_log;  // when one was given
+    std::optional<uint64_t> budget;         // bytes that the tree may have; none: nothing tells
 
     // Of all phones, in the order of the stream. Not copies; power-on logs only when they were
     // given themselves, since the captures hold their blocks too.
@@ -303,7 +306,9 @@ struct PhoneChoice {
 struct BuildOptions {
     Depth depth = Depth::kHeaders;
     PhoneChoice phones{};
-    bool copies = false;       // copies are read like the others; else only their headers
+    bool copies = false;  // copies are read like the others; else only their headers
+    // Leaves in a listing what is wanted of it; none: all of it.
+    std::function<void(Listing& listing)> narrow = {};
     bool first_fault = false;  // reads no more than headers once a file has a fault
     // Called now and then with the bytes of log files gone by so far, and those of all of them.
     std::function<void(uint64_t done, uint64_t all)> progress{};

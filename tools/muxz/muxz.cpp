@@ -14,6 +14,7 @@
 #include "storage/log_names.h"
 #include "tools/muxz/commands.h"
 #include "tools/muxz/messages.h"
+#include "tools/muxz/stretch.h"
 
 namespace {
 
@@ -29,6 +30,9 @@ constexpr const char* kHelp = R"(muxz reads log files.
   muxz cat PATH...         the raw stream of files, captures and trees
   muxz verify PATH...      checks every block
   muxz recover PATH...     finds the blocks of damaged files
+  muxz report PATH...      a page for a browser, with charts
+
+A stretch of time is taken out by --from, --to, --around or --exception ("muxz cat --help").
 
 "muxz COMMAND --help" tells more. Exit status: 0 fine, 1 faults in the data, 2 usage or
 input and output. A file named ".tmp" is still being written and may end anywhere.
@@ -99,13 +103,35 @@ Examples:
   muxz check ticket/logs
 )";
 
+constexpr const char* kReportHelp = R"(muxz report [-o FILE] [--log FILE] [--phone WHICH] PATH...
+Writes a page for a browser: verdict and numbers, captures on a time axis, rates, compression, sizes,
+tables of captures and files. Every block is checked. Status as of check.
+  -o, --output FILE   instead of standard output
+  --phone WHICH       as of cat
+Examples:
+  muxz report logs -o report.html
+  adb logcat -d -v threadtime -s QUARN | muxz report logs --log - -o report.html
+)";
+
+constexpr const char* kStretchHelp = R"(A stretch of time:
+  --from T, --to T              one end or both
+  --around T [--span D]         D in all, T in its middle (D is 2m by default)
+  --exception [N] [--span D]    around the N-th modem exception, the last by default
+  --utc                         T is UTC; else it is the time of the phone's clock
+  --log FILE                    Android log text ("logcat -v threadtime -s QUARN"; "-": standard
+                                input): tells times better
+T is 14:32, 14:32:10, "2026-11-23 14:32:10" or seconds since 1970; D is 30s, 5m or 1h.
+cat cuts files to whole blocks and tells how sure the time is; the others take files whole.
+)";
+
 // --- arguments
 
-// What a command was given: the letters of its options, what two of them say, and the rest.
+// What a command was given: the letters of its options, what some of them say, and the rest.
 struct Arguments {
     std::string letters;
     std::string output;
     Phones phones;
+    StretchRequest stretch;
     std::vector<std::string> paths;
     bool wrong = false;
 
@@ -120,13 +146,64 @@ Phones ParsePhones(const std::string& text) {
     return PhoneChoice{PhoneChoice::Which::kOne, *number};
 }
 
+constexpr const char* kStretchOptions = "S:E:A:D:X::UL:";
+
+// Takes the option of `letter` when it is one of a stretch. Returns false, with a message, when its
+// value is none.
+bool TakeStretch(int letter, const char* value, StretchRequest& stretch) {
+    StretchOptions& options = stretch.options;
+    const auto complain = [value](const char* what, const char* examples) {
+        fprintf(stderr, "muxz: not %s: %s (%s)\n", what, PrintablePath(value).c_str(), examples);
+        return false;
+    };
+    const auto take_time = [&](std::optional<TimeArgument>& time) {
+        return (time = ParseTime(value)) ||
+               complain("a time", "14:32, 14:32:10, \"2026-11-23 14:32:10\", seconds since 1970");
+    };
+    switch (letter) {
+        case 'S':
+            return take_time(options.from);
+        case 'E':
+            return take_time(options.to);
+        case 'A':
+            return take_time(options.around);
+        case 'D':
+            return (options.span = ParseSpan(value)) || complain("a span", "30s, 5m, 1h");
+        case 'X':
+            options.exception = true;
+            if (value == nullptr) return true;
+            return (options.exception_number = ParseDigits(value)) ||
+                   complain("a number", "1, 2, ...");
+        case 'U':
+            options.utc = true;
+            return true;
+        case 'L':
+            stretch.log_path = value;
+            return true;
+        default:
+            return true;
+    }
+}
+
 Arguments Parse(int argc, char** argv, const char* allowed) {
     static constexpr option kLong[] = {
-        {"help", no_argument, nullptr, 'h'},        {"all", no_argument, nullptr, 'a'},
-        {"raw", no_argument, nullptr, 'r'},         {"bytes", no_argument, nullptr, 'b'},
-        {"files", no_argument, nullptr, 'f'},       {"output", required_argument, nullptr, 'o'},
-        {"first", no_argument, nullptr, 'F'},       {"quick", no_argument, nullptr, 'Q'},
-        {"phone", required_argument, nullptr, 'P'}, {nullptr, 0, nullptr, 0},
+        {"help", no_argument, nullptr, 'h'},
+        {"all", no_argument, nullptr, 'a'},
+        {"raw", no_argument, nullptr, 'r'},
+        {"bytes", no_argument, nullptr, 'b'},
+        {"files", no_argument, nullptr, 'f'},
+        {"output", required_argument, nullptr, 'o'},
+        {"first", no_argument, nullptr, 'F'},
+        {"quick", no_argument, nullptr, 'Q'},
+        {"phone", required_argument, nullptr, 'P'},
+        {"from", required_argument, nullptr, 'S'},
+        {"to", required_argument, nullptr, 'E'},
+        {"around", required_argument, nullptr, 'A'},
+        {"span", required_argument, nullptr, 'D'},
+        {"exception", optional_argument, nullptr, 'X'},
+        {"utc", no_argument, nullptr, 'U'},
+        {"log", required_argument, nullptr, 'L'},
+        {nullptr, 0, nullptr, 0},
     };
     Arguments arguments;
     // getopt tells of what is no option at all; of what another command has it knows nothing.
@@ -136,6 +213,11 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
         } else {
             arguments.letters += static_cast<char>(letter);
             if (letter == 'o') arguments.output = optarg;
+            const char* value = optarg;
+            // "--exception 2": getopt takes an optional value behind a "=" only.
+            if (letter == 'X' && value == nullptr && optind < argc && ParseDigits(argv[optind]))
+                value = argv[optind++];
+            if (!TakeStretch(letter, value, arguments.stretch)) arguments.wrong = true;
             if (letter == 'P' && !(arguments.phones = ParsePhones(optarg))) arguments.wrong = true;
         }
     }
@@ -147,28 +229,45 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
 struct Command {
     const char* help;
     const char* allowed;  // options as getopt takes them
+    bool stretch;         // those of a stretch of time too
     size_t least_paths;
-    int (*run)(const Arguments&);
+    int (*run)(const Arguments&, const Selection&);
 };
 
 const std::map<std::string_view, Command> kCommands = {
-    {"info", {kInfoHelp, "ha", 1, [](const Arguments& a) { return Info(a.paths, a.Has('a')); }}},
+    {"info",
+     {kInfoHelp, "ha", true, 1,
+      [](const Arguments& a, const Selection& files) { return Info(files, a.Has('a')); }}},
     {"cat",
-     {kCatHelp, "ho:P:", 1, [](const Arguments& a) { return Cat(a.paths, a.output, a.phones); }}},
+     {kCatHelp, "ho:P:", true, 1,
+      [](const Arguments& a, const Selection& files) { return Cat(files, a.output, a.phones); }}},
     {"verify",
-     {kVerifyHelp, "hF", 1, [](const Arguments& a) { return Verify(a.paths, a.Has('F')); }}},
+     {kVerifyHelp, "hF", true, 1,
+      [](const Arguments& a, const Selection& files) { return Verify(files, a.Has('F')); }}},
     {"recover",
-     {kRecoverHelp, "ho:", 1, [](const Arguments& a) { return RecoverFiles(a.paths, a.output); }}},
+     {kRecoverHelp, "ho:", false, 1,
+      [](const Arguments& a, const Selection&) { return RecoverFiles(a.paths, a.output); }}},
+    {"report",
+     {kReportHelp, "ho:P:", true, 1,
+      [](const Arguments& a, const Selection& files) {
+          return WriteReport(files, a.output, a.phones);
+      }}},
     {"check",
-     {kCheckHelp, "hQP:", 1,
-      [](const Arguments& a) { return Check(a.paths, a.Has('Q'), a.phones); }}},
+     {kCheckHelp, "hQP:", true, 1,
+      [](const Arguments& a, const Selection& files) {
+          return Check(files, a.Has('Q'), a.phones);
+      }}},
     {"ls",
-     {kLsHelp, "hrbf", 0,
-      [](const Arguments& a) {
-          return Ls(a.paths.empty() ? std::vector<std::string>{kDefaultTree} : a.paths,
-                    {.raw = a.Has('r'), .exact = a.Has('b'), .files = a.Has('f')});
+     {kLsHelp, "hrbf", true, 0,
+      [](const Arguments& a, const Selection& files) {
+          return Ls(files, {.raw = a.Has('r'), .exact = a.Has('b'), .files = a.Has('f')});
       }}},
 };
+
+void Show(const Command& command, FILE* out) {
+    fputs(command.help, out);
+    if (command.stretch) fputs(kStretchHelp, out);
+}
 
 int UsageError(const char* help) {
     fputs(help, stderr);
@@ -183,17 +282,31 @@ int Run(int argc, char** argv) {
     }
     const auto command = kCommands.find(name);
     if (command == kCommands.end()) return UsageError(kHelp);
-    const auto& [help, allowed, least, run] = command->second;
+    const Command& chosen = command->second;
 
     std::string program = "muxz " + name;
     argv[1] = program.data();  // for the messages of getopt
-    const Arguments arguments = Parse(argc - 1, argv + 1, allowed);
+    const std::string allowed =
+        std::string(chosen.allowed) + (chosen.stretch ? kStretchOptions : "");
+    Arguments arguments = Parse(argc - 1, argv + 1, allowed.c_str());
     if (arguments.Has('h')) {
-        fputs(help, stdout);
+        Show(chosen, stdout);
         return kFine;
     }
-    if (arguments.wrong || arguments.paths.size() < least) return UsageError(help);
-    return run(arguments);
+    if (const std::string wrong = arguments.stretch.options.Wrong(); !wrong.empty()) {
+        fprintf(stderr, "muxz: %s\n", wrong.c_str());
+        arguments.wrong = true;
+    }
+    if (arguments.wrong || arguments.paths.size() < chosen.least_paths) {
+        Show(chosen, stderr);
+        return kUsageOrIo;
+    }
+    Messages messages(false);
+    Selection selection;
+    selection.paths = arguments.paths;
+    if (selection.paths.empty()) selection.paths.emplace_back(kDefaultTree);
+    if (!Select(arguments.stretch, selection, messages)) return messages.status;
+    return chosen.run(arguments, selection);
 }
 
 }  // namespace

@@ -1,14 +1,47 @@
 #include "tools/muxz/reading.h"
 
+#include <filesystem>
+#include <fstream>
+
 namespace muxz {
 
-Model Read(const std::vector<std::string>& paths, BuildOptions options, Messages& messages) {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The budget that the daemon's configuration sets when it lies in a folder "config" beside the
+// logs, of which `path` is one or holds them.
+std::optional<uint64_t> BudgetBeside(const std::string& path) {
+    constexpr int kLevels = 4;  // from a file up to what is beside the tree
+    constexpr int kBytesPerMbShift = 20;
+    std::error_code error;
+    fs::path folder = fs::absolute(path, error).lexically_normal();
+    for (int level = 0; !error && level < kLevels; ++level, folder = folder.parent_path()) {
+        std::ifstream config(folder / "config" / "quarn.cfg");
+        uint64_t mb;
+        for (std::string key; config >> key;) {
+            if (key == "recycle_size" && config >> mb) return mb << kBytesPerMbShift;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+Model Read(const Selection& selection, BuildOptions options, Messages& messages) {
     options.progress = [&](uint64_t done, uint64_t all) {
         messages.progress.Expect(all);
         messages.progress.At(done);
     };
-    Model model = Build(paths, options);
+    if (!selection.parts.empty())
+        options.narrow = [&](Listing& listing) { Narrow(listing, selection.parts); };
+    Model model = Build(selection.paths, options);
     messages.progress.Clear();
+    model.android_log = selection.log;
+    for (const std::string& path : selection.paths) {
+        if (!model.budget) model.budget = BudgetBeside(path);
+    }
+    if (!model.budget && model.android_log) model.budget = model.android_log->budget;
     return model;
 }
 

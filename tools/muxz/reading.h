@@ -7,11 +7,13 @@
 #include "tools/muxz/commands.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/model.h"
+#include "tools/muxz/stretch.h"
 
 namespace muxz {
 
-// Build, with progress.
-Model Read(const std::vector<std::string>& paths, BuildOptions options, Messages& messages);
+// Build, with progress, of the files that are selected. The model has the log of the selection too,
+// and the budget that a configuration beside the tree or that log tells.
+Model Read(const Selection& selection, BuildOptions options, Messages& messages);
 
 // Returns true if the model holds the files of the one phone, or of those, that are wanted. Else
 // tells which phones there are.

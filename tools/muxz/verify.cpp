@@ -25,9 +25,9 @@ void PrintCounts(size_t files, const BlockFacts& blocks) {
 
 }  // namespace
 
-int Verify(const std::vector<std::string>& paths, bool first) {
+int Verify(const Selection& selection, bool first) {
     Messages messages(true);
-    const Model model = Read(paths, {.depth = Depth::kBlocks, .first_fault = first}, messages);
+    const Model model = Read(selection, {.depth = Depth::kBlocks, .first_fault = first}, messages);
     if (first && model.Status() != kFine) {
         TellFirst(model, messages);
         return messages.status;

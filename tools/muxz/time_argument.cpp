@@ -1,0 +1,179 @@
+#include "tools/muxz/time_argument.h"
+
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <iterator>
+#include <set>
+
+namespace muxz {
+
+namespace {
+
+int64_t DayOf(int64_t wall) {
+    return (wall >= 0 ? wall : wall - kSecondsPerDay + 1) / kSecondsPerDay * kSecondsPerDay;
+}
+
+// The shape of a text: each digit as '0'.
+std::string Shape(std::string_view text) {
+    std::string shape(text);
+    for (char& c : shape) {
+        if (c >= '0' && c <= '9') c = '0';
+    }
+    return shape;
+}
+
+int Number(std::string_view text, size_t at, size_t length) {
+    return static_cast<int>(ParseDigits(text.substr(at, length)).value_or(-1));
+}
+
+std::optional<int64_t> ParseDate(std::string_view text) {  // "2026-11-23"
+    if (Shape(text) != "0000-00-00") return std::nullopt;
+    return WallDay(Number(text, 0, 4), Number(text, 5, 2), Number(text, 8, 2));
+}
+
+// The UTC offset at a time, in wall seconds or in UTC: that of the capture closest to it.
+int32_t OffsetAt(int64_t time, bool is_wall, const std::vector<Covered>& captures) {
+    const auto distance = [=](const Covered& capture) {
+        const int32_t offset = is_wall ? capture.utc_offset : 0;
+        const int64_t from = capture.from + offset, to = capture.to + offset;
+        return time < from ? from - time : std::max<int64_t>(time - to, 0);
+    };
+    return std::min_element(
+               captures.begin(), captures.end(),
+               [&](const Covered& a, const Covered& b) { return distance(a) < distance(b); })
+        ->utc_offset;
+}
+
+std::string Names(const std::set<int64_t>& days) {
+    constexpr size_t kShown = 5;
+    std::string text;
+    size_t count = 0;
+    for (auto day = days.begin(); day != days.end() && count < kShown; ++day, ++count)
+        text += (count == 0 ? "" : ", ") + ShowDay(*day);
+    return days.size() > kShown ? text + ", ..." : text;
+}
+
+ResolvedTime ResolveClock(int64_t clock, const std::vector<Covered>& captures) {
+    std::set<int64_t> fitting, all;
+    for (const Covered& capture : captures) {
+        const int64_t from = capture.from + capture.utc_offset;
+        const int64_t to = capture.to + capture.utc_offset;
+        all.insert({DayOf(from), DayOf(to)});
+        // A capture of years, which a stepping clock makes, needs no more days than can be named.
+        for (int64_t day = DayOf(from); day <= to && fitting.size() < 100; day += kSecondsPerDay) {
+            if (day + clock >= from && day + clock <= to) fitting.insert(day);
+        }
+    }
+    const std::set<int64_t>& days = fitting.empty() ? all : fitting;
+    if (days.size() == 1) {
+        const int64_t wall = *days.begin() + clock;
+        return {wall - OffsetAt(wall, true, captures), "", ShowDay(wall)};
+    }
+    return {std::nullopt,
+            (fitting.empty() ? "no capture covers " : "more than one day has a ") +
+                ShowClock(clock) + ": give it with a date, of " + Names(days),
+            ""};
+}
+
+}  // namespace
+
+std::optional<int64_t> WallDay(int year, int month, int day) {
+    using namespace std::chrono;
+    const year_month_day date(std::chrono::year(year),
+                              std::chrono::month(static_cast<unsigned>(month)),
+                              std::chrono::day(static_cast<unsigned>(day)));
+    if (!date.ok()) return std::nullopt;
+    return int64_t{sys_days(date).time_since_epoch().count()} * kSecondsPerDay;
+}
+
+std::string ShowDay(int64_t wall) {
+    using namespace std::chrono;
+    const year_month_day date(sys_days(days(DayOf(wall) / kSecondsPerDay)));
+    char text[48];
+    snprintf(text, sizeof(text), "%04d-%02u-%02u", int(date.year()), unsigned(date.month()),
+             unsigned(date.day()));
+    return text;
+}
+
+std::string ShowClock(int64_t wall) {
+    const int seconds = static_cast<int>(wall - DayOf(wall));
+    char text[48];
+    snprintf(text, sizeof(text), "%02d:%02d:%02d", seconds / 3600, seconds / 60 % 60, seconds % 60);
+    return text;
+}
+
+std::string ShowSpan(int64_t seconds) {
+    const auto pair = [](int64_t large, const char* unit, int64_t small, const char* small_unit) {
+        const std::string text = std::to_string(large) + unit;
+        return small == 0 ? text : text + " " + std::to_string(small) + small_unit;
+    };
+    if (seconds < 60) return std::to_string(seconds) + " s";
+    if (seconds < 3600) return pair(seconds / 60, " min", seconds % 60, " s");
+    if (seconds < kSecondsPerDay) return pair(seconds / 3600, " h", seconds / 60 % 60, " min");
+    return pair(seconds / kSecondsPerDay, " d", seconds / 3600 % 24, " h");
+}
+
+std::optional<int64_t> ParseDigits(std::string_view text) {
+    int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || text[0] == '-')
+        return std::nullopt;
+    return value;
+}
+
+std::optional<int64_t> ParseClock(std::string_view text) {
+    const std::string shape = Shape(text);
+    if (shape != "00:00" && shape != "00:00:00") return std::nullopt;
+    const int hour = Number(text, 0, 2), minute = Number(text, 3, 2);
+    const int second = text.size() > 5 ? Number(text, 6, 2) : 0;
+    if (hour > 23 || minute > 59 || second > 60) return std::nullopt;
+    return 60 * (60 * int64_t{hour} + minute) + second;
+}
+
+std::optional<TimeArgument> ParseTime(std::string_view text) {
+    if (const auto clock = ParseClock(text)) return {{TimeArgument::Kind::kClock, *clock}};
+    if (text.size() > 11 && (text[10] == ' ' || text[10] == 'T')) {
+        const auto day = ParseDate(text.substr(0, 10));
+        const auto clock = ParseClock(text.substr(11));
+        if (!day || !clock) return std::nullopt;
+        return {{TimeArgument::Kind::kWall, *day + *clock}};
+    }
+    const auto seconds = ParseDigits(text);
+    // What a phone's clock can show: to the year 9999.
+    if (!seconds || *seconds > *WallDay(9999, 12, 31)) return std::nullopt;
+    return {{TimeArgument::Kind::kUtc, *seconds}};
+}
+
+std::optional<int64_t> ParseSpan(std::string_view text) {
+    constexpr int64_t kLongest = kSecondsPerDay * 366 * 100;
+    if (text.empty()) return std::nullopt;
+    const int64_t unit = text.back() == 's'   ? 1
+                         : text.back() == 'm' ? 60
+                         : text.back() == 'h' ? 3600
+                                              : 0;
+    const auto count = ParseDigits(text.substr(0, text.size() - 1));
+    if (unit == 0 || !count || *count == 0 || *count > kLongest / unit) return std::nullopt;
+    return *count * unit;
+}
+
+ResolvedTime Resolve(const TimeArgument& time, const std::vector<Covered>& captures,
+                     std::optional<int64_t> from) {
+    switch (time.kind) {
+        case TimeArgument::Kind::kUtc:
+            return {time.seconds, "", ""};
+        case TimeArgument::Kind::kWall:
+            return {time.seconds - OffsetAt(time.seconds, true, captures), "", ""};
+        case TimeArgument::Kind::kClock:
+            break;
+    }
+    if (!from) return ResolveClock(time.seconds, captures);
+    const int32_t offset = OffsetAt(*from, false, captures);
+    int64_t wall = DayOf(*from + offset) + time.seconds;
+    if (wall < *from + offset) wall += kSecondsPerDay;
+    return {wall - offset, "", ShowDay(wall)};
+}
+
+}  // namespace muxz
