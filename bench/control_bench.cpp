@@ -20,9 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
 #include "sim/modem.h"
 
 namespace fs = std::filesystem;
@@ -54,7 +56,7 @@ class LoopSource : public sim::LogSource {
 // One query and its reply.
 void Query(int fd) {
     constexpr char kRequest[] = "file_size";
-    char reply[kCommandBufferSize];
+    char reply[quarn::protocol::kReplySize];
     if (send(fd, kRequest, sizeof(kRequest), 0) != sizeof(kRequest) ||
         recv(fd, reply, sizeof(reply), MSG_WAITALL) != sizeof(reply) ||
         strncmp(reply, "ok,", 3) != 0) {
@@ -84,7 +86,7 @@ class Clients {
 
   private:
     void Run(std::vector<double>& own_times) {
-        const int fd = socket_local_client("/dev/quarn_server.socket",
+        const int fd = socket_local_client(quarn::protocol::kCommandSocket,
                                            ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
         while (!done) {
             const auto start = Clock::now();

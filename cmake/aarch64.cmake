@@ -14,7 +14,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # The C and C++ libraries are the compiler's own; what the others need in turn is in the root.
-foreach(folder lib usr/lib usr/lib/aarch64-linux-gnu/android)
+foreach(folder lib usr/lib lib/aarch64-linux-gnu usr/lib/aarch64-linux-gnu
+               usr/lib/aarch64-linux-gnu/android)
     string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${arm64_root}/${folder}")
 endforeach()
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64 -L ${arm64_root})

@@ -34,8 +34,21 @@ class Console {
 
     // A refused line has changed nothing.
     Reply Execute(std::string_view line) const;
+    // Why a line would be refused whatever the phone is like; empty: it is well formed. Does
+    // nothing to the phone, and needs none.
+    std::string Check(std::string_view line) const;
+
+    struct Fault {
+        int line;  // from 1
+        std::string why;
+    };
+    // The same for the lines of a file.
+    std::vector<Fault> CheckScenario(const std::string& path) const;
+
     // Executes the lines of a file; what is refused goes to the Android log with its line number,
-    // and the rest is executed all the same. Nothing happens when there is no such file.
+    // and the rest is executed all the same. Nothing happens when there is no such file. Of lines
+    // "after TIME ...", those whose time was before this process (another one of the same phone
+    // read the file then) are left out, but for settings, which are in force again.
     void RunScenario(const std::string& path) const;
 
     const std::string& folder() const { return folder_; }

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "sim/android_log.h"
+#include "sim/clock.h"
 #include "sim/modem.h"
 #include "sim/socket_address.h"
 
@@ -103,12 +105,17 @@ void ConsoleServer::ServeClient(int fd) {
 void StartPhone() {
     static std::once_flag once;
     std::call_once(once, [] {
+        KeepAndroidLog();
         const char* const folder = getenv("QUARN_SIM_DIR");
         if (folder == nullptr || *folder == '\0') return;
         // Both live until the process is gone, whatever thread ends it.
         const auto& console = *new Console(folder);
         Modem::Instance().KeepSettings(console.folder());
-        console.RunScenario(console.folder() + "/scenario");
+        TakeUpClock(console.folder());
+        // What the phone is like, what happens to it, and what holds in spite of that.
+        for (const char* const file : {"/setup", "/scenario", "/override"}) {
+            console.RunScenario(console.folder() + file);
+        }
         if (!(new ConsoleServer(console))->ok()) {
             __android_log_print(ANDROID_LOG_ERROR, "SIM", "no console in %s: %s", folder,
                                 strerror(errno));

@@ -31,8 +31,8 @@ class ConsoleServer {
 };
 
 // The first call makes the phone what its folder says, when the environment variable
-// QUARN_SIM_DIR names one: executes the file `scenario` in it and opens the console. Nothing
-// happens without the variable, or at later calls.
+// QUARN_SIM_DIR names one: executes the files `setup`, `scenario` and `override` in it, in this
+// order, and opens the console. Nothing happens without the variable, or at later calls.
 void StartPhone();
 
 }  // namespace sim

@@ -491,6 +491,11 @@ void Modem::NotifyThread() {
     }
 }
 
+void Modem::EndScenario() {
+    std::lock_guard lock(mutex_);
+    scenario_ended_ = true;
+}
+
 // --- looking at it ---
 
 std::string Modem::written() const {
@@ -511,6 +516,7 @@ Modem::Status Modem::status() const {
     status.log_device = log_device_;
     status.streaming = streaming_;
     status.exhausted = exhausted_;
+    status.scenario_ended = scenario_ended_;
     if (source_) status.source = source_->Describe();
     status.rate = rate_;
     status.read_limit = read_limit_;
@@ -532,7 +538,7 @@ void Modem::Reset() {
     SetSource(nullptr);
     SetTap("");
     std::lock_guard lock(mutex_);
-    streaming_ = false;
+    streaming_ = scenario_ended_ = false;
     log_device_ = true;
     rate_ = 0;
     read_limit_ = 0;

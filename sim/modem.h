@@ -187,6 +187,9 @@ class Modem {
     // EBADF comes in runs that may be long enough to have the port closed.
     void SprinkleFaults(uint64_t seed, int per_mille);
 
+    // The story of the phone is over: told by its state, and up to who runs it.
+    void EndScenario();
+
     // Counts of calls, for tests.
     struct Calls {
         uint64_t init, open, close, read, poll, write;
@@ -218,7 +221,7 @@ class Modem {
 
     // How the modem stands, for people and for programs that wait for it.
     struct Status {
-        bool up, port_open, log_device, streaming, exhausted;
+        bool up, port_open, log_device, streaming, exhausted, scenario_ended;
         std::string source;  // as it describes itself; empty: none
         uint64_t rate;
         size_t read_limit;
@@ -331,6 +334,7 @@ class Modem {
     bool log_device_ = true;
     bool streaming_ = false;
     bool exhausted_ = false;
+    bool scenario_ended_ = false;
     std::unique_ptr<LogSource> source_;
     uint64_t rate_ = 0;
     uint64_t credit_ = 0;      // produced bytes that were not read, times ticks a second

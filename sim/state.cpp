@@ -36,6 +36,7 @@ void AddPort(const Modem::Status& s, std::vector<StateValue>& out) {
                               {"stream", s.streaming ? "started" : "stopped"},
                               {"source", OrNone(s.source)},
                               {"at_its_end", YesNo(s.exhausted)},
+                              {"scenario_ended", YesNo(s.scenario_ended)},
                               {"rate", Number(s.rate), "bytes/s (0: as read)"},
                               {"read_limit", Number(s.read_limit), "bytes (0: none)"},
                               {"tap", s.tap.empty() ? "off" : s.tap},

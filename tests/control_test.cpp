@@ -17,10 +17,12 @@
 #include <thread>
 #include <vector>
 
+#include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
 #include "support.h"
@@ -37,7 +39,7 @@ const std::string kConfig = "/data/vendor/radio/quarn/config/quarn.cfg";
 // A connection to one of the two servers.
 class Client {
   public:
-    explicit Client(const char* name = "/dev/quarn_server.socket")
+    explicit Client(const char* name = quarn::protocol::kCommandSocket)
         : fd(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
         EXPECT_GE(fd, 0) << name;
     }
@@ -61,10 +63,10 @@ class Client {
     }
     // The text of one reply block, which must be padded with zeros.
     std::string Reply() const {
-        const std::string block = Receive(128);
+        const std::string block = Receive(quarn::protocol::kReplySize);
         if (block.empty()) return "<closed>";
         const std::string text = block.c_str();
-        EXPECT_EQ(block, text + std::string(128 - text.size(), '\0'));
+        EXPECT_EQ(block, text + std::string(quarn::protocol::kReplySize - text.size(), '\0'));
         return text;
     }
     std::string Ask(const std::string& request) const {
@@ -76,7 +78,7 @@ class Client {
 };
 
 struct Subscriber : Client {
-    Subscriber() : Client("/dev/quarn_callback_server.socket") {}
+    Subscriber() : Client(quarn::protocol::kNotifySocket) {}
 };
 
 size_t OpenDescriptors() { return test::List("/proc/self/fd").size(); }
@@ -259,7 +261,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
         std::vector<std::string> replies;
     } rows[] = {
         {padded(126) + '\0', {"ok"}},
-        {padded(127) + '\0', {"ok", "error"}},
+        {padded(quarn::protocol::kMaxRequest) + '\0', {"ok", "error"}},
         {"file_size\0recycle_ee\0"s, {"ok,7"}},  // of a packet the first one only
         {"file_size", {"ok,7"}},                 // its end may be missing
         {std::string(10000, 'x'), std::vector<std::string>(79, "error")},
@@ -317,7 +319,7 @@ TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
     ASSERT_EQ(handle.start(), 0);
     const Client deaf, other;
     std::thread flood([&] {
-        while (deaf.Send(std::string(127 * 16, 'x'))) continue;
+        while (deaf.Send(std::string(quarn::protocol::kMaxRequest * 16, 'x'))) continue;
     });
     EXPECT_TRUE(log.WaitFor("command_handler: send cmd ack=error fail, rc=-1..."));
     EXPECT_EQ(other.Ask("recycle_ee"), "ok,1");
@@ -335,7 +337,7 @@ TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
     storms.emplace_back([&] {
         while (!ends && slow.Send("x")) continue;
     });
-    for (const char* name : {"/dev/quarn_server.socket", "/dev/quarn_callback_server.socket"}) {
+    for (const char* name : {quarn::protocol::kCommandSocket, quarn::protocol::kNotifySocket}) {
         storms.emplace_back([&ends, name] {
             while (!ends) {
                 close(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "control/protocol.h"
 #include "core/quarn.h"
 #include "storage/folder_history.h"
 #include "support.h"
@@ -46,7 +47,7 @@ class CopyLogFile : public testing::Test {
         quarn::zorvex::UpdateFolderHistory(kLogs + "/" + record);
     }
     static std::string Ask(const char* arg, int result) {
-        char ack[128] = {};
+        char ack[quarn::protocol::kReplySize] = {};
         EXPECT_EQ(quarn::zorvex::HandleCommandCopyLogFile(arg, ack), result);
         return ack;
     }

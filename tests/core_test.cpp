@@ -3,6 +3,7 @@
 
 #include "core/path_utility.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
 #include "platform/system_properties.h"
 #include "support.h"
 

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "control/protocol.h"
 #include "support.h"
 
 namespace test {
@@ -76,10 +77,10 @@ std::string Console(const std::string& command) {
 std::string Quarnctl(const std::string& command) { return Output(QUARNCTL_PROGRAM " " + command); }
 
 std::optional<std::string> Request(const std::string& request) {
-    const int fd = socket_local_client("/dev/quarn_server.socket",
+    const int fd = socket_local_client(quarn::protocol::kCommandSocket,
                                        ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     if (fd < 0) return {};
-    std::array<char, 129> reply = {};
+    std::array<char, quarn::protocol::kReplySize + 1> reply = {};
     const ssize_t length = static_cast<ssize_t>(reply.size()) - 1;
     const bool whole = send(fd, request.c_str(), request.size() + 1, MSG_NOSIGNAL) > 0 &&
                        recv(fd, reply.data(), static_cast<size_t>(length), MSG_WAITALL) == length;

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "control/protocol.h"
 #include "daemon_process.h"
 #include "sim/restart.h"
 #include "support.h"
@@ -26,7 +27,7 @@ constexpr int kRestartAsked = 75;
 uint64_t Polls() { return std::stoull(Console("get calls_poll")); }
 
 int Subscribe() {
-    const int fd = socket_local_client("/dev/quarn_callback_server.socket",
+    const int fd = socket_local_client(quarn::protocol::kNotifySocket,
                                        ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     const timeval limit = {.tv_sec = 20, .tv_usec = 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
@@ -42,6 +43,44 @@ std::string Receive(int fd, size_t size) {
 }
 
 }  // namespace
+
+TEST(Daemon, ThePhoneKeepsItsLogItsClockAndItsScenario) {
+    const std::string kept = "/data/android_log", old(9'000'000, 'x');
+    const Daemon::Environment keep = {{"QUARN_SIM_LOG", kept}};
+    test::WriteFile(kept, old);
+    const auto kept_has = [&](const std::string& text) {
+        return test::WaitUntil(
+            [&] { return test::ReadFile(kept).find(text) != std::string::npos; });
+    };
+    Daemon first("first",
+                 "md_state 6\nafter 500ms client file_size 9\nafter 600ms client file_size 0\n",
+                 keep);
+    ASSERT_TRUE(
+        kept_has(" E SIM     : /data/modem/scenario, line 3: client: the daemon answers "
+                 "\"error\" to \"file_size 0\"\n"));
+    EXPECT_EQ(test::Quarnctl("file_size"), "ok,9\n");
+    EXPECT_EQ(test::ReadFile(kept + ".old"), old) << "a full log makes room";
+    EXPECT_TRUE(kept_has(" I QUARN   : start init quarn\n"));
+
+    Console("clock +3d");
+    ASSERT_TRUE(kept_has("md_time_sync_handle: update boottime/realtime difference\n"));
+    EXPECT_TRUE(test::WaitUntil([] { return Console("get clock_sets") == "2\n"; }));
+    const auto three_days_on = [] {  // in the words of the request that sets the modem's clock
+        const time_t then = time(nullptr) + 3 * 86'400;
+        tm day = {};
+        gmtime_r(&then, &day);
+        char text[16];
+        strftime(text, sizeof(text), "%Y-%m-%d", &day);
+        return text + std::string();
+    };
+    EXPECT_TRUE(Console("get clock").starts_with(three_days_on())) << Console("get clock");
+    first.Kill();
+    std::filesystem::remove(kept);
+    Daemon second("second", "", keep);
+    ASSERT_TRUE(kept_has("stateNotify: listen_thread start\n"));
+    EXPECT_TRUE(test::WaitUntil([] { return Console("get clock_sets") == "1\n"; }));
+    EXPECT_TRUE(Console("get clock").starts_with(three_days_on())) << Console("get clock");
+}
 
 TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 0\n");

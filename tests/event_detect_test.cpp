@@ -15,6 +15,8 @@
 #include "byte_source.h"
 #include "control/quarn_ctrl_connect.h"
 #include "core/quarn.h"
+#include "core/system_utility.h"
+#include "modem/ctrl_port.h"
 #include "modem/quarn_event_detect.h"
 #include "platform/mcl.h"
 #include "platform/system_properties.h"

@@ -15,6 +15,7 @@
 
 #include "byte_source.h"
 #include "control/copy_log_file.h"
+#include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "core/quarn_config.h"
@@ -327,7 +328,7 @@ TEST_F(Servers, AcceptAndCloseMayFailForAWhile) {
     ASSERT_EQ(handle.start(), 0);
     {
         const FailCalls fault({Call::kAccept, EMFILE, "", 2});
-        const int subscriber = socket_local_client("/dev/quarn_callback_server.socket",
+        const int subscriber = socket_local_client(quarn::protocol::kNotifySocket,
                                                    ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
         EXPECT_TRUE(Answers());
         EXPECT_TRUE(log.WaitFor("quarn_stateNotify: accept fd=..."));

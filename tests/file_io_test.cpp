@@ -17,6 +17,7 @@
 #include "core/quarn.h"
 #include "storage/custom_header.h"
 #include "support.h"
+#include "tools/muxz/header.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/tree.h"
 

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "control/quarn_ctrl_connect.h"
+#include "modem/ctrl_port.h"
 #include "modem/quarn_md_time_sync.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "shifted_clock.h"

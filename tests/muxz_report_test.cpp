@@ -161,7 +161,11 @@ Model TwoCaptures() {
         capture.index = c + 3;
         capture.utc_offset = kOffset;
         PhoneTime opened = kDay + kOffset + At(22, 10 * c);
-        if (c == 0) capture.exception = ExceptionTime{false, {}, opened + 60, opened + 80, ""};
+        if (c == 0) {
+            capture.exception.emplace();
+            capture.exception->from = opened + 60;
+            capture.exception->to = opened + 80;
+        }
         for (uint32_t f = 0; f < 4; ++f) {
             FileFacts file;
             file.path = std::to_string(c) + "/" + std::to_string(f);

@@ -495,8 +495,8 @@ TEST_P(MuxzFiles, ComeInCaptureOrder) {
     EXPECT_EQ(verify.status, 0) << verify.err;
     // 10 files of two blocks; power-on logs count apart, copies not at all.
     EXPECT_EQ(verify.out,
-              "10 files, 20 blocks, 1600 raw bytes, apart from them of the power-on log "
-              "1 files, 2 blocks, 160 raw bytes: every block is good\n");
+              "power-on log: 1 file, 2 blocks, 160 raw bytes\n"
+              "10 files, 20 blocks, 1600 raw bytes: every block is good\n");
     const Run recover = Muxz("recover " + kTree);
     EXPECT_EQ(recover.status, 0) << recover.err;
     EXPECT_EQ(recover.out, cat.out);
@@ -524,7 +524,8 @@ TEST_P(MuxzFiles, OfAHeapAreGroupedByCapture) {
     for (const std::string& paths : {heap, heap + "/*"}) {
         const Run verify = Muxz("verify " + paths);
         EXPECT_EQ(verify.status, 1);
-        EXPECT_NE(verify.err.find("file 1 is missing"), std::string::npos) << verify.err;
+        EXPECT_NE(verify.err.find("file 1 of the capture of 2024-01-01 11:"), std::string::npos)
+            << verify.err;
     }
 }
 
@@ -592,6 +593,46 @@ TEST_P(MuxzFiles, MissingAreTold) {
         << check.out;
 }
 
+TEST_P(MuxzFiles, NothingIsLostWithoutAWord) {
+    PutCapture(kFirst, "2024_0101_10", "abc");
+    PutCapture(kThird, "2024_0101_12", "fgh");
+    const std::string folder = kTree + "/" + kFirst, last = "/QRXMDLog_2_2024_0101_101200.muxz";
+    const auto expect = [&](const char* command, int status, const std::string& line) {
+        const Run run = Muxz(command + kTree);
+        EXPECT_EQ(run.status, status) << run.err << run.out;
+        EXPECT_NE((run.err + run.out).find(line), std::string::npos) << run.err << run.out;
+    };
+    expect("check ", 0, kThird + ": the newest file is not here");
+    fs::rename(folder + last, folder + "/QRXMDLog_2_2024_0101_101200 (1).muxz");
+    expect("cat ", 0, "(1).muxz: left out, its name is not quite");
+    fs::create_symlink("/nowhere", folder + last);
+    expect("check ", 2, last + ": is a link that leads nowhere\n");
+    fs::remove(folder + last);
+    // An hour back.
+    Put(kFirst + "/QRXMDLog_2_2024_0101_091200.muxz", 'c');
+    expect("check ", 0, "was set back\n");
+    if (HasKnownParts()) {
+        fs::rename(Put(kThird + "/QRXMDLog_3_2024_0101_101300.muxz", 'x'),
+                   folder + "/QRXMDLog_3_2024_0101_101300.muxz");
+        expect("cat ", 1, "its header says another capture, of 2024-01-01 11:09:59 UTC\n");
+    }
+    if (header == kOwn) {
+        const std::string damaged = kTree + "/" + kThird + "/QRXMDLog_1_2024_0101_121100.muxz";
+        std::string bytes = test::ReadFile(damaged);
+        bytes[0] = '\0';
+        test::WriteFile(damaged, bytes);
+        expect("verify ", 1, damaged + ": damaged header: of no known layout");
+    }
+    fs::remove_all(folder);
+    fs::create_directory(folder);
+    expect("cat ", header == kOwn ? 1 : 0, kFirst + ": holds no log files\n");
+    fs::remove_all(folder);
+    fs::remove_all(kTree + "/" + kThird);
+    Put("power_on_log.muxz", 'p');
+    expect("cat ", 0, "only a power-on log is here");
+    expect("check ", 0, "\nNOTHING THERE: 0 captures, 0 files, 1 power-on log\n");
+}
+
 TEST_P(MuxzFiles, AreReadOnBehindDamage) {
     const std::string file = kFirst + "/QRXMDLog_1_2024_0101_101100.muxz";
     PutCapture(kFirst, "2024_0101_10", "abc");
@@ -629,7 +670,7 @@ TEST_P(MuxzFiles, AreReadOnBehindDamage) {
 
     const Run verify = Muxz("verify " + kTree);
     EXPECT_EQ(verify.status, 1);
-    EXPECT_NE(verify.out.find(": 3 faults, 0 of them holes"), std::string::npos) << verify.out;
+    EXPECT_NE(verify.out.find(": 3 faults (0 holes)"), std::string::npos) << verify.out;
     const Run first = Muxz("verify --first " + kTree);
     EXPECT_EQ(first.status, 1);
     EXPECT_EQ(std::count(first.err.begin(), first.err.end(), '\n'), 1) << first.err;
@@ -714,6 +755,26 @@ TEST_P(MuxzFiles, TellTheExceptionAndThePhone) {
         EXPECT_NE(check.out.find("\n" + line), std::string::npos) << line << '\n' << check.out;
     }
 
+    // That the modem tells for the first time is no restart, and no file need be marked.
+    PutCapture(kFirst + "_EE", "2024_0101_10", "ab");
+    told.modem_time = 0;
+    Put(kFirst + "_EE/QRXMDLog_0_2024_0101_101000.muxz", 'a');
+    EXPECT_NE(Muxz("check " + kTree + "/" + kFirst + "_EE")
+                  .out.find("exception   capture 3: between 2024-01-01 10:09:59 and "),
+              std::string::npos);
+    // Without its folder a capture has the modem's word only, here of two restarts.
+    const char* const told_at[] = {"2024_0101_080000", "2024_0101_091050", "2024_0101_091150"};
+    for (size_t i = 0; i < 3; ++i) {
+        told.modem_time = SecondsOf(told_at[i]);
+        const std::string number = std::to_string(i);
+        Put("heap/QRXMDLog_" + number + "_2024_0101_101" + number + "59.muxz", 'a', "",
+            "2024_0101_100959");
+    }
+    const Run heap = Muxz("check " + kTree + "/heap");
+    for (const char* line : {": at 2024-01-01 10:10:50, as the modem told after it (no folder",
+                             ": once more at 2024-01-01 10:11:50\n"})
+        EXPECT_EQ(heap.out.find(line) != std::string::npos, HasKnownParts()) << heap.out;
+
     const Run info = Muxz("info " + kTree + "/" + kFirst);
     EXPECT_EQ(info.status, 0);
     if (header == kOwn) {
@@ -772,12 +833,12 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
     const std::string log = Put("QRXMDLog_0_2024_0101_000000/QRXMDLog_0_2024_0101_000000.muxz", 'a',
                                 BlockBytes(RandomBytes(3000000, 1)));
     fs::create_directories("/box/empty");
-    ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
+    ASSERT_EQ(mkfifo("/box/QRXMDLog_0_12.muxz", 0600), 0);  // nobody writes to it
     ASSERT_EQ(symlink("loop", "/box/loop"), 0);
     for (const char* arguments :
          {"", "frob", "cat", "cat -z x", "verify -o x", "ls a b", "cat /box/gone", "ls /gone",
-          "cat /box/empty", "cat /box/pipe", "info /box/pipe", "recover /box/pipe", "info /box",
-          "verify /box/loop", "cat /dev/zero", "cat --output= x", "cat --phone 0 x"}) {
+          "cat /box/empty", "cat /box/QRXMDLog_0_12.muxz", "recover /box/QRXMDLog_0_12.muxz",
+          "info /box", "verify /box/loop", "cat /dev/zero", "cat --output= x", "cat --phone 0 x"}) {
         const Run run = Muxz(arguments);
         EXPECT_EQ(run.status, 2) << arguments;
         EXPECT_TRUE(run.out.empty()) << arguments << run.out;

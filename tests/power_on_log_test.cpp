@@ -18,6 +18,7 @@
 
 #include "byte_source.h"
 #include "core/quarn.h"
+#include "modem/early_log_filter.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "shifted_clock.h"

@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "control/protocol.h"
+#include "control/quarn_command.h"
 #include "core/version.h"
 #include "support.h"
 
@@ -62,15 +64,15 @@ class FakeDaemon {
                 if (reply == replies.end()) continue;
                 if (reply->second == "hang up") break;
                 std::string block = reply->second;
-                block.resize(128);
+                block.resize(quarn::protocol::kReplySize);
                 // In two pieces, as a busy machine may deliver it.
                 send(client, block.data(), 5, MSG_NOSIGNAL);
-                send(client, block.data() + 5, 123, MSG_NOSIGNAL);
+                send(client, block.data() + 5, block.size() - 5, MSG_NOSIGNAL);
             }
         }
     }
 
-    const Listener listener{"/dev/quarn_server.socket"};
+    const Listener listener{quarn::protocol::kCommandSocket};
     const std::map<std::string, std::string> replies;
     std::mutex mutex;
     std::string requests;
@@ -95,7 +97,7 @@ Result Quarnctl(const std::string& arguments) {
 
 TEST(Quarnctl, CommandsAndTheirStatus) {
     EXPECT_EQ(Quarnctl("log_mode").status, 3);  // nobody there
-    const std::string fits(127 - sizeof("log_filter ") - 1, 'f');
+    const std::string fits(quarn::protocol::kMaxRequest - sizeof("log_filter ") - 1, 'f');
     FakeDaemon daemon({{"log_mode", "ok,1"},
                        {"log_mode 2", "ok"},
                        {"file_size 4096", "error"},
@@ -146,6 +148,14 @@ TEST(Quarnctl, CommandsAndTheirStatus) {
     }
 }
 
+TEST(Quarnctl, KnowsEveryCommandOfTheDaemon) {
+    const std::string help = Quarnctl("help").text;
+    for (const QUARN_COMMAND_INFO& command : quarn_commandTable()) {
+        EXPECT_NE(help.find("\n  " + std::string(command.name) + ' '), std::string::npos)
+            << command.name;
+    }
+}
+
 TEST(Quarnctl, StatusNamesValuesAndWarns) {
     std::map<std::string, std::string> replies = {
         {"log_mode", "ok,1"},      {"log_level", "ok,2"},     {"flush_interval", "ok,600000"},
@@ -184,7 +194,7 @@ TEST(Quarnctl, StatusNamesValuesAndWarns) {
 TEST(Quarnctl, WaitsUntilTheDaemonAnswers) {
     EXPECT_EQ(Quarnctl("wait --timeout 1").status, 3);
     // Somebody listens, but does not answer yet.
-    std::optional<Listener> silent(std::in_place, "/dev/quarn_server.socket");
+    std::optional<Listener> silent(std::in_place, quarn::protocol::kCommandSocket);
     std::optional<FakeDaemon> daemon;
     std::thread starts([&] {
         close(silent->Accept());
@@ -210,7 +220,7 @@ TEST(Quarnctl, WatchEndsAsAsked) {
          {R"("event": "connected"})", R"("event": "cb_log_mode", "value": 1, "name": "streaming"})",
           R"("event": "cb_reboot"})", R"("event": "cb_transfer_type", "value": 1)"}},
     };
-    const Listener listener("/dev/quarn_callback_server.socket");
+    const Listener listener(quarn::protocol::kNotifySocket);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.options);
         std::thread daemon([&] {
@@ -247,7 +257,7 @@ TEST(Quarnctl, WatchOutlivesTheDaemon) {
     };
     EXPECT_TRUE(printed("waiting for the daemon"));
     for (const std::string mode : {"1", "0"}) {
-        const Listener listener("/dev/quarn_callback_server.socket");
+        const Listener listener(quarn::protocol::kNotifySocket);
         const int subscriber = listener.Accept();
         const std::string sent = "cb_log_mode," + mode + '\0' + "cb_transfer_type,1" + '\0';
         send(subscriber, sent.data(), 20, MSG_NOSIGNAL);  // ends within the second text

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <thread>
 
@@ -264,10 +265,32 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {std::string(sim::kMaxLine, ' '), ""},
         {std::string(sim::kMaxLine + 1, ' '), "line of more than 8192 bytes"},
         {"a b c d e f g h i j k l m n o p q r s t u v w x y z a b c d e f g", "more than 32 words"},
+        {"after 5s rate 4Q", "after: rate: RATE is not a number"},
+        {"after 5 weeks rate 4", "after: no such command: weeks"},
+        {"after 3651d exception", "after: TIME is not a time"},
+        {"after 1s after 1s exception", "after is nothing that happens at a time"},
+        {"after 1s expect missing = 0", "expect is nothing that happens at a time"},
+        {"clock 1d", "neither +TIME nor -TIME"},
+        {"free_space 1M", "/data has no size of its own"},
+        {"storage 0", "BYTES is not a number"},
+        {"expect missing = 0", ""},
+        {"expect log \"a b\" >= 2", ""},
+        {"expect log a", "use: expect"},
+        {"expect lost = 0", "no such figure: lost"},
+        {"expect missing == 0", "not = != < <= > or >=: =="},
+        {"client " + std::string(127, 'x'), "a request has 1 to 126 bytes"},
+    };
+    // What only a phone can tell is no fault of the line.
+    const auto is_checked = [](const std::string& line) {
+        return line != "source replay /box/pipe" && line != "free_space 1M";
     };
     const sim::Console console("");
     for (const auto& test : kCases) {
+        const auto state = [] { return Modem::Instance().status().source; };
+        const std::string before = state(), why = console.Check(test.line);
+        EXPECT_EQ(state(), before) << test.line;
         const sim::Reply reply = console.Execute(test.line);
+        EXPECT_EQ(why, is_checked(test.line) ? reply.text : "") << test.line;
         EXPECT_EQ(reply.ok, test.refusal.empty()) << test.line << ": " << reply.text;
         if (reply.ok) continue;
         EXPECT_NE(reply.text.find(test.refusal), std::string::npos) << reply.text;
@@ -298,6 +321,30 @@ TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
     EXPECT_EQ(Send(std::string(100'000, 'x')), "= error: line of more than 8192 bytes\n");
     EXPECT_EQ(Send("rate 8"), "") << "a line without its end";
     EXPECT_EQ(Modem::Instance().status().rate, 7u);
+}
+
+TEST(SimConsole, AScenarioGoesOnOverARestart) {
+    test::LogCapture log;
+    timespec now = {};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    // The phone's first process, of another id, has begun ten seconds ago.
+    const int64_t began = now.tv_sec * 1000 + now.tv_nsec / 1'000'000 - 10'000;
+    test::WriteFile(kFolder + "/began", std::to_string(began) + " 1\n");
+    test::WriteFile(kFolder + "/lines",
+                    "rate 5\nafter 3s rate 7\nafter 4s rate 8\nafter 3s fail init 1\n"
+                    "after 11s source replay /box/none\nafter 10100ms source generated 6\n"
+                    "after 1000s rate 9\nafter 12 weeks\n");
+    const sim::Console console(kFolder);
+    EXPECT_EQ(console.CheckScenario(kFolder + "/lines").size(), 1u);
+    EXPECT_EQ(console.CheckScenario(kFolder + "/lines")[0].line, 8);
+    console.RunScenario(kFolder + "/lines");
+    EXPECT_EQ(Modem::Instance().status().rate, 8u) << "past settings are in force, in their order";
+    EXPECT_EQ(mcl_init(), 0) << "a past event does not happen again";
+    EXPECT_EQ(log.Count("/box/modem/lines, line 8: no such command: weeks..."), 1u);
+    ASSERT_TRUE(test::WaitUntil(
+        [&] { return log.Count("/box/modem/lines, line 5: source: cannot replay...") == 1; }));
+    EXPECT_EQ(Modem::Instance().status().source, "generated 6") << "by time, not by line";
+    mcl_deinit();
 }
 
 TEST(SimConsole, AReplayGoesOnWhereAKilledProcessLeftIt) {

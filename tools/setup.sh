@@ -1,6 +1,6 @@
 # What has to be on the machine, by Debian package. Sourced by ./run and ./test.
 
-run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev
+run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev libarchive-dev nlohmann-json3-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
 # What single steps of ./test want beside these.
@@ -8,7 +8,7 @@ lint_packages=(clang-tidy cppcheck)
 page_packages=(chromium)
 fuzz_packages=(libclang-rt-dev)
 arm64_packages=(g++-aarch64-linux-gnu qemu-user)
-arm64_root_packages=(libsnappy-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)
+arm64_root_packages=(libsnappy-dev libarchive-dev nlohmann-json3-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)
 
 # install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1,
 # with one line on standard error, when that is not possible.

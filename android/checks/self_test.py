@@ -20,7 +20,7 @@ MUTATIONS = [
     ("src/core/main.cpp", '"/dev/wwanD0MIPC0"', 'R"(/dev/raw)"', "/dev/raw"),
     ("src/core/main.cpp", '"/dev/wwanD0MIPC0"', '"/dev/wwan%d"', "/dev/wwan%d"),
     ("src/core/main.cpp", '"start init quarn"', '"start, see /proc/version"', "/proc/version"),
-    ("src/control/quarn_state_notify.cpp", "/dev/quarn_c", "/dev/quarn_d", "@/dev/quarn_dallback"),
+    ("src/control/protocol.h", "/dev/quarn_c", "/dev/quarn_d", "@/dev/quarn_dallback"),
     ("src/storage/custom_header.cpp", "/mnt/vendor/", "/mnt/product/", "path /mnt/product"),
     ("src/storage/log_file_recycler.cpp", "rmdir(", "other(", "quarn_data_file:dir: rmdir is not in src"),
     ("src/modem/quarn_event_detect.cpp", "setsockopt(", "getsockopt(", "getopt of src is missing"),

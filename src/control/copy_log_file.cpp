@@ -20,8 +20,9 @@
 #include <string_view>
 #include <vector>
 
-#include "control/quarn_command.h"
-#include "core/quarn.h"
+#include "control/protocol.h"
+#include "core/quarn_global.h"
+#include "core/system_utility.h"
 #include "datapath/quarn_io.h"
 #include "modem/log_flush.h"
 #include "platform/quarn_log.h"
@@ -325,7 +326,7 @@ bool ParseLimit(const std::string& word, int& limit) {
 int ReplyError(char* ack) {
     if (ack == nullptr) {
         QUARN_LOGE("CopyLogFile: invalid ack pointer");
-    } else if (snprintf(ack, kCommandBufferSize, "error") < 0) {
+    } else if (snprintf(ack, protocol::kReplySize, "error") < 0) {
         QUARN_LOGE("CopyLogFile: snprintf failed");
     }
     return -1;
@@ -352,7 +353,7 @@ int HandleCommandCopyLogFile(const char* arg, char* ack) {
     if (!valid || ack == nullptr) return ReplyError(ack);
 
     const int copied = CopyLatestLogFile(directory, limit, flag == "1");
-    if (snprintf(ack, kCommandBufferSize, "%s,%d", "ok", copied) < 0) {
+    if (snprintf(ack, protocol::kReplySize, "%s,%d", "ok", copied) < 0) {
         QUARN_LOGE("CopyLogFile: snprintf failed");
     }
     return 0;

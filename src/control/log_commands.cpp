@@ -4,10 +4,10 @@
 #include <sstream>
 #include <string>
 
-#include "control/quarn_command.h"
-#include "core/quarn.h"
+#include "control/protocol.h"
 #include "modem/log_flush.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace quarn::zorvex {
 
@@ -17,15 +17,15 @@ int HandleCommandLogFolder(const char* arg, char* ack) {
     };
     if (arg == nullptr) {
         const std::string folder = g_file_io.get_log_folder();
-        printed(snprintf(ack, kCommandBufferSize, "%s,%s", "ok", folder.c_str()));
+        printed(snprintf(ack, protocol::kReplySize, "%s,%s", "ok", folder.c_str()));
         return 0;
     }
     if (g_file_io.set_log_folder(arg) != 0) {
         QUARN_LOGE("HandleLogFolder: Set log folder = %s fail\n", arg);
-        printed(snprintf(ack, kCommandBufferSize, "error"));
+        printed(snprintf(ack, protocol::kReplySize, "error"));
         return -1;
     }
-    printed(snprintf(ack, kCommandBufferSize, "ok"));
+    printed(snprintf(ack, protocol::kReplySize, "ok"));
     return 0;
 }
 
@@ -39,7 +39,7 @@ int HandleCommandFlushLogBuffer(const char* arg, char* ack) {
         return -1;
     }
     if (!has_parameter) FlushLogBuffers();
-    if (snprintf(ack, kCommandBufferSize, "%s", has_parameter ? "error" : "ok") < 0) {
+    if (snprintf(ack, protocol::kReplySize, "%s", has_parameter ? "error" : "ok") < 0) {
         QUARN_LOGE("HandleFlushLogBuffer: snprintf failed");
     }
     return has_parameter ? -1 : 0;

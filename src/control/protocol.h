@@ -15,7 +15,8 @@ constexpr int kMaxClients = 10;  // of each socket at a time
 constexpr size_t kMaxRequest = 127;  // bytes, the NUL among them
 constexpr size_t kReplySize = 128;   // bytes of every reply, filled up with NULs
 
-// Names of values, indexed by the value. They stand in messages; requests and replies carry numbers.
+// Names of values, indexed by the value. They stand in messages; requests and replies carry
+// numbers.
 constexpr std::array<const char*, 4> kTransferTypes = {"usb", "storage", "socket", "exit"};
 constexpr std::array<const char*, 3> kLogModes = {"disable", "streaming", "wrapping"};
 constexpr std::array<const char*, 7> kLogLevels = {"all_off",    "moderate",    "standard", "slim",

@@ -6,27 +6,30 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "control/copy_log_file.h"
 #include "control/log_commands.h"
+#include "control/protocol.h"
 #include "control/quarn_ctrl_connect.h"
 #include "control/quarn_state_notify.h"
-#include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "modem/early_log_filter.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 #include "storage/power_on_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 
-// The last byte of a request buffer stays NUL, whatever the client sent.
-constexpr int kMaxRequest = kCommandBufferSize - 1;
+namespace protocol = quarn::protocol;
+using protocol::kLogLevels;
+using protocol::kLogModes;
+using protocol::kTransferTypes;
 
-constexpr std::array<const char*, 4> kTransferTypes = {"usb", "storage", "socket", "exit"};
-constexpr std::array<const char*, 3> kLogModes = {"disable", "streaming", "wrapping"};
-constexpr std::array<const char*, 7> kLogLevels = {"all_off",    "moderate",    "standard", "slim",
-                                                   "ultra slim", "pls_ps_only", "low_power"};
+// The last byte of a request buffer stays NUL, whatever the client sent.
+constexpr size_t kRequestBufferSize = protocol::kMaxRequest + 1;
 
 // Guards the transfer type; taken before `exec_mutex`.
 std::mutex command_mutex;
@@ -51,11 +54,11 @@ bool printed(const char* who, int rc) {
 }
 
 bool reply(char* ack, const char* who, const char* text) {
-    return printed(who, snprintf(ack, kCommandBufferSize, "%s", text));
+    return printed(who, snprintf(ack, protocol::kReplySize, "%s", text));
 }
 
 bool reply_value(char* ack, const char* who, int value) {
-    return printed(who, snprintf(ack, kCommandBufferSize, "%s,%d", "ok", value));
+    return printed(who, snprintf(ack, protocol::kReplySize, "%s,%d", "ok", value));
 }
 
 // The result of a handler that failed.
@@ -103,8 +106,7 @@ int quarn_command_handleLogLevel(const char* arg, char* ack) {
             QUARN_LOGE("HandleLogLevel: Get log level fail, mipc_rc = %d\n", rc);
             return reply_error(ack, kWho);
         }
-        // -1: the modem runs on a filter.
-        const bool known = level == -1 || is_index_of(kLogLevels, level);
+        const bool known = level == protocol::kFilterInForce || is_index_of(kLogLevels, level);
         if (known) return result_of(reply_value(ack, kWho, level));
         QUARN_LOGE("HandleLogLevel: Get unexpected log level = %d\n", level);
         return reply_error(ack, kWho);
@@ -115,10 +117,7 @@ int quarn_command_handleLogLevel(const char* arg, char* ack) {
         return reply_error(ack, kWho);
     }
     int32_t wanted = level;
-    std::unique_lock exec_lock(g_quarn.exec_mutex);
-    const int rc = quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &wanted);
-    exec_lock.unlock();
-    if (rc != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &wanted) != 0) {
         QUARN_LOGE("HandleLogLevel Set log level = %d (%s) fail\n", level,
                    name_of(kLogLevels, level));
         return reply_error(ack, kWho);
@@ -207,61 +206,42 @@ int quarn_command_handleFileSize(const char* arg, char* ack) {
     return 0;
 }
 
-int quarn_command_handleRecycleSize(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleSize";
-    if (arg == nullptr) {
-        unsigned int mb = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_SIZE, &mb) != 0) {
-            QUARN_LOGE("HandleRecycleSize: Get recycle size fail\n");
-            return reply_error(ack, kWho);
-        }
-        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
+// How the log names a recycle setting: the handler, the setting, its unit.
+struct RecycleTexts {
+    const char* who;
+    const char* setting;
+    const char* unit;
+};
+
+constexpr RecycleTexts recycle_texts(QUARN_RECYCLE_OPT option) {
+    switch (option) {
+        case RECYCLE_OPT_SIZE:
+            return {"HandleRecycleSize", "recycle size", " (MB)"};
+        case RECYCLE_OPT_EE:
+            return {"HandleRecycleEE", "recycle EE", ""};
+        case RECYCLE_OPT_KEEP_EE_SIZE:
+            return {"HandleRecycleKeepEESize", "recycle keep EE size", " (MB)"};
     }
-    const int mb = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, static_cast<unsigned int>(mb)) != 0) {
-        QUARN_LOGE("HandleRecycleSize: Set recycle size = %d (MB) fail\n", mb);
-        return reply_error(ack, kWho);
-    }
-    reply(ack, kWho, "ok");
-    return 0;
+    return {};
 }
 
-int quarn_command_handleRecycleEE(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleEE";
+template <QUARN_RECYCLE_OPT kOption>
+int quarn_command_handleRecycle(const char* arg, char* ack) {
+    constexpr RecycleTexts kTexts = recycle_texts(kOption);
     if (arg == nullptr) {
         unsigned int value = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_EE, &value) != 0) {
-            QUARN_LOGE("HandleRecycleEE: Get recycle EE fail\n");
-            return reply_error(ack, kWho);
+        if (g_file_io.get_recycle_option(kOption, &value) != 0) {
+            QUARN_LOGE("%s: Get %s fail\n", kTexts.who, kTexts.setting);
+            return reply_error(ack, kTexts.who);
         }
-        return result_of(reply_value(ack, kWho, static_cast<int>(value)));
+        return result_of(reply_value(ack, kTexts.who, static_cast<int>(value)));
     }
     const int value = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_EE, static_cast<unsigned int>(value)) != 0) {
-        QUARN_LOGE("HandleRecycleEE: Set recycle EE = %d fail\n", value);
-        return reply_error(ack, kWho);
+    if (g_file_io.set_recycle_option(kOption, static_cast<unsigned int>(value)) != 0) {
+        QUARN_LOGE("%s: Set %s = %d%s fail\n", kTexts.who, kTexts.setting, value, kTexts.unit);
+        return reply_error(ack, kTexts.who);
     }
-    reply(ack, kWho, "ok");
-    return 0;
-}
-
-int quarn_command_handleRecycleKeepEESize(const char* arg, char* ack) {
-    constexpr const char* kWho = "HandleRecycleKeepEESize";
-    if (arg == nullptr) {
-        unsigned int mb = 0;
-        if (g_file_io.get_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, &mb) != 0) {
-            QUARN_LOGE("HandleRecycleKeepEESize: Get recycle keep EE size fail\n");
-            return reply_error(ack, kWho);
-        }
-        return result_of(reply_value(ack, kWho, static_cast<int>(mb)));
-    }
-    const int mb = atoi(arg);
-    if (g_file_io.set_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, static_cast<unsigned int>(mb)) !=
-        0) {
-        QUARN_LOGE("HandleRecycleKeepEESize: Set recycle keep EE size = %d (MB) fail\n", mb);
-        return reply_error(ack, kWho);
-    }
-    reply(ack, kWho, "ok");
+    reply(ack, kTexts.who, "ok");
     return 0;
 }
 
@@ -269,11 +249,8 @@ int quarn_command_handleRecycleKeepEESize(const char* arg, char* ack) {
 int quarn_command_handleLogFilter(const char* arg, char* ack) {
     constexpr const char* kWho = "handleLogFilter";
     QUARN_LOGI("filter path %s\n", text_or_null(arg));
-    std::unique_lock exec_lock(g_quarn.exec_mutex);
-    const int rc =
-        quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, const_cast<char*>(arg));
-    exec_lock.unlock();
-    if (rc != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, const_cast<char*>(arg)) !=
+        0) {
         QUARN_LOGE("handleLogFilter: Set log filter = %s fail\n", text_or_null(arg));
         return reply_error(ack, kWho);
     }
@@ -301,24 +278,39 @@ using quarn::zorvex::HandleCommandCopyLogFile;
 using quarn::zorvex::HandleCommandFlushLogBuffer;
 using quarn::zorvex::HandleCommandLogFolder;
 
-// Built at static initialisation, and used by nobody before `main`.
-const std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
+// The modem runs on a level or on a filter: the one that is saved replaces the other.
+constexpr const char* kLevelKey[] = {"log_level"};
+constexpr const char* kFilterKey[] = {"log_filter"};
+
+constexpr std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"log_mode", 1, 0, 1, quarn_command_handleLogMode, {}},
-    {"log_level", 1, 0, 1, quarn_command_handleLogLevel, {"log_filter"}},
+    {"log_level", 1, 0, 1, quarn_command_handleLogLevel, kFilterKey},
     {"trigger_flush", 1, 0, 0, quarn_command_handleTriggerFlush, {}},
     {"flush_status", 1, 0, 0, quarn_command_handleFlushStatus, {}},
     {"flush_interval", 1, 0, 1, quarn_command_handleFlushInterval, {}},
     {"transfer_type", 0, 0, 1, quarn_command_handleTransferType, {}},
     {"file_size", 0, 0, 1, quarn_command_handleFileSize, {}},
-    {"recycle_size", 0, 0, 1, quarn_command_handleRecycleSize, {}},
-    {"recycle_ee", 0, 0, 1, quarn_command_handleRecycleEE, {}},
-    {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycleKeepEESize, {}},
-    {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, {"log_level"}},
+    {"recycle_size", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_SIZE>, {}},
+    {"recycle_ee", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_EE>, {}},
+    {"recycle_keep_ee_size", 0, 0, 1, quarn_command_handleRecycle<RECYCLE_OPT_KEEP_EE_SIZE>, {}},
+    {"log_filter", 1, 0, 1, quarn_command_handleLogFilter, kLevelKey},
     {"flush_ring_buf", 1, 0, 0, quarn_command_handleFlushRingBuf, {}},
     {"log_folder", 0, 0, 1, HandleCommandLogFolder, {}},
     {"copy_log_file", 0, 0, 0, HandleCommandCopyLogFile, {}},
     {"flush_log_buffer", 0, 0, 0, HandleCommandFlushLogBuffer, {}},
 }};
+
+// Returns true if a request can reach every row, whatever rows stand before it.
+constexpr bool is_every_row_reached() {
+    for (size_t row = 0; row < kCommandTable.size(); ++row) {
+        for (size_t earlier = 0; earlier < row; ++earlier) {
+            const std::string_view name = kCommandTable[row].name;
+            if (name.starts_with(kCommandTable[earlier].name)) return false;
+        }
+    }
+    return true;
+}
+static_assert(is_every_row_reached());
 
 // The first row whose name the request begins with; null when there is none.
 const QUARN_COMMAND_INFO* find_command(const char* request) {
@@ -343,7 +335,7 @@ bool shall_save(const QUARN_COMMAND_INFO& command, const char* arg) {
 
 void run_command(const QUARN_COMMAND_INFO& command, const char* request, char* ack) {
     // Whatever one character separates the name from its argument.
-    char copy[kCommandBufferSize] = {};
+    char copy[kRequestBufferSize] = {};
     const char* arg = nullptr;
     if (const size_t name_length = strlen(command.name); strlen(request) > name_length) {
         if (snprintf(copy, sizeof(copy), "%s", request + name_length + 1) < 0) {
@@ -398,12 +390,14 @@ void request_exit() {
 
 }  // namespace
 
+std::span<const QUARN_COMMAND_INFO> quarn_commandTable() { return kCommandTable; }
+
 int quarn_ctrlConnCallback(int fd) {
     // Who asks behind an exit request would hold up the end, or be cut off by it.
     if (g_quarn.is_close) return -1;
-    char request[kCommandBufferSize] = {};
-    char ack[kCommandBufferSize] = {};
-    if (const int rc = quarn_ctrlConn_recvData(fd, request, kMaxRequest); rc < 1) {
+    char request[kRequestBufferSize] = {};
+    char ack[protocol::kReplySize] = {};
+    if (const int rc = quarn_ctrlConn_recvData(fd, request, protocol::kMaxRequest); rc < 1) {
         QUARN_LOGE("command_handler: receive cmd fail, rc=%d, errno=%s", rc, strerror(errno));
         return -1;
     }
@@ -475,10 +469,7 @@ void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type
     bool done = GetPowerOnLogFilterEnableNvramCfg(value);
     if (old_type == SAVE_MODE_STORAGE && is_host(new_type)) {
         PowerOnLogStop();
-        {
-            std::lock_guard lock(g_quarn.exec_mutex);
-            quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
-        }
+        quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
         done = SetPowerOnLogFilterEnableNvramCfg(kAwayFromStorage) && done;
     } else if (is_host(old_type) && new_type == SAVE_MODE_STORAGE) {
         done = SetPowerOnLogFilterEnableNvramCfg(kBackToStorage) && done;

@@ -3,25 +3,30 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
+#include <span>
 
 #include "core/quarn_global.h"
 #include "core/quarn_handle.h"
 
-// Bytes of a request buffer, an argument and a reply block.
-constexpr int kCommandBufferSize = 128;
-
-// `arg` is null in a query. `ack` is a zeroed reply block. 0 on success, -1 on failure.
+// `arg` is null in a query. `ack` is a zeroed reply block (protocol::kReplySize). 0 on success, -1
+// on failure.
 typedef int (*quarn_command_handler)(const char* arg, char* ack);
 
 struct QUARN_COMMAND_INFO {
-    const char* name;          // matched as a prefix of the request
-    uint32_t save_unfiltered;  // saved whatever the transfer type
-    uint32_t handle_only;      // never saved
-    uint32_t save_on_success;  // saved when the handler returned 0
+    // Matched as a prefix of the request.
+    const char* name;
+    // Saved whatever the transfer type.
+    uint32_t save_unfiltered;
+    // Never saved.
+    uint32_t handle_only;
+    // Saved when the handler returned 0.
+    uint32_t save_on_success;
     quarn_command_handler handler;
-    std::vector<const char*> related_keys;  // whose lines a saved line of this key replaces
+    // Whose lines a saved line of this key replaces.
+    std::span<const char* const> related_keys;
 };
+
+std::span<const QUARN_COMMAND_INFO> quarn_commandTable();
 
 class QUARN_COMMAND_HANDLE : public QUARN_HANDLE {
   public:
@@ -30,6 +35,8 @@ class QUARN_COMMAND_HANDLE : public QUARN_HANDLE {
     int32_t start() override;
     int32_t stop() override;
 };
+
+extern QUARN_COMMAND_HANDLE g_command;
 
 // Serves one request of the client: 0 when a reply was sent, else -1.
 int quarn_ctrlConnCallback(int fd);

@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,15 +19,14 @@
 #include <thread>
 
 #include "control/client_pace.h"
+#include "control/protocol.h"
 #include "control/quarn_state_notify.h"
 #include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
 
-constexpr const char* kSocketName = "/dev/quarn_server.socket";
 constexpr int kBacklog = 4;
-constexpr size_t kMaxClients = 10;
 constexpr timeval kSelectTimeout = {.tv_sec = 5, .tv_usec = 0};
 constexpr timeval kSendTimeout = {.tv_sec = 1, .tv_usec = 0};
 constexpr std::chrono::milliseconds kIdlePause(100);
@@ -39,7 +37,6 @@ constexpr int kPieceSize = 128;
 
 struct Client {
     int32_t fd = -1;  // negative: the slot is free
-    sockaddr_un addr = {};
 };
 
 // Started and stopped by one thread, which writes the rest only while there is no listener thread.
@@ -52,9 +49,7 @@ quarn::zorvex::ListenerThread listener;
 // Guards changes of the slots. Only the listener thread changes them while it runs, so it reads
 // them without.
 std::mutex client_mutex;
-std::array<Client, kMaxClients> clients;
-
-std::atomic<int> ctrl_port_ready{0};
+std::array<Client, quarn::protocol::kMaxClients> clients;
 
 void close_fd(int fd) {
     if (close(fd) != 0) {
@@ -64,7 +59,8 @@ void close_fd(int fd) {
 
 // The listening socket, or -1.
 int create_listen_socket() {
-    const int fd = socket_local_server(kSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+    const int fd = socket_local_server(quarn::protocol::kCommandSocket,
+                                       ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     if (fd < 0) {
         QUARN_LOGE("ctrl_connect: create listen_fd fail, rc=%d", fd);
         return -1;
@@ -86,7 +82,7 @@ int create_listen_socket() {
 // Call with `client_mutex` held.
 void free_slot(Client& client) { client = Client(); }
 
-void add_client(int fd, const sockaddr_un& addr) {
+void add_client(int fd) {
     // A client that never reads its replies holds up the others for that long only.
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
     {
@@ -94,7 +90,6 @@ void add_client(int fd, const sockaddr_un& addr) {
         for (Client& client : clients) {
             if (client.fd >= 0) continue;
             client.fd = fd;
-            client.addr = addr;
             QUARN_LOGI("ctrl_connect: accept fd=%d", fd);
             return;
         }
@@ -107,9 +102,7 @@ void add_client(int fd, const sockaddr_un& addr) {
 bool accept_client() {
     quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("ctrl_connect: begin to accept from listen_fd=%d", listen_fd);
-    sockaddr_un addr = {};
-    socklen_t length = sizeof(addr);
-    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &length, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         QUARN_LOGE("ctrl_connect: accept from listen_fd=%d fail, errno = %s", listen_fd,
                    strerror(errno));
@@ -120,7 +113,7 @@ bool accept_client() {
         QUARN_LOGE("ctrl_connect: accept fd=%d fail, too large for select", fd);
         return true;
     }
-    add_client(fd, addr);
+    add_client(fd);
     return true;
 }
 
@@ -177,7 +170,7 @@ void listen_once() {
     serve_readable_clients(readable);
 }
 
-void* quarn_ctrlConn_listen_thread(void*) {
+void quarn_ctrlConn_listen_thread(void*) {
     {
         std::lock_guard lock(client_mutex);
         std::for_each(clients.begin(), clients.end(), free_slot);
@@ -185,7 +178,6 @@ void* quarn_ctrlConn_listen_thread(void*) {
     QUARN_LOGI("ctrl_connect: quarn_ctrlConn_listen_thread start");
     while (running == 1) listen_once();
     QUARN_LOGI("ctrl_connect: quarn_ctrlConn_listen_thread terminate");
-    return nullptr;
 }
 
 void end_listener() {
@@ -263,10 +255,6 @@ int quarn_ctrlConn_sendData(int fd, const void* buf, int len) {
 int quarn_ctrlConn_recvData(int fd, void* buf, int len) {
     return quarn::zorvex::ReceiveByDelimiter(fd, static_cast<char*>(buf), len, "ctrl_connect: ");
 }
-
-bool quarn_getCtrlPortStatus() { return ctrl_port_ready != 0; }
-
-void quarn_setCtrlPortReady() { ctrl_port_ready = 1; }
 
 namespace quarn::zorvex {
 

@@ -16,10 +16,6 @@ int quarn_ctrlConn_sendData(int fd, const void* buf, int len);
 // Reads one request, at most `len` bytes: the bytes stored, the NUL included, or 0 or less.
 int quarn_ctrlConn_recvData(int fd, void* buf, int len);
 
-// Whether the modem's control port is ready, and the note that it is; never taken back.
-bool quarn_getCtrlPortStatus();
-void quarn_setCtrlPortReady();
-
 namespace quarn::zorvex {
 
 // Reads up to and with a NUL byte, at most `max_len` bytes, waiting up to a second for each piece.

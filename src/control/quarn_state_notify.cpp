@@ -6,7 +6,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,14 +20,15 @@
 #include <thread>
 
 #include "control/client_pace.h"
+#include "control/protocol.h"
 #include "core/listener_thread.h"
 #include "platform/quarn_log.h"
 
 namespace {
 
-constexpr const char* kSocketName = "/dev/quarn_callback_server.socket";
+namespace protocol = quarn::protocol;
+
 constexpr int kBacklog = 4;
-constexpr size_t kMaxSubscribers = 10;
 constexpr timeval kSelectTimeout = {.tv_sec = 5, .tv_usec = 0};
 constexpr std::chrono::milliseconds kIdlePause(100);
 constexpr std::chrono::seconds kAcceptFailPause(1);
@@ -41,7 +41,6 @@ constexpr int kSelectAttempts = 2;
 
 struct Subscriber {
     int32_t fd = -1;  // non-blocking; negative: the slot is free
-    sockaddr_un addr = {};
 };
 
 // Held for the whole of a start or stop; guards `listen_fd` and `listener`, apart from the listener
@@ -52,11 +51,12 @@ int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
 
 std::mutex subscriber_mutex;  // guards the slots
-std::array<Subscriber, kMaxSubscribers> subscribers;
+std::array<Subscriber, protocol::kMaxClients> subscribers;
 
 // The listening socket, or -1.
 int create_listen_socket() {
-    const int fd = socket_local_server(kSocketName, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+    const int fd = socket_local_server(protocol::kNotifySocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                                       SOCK_STREAM);
     if (fd < 0) {
         QUARN_LOGE("quarn_stateNotify: create listen_fd fail, rc=%d", fd);
         return -1;
@@ -115,7 +115,7 @@ bool is_dead(int fd) {
 }
 
 // Gives the first slot that is free or whose subscriber has gone to the new one.
-void add_subscriber(int fd, const sockaddr_un& addr) {
+void add_subscriber(int fd) {
     {
         std::lock_guard lock(subscriber_mutex);
         for (Subscriber& subscriber : subscribers) {
@@ -124,7 +124,6 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
                 close_subscriber(subscriber);
             }
             subscriber.fd = fd;
-            subscriber.addr = addr;
             QUARN_LOGI("quarn_stateNotify: accept fd=%d", fd);
             return;
         }
@@ -136,9 +135,7 @@ void add_subscriber(int fd, const sockaddr_un& addr) {
 void accept_subscriber() {
     quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("quarn_stateNotify: begin to accept from listen_fd=%d", listen_fd);
-    sockaddr_un addr = {};
-    socklen_t length = sizeof(addr);
-    const int fd = accept4(listen_fd, reinterpret_cast<sockaddr*>(&addr), &length, SOCK_CLOEXEC);
+    const int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
         QUARN_LOGE("quarn_stateNotify: accept from listen_fd=%d fail, errno = %s", listen_fd,
                    strerror(errno));
@@ -154,7 +151,7 @@ void accept_subscriber() {
         close(fd);
         return;
     }
-    add_subscriber(fd, addr);
+    add_subscriber(fd);
 }
 
 void listen_once() {
@@ -176,12 +173,11 @@ void listen_once() {
     if (FD_ISSET(listen_fd, &readable)) accept_subscriber();
 }
 
-void* quarn_stateNotify_listen_thread(void*) {
+void quarn_stateNotify_listen_thread(void*) {
     QUARN_LOGI("quarn_stateNotify: listen_thread start");
     while (running == 1) listen_once();
     // Names the control server's thread; readers of the log know the message so.
     QUARN_LOGI("quarn_stateNotify: quarn_ctrlConn_listen_thread terminate");
-    return nullptr;
 }
 
 // The largest descriptor in the set, 0 when there is none.
@@ -307,14 +303,14 @@ int quarn_stateNotify(const void* buf, int len, int timeout_ms) {
 }
 
 int quarn_notifyLogModeUpdate(int mode) {
-    return notify_update("quarn_notifyLogModeUpdate", "cb_log_mode", mode);
+    return notify_update("quarn_notifyLogModeUpdate", protocol::kLogModeChanged, mode);
 }
 
 int quarn_notifyTransferTypeUpdate(int type) {
-    return notify_update("quarn_notifyTransferTypeUpdate", "cb_transfer_type", type);
+    return notify_update("quarn_notifyTransferTypeUpdate", protocol::kTransferTypeChanged, type);
 }
 
 void quarn_notifyModemReboot() {
-    constexpr char kMessage[] = "cb_reboot";
-    quarn_stateNotify(kMessage, sizeof(kMessage), kRebootTimeoutMs);
+    quarn_stateNotify(protocol::kReboot, static_cast<int>(strlen(protocol::kReboot)) + 1,
+                      kRebootTimeoutMs);
 }

@@ -8,6 +8,7 @@
 
 #include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "core/system_utility.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"

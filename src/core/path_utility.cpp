@@ -1,6 +1,15 @@
 #include "core/path_utility.h"
 
+#include <algorithm>
+
 namespace quarn::zorvex {
+
+bool HasControlCharacter(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte < 0x20 || byte == 0x7f;
+    });
+}
 
 std::string NormalizePathSlash(const std::string& path) {
     std::string normalized;

@@ -1,9 +1,14 @@
-// Path texts. Purely textual: nothing is resolved or looked up.
+// Texts, mostly paths. Purely textual: nothing is resolved or looked up.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace quarn::zorvex {
+
+// Whether the text holds a byte below 32 or a DEL. A newline would split a line of the files that
+// such texts are kept in.
+bool HasControlCharacter(std::string_view text);
 
 // Every run of slashes becomes one.
 std::string NormalizePathSlash(const std::string& path);

@@ -1,16 +1,15 @@
 #include "core/quarn.h"
 
-#include <sys/stat.h>
-
 #include <array>
 #include <cstdlib>
+#include <mutex>
 
 #include "platform/quarn_log.h"
-#include "platform/system_properties.h"
 #include "storage/log_file_recycler.h"
 
 QUARN_GLOBAL::QUARN_GLOBAL() : recycler(quarn::zorvex::LogFileRecycler::GetInstance()) {}
 
+// They are destroyed in reverse order; `main` sees to it that no callback uses one by then.
 QUARN_GLOBAL& g_quarn = *new QUARN_GLOBAL;
 QUARN_FILE_IO g_file_io("/data/vendor/radio/quarn/");
 QUARN_RING g_ring;
@@ -39,24 +38,19 @@ int32_t quarn_runHandleExec(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* ar
     return kHandleTable[static_cast<size_t>(handle)]->exec(exec, arg);
 }
 
-int32_t quarn_property_set(const char* name, const char* value) {
-    const int rc = __system_property_set(name, value);
-    QUARN_LOGE("quarn_property_set: rc %d", rc);
-    if (rc != 0) QUARN_LOGE("quarn_property_set fail, rc=%d", rc);
-    return rc;
+int32_t quarn_request(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg) {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    return quarn_runHandleExec(handle, exec, arg);
 }
 
-bool quarn_check_dir_exist(const char* path) {
-    struct stat status;
-    return stat(path, &status) == 0 && (status.st_mode & S_IFDIR) != 0;
+QUARN_IO* quarn_getSaveModeIo(QUARN_SAVE_MODE mode) {
+    return mode < SAVE_MODE_EXIT ? &g_file_io : nullptr;
 }
 
 void quarn_endCallbacks() {
     std::lock_guard lock(g_quarn.exec_mutex);
     g_quarn.callbacks_ended = true;
 }
-
-void quarn_sighandler(int) {}
 
 void quarn_report_statistics() {
     constexpr int kPeriodShift = 13;  // bytes over eight seconds to KiB a second

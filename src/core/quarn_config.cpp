@@ -12,21 +12,23 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "control/quarn_command.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "core/replace_file.h"
 #include "core/utility.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 
 using android::base::unique_fd;
+using quarn::zorvex::kMaxLoadSize;
 using quarn::zorvex::Replaced;
 using quarn::zorvex::ReplaceFile;
 
@@ -301,15 +303,14 @@ bool read_saved(std::string& text) {
     return true;
 }
 
-bool holds_any(std::string_view line, const std::vector<const char*>& keys) {
+bool holds_any(std::string_view line, std::span<const char* const> keys) {
     return std::any_of(keys.begin(), keys.end(),
                        [&](const char* key) { return line.find(key) != std::string_view::npos; });
 }
 
 // The lines of `text`, with `new_line` in the place of the key's own, or behind them all.
 std::string edit_lines(std::string_view text, const char* key, const char* value,
-                       const std::string& new_line,
-                       const std::vector<const char*>& displaced_keys) {
+                       const std::string& new_line, std::span<const char* const> displaced_keys) {
     std::string output;
     bool replaced = false;
     while (!text.empty()) {
@@ -368,7 +369,7 @@ int32_t quarn_loadConfig(const char* path, int32_t log_mode_only) {
 }
 
 int32_t quarn_command_saveConfig(const char* key, const char* value,
-                                 const std::vector<const char*>& displaced_keys) {
+                                 std::span<const char* const> displaced_keys) {
     if (value == nullptr) return 0;
     const auto refuse = [&](const std::string& reason) {
         QUARN_LOGW("saveConfig: the value of %s %s and is not saved", key, reason.c_str());

@@ -4,15 +4,11 @@
 //          recycle_keep_ee_size log_mode log_folder log_level log_filter flush_interval
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <span>
 
 // The file that `main` loads and that saving rewrites.
 constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
-
-// Bytes of the file that are read when it is loaded, and that a saved one has at most.
-constexpr size_t kMaxLoadSize = 1023;
 
 // Loads the file and applies it; 0, or -1 or the failing setter's code: what was applied till then
 // stays applied. A missing file is first copied from the factory default. With `log_mode_only` only
@@ -26,4 +22,4 @@ int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 // warning, when the next load would not read it as it was set: see `WhyNotKept`, or when the file
 // would get too long.
 int32_t quarn_command_saveConfig(const char* key, const char* value,
-                                 const std::vector<const char*>& displaced_keys);
+                                 std::span<const char* const> displaced_keys);

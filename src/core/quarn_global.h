@@ -76,3 +76,19 @@ struct QUARN_GLOBAL {
     std::atomic<uint64_t> stall_count{0};          // times the reader found the ring too full
     quarn::zorvex::LogFileRecycler* const recycler;
 };
+
+// Never destroyed: a callback of a closed library may come until the process is gone, and each one
+// takes `exec_mutex` first.
+extern QUARN_GLOBAL& g_quarn;
+
+// Every callback of a closed library does its work through this: runs `body` and holds `exec_mutex`
+// meanwhile, unless the callbacks have ended.
+template <typename Body>
+void quarn_runCallback(Body body) {
+    std::lock_guard lock(g_quarn.exec_mutex);
+    if (!g_quarn.callbacks_ended) body();
+}
+
+// For the end of the process: sets `callbacks_ended` under `exec_mutex`. Waits for the callback
+// that still runs; when it returns, none does anything any more.
+void quarn_endCallbacks();

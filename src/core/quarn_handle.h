@@ -59,3 +59,6 @@ class QUARN_HANDLE {
 // aborts the process. Takes no lock: the caller holds `QUARN_GLOBAL::exec_mutex` around its whole
 // group of requests, so that groups never interleave; only the exit path does without.
 int32_t quarn_runHandleExec(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg);
+
+// The same for a single request: holds `exec_mutex` while the handle serves it.
+int32_t quarn_request(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg);

@@ -4,13 +4,13 @@
 #include <array>
 #include <charconv>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 
-#include "control/quarn_command.h"
-#include "core/quarn.h"
-#include "core/quarn_config.h"
+#include "control/protocol.h"
+#include "core/path_utility.h"
+#include "core/quarn_handle.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace quarn::zorvex {
 
@@ -58,7 +58,7 @@ constexpr size_t LargestFile() {
     for (const ConfigKey& key : kKeys) {
         // A line is the key, a blank, the value and a newline. A request has a separator for the
         // blank, and no newline.
-        constexpr size_t kMaxRequest = kCommandBufferSize - 1;
+        constexpr size_t kMaxRequest = protocol::kMaxRequest;
         const size_t longest = key.name.size() + 1 + kMaxNumberSize;
         size += (key.kind == Kind::kText ? kMaxRequest : longest) + 1;
     }
@@ -87,19 +87,7 @@ const char* FindValue(const char* text, const char* key) {
     return nullptr;
 }
 
-int32_t RequestOfLogFilterManager(QUARN_EXEC_ID exec_id, void* arg) {
-    std::lock_guard lock(g_quarn.exec_mutex);
-    return quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, exec_id, arg);
-}
-
 }  // namespace
-
-bool HasControlCharacter(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte < 0x20 || byte == 0x7f;
-    });
-}
 
 std::string WhyNotKept(std::string_view key, std::string_view value) {
     if (HasControlCharacter(value)) return "holds a control character";
@@ -175,23 +163,19 @@ int32_t SetLogFolderConfig(const std::string& folder) {
 }
 
 int32_t SetLogFilterConfig(int level, std::string& filter) {
-    if (level != -1 && RequestOfLogFilterManager(EXEC_SET_LOG_LEVEL, &level) != 0) {
+    if (level != -1 && quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_LEVEL, &level) != 0) {
         QUARN_LOGW("Fail to set log level %d from config file", level);
     }
-    if (!filter.empty() && RequestOfLogFilterManager(EXEC_SET_LOG_FILTER, filter.data()) != 0) {
+    if (!filter.empty() &&
+        quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_SET_LOG_FILTER, filter.data()) != 0) {
         QUARN_LOGW("Fail to set log filter %s from config file", filter.c_str());
     }
     return 0;
 }
 
-int32_t SetFlushIntervalConfig(int interval) {
-    g_quarn.flush_interval = static_cast<uint32_t>(interval);
-    return 0;
-}
-
 int32_t SetLogModeConfig(int mode) {
     const QUARN_EXEC_ID exec_id = mode != 0 ? EXEC_MD_LOG_START : EXEC_MD_LOG_STOP;
-    if (RequestOfLogFilterManager(exec_id, nullptr) != 0) {
+    if (quarn_request(HANDLE_LOG_FILTER_MANAGER, exec_id, nullptr) != 0) {
         QUARN_LOGW("Fail to set log mode %d from config", mode);
     }
     return 0;

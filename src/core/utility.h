@@ -5,15 +5,16 @@
 // their warnings. The Set functions never fail a load: they return 0 and warn.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace quarn::zorvex {
 
-// Whether the text holds a byte below 32 or a DEL. A newline would split a line of the files that
-// such texts are kept in.
-bool HasControlCharacter(std::string_view text);
+// Bytes of the configuration file that are read when it is loaded, and that a saved one has at
+// most.
+constexpr size_t kMaxLoadSize = 1023;
 
 // Why this value of this key cannot be kept in the file, as the middle of a sentence; empty when
 // the next load reads it as it was set. A value holds no control character and no key, neither its
@@ -33,7 +34,6 @@ bool ParseFlushIntervalConfig(const char* text, int& interval);
 
 int32_t SetLogFolderConfig(const std::string& folder);
 int32_t SetLogFilterConfig(int level, std::string& filter);
-int32_t SetFlushIntervalConfig(int interval);
 // Tells the log filter manager the mode that no notification will announce.
 int32_t SetLogModeConfig(int mode);
 

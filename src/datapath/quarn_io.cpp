@@ -7,7 +7,6 @@
 #include <cstring>
 #include <thread>
 
-#include "core/quarn.h"
 #include "platform/quarn_log.h"
 
 int QUARN_IO::common_write(const void* buf, int len) {
@@ -34,8 +33,4 @@ int QUARN_IO::common_write(const void* buf, int len) {
     QUARN_LOGE("io: common_write fail, fd=%d, retry=%d, expect_write_len=%d, tot_write_len=%d",
                fd.load(), attempts, len, total);
     return -1;
-}
-
-QUARN_IO* quarn_getSaveModeIo(QUARN_SAVE_MODE mode) {
-    return mode < SAVE_MODE_EXIT ? &g_file_io : nullptr;
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
 

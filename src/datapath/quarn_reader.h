@@ -33,3 +33,5 @@ class QUARN_READER_HANDLE : public QUARN_HANDLE {
     // Held for the whole of `start` and `stop`; guards `thread`. The reader thread never takes it.
     std::mutex lifecycle_mutex;
 };
+
+extern QUARN_READER_HANDLE g_reader;

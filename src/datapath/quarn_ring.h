@@ -14,8 +14,8 @@
 // may ask for sizes, reset or notify.
 class QUARN_RING {
   public:
-    static constexpr size_t kSize =
-        size_t{16} * 1024 * 1024;  // bytes; `size - 1` serves as index mask
+    // Bytes; `size - 1` serves as index mask.
+    static constexpr size_t kSize = size_t{16} * 1024 * 1024;
     static constexpr size_t kTailSize = size_t{64} * 1024;
 
     // `ring_size` must be a power of two.
@@ -61,3 +61,5 @@ class QUARN_RING {
     bool notified = false;  // since the last wait
     uint64_t notify_count = 0;
 };
+
+extern QUARN_RING g_ring;

@@ -1,14 +1,14 @@
 #include "datapath/quarn_writer.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <thread>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "datapath/quarn_socket_io.h"
 #include "datapath/quarn_usb_io.h"
 #include "platform/quarn_log.h"
+#include "storage/quarn_file_io.h"
 
 namespace {
 
@@ -22,8 +22,6 @@ constexpr milliseconds kDrainFirstPause(1500);
 constexpr unsigned int kDrainStepMs = 200;
 constexpr unsigned int kDrainLimitMs = 2000;
 constexpr unsigned int kSwitchDrainLimitMs = 200;
-
-constexpr milliseconds kWakeInterval(100);
 
 void pause_after_failed_write() { std::this_thread::sleep_for(kFailedWritePause); }
 
@@ -42,7 +40,7 @@ QUARN_WRITER_HANDLER::QUARN_WRITER_HANDLER(QUARN_RING* log_ring, QUARN_HANDLE_ID
 
 QUARN_WRITER_HANDLER::~QUARN_WRITER_HANDLER() {
     is_running = false;
-    if (writer_thread == 0) return;
+    if (!writer_thread.Exists()) return;
     wake_thread();
     join_thread();
 }
@@ -66,21 +64,15 @@ int32_t QUARN_WRITER_HANDLER::start_locked() {
     join_thread();  // one that ended by itself
     auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
     if (usb != nullptr) usb->io_resume();
-    {
-        std::lock_guard ended_lock(ended_mutex);
-        ended = false;
-    }
-    pthread_t created;
-    const int error = pthread_create(&created, nullptr, quarn_writer_thread, this);
-    if (error != 0) {
+    const auto body = [](void* self) {
+        static_cast<QUARN_WRITER_HANDLER*>(self)->quarn_writer_thread_func();
+    };
+    if (const int error = writer_thread.Create("quarn_writer", body, this); error != 0) {
         QUARN_LOGE("writer_handler: create thread fail, errno=%d(%s)", error, strerror(error));
         if (usb != nullptr) usb->io_pause();
         is_running = false;
-        std::lock_guard ended_lock(ended_mutex);
-        ended = true;
         return 1;
     }
-    writer_thread = created;
     QUARN_LOGI("writer_handler: start success");
     return 0;
 }
@@ -112,41 +104,20 @@ void QUARN_WRITER_HANDLER::wake_thread() {
     }
     if (QUARN_IO* const channel = channel_of(IO_TYPE_USB)) {
         static_cast<QUARN_USB_IO*>(channel)->io_pause();
-        std::lock_guard lock(
-            ended_mutex);  // a thread that has not ended stays there while it is held
-        if (writer_thread == 0 || ended) return;
-        if (const int error = pthread_kill(writer_thread, SIGUSR1); error != 0) {
-            QUARN_LOGE("writer_handler: pthread_kill=%lu fail, errno=%s",
-                       static_cast<unsigned long>(writer_thread), strerror(error));
+        if (const int error = writer_thread.Signal(); error != 0) {
+            QUARN_LOGE("writer_handler: pthread_kill=%lu fail, errno=%s", writer_thread.id(),
+                       strerror(error));
         }
     }
 }
 
-bool QUARN_WRITER_HANDLER::thread_ended_within(milliseconds limit) {
-    std::unique_lock lock(ended_mutex);
-    return ended_cond.wait_for(lock, limit, [this] { return ended; });
-}
-
-// Joins the thread, if there is one. A wake-up that comes just before the thread begins to wait is
-// lost, so it is given again until the thread has ended.
+// Joins the thread, if there is one.
 void QUARN_WRITER_HANDLER::join_thread() {
-    if (writer_thread == 0) return;
-    while (!thread_ended_within(kWakeInterval)) wake_thread();
-    if (const int error = pthread_join(writer_thread, nullptr); error != 0) {
-        QUARN_LOGE("writer_handler: pthread_join=%lu fail, errno=%s",
-                   static_cast<unsigned long>(writer_thread), strerror(error));
+    if (!writer_thread.Exists()) return;
+    if (const int error = writer_thread.Join([this] { wake_thread(); }); error != 0) {
+        QUARN_LOGE("writer_handler: pthread_join=%lu fail, errno=%s", writer_thread.id(),
+                   strerror(error));
     }
-    writer_thread = 0;
-}
-
-void* QUARN_WRITER_HANDLER::quarn_writer_thread(void* self) {
-    pthread_setname_np(pthread_self(), "quarn_writer");
-    auto* const handler = static_cast<QUARN_WRITER_HANDLER*>(self);
-    handler->quarn_writer_thread_func();
-    std::lock_guard lock(handler->ended_mutex);
-    handler->ended = true;
-    handler->ended_cond.notify_all();
-    return nullptr;
 }
 
 void QUARN_WRITER_HANDLER::quarn_writer_thread_func() {
@@ -226,13 +197,13 @@ int QUARN_WRITER_HANDLER::io_write_with_retry(const void* buf, int len) {
 void QUARN_WRITER_HANDLER::wait_buffer_clean(unsigned int timeout_ms) {
     const auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
     const uint64_t count_before = usb != nullptr ? usb->get_write_count() : 0;
-    if (thread_ended_within(kDrainFirstPause)) return;
+    if (writer_thread.EndedWithin(kDrainFirstPause)) return;
     if (usb != nullptr && usb->get_write_count() == count_before) return;
     const auto* const host = static_cast<QUARN_SOCKET_IO*>(channel_of(IO_TYPE_SOCKET));
     if (host != nullptr && !host->is_connected()) return;
     for (unsigned int remaining = timeout_ms; remaining > 0 && held() != 0;) {
         const unsigned int step = std::min(remaining, kDrainStepMs);
-        if (thread_ended_within(milliseconds(step))) return;
+        if (writer_thread.EndedWithin(milliseconds(step))) return;
         remaining -= step;
     }
 }

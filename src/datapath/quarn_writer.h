@@ -1,16 +1,13 @@
 // The writer: drains the ring into the current output channel.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 
 #include "core/quarn_handle.h"
+#include "core/woken_thread.h"
 #include "datapath/quarn_io.h"
 #include "datapath/quarn_ring.h"
 
@@ -44,7 +41,6 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     std::atomic<QUARN_IO*> io{nullptr};
 
   private:
-    static void* quarn_writer_thread(void* self);
     void quarn_writer_thread_func();
     // One pass of the thread: waits on an empty ring, else offers what the ring holds.
     void drain_once(const uint8_t* buf, uint64_t mask);
@@ -56,7 +52,6 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     int32_t start_locked();
     void stop_locked();
     void wake_thread();
-    bool thread_ended_within(std::chrono::milliseconds limit);
     void join_thread();
 
     size_t held() const;  // bytes in the ring
@@ -72,12 +67,10 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     // Held for the whole of `start`, `stop` and the switch to another channel; guards
     // `writer_thread` and `was_running`. The thread never takes it.
     std::mutex lifecycle_mutex;
-    pthread_t writer_thread = 0;  // 0: none to join
+    quarn::zorvex::WokenThread writer_thread;
     std::atomic<bool> is_running{false};
     bool was_running = false;  // when the host tool connected, and no switch has come since
     QUARN_RING* const ring;
-
-    std::mutex ended_mutex;
-    std::condition_variable ended_cond;
-    bool ended = false;  // the thread does nothing any more; guarded by `ended_mutex`
 };
+
+extern QUARN_WRITER_HANDLER g_writer;

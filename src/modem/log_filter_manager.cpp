@@ -1,5 +1,6 @@
 #include "modem/log_filter_manager.h"
 
+#include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 
@@ -34,17 +35,6 @@ constexpr int kSendAttempts = 3;
 constexpr std::chrono::milliseconds kSendPause(200);
 // Far above any filter; what a wrong path may cost in memory.
 constexpr off_t kMaxFilterSize = 16 << 20;
-
-class Descriptor {
-  public:
-    explicit Descriptor(int descriptor) : fd(descriptor) {}
-    ~Descriptor() {
-        if (fd >= 0) close(fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    const int fd;
-};
 
 bool IsUsableFilter(const struct stat& status, const char* function, const char* path) {
     if (S_ISREG(status.st_mode) && status.st_size <= kMaxFilterSize) return true;
@@ -72,19 +62,19 @@ int ReadWhole(int fd, std::vector<char>& bytes) {
 // the path has become since it was chosen.
 std::optional<std::vector<char>> ReadFilter(const char* path) {
     constexpr const char* kFunction = "SendMipcSetCommand";
-    const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.fd < 0) {
+    const android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (fd < 0) {
         QUARN_LOGE("%s: Error opening log filter %s: %s", kFunction, path, strerror(errno));
         return std::nullopt;
     }
     struct stat status;
-    if (fstat(file.fd, &status) != 0 || status.st_size < 0) {
+    if (fstat(fd, &status) != 0 || status.st_size < 0) {
         QUARN_LOGE("%s: Error getting size of log filter %s", kFunction, path);
         return std::nullopt;
     }
     if (!IsUsableFilter(status, kFunction, path)) return std::nullopt;
     std::vector<char> bytes(static_cast<size_t>(status.st_size));
-    if (const int error = ReadWhole(file.fd, bytes); error != 0) {
+    if (const int error = ReadWhole(fd, bytes); error != 0) {
         QUARN_LOGE("%s: Error reading log filter %s: %s", kFunction, path, strerror(error));
         return std::nullopt;
     }

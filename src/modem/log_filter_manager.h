@@ -78,3 +78,5 @@ class LogFilterManagerHandle : public QUARN_HANDLE {
 };
 
 }  // namespace quarn::zorvex
+
+extern quarn::zorvex::LogFilterManagerHandle g_log_filter_manager;

@@ -4,8 +4,8 @@
 #include <mutex>
 #include <thread>
 
-#include "core/quarn.h"
-#include "core/utility.h"
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 
@@ -52,12 +52,14 @@ bool SetFlushInterval(int ms) {
     return true;
 }
 
+int32_t SetFlushIntervalConfig(int interval) {
+    g_quarn.flush_interval = static_cast<uint32_t>(interval);
+    return 0;
+}
+
 void FlushLogBuffers() {
     FlushModem();
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        quarn_runHandleExec(HANDLE_WRITER, EXEC_FLUSH_RING, nullptr);
-    }
+    quarn_request(HANDLE_WRITER, EXEC_FLUSH_RING, nullptr);
     QUARN_LOGI("Flush log buffers done");
 }
 

@@ -1,7 +1,12 @@
 // The modem's flush interval, and flushing everything that is buffered on the way to the files.
 #pragma once
 
+#include <cstdint>
+
 namespace quarn::zorvex {
+
+// Remembers the configured flush interval, in ms; always 0. The modem is not told.
+int32_t SetFlushIntervalConfig(int interval);
 
 // Sets the modem's flush interval, in ms, and remembers it as the configured one; false, with
 // nothing remembered, when the modem refuses. Takes `flush_interval_mutex`.

@@ -23,9 +23,6 @@ struct event_info {
     const char* device_name = nullptr;
     const char* action = nullptr;
     const char* subsystem = nullptr;
-    const char* device_path = nullptr;
-    int32_t major = 0;
-    int32_t minor = 0;
 };
 
 class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
@@ -80,3 +77,5 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     std::mutex queue_mutex;        // guards the two above
     std::condition_variable queue_cond;
 };
+
+extern QUARN_EVENT_DETECT_HANDLE g_event_detect;

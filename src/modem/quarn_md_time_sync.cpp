@@ -10,8 +10,8 @@
 #include <ctime>
 #include <limits>
 
-#include "control/quarn_ctrl_connect.h"
 #include "core/named_thread.h"
+#include "modem/ctrl_port.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 

@@ -52,3 +52,5 @@ class QUARN_MD_TIME_SYNC_HANDLE : public QUARN_HANDLE {
     std::mutex pause_mutex;
     std::condition_variable pause_cond;  // `running` was cleared
 };
+
+extern QUARN_MD_TIME_SYNC_HANDLE g_md_time_sync;

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "control/quarn_state_notify.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "modem/log_flush.h"
 #include "platform/quarn_log.h"
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "platform/quarn_log.h"
 
 namespace {
@@ -110,7 +110,6 @@ int32_t QUARN_NOTIFY_HANDLER::init() {
 
 int quarn_mclNtfyCallback(void* /*user*/, MCL_NTFY_CODE code, void* payload) {
     QUARN_LOGI("notify_handler: ntfy_code=%d", code);
-    std::lock_guard lock(g_quarn.exec_mutex);
-    if (!g_quarn.callbacks_ended) handle_notification(code, payload);
+    quarn_runCallback([&] { handle_notification(code, payload); });
     return 0;
 }

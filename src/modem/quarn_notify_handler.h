@@ -13,5 +13,7 @@ class QUARN_NOTIFY_HANDLER : public QUARN_HANDLE {
     int32_t init() override;
 };
 
+extern QUARN_NOTIFY_HANDLER g_notify;
+
 // The callback; runs on the modem layer's thread and holds `exec_mutex` throughout. Always 0.
 int quarn_mclNtfyCallback(void* user, MCL_NTFY_CODE code, void* payload);

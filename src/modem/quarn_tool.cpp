@@ -1,19 +1,14 @@
 #include "modem/quarn_tool.h"
 
-#include <chrono>
+#include <cstring>
 
-#include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "datapath/quarn_socket_io.h"
 #include "datapath/quarn_usb_io.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
 
 namespace {
-
-// A wait for a host that begins just after it was told to end does not know of it: it is told
-// again.
-constexpr std::chrono::milliseconds kEndWaitInterval(100);
 
 // The channel as a socket channel, null when it is of another kind.
 QUARN_SOCKET_IO* as_socket(QUARN_IO* channel) {
@@ -78,10 +73,13 @@ int32_t QUARN_TOOL_HANDLE::start() {
         started = true;
         gave_up = false;
     }
-    const bool working = as_socket(tool_io) != nullptr
-                             ? create_thread(wait_connect_thread, "quarn_tool_wait",
-                                             &QUARN_TOOL_HANDLE::wait_socket_connect_thread)
-                             : begin_serving();
+    const bool working =
+        as_socket(tool_io) != nullptr
+            ? create_thread(wait_connect_thread, "quarn_tool_wait",
+                            [](void* self) {
+                                static_cast<QUARN_TOOL_HANDLE*>(self)->wait_socket_connect_thread();
+                            })
+            : begin_serving();
     if (!working) {
         shut_down();
         return 1;
@@ -121,16 +119,19 @@ void QUARN_TOOL_HANDLE::shut_down() {
 }
 
 void QUARN_TOOL_HANDLE::end_threads() {
-    std::unique_lock lock(tool_mutex);
-    while (threads != 0) {
+    // In this order: the first one may make the second.
+    join_thread(wait_connect_thread);
+    join_thread(host_port_error_thread);
+}
+
+void QUARN_TOOL_HANDLE::join_thread(Thread& thread) {
+    if (!thread.Exists()) return;
+    const auto end_wait = [this] {
         QUARN_SOCKET_IO* const host = as_socket(tool_io);
         if (host != nullptr && !host->is_connected()) host->stop_wait_connect();
-        ended_cond.wait_for(lock, kEndWaitInterval, [this] { return threads == 0; });
-    }
-    lock.unlock();
-    // In this order: the first one may have made the second.
-    if (wait_connect_thread.joinable()) wait_connect_thread.join();
-    if (host_port_error_thread.joinable()) host_port_error_thread.join();
+    };
+    end_wait();
+    thread.Join(end_wait);
 }
 
 bool QUARN_TOOL_HANDLE::is_at_work() {
@@ -144,22 +145,11 @@ void QUARN_TOOL_HANDLE::give_up() {
     running = false;
 }
 
-bool QUARN_TOOL_HANDLE::create_thread(std::thread& thread, const char* name, Body body) {
-    {
-        std::lock_guard lock(tool_mutex);
-        ++threads;
-    }
-    if (quarn_startThread(thread, name, "tool_handler", [this, body] { run(body); })) return true;
-    std::lock_guard lock(tool_mutex);
-    --threads;
+bool QUARN_TOOL_HANDLE::create_thread(Thread& thread, const char* name, Thread::Body body) {
+    const int error = thread.Create(name, body, this);
+    if (error == 0) return true;
+    QUARN_LOGE("tool_handler: create thread fail, errno=%d(%s)", error, strerror(error));
     return false;
-}
-
-void QUARN_TOOL_HANDLE::run(Body body) {
-    (this->*body)();
-    std::lock_guard lock(tool_mutex);
-    --threads;
-    ended_cond.notify_all();
 }
 
 // With a host there: makes the thread that recovers the port, and listens. False when that thread
@@ -173,8 +163,9 @@ bool QUARN_TOOL_HANDLE::begin_serving() {
     }
     // Held until the library listens: a port error that comes at once is handled after that.
     std::lock_guard lock(listen_mutex);
-    if (!create_thread(host_port_error_thread, "quarn_tool_port",
-                       &QUARN_TOOL_HANDLE::host_port_error_handle_thread)) {
+    if (!create_thread(host_port_error_thread, "quarn_tool_port", [](void* self) {
+            static_cast<QUARN_TOOL_HANDLE*>(self)->host_port_error_handle_thread();
+        })) {
         give_up();
         return false;
     }
@@ -281,10 +272,7 @@ void QUARN_TOOL_HANDLE::set_save_mode(const QUARN_SAVE_MODE* mode) {
 
 int quarn_tclCallback(void* /*user*/, TCL_MSG msg) {
     QUARN_LOGI("tool_handler: handle tcl_msg=%d", msg);
-    {
-        std::lock_guard lock(g_quarn.exec_mutex);
-        if (!g_quarn.callbacks_ended) handle_message(msg);
-    }
+    quarn_runCallback([msg] { handle_message(msg); });
     QUARN_LOGI("tool_handler: handle tcl_msg=%d done", msg);
     return 0;
 }

@@ -6,9 +6,9 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <thread>
 
 #include "core/quarn_handle.h"
+#include "core/woken_thread.h"
 #include "datapath/quarn_io.h"
 #include "platform/tcl.h"
 
@@ -37,7 +37,7 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     QUARN_IO* tool_io = nullptr;
 
   private:
-    using Body = void (QUARN_TOOL_HANDLE::*)();
+    using Thread = quarn::zorvex::WokenThread;
 
     void stop_locked();
     void set_save_mode(const QUARN_SAVE_MODE* mode);
@@ -45,8 +45,8 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     void end_threads();
     bool is_at_work();
     void give_up();
-    bool create_thread(std::thread& thread, const char* name, Body body);
-    void run(Body body);
+    bool create_thread(Thread& thread, const char* name, Thread::Body body);
+    void join_thread(Thread& thread);
 
     bool begin_serving();
     void start_listening();
@@ -59,8 +59,8 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
 
     // Held for the whole of `start` and `stop`, joining included; the threads never take it.
     std::mutex lifecycle_mutex;
-    std::thread wait_connect_thread;     // socket channel only
-    std::thread host_port_error_thread;  // recovers the port; made by `start` or by the other
+    Thread wait_connect_thread;     // socket channel only
+    Thread host_port_error_thread;  // recovers the port; made by `start` or by the other
 
     // Held for one call of the tool library, the first time also while the thread is made that ends
     // listening after a port error: it must not come before. A start of listening looks at
@@ -70,15 +70,15 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     // Guards what follows, for an instant only: a recovery does not hold it, for it may wait for a
     // host for ever, and who brings a wake-up meanwhile holds `exec_mutex`.
     std::mutex tool_mutex;
-    std::condition_variable tool_cond;   // `port_error` was set or `running` cleared
-    std::condition_variable ended_cond;  // a thread has ended
-    bool started = false;                // the channel is open: there is something to shut down
-    bool gave_up = false;                // a thread ended by itself: the next start begins afresh
-    bool port_error = false;             // one is still to be handled
-    int threads = 0;                     // that have not ended
+    std::condition_variable tool_cond;  // `port_error` was set or `running` cleared
+    bool started = false;               // the channel is open: there is something to shut down
+    bool gave_up = false;               // a thread ended by itself: the next start begins afresh
+    bool port_error = false;            // one is still to be handled
     // The host is served. Changes under `tool_mutex`.
     std::atomic<bool> running{false};
 };
+
+extern QUARN_TOOL_HANDLE g_tool;
 
 // The tool library's callback, on its own thread; holds `exec_mutex` throughout. Always 0.
 int quarn_tclCallback(void* user, TCL_MSG msg);

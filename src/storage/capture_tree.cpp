@@ -13,8 +13,7 @@
 #include <utility>
 
 #include "core/path_utility.h"
-#include "core/quarn.h"
-#include "core/utility.h"
+#include "core/system_utility.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_names.h"

@@ -2,7 +2,6 @@
 
 #include <mutex>
 
-#include "core/quarn.h"
 #include "storage/custom_header.h"
 #include "storage/log_file_format.h"
 

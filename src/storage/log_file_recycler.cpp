@@ -12,7 +12,6 @@
 #include <memory>
 #include <utility>
 
-#include "core/quarn.h"
 #include "platform/quarn_log.h"
 #include "storage/folder_history.h"
 #include "storage/log_names.h"

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -20,9 +19,9 @@
 #include <thread>
 
 #include "core/named_thread.h"
-#include "core/quarn.h"
+#include "core/quarn_global.h"
+#include "core/quarn_handle.h"
 #include "modem/log_flush.h"
-#include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
 #include "storage/append_undo.h"
 #include "storage/log_file_header.h"
@@ -41,8 +40,6 @@ constexpr mode_t kMode = 0644;
 constexpr char kEnd = 0;  // the file's last byte
 
 constexpr const char* kThreadEntry = "PowerOnEventDetectThreadEntry";
-constexpr std::string_view kFilterSetting = "AT+ZORVEARLYLOGFILTER";
-constexpr std::string_view kLineEnds = "\r\n";
 
 enum class State { kNotInitialised, kInitialised, kWriting, kStopped };
 
@@ -323,44 +320,6 @@ void PowerOnLogDeInit() {
     const StopLock lock(log.mutex);
     EndFile(log, "PowerOnLogDeInit");
     QUARN_LOGI("Power-on Log: de-init successfully");
-}
-
-bool GetPowerOnLogFilterEnableNvramCfg(int& value) {
-    value = -1;
-    std::string response;
-    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "?", response)) return false;
-    if (!GetAtCommandExecStatus(response)) return false;
-
-    const size_t start = response.find_first_not_of(kLineEnds);
-    if (start == std::string::npos) {
-        QUARN_LOGE(
-            "Power-on log: Cannot find power-on log filter enable value in AT command result");
-        return false;
-    }
-    const std::string line =
-        response.substr(start, response.find_first_of(kLineEnds, start) - start);
-    int number = -1;
-    const char* const line_end = line.data() + line.size();
-    auto [end, error] = std::from_chars(line.data(), line_end, number);
-    if (error == std::errc() && end != line_end) error = std::errc::invalid_argument;
-    if (error != std::errc()) {
-        QUARN_LOGE("Power-on log: Convert power-on log filter enable %s to int failed: %s",
-                   line.c_str(), strerror(static_cast<int>(error)));
-        return false;
-    }
-    value = number;
-    QUARN_LOGI("Power-on log: Get power-on log filter enable=%d by AT command", value);
-    return true;
-}
-
-bool SetPowerOnLogFilterEnableNvramCfg(int value) {
-    std::string response;
-    if (!SendAtCommandByMipc(std::string(kFilterSetting) + "=" + std::to_string(value), response) ||
-        !GetAtCommandExecStatus(response)) {
-        return false;
-    }
-    QUARN_LOGI("Power-on log: Set power-on log filter enable=%d by AT command", value);
-    return true;
 }
 
 }  // namespace quarn::zorvex

@@ -37,9 +37,4 @@ void PowerOnLogDeInit();
 // power-on phase, and all buffers are flushed.
 void PowerOnEventDetectThreadEntry();
 
-// The modem's non-volatile early-log-filter setting, over AT commands; true on success. `value` is
-// -1 on failure.
-bool GetPowerOnLogFilterEnableNvramCfg(int& value);
-bool SetPowerOnLogFilterEnableNvramCfg(int value);
-
 }  // namespace quarn::zorvex

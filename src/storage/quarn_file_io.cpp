@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "core/quarn.h"
+#include "core/quarn_global.h"
 #include "platform/quarn_log.h"
 #include "storage/log_file_format.h"
 #include "storage/log_file_recycler.h"

@@ -109,3 +109,5 @@ class QUARN_FILE_IO : public QUARN_IO {
     RECYCLE_CONFIG recycle_config;
     std::mutex recycle_mutex;
 };
+
+extern QUARN_FILE_IO g_file_io;

@@ -6,6 +6,7 @@
 #include <array>
 #include <filesystem>
 
+#include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "fuzz.h"
@@ -53,13 +54,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int rc = quarn_ctrlConnCallback(daemon);
     close(daemon);
 
-    std::array<char, 2 * kCommandBufferSize> reply;
+    std::array<char, 2 * quarn::protocol::kReplySize> reply;
     const ssize_t received = recv(client, reply.data(), reply.size(), 0);
     close(client);
     if (rc == 0) {
         const std::string_view text = reply.data();
-        fuzz::Check(received == kCommandBufferSize, "the reply is one block");
-        fuzz::Check(reply[kCommandBufferSize - 1] == '\0', "the reply ends");
+        fuzz::Check(received == ssize_t{quarn::protocol::kReplySize}, "the reply is one block");
+        fuzz::Check(reply[quarn::protocol::kReplySize - 1] == '\0', "the reply ends");
         fuzz::Check(text == "error" || text.starts_with("ok"), "the reply says ok or error");
     } else {
         fuzz::Check(received <= 0, "a request that is not served gets no reply");

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "core/quarn_config.h"
@@ -80,8 +81,8 @@ std::string Ask(const std::string& request) {
     const ssize_t size = static_cast<ssize_t>(request.size());
     fuzz::Check(send(client, request.data(), request.size(), 0) == size, "the request fits");
     shutdown(client, SHUT_WR);
-    std::array<char, kCommandBufferSize + 1> reply{};
-    if (quarn_ctrlConnCallback(daemon) == 0) recv(client, reply.data(), kCommandBufferSize, 0);
+    std::array<char, quarn::protocol::kReplySize + 1> reply{};
+    if (quarn_ctrlConnCallback(daemon) == 0) recv(client, reply.data(), reply.size() - 1, 0);
     close(daemon);
     close(client);
     return reply.data();
@@ -125,7 +126,7 @@ void CheckFile(const Kept& kept) {
             line.substr(std::min(line.find(' '), line.size() - 1) + 1);
     }
     fuzz::Check(count == kept.size() && saved == kept, "the file has what was kept");
-    fuzz::Check(text.empty() || text.size() <= kMaxLoadSize, "all of it is read");
+    fuzz::Check(text.empty() || text.size() <= quarn::zorvex::kMaxLoadSize, "all of it is read");
     if (kept.empty()) return;
 
     fuzz::Check(Load(0) == 0, "a load goes to its end");
@@ -186,7 +187,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while (!requests.empty()) {
         // As much as the daemon takes at once.
         const size_t end =
-            std::min({requests.find('\0'), requests.size(), size_t{kCommandBufferSize - 1}});
+            std::min({requests.find('\0'), requests.size(), quarn::protocol::kMaxRequest});
         const std::string request(requests.substr(0, end));
         requests.remove_prefix(std::min(end + 1, requests.size()));
         // A modem that does not log takes neither level nor filter.

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "fuzz.h"
+#include "modem/early_log_filter.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "sim/modem.h"

@@ -22,6 +22,7 @@
 #include <string>
 #include <string_view>
 
+#include "control/protocol.h"
 #include "sim/console.h"
 #include "tests/daemon_process.h"
 #include "tests/support.h"
@@ -29,6 +30,8 @@
 namespace fs = std::filesystem;
 
 namespace soak {
+
+namespace protocol = quarn::protocol;
 
 // What a long run tells: faults at once, sums at the end, and a journal of all that was done for
 // who looks for the cause of a fault. Any thread may write.
@@ -79,8 +82,6 @@ class Dice {
 };
 
 inline const std::string kTree = "/data/vendor/radio/quarn";
-inline constexpr const char* kCommandSocket = "/dev/quarn_server.socket";
-inline constexpr const char* kNotifySocket = "/dev/quarn_callback_server.socket";
 // Bytes that the modem has handed over, also once the process has ended. It goes on counting over
 // restarts unless the file is removed.
 inline constexpr const char* kDelivered = "/data/modem/delivered";
@@ -179,7 +180,7 @@ class Phone : public test::Daemon {
     // The reply to a request, which is a fault when it does not come; none when the connection
     // ended.
     std::optional<std::string> Ask(const std::string& request,
-                                   const Client& client = Client(kCommandSocket)) {
+                                   const Client& client = Client(protocol::kCommandSocket)) {
         char reply[129] = "";
         const ssize_t whole = sizeof(reply) - 1;
         const ssize_t got = client.Send(request + '\0')

@@ -166,7 +166,7 @@ class Trouble {
     void SendRequests(Dice dice) {
         std::unique_ptr<Client> client;
         for (; !stopping; Pause(dice, 120)) {
-            if (!client) client = std::make_unique<Client>(kCommandSocket);
+            if (!client) client = std::make_unique<Client>(protocol::kCommandSocket);
             const std::string request = Drawn(dice, kRequests);
             if (dice.OneIn(12)) {
                 std::string bytes(1 + dice.Below(400), '\0');
@@ -200,7 +200,10 @@ class Trouble {
             const auto reply = phone.Ask(Filled(dice, "copy_log_file " + folder + " #1-12 #0-1"));
             if (reply && reply->starts_with("ok,")) {
                 report.Add("copies");
-                const std::string check = MUXZ_PROGRAM " verify " + folder + " >/data/verify 2>&1";
+                // Each file alone: where a client deleted one before, a hole is in order.
+                const std::string check = "find " + folder +
+                                          " -name '*.muxz*' -print0 | xargs -0 -r -n 1 " +
+                                          MUXZ_PROGRAM " verify >/data/verify 2>&1";
                 // All may have been deleted that there was to copy.
                 std::error_code gone;
                 const bool empty =
@@ -215,8 +218,8 @@ class Trouble {
     }
 
     void Subscribe(Dice dice) {
-        const Client deaf(kNotifySocket);
-        const Client listener(kNotifySocket);
+        const Client deaf(protocol::kNotifySocket);
+        const Client listener(protocol::kNotifySocket);
         const timeval patience = {0, 100'000};
         setsockopt(listener.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         std::vector<std::unique_ptr<Client>> others;
@@ -232,11 +235,12 @@ class Trouble {
             for (size_t end; (end = heard.find('\0')) != std::string::npos;
                  heard.erase(0, end + 1)) {
                 const std::string text = heard.substr(0, end);
-                report.Add(text == "cb_reboot" ? kRemovalsTold : "times a subscriber was told");
+                report.Add(text == protocol::kReboot ? kRemovalsTold
+                                                     : "times a subscriber was told");
                 if (!text.starts_with("cb_")) report.Fault("a subscriber is told: " + text);
             }
             if (dice.OneIn(4) && others.size() < 6) {
-                others.push_back(std::make_unique<Client>(kNotifySocket));
+                others.push_back(std::make_unique<Client>(protocol::kNotifySocket));
                 report.Add("subscribers");
             } else if (dice.OneIn(4) && !others.empty()) {
                 others.erase(others.begin() + static_cast<ptrdiff_t>(dice.Below(others.size())));

@@ -34,14 +34,30 @@ CaptureFacts OfFolder(const FoundGroup& group, std::vector<FileFacts> files) {
     return capture;
 }
 
-// A file of another capture may have been put into the folder.
+bool IsForeign(const FileFacts& file) {
+    return file.header.kind == HeaderFacts::Kind::kForeign ||
+           file.header.kind == HeaderFacts::Kind::kNone;
+}
+
+// A file of another capture may have been put into the folder, in whose order it has no place. And
+// all files of a capture have one writer: an unknown header among known ones is a damaged one.
 void FindStrangers(CaptureFacts& capture) {
+    const bool known = std::any_of(
+        capture.files.begin(), capture.files.end(),
+        [](const FileFacts& file) { return file.header.kind == HeaderFacts::Kind::kOwn; });
+    const auto tell = [&](const FileFacts& file, Finding::What what, std::string text) {
+        capture.findings.push_back(NoteOn(file.path, what, std::move(text)));
+        capture.findings.back().kind = Finding::Kind::kFault;
+    };
     for (const FileFacts& file : capture.files) {
         const auto& time = file.header.folder_time;
         if (time && time != capture.folder_time) {
-            capture.findings.push_back(
-                NoteOn(file.path, Finding::What::kWrongName,
-                       "its header says another capture, of " + ShowUtc(*time)));
+            tell(file, Finding::What::kWrongName,
+                 "its header says another capture, of " + ShowUtc(*time));
+        }
+        if (known && IsForeign(file)) {
+            tell(file, Finding::What::kHeader,
+                 "damaged header: of no known layout, unlike that of other files of the capture");
         }
     }
 }
@@ -177,7 +193,12 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
         }
         const auto newest = std::find_if(phone.captures.rbegin(), phone.captures.rend(),
                                          [](const CaptureFacts& c) { return !c.copy; });
-        if (newest != phone.captures.rend()) newest->state = CaptureFacts::State::kNewest;
+        // Of one that was picked out of its tree only its own name can tell.
+        const bool told = newest != phone.captures.rend() && !newest->name.empty() &&
+                          (newest->given || !newest->whole);
+        if (newest != phone.captures.rend() &&
+            !(told && newest->state == CaptureFacts::State::kFinished))
+            newest->state = CaptureFacts::State::kNewest;
         for (CaptureFacts& capture : phone.captures) {
             FindFileGaps(capture);
             FindStrangers(capture);

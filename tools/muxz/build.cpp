@@ -3,11 +3,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "tools/muxz/assemble.h"
 #include "tools/muxz/listing.h"
@@ -46,52 +50,102 @@ bool Contradicts(const FileFacts& file, uint64_t header) {
            file.header.length != header;
 }
 
+// Scans files on all cores, a file at a time on each. What comes out does not depend on their
+// number.
 class Builder {
   public:
     Builder(const Listing& from, const BuildOptions& chosen) : listing(from), options(chosen) {}
 
     ScannedFiles Scan() {
-        for (const FoundGroup& group : listing.groups) {
-            if (group.copy && !options.copies) continue;
-            for (const FoundFile& file : group.files) all += file.size;
-        }
         ScannedFiles scanned;
-        for (const FoundGroup& group : listing.groups) scanned.push_back(ScanGroup(group));
+        for (const FoundGroup& group : listing.groups) {
+            scanned.emplace_back(group.files.size());
+            const bool whole = !group.copy || options.copies;
+            for (size_t i = 0; i < group.files.size(); ++i) {
+                jobs.push_back(
+                    {&group.files[i], &scanned.back()[i], whole ? options.depth : Depth::kHeaders});
+                if (whole) all += group.files[i].size;
+            }
+        }
+        Run([](const Job&) { return true; });
+        // Once more where the files of a group agree on a header that one does not have.
+        size_t place = 0;
+        for (const std::vector<FileFacts>& group : scanned) {
+            const std::optional<uint64_t> header = CommonHeader(group);
+            for (const FileFacts& file : group) {
+                Job& job = jobs[place++];
+                if (header && Contradicts(file, *header)) job.header = header;
+            }
+        }
+        Run([](const Job& job) { return job.header.has_value(); });
+        // That may have shown that there was no fault to stop at.
+        Run([](const Job& job) { return job.skipped; });
         return scanned;
     }
 
   private:
-    std::vector<FileFacts> ScanGroup(const FoundGroup& group) {
-        std::vector<FileFacts> files;
-        std::vector<Depth> depths;
-        for (const FoundFile& file : group.files) {
-            const bool shallow = (group.copy && !options.copies) || (options.first_fault && fault);
-            depths.push_back(shallow ? Depth::kHeaders : options.depth);
-            files.push_back(ScanOne(file, depths.back(), {}));
+    struct Job {
+        const FoundFile* file;
+        FileFacts* facts;
+        Depth depth;
+        std::optional<uint64_t> header{};
+        bool skipped = false;  // only its header was read, since a file in front has a fault
+    };
+
+    // Does those jobs that are `wanted`.
+    void Run(const std::function<bool(const Job&)>& wanted) {
+        std::vector<Job*> chosen;
+        size_t first = SIZE_MAX;
+        for (Job& job : jobs) {
+            if (wanted(job)) {
+                chosen.push_back(&job);
+            } else if (first == SIZE_MAX && HasFault(*job.facts)) {
+                first = chosen.size();
+            }
         }
-        const std::optional<uint64_t> header = CommonHeader(files);
-        for (size_t i = 0; header && i < files.size(); ++i) {
-            if (Contradicts(files[i], *header))
-                files[i] = ScanOne(group.files[i], depths[i], header);
+        // The jobs in front of this one are all done whole, whatever the others find.
+        std::atomic<size_t> stop = options.first_fault ? first : SIZE_MAX;
+        std::atomic<size_t> next = 0;
+        const auto work = [&] {
+            for (size_t i; (i = next++) < chosen.size();) {
+                Job& job = *chosen[i];
+                const bool was_skipped = std::exchange(job.skipped, i >= stop);
+                if (was_skipped && job.skipped && !job.header) continue;
+                *job.facts = Do(job);
+                size_t before = stop;
+                while (options.first_fault && i + 1 < before && HasFault(*job.facts) &&
+                       !stop.compare_exchange_weak(before, i + 1)) {
+                }
+            }
+        };
+        const size_t cores = std::max(1U, std::thread::hardware_concurrency());
+        std::vector<std::thread> threads;
+        while (threads.size() + 1 < std::min({cores, kMostThreads, chosen.size()})) {
+            threads.emplace_back(work);
         }
-        return files;
+        work();
+        for (std::thread& thread : threads) thread.join();
     }
 
-    FileFacts ScanOne(const FoundFile& file, Depth depth, std::optional<uint64_t> header) {
-        ScanOptions scan{depth, header, {}};
+    FileFacts Do(const Job& job) {
+        ScanOptions scan{job.skipped ? Depth::kHeaders : job.depth, job.header, {}};
         if (options.progress) {
-            scan.progress = [this](uint64_t bytes) { options.progress(done += bytes, all); };
+            scan.progress = [this](uint64_t bytes) {
+                const std::lock_guard lock(progress_mutex);
+                options.progress(done += bytes, all);
+            };
         }
-        FileFacts facts = ScanFile(file, scan);
-        fault = fault || HasFault(facts);
-        return facts;
+        return ScanFile(*job.file, scan);
     }
+
+    static constexpr size_t kMostThreads = 64;  // each takes 36 MiB at most
 
     const Listing& listing;
     const BuildOptions& options;
-    uint64_t done = 0;
+    std::vector<Job> jobs;
     uint64_t all = 0;
-    bool fault = false;
+    std::mutex progress_mutex;
+    uint64_t done = 0;  // guarded by progress_mutex
 };
 
 // Returns true if any process that may be looked at has `file` open for writing.
@@ -129,15 +183,18 @@ void TellWhetherWritten(CaptureFacts& capture) {
         return;
     const FileFacts& last = capture.files.back();
     struct stat info;
-    if (!last.may_be_open || stat(last.path.c_str(), &info) != 0) return;
-    if (static_cast<uint64_t>(info.st_size) > last.size || IsOpenForWriting(info))
+    if (!last.may_be_open) return;
+    // Another name: the daemon has opened the next file meanwhile.
+    const bool renamed = stat(last.path.c_str(), &info) != 0;
+    if (renamed ? !FindRenamed(last.path).empty()
+                : static_cast<uint64_t>(info.st_size) > last.size || IsOpenForWriting(info))
         capture.state = CaptureFacts::State::kBeingWritten;
 }
 
 }  // namespace
 
 Model Build(const std::vector<std::string>& paths, const BuildOptions& options) {
-    Listing listing = Collect(paths);
+    Listing listing = Collect(paths, options.live);
     if (options.narrow) options.narrow(listing);
     Model model = Assemble(listing, Builder(listing, options).Scan(), options);
     for (Phone& phone : model.phones) {

@@ -22,11 +22,12 @@ class Stream {
         if (!file.readable || kind == HeaderFacts::Kind::kEmpty ||
             kind == HeaderFacts::Kind::kCut || kind == HeaderFacts::Kind::kNoBlock)
             return;
-        const OpenedFile opened = FileAt(file.path, file.size).open();
+        const OpenedFile opened = Reopen(file);
         if (!opened.source) {
             if (opened.error == ENOENT) return messages.Note(file.path, "gone, recycled meanwhile");
             return messages.IoError(file.path, opened.why);
         }
+        const bool live = file.kept && file.size == 0;  // a pipe
         FileFacts now = file;
         now.findings.clear();
         uint64_t at = 0;  // raw bytes of the file
@@ -38,6 +39,8 @@ class Stream {
                        if (!wanted) return true;
                        if (!reader.Unpack(block, output.Room(raw))) return false;
                        output.Filled(raw);
+                       // Who reads may wait for this block, and the next one may take its time.
+                       if (live) output.Flush();
                        messages.progress.At(done + block.offset);
                        return true;
                    });
@@ -61,14 +64,18 @@ RawRange RangeIn(const Selection& selection, const FileFacts& file) {
 }  // namespace
 
 int Cat(const Selection& selection, const std::string& output_path, const Phones& phones) {
-    Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
+    Messages messages(true);
+    if (!MayTakeBinary("cat", output_path)) return kUsageOrIo;
     // Where a part of a file begins is told by how many raw bytes the file has.
-    BuildOptions options{.depth = selection.parts.empty() ? Depth::kHeaders : Depth::kLengths};
+    const bool whole = selection.parts.empty();
+    BuildOptions options{.depth = whole ? Depth::kHeaders : Depth::kLengths, .live = whole};
     if (phones) options.phones = *phones;
     const Model model = Read(selection, options, messages);
     if (!AreWanted(model, phones, messages)) return messages.status;
     messages.Tell(model.findings);
     const std::vector<const FileFacts*> files = model.Files();
+    if (files.empty() && model.totals.power_on_logs != 0)
+        messages.Note("", "only a power-on log is here; name the file itself to have its stream");
     if (files.empty()) return messages.status;
     if (model.reordered)
         messages.Note("", "the files go in capture order, not in that of names or arguments");

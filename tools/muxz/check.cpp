@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -29,18 +30,27 @@ std::string Ratio(const char* format, double part, double of) {
     return of > 0 ? text : "-";
 }
 
+// Without the year, and without the date when it is that of the start.
+std::string EndOf(const CaptureFacts& capture) {
+    if (!capture.end) return "-";
+    const std::string end = ShowTime(*capture.end);
+    constexpr size_t kYear = 5, kDate = 11;  // characters
+    const bool same_day =
+        capture.start && ShowTime(*capture.start).substr(0, kDate) == end.substr(0, kDate);
+    return end.substr(same_day ? kDate : kYear);
+}
+
 void PrintCapture(const CaptureFacts& capture) {
     const double seconds = capture.Seconds().value_or(0);
     const auto raw = static_cast<double>(capture.blocks.raw);
-    printf("%8s  %-19s  %-19s  %12s  %5zu  %8s  %8s  %5s  %9s  %s%s\n",
+    printf("%7s  %-19s  %-14s  %8s %5zu %7s %7s %7s  %s%s\n",
            capture.index ? std::to_string(*capture.index).c_str() : "-",
-           TimeOr(capture.start, "-").c_str(), TimeOr(capture.end, "-").c_str(),
+           TimeOr(capture.start, "-").c_str(), EndOf(capture).c_str(),
            capture.Seconds() ? ShowDuration(static_cast<int64_t>(seconds)).c_str() : "-",
            capture.files.size(), Size(capture.blocks.raw, false).c_str(),
            Size(capture.size, false).c_str(),
-           Ratio("%.2f", raw, static_cast<double>(capture.blocks.packed)).c_str(),
-           Ratio("%.3f", raw / 1e6, seconds).c_str(), std::string(Text(capture.state)).c_str(),
-           capture.exception ? " EE" : "");
+           Ratio("%.3f", raw / 1e6, capture.CoveredSeconds().value_or(0)).c_str(),
+           std::string(Text(capture.state)).c_str(), capture.exception ? " EE" : "");
 }
 
 void PrintCaptures(const Phone& phone) {
@@ -48,10 +58,10 @@ void PrintCaptures(const Phone& phone) {
     for (const CaptureFacts& capture : phone.captures) {
         if (!capture.copy) captures.push_back(&capture);
     }
-    printf("%8s  %-19s  %-19s  %12s  %5s  %8s  %8s  %5s  %9s  %s\n", "CAPTURE", "START", "END",
-           "DURATION", "FILES", "RAW", "PACKED", "RATIO", "RAW MB/s", "STATE");
+    printf("%7s  %-19s  %-14s  %8s %5s %7s %7s %7s  %s\n", "CAPTURE", "START", "END", "DURATION",
+           "FILES", "RAW", "PACKED", "MB/s", "STATE");
     const size_t left_out = captures.size() > kMostRows ? captures.size() - kMostRows : 0;
-    if (left_out != 0) printf("%8s  %zu older captures: muxz ls shows them\n", "...", left_out);
+    if (left_out != 0) printf("%7s  %zu older captures: muxz ls shows them\n", "...", left_out);
     for (size_t i = left_out; i < captures.size(); ++i) PrintCapture(*captures[i]);
 }
 
@@ -63,11 +73,17 @@ void PrintExceptions(const Phone& phone) {
         if (when.exact) {
             text = "at " + (when.from ? ShowTime(*when.from) : ShowUtc(*when.utc)) +
                    ", as the modem told after it";
+            if (!when.marked) text += " (no folder name here says EE)";
         } else {
             text = "between " + TimeOr(when.from, "an unknown time") + " and " +
                    TimeOr(when.to, "an unknown time");
         }
         printf("exception   %s: %s\n", NameOf(capture).c_str(), text.c_str());
+        for (const UtcTime again : when.later) {
+            printf("exception   %s: once more at %s\n", NameOf(capture).c_str(),
+                   capture.utc_offset ? ShowTime(again + *capture.utc_offset).c_str()
+                                      : ShowUtc(again).c_str());
+        }
     }
 }
 
@@ -118,6 +134,10 @@ void PrintOffset(const Phone& phone) {
     }
 }
 
+std::string ColourOf(Finding::Kind kind, const std::string& text) {
+    return kind == Finding::Kind::kNote ? text : Coloured(Colour::kRed, text);
+}
+
 void PrintFindings(const Model& model, Finding::Kind kind, const char* word) {
     size_t count = 0;
     for (const Finding& finding : model.findings) {
@@ -125,47 +145,56 @@ void PrintFindings(const Model& model, Finding::Kind kind, const char* word) {
         const std::string path = finding.path.empty() ? "" : PrintablePath(finding.path) + ": ";
         const std::string offset =
             finding.offset ? "offset " + std::to_string(*finding.offset) + ": " : "";
-        printf("%-10s  %s%s%s\n", word, path.c_str(), offset.c_str(), finding.text.c_str());
+        char column[16];
+        snprintf(column, sizeof(column), "%-10s", word);
+        printf("%s  %s%s%s\n", ColourOf(kind, column).c_str(), path.c_str(), offset.c_str(),
+               finding.text.c_str());
     }
     if (count > kMostRows)
         printf("%-10s  %zu more: muxz verify tells all\n", word, count - kMostRows);
 }
 
 void PrintTotals(const Totals& totals) {
-    const std::string damage = totals.damaged_bytes == 0
-                                   ? ""
-                                   : ", " + std::to_string(totals.damaged_bytes) + " damaged (" +
-                                         (totals.raw_estimated ? "about " : "") +
-                                         std::to_string(totals.raw_missing) + " raw bytes missing)";
+    const std::string damage =
+        totals.damaged_bytes == 0
+            ? ""
+            : ", " + std::to_string(totals.damaged_bytes) + " damaged (" + RawMissing(totals) + ")";
     printf("bytes       %s raw, %s packed%s\n", Size(totals.blocks.raw, false).c_str(),
            Size(totals.size, false).c_str(), damage.c_str());
     if (totals.power_on_logs != 0)
-        printf("power-on    %s raw, which the captures hold too\n",
+        printf("power-on    %s raw, the first minute of the daemon once more, counted apart\n",
                Size(totals.power_on_blocks.raw, false).c_str());
 }
 
 }  // namespace
 
-int Check(const Selection& selection, bool quick, const Phones& phones) {
+int Check(const Selection& selection, bool quick, const Phones& phones, bool json) {
     Messages messages(true);
     const Model model = Read(selection,
                              {.depth = quick ? Depth::kLengths : Depth::kBlocks,
                               .phones = phones.value_or(PhoneChoice())},
                              messages);
     if (!AreWanted(model, phones, messages)) return messages.status;
+    if (json) return PrintJson(model, "check");
     for (size_t i = 0; i < model.phones.size(); ++i) {
         const Phone& phone = model.phones[i];
         if (model.phones.size() > 1) printf("%sphone %zu\n", i == 0 ? "" : "\n", i + 1);
-        if (!phone.captures.empty()) PrintCaptures(phone);
+        if (phone.captures.empty()) continue;
+        PrintCaptures(phone);
+        if (!phone.last_changes_kept)
+            puts(
+                "ends        unknown where \"-\" stands: files were copied without their times, or "
+                "the clock was set");
         PrintExceptions(phone);
         PrintCustom(phone);
         PrintOffset(phone);
     }
-    PrintTotals(model.totals);
+    if (model.totals.files + model.totals.power_on_logs != 0) PrintTotals(model.totals);
     PrintFindings(model, Finding::Kind::kUnreadable, "unreadable");
     PrintFindings(model, Finding::Kind::kFault, "fault");
     PrintFindings(model, Finding::Kind::kNote, "note");
-    puts(model.Verdict().c_str());
+    puts(
+        Coloured(model.Status() == kFine ? Colour::kGreen : Colour::kRed, model.Verdict()).c_str());
     return model.Status();
 }
 

@@ -17,20 +17,25 @@ namespace muxz {
 // What the files of several phones mean to a command: none was chosen, or the choice.
 using Phones = std::optional<PhoneChoice>;
 
+// `json`: prints the model for programs, and tells nothing else.
 // `all`: the modem record and unknown entries whole.
-int Info(const Selection& selection, bool all);
+int Info(const Selection& selection, bool all, bool json);
 
 int Cat(const Selection& selection, const std::string& output_path, const Phones& phones);
+// The newest capture of the tree at `path`, or the capture at `path`, and what comes after it,
+// until a signal ends that.
+int Follow(const std::string& path, const std::string& output_path);
 // `first`: tells the first fault and looks no further.
-int Verify(const Selection& selection, bool first);
+int Verify(const Selection& selection, bool first, bool json);
 int RecoverFiles(const std::vector<std::string>& paths, const std::string& output_path);
 // `quick`: reads the lengths of the blocks, but does not unpack them.
-int Check(const Selection& selection, bool quick, const Phones& phones);
+int Check(const Selection& selection, bool quick, const Phones& phones, bool json);
 
 struct LsOptions {
     bool raw = false;    // the unpacked sizes too
     bool exact = false;  // sizes in bytes
     bool files = false;  // every file of each capture
+    bool json = false;
 };
 int Ls(const Selection& selection, LsOptions options);
 

@@ -27,6 +27,11 @@ std::string When(std::optional<PhoneTime> time) {
     return time ? ShowTime(*time) : "an unknown time";
 }
 
+// Which capture a message is about, where the path of its folder does not say it.
+std::string OfCapture(const CaptureFacts& capture) {
+    return capture.name.empty() ? " of the capture of " + When(capture.start) : "";
+}
+
 bool AreElsewhere(const CaptureFacts& capture, uint32_t first, uint32_t last) {
     const std::set<uint32_t> others(capture.others.begin(), capture.others.end());
     if (last - first >= others.size()) return false;
@@ -45,9 +50,9 @@ void TellHole(CaptureFacts& capture, const FileFacts& before, const FileFacts& b
     hole.last_number = last;
     hole.from = before.closed ? before.closed : before.opened;
     hole.to = behind.opened;
-    hole.text = Range("file", "files", first, last) + Are(first, last) + " missing, between " +
-                When(hole.from) + (before.closed ? "" : " (file before it opened)") + " and " +
-                When(hole.to);
+    hole.text = Range("file", "files", first, last) + OfCapture(capture) + Are(first, last) +
+                " missing, between " + When(hole.from) +
+                (before.closed ? "" : " (file before it opened)") + " and " + When(hole.to);
     capture.findings.push_back(std::move(hole));
 }
 
@@ -74,15 +79,20 @@ Finding NoteOn(const std::string& path, Finding::What what, std::string text) {
 }
 
 void FindFileGaps(CaptureFacts& capture) {
+    if (capture.files.empty() && capture.whole) {
+        capture.findings.push_back(
+            NoteOn(capture.path, Finding::What::kFrontGone, "holds no log files"));
+        return;
+    }
     const FileFacts* before = nullptr;
     for (const FileFacts& file : capture.files) {
         if (!file.index) continue;
         if (before == nullptr) {
             if (*file.index != 0 && *file.index < kLargestGap && capture.whole) {
                 const uint32_t last = *file.index - 1;
-                Finding note =
-                    NoteOn(capture.path, Finding::What::kFrontGone,
-                           Range("file", "files", 0, last) + Are(0, last) + " gone: recycled?");
+                Finding note = NoteOn(capture.path, Finding::What::kFrontGone,
+                                      Range("file", "files", 0, last) + OfCapture(capture) +
+                                          Are(0, last) + " gone: recycled?");
                 note.first_number = 0;
                 note.last_number = last;
                 capture.findings.push_back(std::move(note));
@@ -93,7 +103,22 @@ void FindFileGaps(CaptureFacts& capture) {
         } else if (*file.index - *before->index > 1) {
             TellHole(capture, *before, file);
         }
+        const auto goes_by_name = [](const FileFacts& f) { return f.index == f.name_index; };
+        if (before != nullptr && goes_by_name(*before) && goes_by_name(file) && before->opened &&
+            file.opened && *file.opened < *before->opened) {
+            capture.findings.push_back(
+                NoteOn(file.path, Finding::What::kWrongName,
+                       "opened at " + When(file.opened) + ", the file before it at " +
+                           When(before->opened) + ": the clock or the time zone was set back"));
+        }
         before = &file;
+    }
+    // The newest file of a capture keeps ".tmp" in its name until the next one is opened.
+    const bool unfinished = quarn::log_names::IsUnfinished(capture.name);
+    if (unfinished && capture.whole && !capture.copy && !capture.files.back().may_be_open) {
+        capture.findings.push_back(NoteOn(
+            capture.path, Finding::What::kFrontGone,
+            "the newest file is not here: none is named .tmp, as the newest is in this folder"));
     }
 }
 

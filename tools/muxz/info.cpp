@@ -1,6 +1,4 @@
 // muxz info: the header of each file, what its blocks amount to and how it ends.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -9,6 +7,7 @@
 
 #include "sim/qrx_log_header.h"
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -175,9 +174,10 @@ void ShowBlocks(const FileFacts& file) {
 
 }  // namespace
 
-int Info(const Selection& selection, bool all) {
-    Messages messages(isatty(STDOUT_FILENO) == 0);
+int Info(const Selection& selection, bool all, bool json) {
+    Messages messages(true);
     const Model model = Read(selection, {.depth = Depth::kLengths}, messages);
+    if (json) return PrintJson(model, "info");
     for (const FileFacts* file : model.Files()) {
         if (!file->readable) continue;
         printf("%s\n", PrintablePath(file->path).c_str());

@@ -31,9 +31,13 @@ struct FoundFile {
     std::function<OpenedFile()> open;
     bool given = false;                 // its path itself was given
     std::pair<size_t, size_t> place{};  // as FileFacts has it
+    // The archive or pipe that the file is in; empty for a file on disk, whose path says where.
+    std::string container{};
 };
 // A file on disk.
 FoundFile FileAt(const std::string& path, uint64_t size);
+// Opens a file once more that was scanned.
+OpenedFile Reopen(const FileFacts& file);
 
 // Files that belong together by where they lie.
 struct FoundGroup {
@@ -59,6 +63,9 @@ struct Listing {
     std::vector<Finding> findings;
 };
 
-Listing Collect(const std::vector<std::string>& paths);
+// A path may be a pipe, or "-" for standard input, with a log file or an archive. What comes
+// through a pipe is read to its end, so that its size is known, unless it may be `live`: then a log
+// file is read as far as it is wanted, and its size is 0.
+Listing Collect(const std::vector<std::string>& paths, bool live = false);
 
 }  // namespace muxz

@@ -1,12 +1,11 @@
 // muxz ls: the captures, and on demand their files.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -53,7 +52,8 @@ class Lister {
         const std::string path =
             capture.name.empty() && !capture.files.empty()
                 ? capture.files.front().path + (capture.files.size() > 1 ? " ..." : "")
-                : capture.path;
+            : !capture.whole && capture.files.size() == 1 ? capture.files.front().path
+                                                          : capture.path;
         Row(capture.index ? std::to_string(*capture.index) : "-",
             capture.start ? ShowTime(*capture.start) : "-", std::to_string(capture.files.size()),
             Size(capture.size, options.exact), Size(capture.blocks.raw, options.exact), state,
@@ -79,9 +79,10 @@ class Lister {
 }  // namespace
 
 int Ls(const Selection& selection, LsOptions options) {
-    Messages messages(isatty(STDOUT_FILENO) == 0);
+    Messages messages(true);
     const Depth depth = options.raw ? Depth::kLengths : Depth::kHeaders;
     const Model model = Read(selection, {.depth = depth, .copies = options.raw}, messages);
+    if (options.json) return PrintJson(model, "ls");
     if (model.totals.captures + model.totals.copies + model.totals.power_on_logs != 0)
         Lister(options).List(model);
     messages.Tell(model.findings);

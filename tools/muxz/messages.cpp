@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 namespace muxz {
 
@@ -13,12 +14,15 @@ void Progress::At(uint64_t bytes) {
     const auto now = std::chrono::steady_clock::now();
     if (!active || now < next) return;
     next = now + std::chrono::milliseconds(250);
-    const double mib = 1024 * 1024;
-    const unsigned percent =
-        total == 0 ? 0 : static_cast<unsigned>(std::min<uint64_t>(100 * bytes / total, 100));
-    fprintf(stderr, "\r%3u%%  %.0f of %.0f MiB ", percent, static_cast<double>(bytes) / mib,
-            static_cast<double>(total) / mib);
+    const double seconds = std::chrono::duration<double>(now - start).count();
+    fprintf(stderr, "\r%s\033[K", ProgressLine(bytes, total, seconds).c_str());
     shown = true;
+}
+
+std::string Coloured(Colour colour, const std::string& text) {
+    const char* const unwanted = getenv("NO_COLOR");
+    if (isatty(STDOUT_FILENO) == 0 || (unwanted != nullptr && *unwanted != '\0')) return text;
+    return (colour == Colour::kRed ? "\033[31m" : "\033[32m") + text + "\033[0m";
 }
 
 void Progress::Clear() {

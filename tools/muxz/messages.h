@@ -21,12 +21,12 @@ constexpr int kFine = 0;
 constexpr int kFaults = 1;
 constexpr int kUsageOrIo = 2;
 
-// How far a long work is, on the terminal that takes the messages. Silent without one.
+// How far a long work is, how fast, and how long it still takes, on the terminal that takes the
+// messages. Silent without one.
 class Progress {
   public:
     explicit Progress(bool wanted);
 
-    bool is_active() const { return active; }
     void Expect(uint64_t bytes) { total = bytes; }
     void At(uint64_t bytes);
     void Clear();
@@ -34,10 +34,14 @@ class Progress {
   private:
     const bool active;
     bool shown = false;
-    uint64_t total = 0;
-    std::chrono::steady_clock::time_point next =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    uint64_t total = 0;  // bytes; 0: not known
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point next = start + std::chrono::milliseconds(500);
 };
+
+// Text for standard output, in colour where that is a terminal and NO_COLOR is not set.
+enum class Colour { kRed, kGreen };
+std::string Coloured(Colour colour, const std::string& text);
 
 // The messages and the exit status of one run. The status never gets better.
 class Messages {

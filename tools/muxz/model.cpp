@@ -39,6 +39,19 @@ std::optional<double> CaptureFacts::Seconds() const {
     return static_cast<double>(*end - *start);
 }
 
+std::optional<double> CaptureFacts::CoveredSeconds() const {
+    if (files.empty()) return std::nullopt;
+    // The folder is made when the stream begins, its first file when there are bytes to write.
+    double seconds = 0;
+    for (const FileFacts& file : files) {
+        const bool first = &file == &files.front() && file.index == 0u && start.has_value();
+        const std::optional<PhoneTime>& from = first ? start : file.opened;
+        if (!from || !file.closed) return std::nullopt;
+        seconds += static_cast<double>(*file.closed - *from);
+    }
+    return seconds > 0 ? std::optional(seconds) : std::nullopt;
+}
+
 const std::vector<CustomValue>& CaptureFacts::custom() const {
     static const std::vector<CustomValue> kNone;
     for (const FileFacts& file : files) {
@@ -51,6 +64,12 @@ std::string RawMissing(const Finding& finding) {
     if (!finding.raw_missing) return "the raw bytes in them are missing, how many is not known";
     return std::string(finding.raw_estimated ? "about " : "") +
            std::to_string(*finding.raw_missing) + " raw bytes are missing";
+}
+
+std::string RawMissing(const Totals& totals) {
+    if (totals.raw_missing == 0) return "how many raw bytes are missing is not known";
+    return std::string(totals.raw_estimated ? "about " : "") + std::to_string(totals.raw_missing) +
+           " raw bytes missing";
 }
 
 std::string_view Text(CaptureFacts::State state) {
@@ -110,17 +129,18 @@ std::string Model::Verdict() const {
     };
     const int status = Status();
     std::string what = count(totals.captures, "capture") + ", " + count(totals.files, "file");
-    if (status == 2) return "NOT ALL COULD BE READ: " + what;
+    if (status == 0 && totals.files == 0)
+        return "NOTHING THERE: " + what + ", " + count(totals.power_on_logs, "power-on log");
     if (status == 0) {
         if (depth == Depth::kBlocks) return "GOOD: " + what + ", every block unpacks";
         return "GOOD as far as looked at: " + what + ", every block has its place";
     }
-    std::string text = "NOT WHOLE: " + what + ", " + count(totals.faults, "fault");
+    std::string text = (status == 2 ? "NOT ALL COULD BE READ: " : "NOT WHOLE: ") + what;
+    if (status == 1 || totals.faults != 0) text += ", " + count(totals.faults, "fault");
     if (totals.holes != 0) text += ", " + count(totals.holes, "hole") + " among them";
     if (totals.damaged_bytes != 0) {
         text += ", " + std::to_string(totals.damaged_bytes) + " bytes damaged (" +
-                (totals.raw_estimated ? "about " : "") + std::to_string(totals.raw_missing) +
-                " raw bytes missing)";
+                RawMissing(totals) + ")";
     }
     return text;
 }

@@ -38,6 +38,7 @@
 
 namespace muxz {
 
+struct FoundFile;
 struct Listing;
 
 // --- findings
@@ -50,9 +51,9 @@ struct Finding {
         kCutEnd,       // a finished file ends within a block or its lengths
         kHeader,       // a header that is cut, damaged or not to be found
         kHole,         // file numbers missing within a capture
-        kFrontGone,    // the first files of a capture are missing
+        kFrontGone,    // the first files of a capture are missing, its newest one, or all
         kCaptureGone,  // a capture number, or one that the history names, is missing
-        kWrongName,    // a name that contradicts the header, or whose number is too large
+        kWrongName,    // a name that contradicts the header or the order, or of too large a number
         kTwice,        // two files of one place in the order
         kLeftOut,      // looks like a log, but is not counted
         kRecycled,     // went while muxz was reading
@@ -149,6 +150,7 @@ struct FileFacts {
     std::optional<UtcTime> last_change;
     bool readable = true;
     bool given = false;  // its path itself was given, not that of a folder around it
+    std::shared_ptr<const FoundFile> kept;  // of a file in an archive or pipe: how to open it again
     // Which of the given paths led to it, and its place by name in a heap.
     std::pair<size_t, size_t> place;
     uint64_t fingerprint = 0;  // of the first bytes behind the header; 0: there are none
@@ -176,6 +178,8 @@ struct ExceptionTime {
     std::optional<PhoneTime> from;
     std::optional<PhoneTime> to;  // as `from` when exact
     std::string told_by;          // path of the file whose header told; empty unless exact
+    std::vector<UtcTime> later;   // when exact: the modem told anew once more, in later files
+    bool marked = true;           // false: without a name that says so, only the modem's word
 };
 
 struct CaptureFacts {
@@ -196,11 +200,12 @@ struct CaptureFacts {
     std::vector<uint32_t> others;
     bool given = false;  // its path itself was given, not that of a tree around it
 
-    std::optional<PhoneTime> start;          // when its folder was made
-    std::optional<UtcTime> folder_time;      // the same instant, by its headers
-    std::optional<int32_t> utc_offset;       // seconds east of Greenwich: start - folder_time
-    std::optional<PhoneTime> end;            // when the last byte was written, at the latest
-    std::optional<ExceptionTime> exception;  // when it is marked EE
+    std::optional<PhoneTime> start;      // when its folder was made
+    std::optional<UtcTime> folder_time;  // the same instant, by its headers
+    std::optional<int32_t> utc_offset;   // seconds east of Greenwich: start - folder_time
+    std::optional<PhoneTime> end;        // when the last byte was written, at the latest
+    // When it is marked EE, or is of a heap and the modem told anew.
+    std::optional<ExceptionTime> exception;
 
     std::vector<FileFacts> files;  // in the order of the stream
     uint64_t size = 0;             // bytes of all files
@@ -210,7 +215,9 @@ struct CaptureFacts {
     bool raw_estimated = false;
     std::vector<Finding> findings;  // about the capture as a whole; those of its files are theirs
 
-    std::optional<double> Seconds() const;           // from start to end, when that is above 0
+    std::optional<double> Seconds() const;  // from start to end, when that is above 0
+    // As Seconds, but without the time of files that are missing: what its bytes came in.
+    std::optional<double> CoveredSeconds() const;
     const std::vector<CustomValue>& custom() const;  // of its first file that has any
 };
 
@@ -257,6 +264,9 @@ struct Totals {
     size_t power_on_logs = 0;
     BlockFacts power_on_blocks;  // apart from the others
 };
+
+// "about 4096 raw bytes missing". REQUIRES: there are damaged bytes.
+std::string RawMissing(const Totals& totals);
 
 enum class Depth {
     kHeaders,  // up to the first block
@@ -310,6 +320,7 @@ struct BuildOptions {
     // Leaves in a listing what is wanted of it; none: all of it.
     std::function<void(Listing& listing)> narrow = {};
     bool first_fault = false;  // reads no more than headers once a file has a fault
+    bool live = false;         // as Collect has it
     // Called now and then with the bytes of log files gone by so far, and those of all of them.
     std::function<void(uint64_t done, uint64_t all)> progress{};
 };

@@ -1,5 +1,6 @@
 // muxz: reads log files. Exit status: 0 fine, 1 faults in the data, 2 usage or input and output.
 #include <getopt.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <csignal>
@@ -11,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/version.h"
 #include "storage/log_names.h"
 #include "tools/muxz/commands.h"
 #include "tools/muxz/messages.h"
@@ -34,38 +36,46 @@ constexpr const char* kHelp = R"(muxz reads log files.
 
 A stretch of time is taken out by --from, --to, --around or --exception ("muxz cat --help").
 
-"muxz COMMAND --help" tells more. Exit status: 0 fine, 1 faults in the data, 2 usage or
-input and output. A file named ".tmp" is still being written and may end anywhere.
-PATH is a tree, a capture folder, a folder with files of any captures, or a file.
+"muxz help COMMAND" tells more, "muxz --version" which one this is. Exit status: 0 fine, 1 faults in
+the data, 2 usage or input and output. A file named ".tmp" is still being written and may end
+anywhere. PATH is a tree, a capture folder, a folder with files of any captures, a file, an archive of
+these (tar, also compressed, or zip), a pipe, or "-" for standard input. What comes through a pipe or
+lies packed in an archive takes room in the folder that TMPDIR names, else in /tmp.
 )";
 
-constexpr const char* kInfoHelp = R"(muxz info [-a] PATH...
+constexpr const char* kInfoHelp = R"(muxz info [-a] [--json] PATH...
 Shows the header of each file, what its blocks amount to and how it ends.
   -a, --all     the modem record and unknown entries whole
+      --json    all that is known, for programs (docs/muxz-json.md)
 Examples:
   muxz info logs/QRXMDLog_0_2024_0131_235959/QRXMDLog_0_2024_0131_235959.muxz
   muxz info -a logs/power_on_log.muxz
 )";
 
 constexpr const char* kCatHelp = R"(muxz cat [-o FILE] [--phone WHICH] PATH...
+muxz cat --follow [-o FILE] TREE
 Writes the raw stream of each PATH: a file, a capture folder (its files in the order of their
 numbers), a tree (its captures in capture order; power-on log and copies are left out) or a folder
 with files of any captures. Files given one by one are put into capture order too.
 What is damaged or missing is told, the rest is written, and the exit status is 1.
   -o, --output FILE   instead of standard output
+  --follow            the newest capture of a tree, and what the daemon adds to it and to captures
+                      after it, until Ctrl-C
   --phone WHICH       when the files are those of several phones: the number of one as ls shows it,
                       "all" for one after the other, "same" when it is one phone all the same
 Examples:
   muxz cat /data/vendor/radio/quarn/logs | sha256sum
   muxz cat -o stream.bin logs/QRXMDLog_3_2024_0131_235959t
   muxz cat logs/power_on_log.muxz > power_on.bin
+  adb exec-out tar -c -C /data/vendor/radio/quarn logs | muxz cat - > stream.bin
 )";
 
-constexpr const char* kVerifyHelp = R"(muxz verify [--first] PATH...
+constexpr const char* kVerifyHelp = R"(muxz verify [--first] [--json] PATH...
 Checks every block of each PATH, its lengths and that it unpacks, and that no file is missing
 between others. Tells every fault with file and byte offset, and their number; status 1 when there
 is one. Copies are left out, the power-on log counts apart.
   --first       tells the first fault and looks no further
+  --json        all that is known, for programs (docs/muxz-json.md)
 Examples:
   muxz verify /data/vendor/radio/quarn/logs
   muxz verify logs/QRXMDLog_0_2024_0131_235959/*.muxz
@@ -80,7 +90,7 @@ Examples:
   muxz recover disk_image | less
 )";
 
-constexpr const char* kLsHelp = R"(muxz ls [-r] [-b] [-f] [PATH...]
+constexpr const char* kLsHelp = R"(muxz ls [-r] [-b] [-f] [--json] [PATH...]
 Lists captures in capture order. PATH is /data/vendor/radio/quarn/logs by default.
 State: "newest" is the last capture, "being written" when a daemon has it open or it grows;
 "unfinished" when its name says so though a later one is there; EE: a modem exception; copy: made by
@@ -88,16 +98,18 @@ a copy command, or another capture holds the same.
   -r, --raw     the unpacked sizes too (reads the lengths of all blocks)
   -b, --bytes   sizes in bytes
   -f, --files   every file of each capture
+      --json    all that is known, for programs (docs/muxz-json.md)
 Examples:
   muxz ls
   muxz ls -r box/data/vendor/radio/quarn/logs
 )";
 
-constexpr const char* kCheckHelp = R"(muxz check [--quick] [--phone WHICH] PATH...
+constexpr const char* kCheckHelp = R"(muxz check [--quick] [--json] [--phone WHICH] PATH...
 Tells on one screen what the files hold: captures with start, end, sizes and rate; exceptions and
 when they were; what is damaged or missing; the phone and what changed; the UTC offset. The last
 line is the verdict. Status 0: good; 1: faults or holes; 2: something cannot be read.
   --quick         reads the lengths of the blocks, but does not unpack them
+  --json          all that is known, for programs (docs/muxz-json.md)
   --phone WHICH   as of cat
 Examples:
   muxz check ticket/logs
@@ -133,7 +145,7 @@ struct Arguments {
     Phones phones;
     StretchRequest stretch;
     std::vector<std::string> paths;
-    bool wrong = false;
+    std::string wrong;  // what is wrong with them; empty when nothing is
 
     bool Has(char letter) const { return letters.find(letter) != std::string::npos; }
 };
@@ -148,17 +160,16 @@ Phones ParsePhones(const std::string& text) {
 
 constexpr const char* kStretchOptions = "S:E:A:D:X::UL:";
 
-// Takes the option of `letter` when it is one of a stretch. Returns false, with a message, when its
-// value is none.
-bool TakeStretch(int letter, const char* value, StretchRequest& stretch) {
+// Takes the option of `letter` when it is one of a stretch. Returns what is wrong with its value.
+std::string TakeStretch(int letter, const char* value, StretchRequest& stretch) {
     StretchOptions& options = stretch.options;
-    const auto complain = [value](const char* what, const char* examples) {
-        fprintf(stderr, "muxz: not %s: %s (%s)\n", what, PrintablePath(value).c_str(), examples);
-        return false;
+    const auto unless = [value](bool good, const char* what, const char* examples) {
+        return good ? "" : std::string("not ") + what + ": " + value + ", but as " + examples;
     };
     const auto take_time = [&](std::optional<TimeArgument>& time) {
-        return (time = ParseTime(value)) ||
-               complain("a time", "14:32, 14:32:10, \"2026-11-23 14:32:10\", seconds since 1970");
+        time = ParseTime(value);
+        return unless(time.has_value(), "a time",
+                      "14:32, 14:32:10, \"2026-11-23 14:32:10\" or seconds since 1970");
     };
     switch (letter) {
         case 'S':
@@ -168,20 +179,21 @@ bool TakeStretch(int letter, const char* value, StretchRequest& stretch) {
         case 'A':
             return take_time(options.around);
         case 'D':
-            return (options.span = ParseSpan(value)) || complain("a span", "30s, 5m, 1h");
+            options.span = ParseSpan(value);
+            return unless(options.span.has_value(), "a span", "30s, 5m or 1h");
         case 'X':
             options.exception = true;
-            if (value == nullptr) return true;
-            return (options.exception_number = ParseDigits(value)) ||
-                   complain("a number", "1, 2, ...");
+            if (value == nullptr) return "";
+            options.exception_number = ParseDigits(value);
+            return unless(options.exception_number.has_value(), "a number", "1 or 2");
         case 'U':
             options.utc = true;
-            return true;
+            return "";
         case 'L':
             stretch.log_path = value;
-            return true;
+            return "";
         default:
-            return true;
+            return "";
     }
 }
 
@@ -203,13 +215,24 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
         {"exception", optional_argument, nullptr, 'X'},
         {"utc", no_argument, nullptr, 'U'},
         {"log", required_argument, nullptr, 'L'},
+        {"json", no_argument, nullptr, 'J'},
+        {"follow", no_argument, nullptr, 'W'},
         {nullptr, 0, nullptr, 0},
     };
     Arguments arguments;
-    // getopt tells of what is no option at all; of what another command has it knows nothing.
-    for (int letter; (letter = getopt_long(argc, argv, allowed, kLong, nullptr)) != -1;) {
-        if (letter == '?' || strchr(allowed, letter) == nullptr) {
-            arguments.wrong = true;
+    opterr = 0;
+    // A colon in front: a missing value is told by ':'.
+    const std::string letters = std::string(":") + allowed;
+    for (int letter; arguments.wrong.empty();) {
+        const int place = optind;
+        letter = getopt_long(argc, argv, letters.c_str(), kLong, nullptr);
+        if (letter == -1) break;
+        // Of what other commands have, getopt knows the long names.
+        const std::string word = optind > place ? argv[optind - 1] : argv[place];
+        if (letter == ':') {
+            arguments.wrong = "no value behind " + word;
+        } else if (letter == '?' || strchr(allowed, letter) == nullptr) {
+            arguments.wrong = "no such option: " + word;
         } else {
             arguments.letters += static_cast<char>(letter);
             if (letter == 'o') arguments.output = optarg;
@@ -217,11 +240,12 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
             // "--exception 2": getopt takes an optional value behind a "=" only.
             if (letter == 'X' && value == nullptr && optind < argc && ParseDigits(argv[optind]))
                 value = argv[optind++];
-            if (!TakeStretch(letter, value, arguments.stretch)) arguments.wrong = true;
-            if (letter == 'P' && !(arguments.phones = ParsePhones(optarg))) arguments.wrong = true;
+            arguments.wrong = TakeStretch(letter, value, arguments.stretch);
+            if (letter == 'P' && !(arguments.phones = ParsePhones(optarg)))
+                arguments.wrong = std::string("--phone is a number, all or same, not ") + optarg;
         }
     }
-    if (arguments.Has('o') && arguments.output.empty()) arguments.wrong = true;
+    if (arguments.Has('o') && arguments.output.empty()) arguments.wrong = "-o names no file";
     arguments.paths.assign(argv + optind, argv + argc);
     return arguments;
 }
@@ -236,14 +260,20 @@ struct Command {
 
 const std::map<std::string_view, Command> kCommands = {
     {"info",
-     {kInfoHelp, "ha", true, 1,
-      [](const Arguments& a, const Selection& files) { return Info(files, a.Has('a')); }}},
+     {kInfoHelp, "haJ", true, 1,
+      [](const Arguments& a, const Selection& files) {
+          return Info(files, a.Has('a'), a.Has('J'));
+      }}},
     {"cat",
-     {kCatHelp, "ho:P:", true, 1,
-      [](const Arguments& a, const Selection& files) { return Cat(files, a.output, a.phones); }}},
+     {kCatHelp, "ho:P:W", true, 1,
+      [](const Arguments& a, const Selection& files) {
+          return a.Has('W') ? Follow(a.paths[0], a.output) : Cat(files, a.output, a.phones);
+      }}},
     {"verify",
-     {kVerifyHelp, "hF", true, 1,
-      [](const Arguments& a, const Selection& files) { return Verify(files, a.Has('F')); }}},
+     {kVerifyHelp, "hFJ", true, 1,
+      [](const Arguments& a, const Selection& files) {
+          return Verify(files, a.Has('F'), a.Has('J'));
+      }}},
     {"recover",
      {kRecoverHelp, "ho:", false, 1,
       [](const Arguments& a, const Selection&) { return RecoverFiles(a.paths, a.output); }}},
@@ -253,67 +283,85 @@ const std::map<std::string_view, Command> kCommands = {
           return WriteReport(files, a.output, a.phones);
       }}},
     {"check",
-     {kCheckHelp, "hQP:", true, 1,
+     {kCheckHelp, "hQP:J", true, 1,
       [](const Arguments& a, const Selection& files) {
-          return Check(files, a.Has('Q'), a.phones);
+          return Check(files, a.Has('Q'), a.phones, a.Has('J'));
       }}},
     {"ls",
-     {kLsHelp, "hrbf", true, 0,
+     {kLsHelp, "hrbfJ", true, 0,
       [](const Arguments& a, const Selection& files) {
-          return Ls(files, {.raw = a.Has('r'), .exact = a.Has('b'), .files = a.Has('f')});
+          return Ls(
+              files,
+              {.raw = a.Has('r'), .exact = a.Has('b'), .files = a.Has('f'), .json = a.Has('J')});
       }}},
 };
 
-void Show(const Command& command, FILE* out) {
-    fputs(command.help, out);
-    if (command.stretch) fputs(kStretchHelp, out);
+int UsageError(const std::string& what, const std::string& help) {
+    fprintf(stderr, "muxz: %s (%s)\n", PrintablePath(what).c_str(), help.c_str());
+    return kUsageOrIo;
 }
 
-int UsageError(const char* help) {
-    fputs(help, stderr);
-    return kUsageOrIo;
+// What is wrong with the arguments together; empty when nothing is.
+std::string WrongTogether(const Arguments& arguments) {
+    const bool selects = arguments.stretch.options.Any() || !arguments.stretch.log_path.empty();
+    if (arguments.Has('W') && (arguments.paths.size() > 1 || arguments.phones || selects))
+        return "--follow wants one tree and no choice among its files";
+    // Time is looked for in all files before any is read whole.
+    for (const std::string& path : arguments.paths) {
+        struct stat info;
+        if (selects && (path == "-" || (stat(path.c_str(), &info) == 0 && S_ISFIFO(info.st_mode))))
+            return "a stretch of time wants files that can be read twice, not a pipe: " + path;
+    }
+    return "";
+}
+
+int Help(const std::string& name) {
+    const auto command = kCommands.find(name);
+    if (!name.empty() && command == kCommands.end())
+        return UsageError("no such command: " + name, "muxz help");
+    fputs(name.empty() ? kHelp : command->second.help, stdout);
+    if (!name.empty() && command->second.stretch) fputs(kStretchHelp, stdout);
+    return kFine;
 }
 
 int Run(int argc, char** argv) {
     const std::string name = argc > 1 ? argv[1] : "";
-    if (name == "--help" || name == "-h") {
-        fputs(kHelp, stdout);
+    if (name == "--help" || name == "-h") return Help("");
+    if (name == "help") return Help(argc > 2 ? argv[2] : "");
+    if (name == "--version" || name == "-V") {
+        printf("muxz %s\n", quarn::kVersion);
         return kFine;
     }
+    if (name.empty()) return UsageError("no command was given", "muxz help");
     const auto command = kCommands.find(name);
-    if (command == kCommands.end()) return UsageError(kHelp);
+    if (command == kCommands.end()) return UsageError("no such command: " + name, "muxz help");
     const Command& chosen = command->second;
 
-    std::string program = "muxz " + name;
-    argv[1] = program.data();  // for the messages of getopt
+    const std::string more = "muxz help " + name;
     const std::string allowed =
         std::string(chosen.allowed) + (chosen.stretch ? kStretchOptions : "");
     Arguments arguments = Parse(argc - 1, argv + 1, allowed.c_str());
-    if (arguments.Has('h')) {
-        Show(chosen, stdout);
-        return kFine;
-    }
-    if (const std::string wrong = arguments.stretch.options.Wrong(); !wrong.empty()) {
-        fprintf(stderr, "muxz: %s\n", wrong.c_str());
-        arguments.wrong = true;
-    }
-    if (arguments.wrong || arguments.paths.size() < chosen.least_paths) {
-        Show(chosen, stderr);
-        return kUsageOrIo;
-    }
+    if (arguments.wrong.empty()) arguments.wrong = arguments.stretch.options.Wrong();
+    if (arguments.wrong.empty()) arguments.wrong = WrongTogether(arguments);
+    if (!arguments.wrong.empty()) return UsageError(name + ": " + arguments.wrong, more);
+    if (arguments.Has('h')) return Help(name);
+    if (arguments.paths.size() < chosen.least_paths)
+        return UsageError(name + ": no path was given", more);
     Messages messages(false);
     Selection selection;
     selection.paths = arguments.paths;
     if (selection.paths.empty()) selection.paths.emplace_back(kDefaultTree);
-    if (!Select(arguments.stretch, selection, messages)) return messages.status;
+    if (!arguments.Has('W') && !Select(arguments.stretch, selection, messages))
+        return messages.status;
     return chosen.run(arguments, selection);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader that leaves and a limit on file sizes are told as errors of the write.
-    signal(SIGPIPE, SIG_IGN);
+    // A reader that leaves ends this program as it does others, also where a parent ignores that.
+    signal(SIGPIPE, SIG_DFL);
+    // A limit on file sizes is told as an error of the write.
     signal(SIGXFSZ, SIG_IGN);
     const int status = Run(argc, argv);
     if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;

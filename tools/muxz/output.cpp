@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "storage/log_names.h"
+#include "tools/muxz/listing.h"
 #include "tools/muxz/messages.h"
 
 namespace muxz {
@@ -71,6 +72,16 @@ void Output::Fail() {
     exit(kUsageOrIo);
 }
 
+bool MayTakeBinary(const char* command, const std::string& output_path) {
+    if (!output_path.empty() || isatty(STDOUT_FILENO) == 0) return true;
+    fprintf(
+        stderr,
+        "muxz %s: the raw stream is binary and not for a terminal: name a file with -o FILE, or "
+        "send it on through a pipe\n",
+        command);
+    return false;
+}
+
 bool MayOverwrite(const std::string& path, const Model& model, Messages& messages) {
     char real[PATH_MAX];  // a link may lead to one
     const std::string name(LastComponent(realpath(path.c_str(), real) != nullptr ? real : path));
@@ -79,8 +90,8 @@ bool MayOverwrite(const std::string& path, const Model& model, Messages& message
     if (stat(path.c_str(), &out) != 0) return true;
     const std::vector<const FileFacts*> files = model.Files();
     const bool is_input = std::any_of(files.begin(), files.end(), [&](const FileFacts* file) {
-        return stat(file->path.c_str(), &in) == 0 && in.st_dev == out.st_dev &&
-               in.st_ino == out.st_ino;
+        const std::string& read = file->kept ? file->kept->container : file->path;
+        return stat(read.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino;
     });
     if (!is_input && !is_log) return true;
     messages.IoError(path, "is a log file, it is not overwritten");

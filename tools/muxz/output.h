@@ -24,11 +24,12 @@ class Output {
     // Room for `size` bytes, to be filled and then told to `Filled`.
     uint8_t* Room(size_t size);
     void Filled(size_t size) { used += size; }
+    // Writes what was gathered.
+    void Flush();
     // A file system may tell only now that it had no room.
     void Close();
 
   private:
-    void Flush();
     void Write(Bytes bytes);
     [[noreturn]] void Fail();
 
@@ -39,6 +40,9 @@ class Output {
     size_t capacity = 0;
     size_t used = 0;
 };
+
+// Returns false, and tells, when the raw stream would go to a terminal.
+bool MayTakeBinary(const char* command, const std::string& output_path);
 
 // An existing log must not be lost by a slip of the arguments. Returns false, and tells, when
 // `path` is a log file or holds what the model was read from.

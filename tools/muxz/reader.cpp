@@ -16,7 +16,7 @@ using quarn::log_file::kBlockHeaderSize;
 namespace {
 
 constexpr size_t kReadPiece = size_t{1024} * 1024;  // bytes
-constexpr size_t kSkimPiece = 4096;                 // bytes
+constexpr size_t kSkimPiece = 512;                  // bytes
 
 }  // namespace
 
@@ -30,7 +30,7 @@ BlockReader::~BlockReader() = default;
 
 bool BlockReader::EndWith(End end, std::string why) {
     how = window.error() != 0 ? End::kReadError : end;
-    text = window.error() != 0 ? strerror(window.error()) : std::move(why);
+    text = window.error() != 0 ? window.why() : std::move(why);
     return false;
 }
 
@@ -62,9 +62,9 @@ bool BlockReader::Next(Block& block) {
                            (length ? std::to_string(length->value) : "no valid number"));
     }
 
-    // Only the last byte is looked at when the others are not wanted.
+    // Bytes that are not wanted are not read.
     const bool whole = mode == Mode::kBytes ? (bytes = window.At(at, size)).size() >= size
-                                            : !window.At(at + size - 1, 1).empty();
+                                            : window.Reaches(at + size);
     if (!whole) {
         rest = window.At(at, size).size();
         return EndWith(End::kCutBlock, "the file ends within a block of " +

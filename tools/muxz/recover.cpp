@@ -23,7 +23,7 @@ class Rescue {
     Rescue(Output& to, Messages& told) : output(to), messages(told) {}
 
     void Take(const FileFacts& file) {
-        const OpenedFile opened = FileAt(file.path, file.size).open();
+        const OpenedFile opened = Reopen(file);
         if (!opened.source) return messages.IoError(file.path, opened.why);
         path = file.path;
         foreign = false;
@@ -94,7 +94,8 @@ class Rescue {
 }  // namespace
 
 int RecoverFiles(const std::vector<std::string>& paths, const std::string& output_path) {
-    Messages messages(!output_path.empty() || isatty(STDOUT_FILENO) == 0);
+    Messages messages(true);
+    if (!MayTakeBinary("recover", output_path)) return kUsageOrIo;
     const Model model = Build(paths, {});
     const std::vector<const FileFacts*> files = model.Files();
     for (const Finding& finding : model.findings) {

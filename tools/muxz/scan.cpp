@@ -26,6 +26,7 @@ class Scanner {
         TakeName(from.path);
         facts.given = from.given;
         facts.place = from.place;
+        if (!from.container.empty()) facts.kept = std::make_shared<FoundFile>(from);
     }
 
     FileFacts Scan() {

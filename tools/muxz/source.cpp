@@ -1,5 +1,6 @@
 #include "tools/muxz/source.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,8 @@ using quarn::log_file::kMaxLength;
 
 static_assert(sizeof(off_t) == 8, "files may be larger than 2 GiB");
 
+std::string Source::Why(int error) const { return strerror(error); }
+
 ssize_t MemorySource::ReadAt(uint64_t offset, uint8_t* out, size_t size) {
     if (offset >= bytes.size()) return 0;
     const Bytes piece = bytes.subspan(static_cast<size_t>(offset));
@@ -29,6 +32,16 @@ ssize_t FileSource::ReadAt(uint64_t offset, uint8_t* out, size_t size) {
         got = pread(fd, out, size, static_cast<off_t>(offset));
     } while (got == -1 && errno == EINTR);
     return got;
+}
+
+uint64_t FileSource::Size() const {
+    struct stat info;
+    return fstat(fd, &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+}
+
+bool Window::Reaches(uint64_t size) {
+    if (size > known) known = source.Size();
+    return size <= known || !At(size - 1, 1).empty();
 }
 
 Bytes Window::At(uint64_t offset, size_t size) {

@@ -1,6 +1,10 @@
 #include "tools/muxz/text.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
+
+#include "tools/muxz/times.h"
 
 namespace muxz {
 
@@ -37,6 +41,22 @@ std::string Size(uint64_t bytes, bool exact) {
     char text[32];
     snprintf(text, sizeof(text), "%.1f%c", value, *unit);
     return text;
+}
+
+std::string ProgressLine(uint64_t bytes, uint64_t total, double seconds) {
+    constexpr double kMib = 1024 * 1024;
+    const auto done = static_cast<double>(bytes), all = static_cast<double>(total);
+    const double rate = seconds > 0 ? done / seconds : 0;
+    std::array<char, 128> text{};
+    if (total == 0) {
+        snprintf(text.data(), text.size(), "%.0f MiB, %.0f MiB/s", done / kMib, rate / kMib);
+        return text.data();
+    }
+    snprintf(text.data(), text.size(), "%3.0f%%  %.0f of %.0f MiB, %.0f MiB/s",
+             std::min(100 * done / all, 100.0), done / kMib, all / kMib, rate / kMib);
+    if (rate <= 0) return text.data();
+    const double left = std::max(all - done, 0.0) / rate;
+    return text.data() + (", " + ShowDuration(static_cast<int64_t>(left + 0.5)) + " left");
 }
 
 }  // namespace muxz

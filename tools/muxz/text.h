@@ -16,4 +16,7 @@ std::string PrintablePath(std::string_view path);
 // Bytes for people, as "1.5M", or all digits when it is to be exact.
 std::string Size(uint64_t bytes, bool exact);
 
+// How far a work on `total` bytes is after that many seconds; 0: how many they are is not known.
+std::string ProgressLine(uint64_t bytes, uint64_t total, double seconds);
+
 }  // namespace muxz

@@ -119,36 +119,51 @@ void TellEnds(Phone& phone) {
     }
 }
 
-// The first file whose modem information is of another time than that of the file before it.
-const FileFacts* FirstRestart(const CaptureFacts& capture) {
-    for (size_t i = 1; i < capture.files.size(); ++i) {
-        const auto &before = capture.files[i - 1].header.modem,
-                   &now = capture.files[i].header.modem;
-        if (before && now && now->time && now->time != before->time) return &capture.files[i];
+// The files whose modem information is of another time than what the modem had told before. That it
+// tells for the first time is no restart.
+std::vector<const FileFacts*> Restarts(const CaptureFacts& capture) {
+    std::vector<const FileFacts*> restarts;
+    std::optional<UtcTime> before;
+    for (const FileFacts& file : capture.files) {
+        const auto& modem = file.header.modem;
+        const bool stranger = file.header.folder_time != capture.folder_time;
+        if (!modem || !modem->time || stranger) continue;
+        if (before && modem->time != before) restarts.push_back(&file);
+        before = modem->time;
     }
-    return nullptr;
+    return restarts;
 }
 
 void TellException(CaptureFacts& capture) {
-    if (!capture.exception) return;
+    const std::vector<const FileFacts*> restarts = Restarts(capture);
+    if (!capture.exception) {
+        // Out of its folder a capture has lost the mark, unless a file bears it.
+        if (!capture.name.empty() || restarts.empty()) return;
+        capture.exception.emplace().marked = false;
+    }
     ExceptionTime& when = *capture.exception;
-    if (const FileFacts* file = FirstRestart(capture)) {
+    if (!restarts.empty()) {
+        const FileFacts& first = *restarts.front();
         when.exact = true;
-        when.utc = file->header.modem->time;
+        when.utc = first.header.modem->time;
         if (capture.utc_offset) when.from = when.to = *when.utc + *capture.utc_offset;
-        when.told_by = file->path;
+        when.told_by = first.path;
+        for (size_t i = 1; i < restarts.size(); ++i) {
+            when.later.push_back(*restarts[i]->header.modem->time);
+        }
         return;
     }
-    // The files that are opened behind an exception carry its mark.
+    // Files that are opened between the exception and the modem's return bear its mark. Mostly none
+    // is: then it was at any time of the capture.
     when.from = capture.start;
-    for (const FileFacts& file : capture.files) {
-        if (file.exception) {
-            when.to = file.opened;
-            return;
-        }
-        if (file.opened) when.from = file.opened;
+    if (capture.whole) when.to = capture.end;
+    const auto marked = std::find_if(capture.files.begin(), capture.files.end(),
+                                     [](const FileFacts& file) { return file.exception; });
+    if (marked == capture.files.end()) return;
+    when.to = marked->opened;
+    for (auto file = capture.files.begin(); file != marked; ++file) {
+        if (file->opened) when.from = file->opened;
     }
-    when.to = capture.end;
 }
 
 }  // namespace

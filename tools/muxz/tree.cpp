@@ -46,6 +46,11 @@ constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
+// A name that a browser or a person made of a log file's: "... (1).muxz", "... .muxz.gz".
+bool LooksLikeLog(const std::string& name) {
+    return name != names::kPowerOnLog && name.find(".muxz") != std::string::npos;
+}
+
 struct Entry {
     std::string name;
     bool is_folder;
@@ -106,26 +111,34 @@ bool ParseCapture(const std::string& name, Capture& capture) {
     return true;
 }
 
-bool ParseLogFile(const std::string& name, LogFile& file) {
-    const std::optional<names::Name> parsed = names::ParseFile(name);
-    const auto index = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
-    if (!index) return false;
-    file = {name, *index, std::string(parsed->time), !parsed->suffix.empty(), 0};
-    return true;
-}
-
-uint64_t PackedBytes(Capture capture) {
+// The files of a capture, on disk or not.
+std::vector<HeldFile> FilesOf(Capture capture) {
+    if (capture.held) return *capture.held;
+    const auto folder = std::make_shared<const Fd>(OpenCapture(capture));
     std::vector<LogFile> files;
     std::vector<Complaint> ignored;
-    ListFiles(OpenCapture(capture), "", files, ignored);
+    ListFiles(*folder, "", files, ignored);
+    std::vector<HeldFile> held;
+    for (const LogFile& file : files) {
+        const auto open = [folder, file]() -> std::unique_ptr<Source> {
+            std::string why;
+            LogFile present = file;
+            Fd fd = OpenFile(*folder, present, why);
+            return fd ? std::make_unique<OwnFileSource>(std::move(fd)) : nullptr;
+        };
+        held.push_back({file, {}, {}, open});
+    }
+    return held;
+}
+
+uint64_t PackedBytes(const Capture& capture) {
     uint64_t bytes = 0;
-    for (const LogFile& file : files) bytes += file.size;
+    for (const HeldFile& file : FilesOf(capture)) bytes += file.size;
     return bytes;
 }
 
-bool SameBeginning(const Fd& a, const Fd& b) {
-    FileSource source_a(a.get()), source_b(b.get());
-    Window window_a(source_a, kCompared), window_b(source_b, kCompared);
+bool SameBeginning(Source& a, Source& b) {
+    Window window_a(a, kCompared), window_b(b, kCompared);
     const Bytes bytes_a = window_a.At(0, kCompared), bytes_b = window_b.At(0, kCompared);
     const size_t size = std::min({bytes_a.size(), bytes_b.size(), kCompared});
     return size != 0 && memcmp(bytes_a.data(), bytes_b.data(), size) == 0;
@@ -133,23 +146,17 @@ bool SameBeginning(const Fd& a, const Fd& b) {
 
 // Whether any file of one capture is a copy of its namesake in the other. Two log folders may give
 // the same number and time to captures of their own, so names alone do not tell.
-bool HoldsSame(Capture a, Capture b) {
-    const Fd folder_a = OpenCapture(a), folder_b = OpenCapture(b);
-    std::vector<LogFile> files_a, files_b;
-    std::vector<Complaint> ignored;
-    if (!ListFiles(folder_a, "", files_a, ignored) || !ListFiles(folder_b, "", files_b, ignored))
-        return false;
-    std::string why;
-    std::map<std::tuple<uint32_t, std::string, bool>, LogFile*> by_name;
-    for (LogFile& file_b : files_b) {
+bool HoldsSame(const Capture& a, const Capture& b) {
+    const std::vector<HeldFile> files_a = FilesOf(a), files_b = FilesOf(b);
+    std::map<std::tuple<uint32_t, std::string, bool>, const HeldFile*> by_name;
+    for (const HeldFile& file_b : files_b) {
         by_name.try_emplace({file_b.index, file_b.time, file_b.exception}, &file_b);
     }
-    for (LogFile& file_a : files_a) {
+    for (const HeldFile& file_a : files_a) {
         const auto namesake = by_name.find({file_a.index, file_a.time, file_a.exception});
         if (namesake == by_name.end()) continue;
-        const Fd fd_a = OpenFile(folder_a, file_a, why),
-                 fd_b = OpenFile(folder_b, *namesake->second, why);
-        if (fd_a && fd_b && SameBeginning(fd_a, fd_b)) return true;
+        const auto source_a = file_a.open(), source_b = namesake->second->open();
+        if (source_a && source_b && SameBeginning(*source_a, *source_b)) return true;
     }
     return false;
 }
@@ -297,6 +304,14 @@ bool LookUpAgain(const Fd& folder, LogFile& file) {
 
 }  // namespace
 
+bool ParseLogFile(const std::string& name, LogFile& file) {
+    const std::optional<names::Name> parsed = names::ParseFile(name);
+    const auto index = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
+    if (!index) return false;
+    file = {name, *index, std::string(parsed->time), !parsed->suffix.empty(), 0};
+    return true;
+}
+
 bool CaptureAt(const std::string& path, Capture& capture) {
     std::string own = path;
     char real[PATH_MAX];
@@ -340,6 +355,9 @@ bool ListFiles(const Fd& folder, const std::string& path, std::vector<LogFile>& 
             files.push_back(std::move(file));
         } else if (names::ParseFile(entry.name)) {
             complaints.push_back({Complaint::Kind::kFault, path + "/" + entry.name, kBadNumber});
+        } else if (!entry.is_folder && LooksLikeLog(entry.name)) {
+            complaints.push_back({Complaint::Kind::kLeftOut, path + "/" + entry.name,
+                                  "left out, its name is not quite that of a log file"});
         }
     }
     OrderByIndex(files);

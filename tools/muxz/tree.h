@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -14,6 +17,7 @@
 #include <vector>
 
 #include "storage/log_names.h"
+#include "tools/muxz/source.h"
 
 namespace muxz {
 
@@ -38,12 +42,27 @@ class Fd {
     int fd = -1;
 };
 
+class OwnFileSource : public FileSource {
+  public:
+    explicit OwnFileSource(Fd open_fd) : FileSource(open_fd.get()), fd(std::move(open_fd)) {}
+
+  private:
+    const Fd fd;
+};
+
 struct LogFile {
     std::string name;
     uint32_t index;
     std::string time;
     bool exception;
     uint64_t size;  // bytes, when it was listed
+};
+
+// A log file that is no file on disk.
+struct HeldFile : LogFile {
+    std::string path;
+    std::optional<int64_t> last_change;  // UTC
+    std::function<std::unique_ptr<Source>()> open;
 };
 
 struct Capture {
@@ -54,6 +73,8 @@ struct Capture {
     bool exception;
     bool finished;
     bool copy;  // a copy command put it there, or another capture of the tree holds the same
+    // In the order of their numbers; null: they are on disk.
+    std::shared_ptr<const std::vector<HeldFile>> held;
 
     std::string path() const { return folder + "/" + name; }
 };
@@ -79,6 +100,9 @@ struct Tree {
 // The capture whose folder is `path`, by its name; false when it is none or its number too large.
 // `path` may end in "." or "..".
 bool CaptureAt(const std::string& path, Capture& capture);
+
+// What the name of a log file tells; false when it is none or its number too large.
+bool ParseLogFile(const std::string& name, LogFile& file);
 
 // Links to folders are not followed. False with errno when `root` itself cannot be read.
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints);

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/muxz/commands.h"
+#include "tools/muxz/json.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/reading.h"
 
@@ -19,15 +20,16 @@ void TellFirst(const Model& model, Messages& messages) {
 }
 
 void PrintCounts(size_t files, const BlockFacts& blocks) {
-    printf("%zu files, %" PRIu64 " blocks, %" PRIu64 " raw bytes", files, blocks.blocks,
-           blocks.raw);
+    printf("%zu file%s, %" PRIu64 " block%s, %" PRIu64 " raw bytes", files, files == 1 ? "" : "s",
+           blocks.blocks, blocks.blocks == 1 ? "" : "s", blocks.raw);
 }
 
 }  // namespace
 
-int Verify(const Selection& selection, bool first) {
+int Verify(const Selection& selection, bool first, bool json) {
     Messages messages(true);
     const Model model = Read(selection, {.depth = Depth::kBlocks, .first_fault = first}, messages);
+    if (json) return PrintJson(model, "verify");
     if (first && model.Status() != kFine) {
         TellFirst(model, messages);
         return messages.status;
@@ -35,16 +37,18 @@ int Verify(const Selection& selection, bool first) {
     messages.Tell(model.findings);
     const Totals& totals = model.totals;
     if (totals.files + totals.power_on_logs == 0) return messages.status;
-    if (totals.files != 0 || totals.power_on_logs == 0) PrintCounts(totals.files, totals.blocks);
     if (totals.power_on_logs != 0) {
-        printf("%sof the power-on log ", totals.files != 0 ? ", apart from them " : "");
+        printf("power-on log: ");
         PrintCounts(totals.power_on_logs, totals.power_on_blocks);
+        puts("");
     }
+    PrintCounts(totals.files, totals.blocks);
     if (totals.faults == 0) {
         puts(messages.status == kFine ? ": every block is good" : ": not all could be read");
     } else {
-        printf(": %zu faults, %zu of them holes, %" PRIu64 " bytes damaged\n", totals.faults,
-               totals.holes, totals.damaged_bytes);
+        printf(": %zu fault%s (%zu hole%s), %" PRIu64 " bytes damaged\n", totals.faults,
+               totals.faults == 1 ? "" : "s", totals.holes, totals.holes == 1 ? "" : "s",
+               totals.damaged_bytes);
     }
     return messages.status;
 }

@@ -12,15 +12,23 @@ void TellLoss(const Loss& loss, FileFacts& facts) {
     finding.offset = loss.offset;
     finding.length = loss.length;
     finding.raw_missing = loss.raw;
-    if (!loss.raw && facts.blocks.packed != 0) {
-        const double ratio =
-            static_cast<double>(facts.blocks.raw) / static_cast<double>(facts.blocks.packed);
-        finding.raw_missing = static_cast<uint64_t>(static_cast<double>(loss.length) * ratio);
-        finding.raw_estimated = true;
-    }
-    finding.text +=
-        "; " + std::to_string(loss.length) + " bytes passed over, " + RawMissing(finding);
     facts.damaged_bytes += loss.length;
+}
+
+// What lost blocks do not say themselves is estimated by the ratio of the file's good ones.
+void EstimateLosses(FileFacts& facts, size_t first) {
+    for (size_t i = first; i < facts.findings.size(); ++i) {
+        Finding& finding = facts.findings[i];
+        if (!finding.raw_missing && facts.blocks.packed != 0) {
+            const double ratio =
+                static_cast<double>(facts.blocks.raw) / static_cast<double>(facts.blocks.packed);
+            finding.raw_missing =
+                static_cast<uint64_t>(static_cast<double>(finding.length) * ratio);
+            finding.raw_estimated = true;
+        }
+        finding.text +=
+            "; " + std::to_string(finding.length) + " bytes passed over, " + RawMissing(finding);
+    }
 }
 
 void TellEnd(const BlockReader& reader, FileFacts& facts) {
@@ -61,6 +69,7 @@ Finding& AddFinding(FileFacts& facts, Finding::Kind kind, Finding::What what, st
 void WalkBlocks(Source& source, BlockReader::Mode mode, FileFacts& facts,
                 const std::function<bool(BlockReader&, const Block&)>& take) {
     BlockReader reader(source, facts.header.length, mode);
+    const size_t first_loss = facts.findings.size();
     for (bool more = true; more;) {
         for (Block block; reader.Next(block) && take(reader, block);) {
             facts.blocks.Add(block.lengths);
@@ -70,8 +79,11 @@ void WalkBlocks(Source& source, BlockReader::Mode mode, FileFacts& facts,
         facts.end_reason = reader.reason();
         Loss loss;
         more = reader.GoOn(loss);
+        if (more && facts.end == End::kCutBlock)
+            facts.end_reason = "block says more packed bytes than the file has left";
         if (loss.length != 0) TellLoss(loss, facts);
     }
+    EstimateLosses(facts, first_loss);
     facts.trailing = reader.trailing();
     TellEnd(reader, facts);
 }

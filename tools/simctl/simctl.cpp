@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,7 +19,7 @@ namespace {
 
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
 
-constexpr int kPatience = 30;                // seconds, for the whole reply
+constexpr int kPatience = 30;                        // seconds, for the whole reply
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; the phone's own are far shorter
 
 constexpr const char* kHelp =
@@ -30,7 +31,10 @@ constexpr const char* kHelp =
     "\n"
     "  --version   prints the version\n"
     "\n"
-    "\"simctl help\" has the phone list its commands. \"simctl get KEY\" prints one value of \"simctl\n"
+    "\"simctl help\" lists the commands, without a phone too. \"simctl check FILE\" tells which "
+    "lines\n"
+    "of a scenario are wrong; it wants no phone either. \"simctl get KEY\" prints one value of "
+    "\"simctl\n"
     "state\" alone, for scripts.\n"
     "Exit status: 0 done, 1 the phone refused, 2 wrongly called, 3 the phone cannot be reached.\n";
 
@@ -90,6 +94,26 @@ ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::tim
     }
 }
 
+// Tells on standard output, a line each, which lines of a scenario no phone would take.
+int CheckScenario(const std::vector<std::string>& words) {
+    if (words.size() != 2) return Complain(kUsage, "check wants one file");
+    if (!std::ifstream(words[1])) return Complain(kUsage, "cannot read " + words[1]);
+    const auto faults = sim::Console("").CheckScenario(words[1]);
+    for (const auto& [line, why] : faults) {
+        printf("%s, line %d: %s\n", words[1].c_str(), line, why.c_str());
+    }
+    return faults.empty() ? kOk : kRefused;
+}
+
+int ShowHelp(const std::vector<std::string>& words) {
+    std::string line;
+    for (const std::string& word : words) line += word + ' ';
+    const sim::Reply reply = sim::Console("").Execute(line);
+    if (!reply.ok) return Complain(kRefused, reply.text);
+    fputs(reply.text.c_str(), stdout);
+    return kOk;
+}
+
 // Prints the reply's lines as they come, up to its mark.
 int PrintReply(int fd) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kPatience);
@@ -140,6 +164,8 @@ int main(int argc, char** argv) {
     if (words[0].starts_with('-')) {
         return Complain(kUsage, "no such option: " + words[0] + " (simctl --help)");
     }
+    if (words[0] == "check") return CheckScenario(words);
+    if (words[0] == "help") return ShowHelp(words);
     if (box.empty()) box = DefaultBox();
 
     std::string line;

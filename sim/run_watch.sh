@@ -1,0 +1,238 @@
+# What ./run shows while it runs: a line of status, and each event of note once. Sourced by ./run.
+#
+# Reads $box, $kept_log, $tools, $storage; $logs is the log folder as this script can reach it.
+# shellcheck shell=bash disable=SC2154,SC2034 # what ./run sets, and what it reads
+
+declare -A phone=()             # the simulated phone's state, as it was last told
+declare -A size_of=()           # of this run's log files, by key: bytes when they were last seen
+declare -A earlier=()           # keys of the log files of earlier runs
+seen=$box/modem/seen            # second names of this run's log files, by key
+packed=0 files_there=0          # bytes in, and number of, the log files that are there
+recycled_files=0 recycled_bytes=0 recycled_raw=0 recycled_uncounted=0 recycled_earlier=0
+exceptions=0 stalls=0 drops=0 scenario_fault=
+log_at=0 log_inode=''
+
+# --- the terminal ---
+
+# Numbers as people read them: 1234567 is "1.2 MB".
+human() { # BYTES
+    local n=$1 unit=B fraction='' next
+    for next in kB MB GB TB; do
+        [ "$n" -ge 1000 ] || break
+        fraction=.$((n % 1000 / 100)) n=$((n / 1000)) unit=$next
+    done
+    echo "$n$fraction $unit"
+}
+
+status_shown=
+on_terminal=
+if [ -t 2 ] && [ -z "${show_log-}" ]; then on_terminal=yes; fi
+measure_terminal() { width=$(stty size <&2 2>/dev/null | cut -d' ' -f2); [ "${width:-0}" -gt 0 ] || width=80; }
+
+# What does not fit the width is left out. No escape codes: every terminal knows a carriage return.
+clear_status() {
+    [ -n "$status_shown" ] || return 0
+    printf '\r%*s\r' ${#status_shown} '' >&2
+    status_shown=
+}
+show_status() { # TEXT
+    local text=${1:0:$((width - 1))}
+    printf '\r%s%*s' "$text" $((${#status_shown} > ${#text} ? ${#status_shown} - ${#text} : 0)) '' >&2
+    status_shown=$text
+}
+tell() { # TEXT, which may hold names that others have chosen
+    clear_status
+    echo "run: ${1//[[:cntrl:]]/?}" >&2
+}
+
+# --- the phone ---
+
+simctl() { "$tools/simctl" --box "$box" "$@" 2>/dev/null; }
+
+# Fails while the phone does not answer.
+ask_phone() {
+    local line
+    phone=()
+    while IFS= read -r line; do phone[${line%%: *}]=${line#*: }; done < <(simctl state)
+    [ -n "${phone[host_sent]-}" ] || { phone=(); return 1; } # nothing, or not up to the last row
+    [ -z "$storage" ] || logs=/proc/${phone[pid]}/root$tree
+}
+
+phone_does() {
+    [ ${#phone[@]} -gt 0 ] || { echo "phone does not answer"; return; }
+    local text=${phone[log_mode]#* }
+    if [ "${phone[log_device]}" = removed ]; then text="log device removed"
+    elif [ "${phone[port_open]}" = no ]; then text="port closed"
+    elif [ "${phone[stream]}" = stopped ]; then text="stream stopped"
+    elif [ "${phone[at_its_end]}" = yes ]; then text="replay at its end"; fi
+    text=${text//[()]/}
+    [ "${phone[sprinkled_faults]%% *}" = 0 ] || text+=", ${phone[sprinkled_faults]} faults"
+    echo "$text"
+}
+
+# --- the log files ---
+
+# A file keeps its key while it and its folder get other names: "QRXMDLog_3_.../QRXMDLog_0_....muxz.tmp"
+# is "3-0".
+key_of() { # PATH; sets $key
+    [[ $1 =~ /QRXMDLog_([0-9]+)_[^/]*/QRXMDLog_([0-9]+)_[^/]*$ ]] && key=${BASH_REMATCH[1]}-${BASH_REMATCH[2]}
+}
+
+# The log files of this run: "BYTES PATH".
+list_files() {
+    find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %p\n' 2>/dev/null
+}
+
+# Before the daemon starts: what is there is not of this run.
+note_earlier_files() {
+    local path key
+    while IFS= read -r path; do
+        if key_of "$path"; then earlier[$key]=yes; fi
+    done < <(find "$logs" -type f 2>/dev/null)
+    rm -rf "$seen" && mkdir "$seen"
+}
+
+# Each file gets a second name, under which it can be looked at once it has been recycled. A phone
+# with a storage of its own has no room for that.
+scan_files() {
+    local size path key
+    packed=0 files_there=0
+    while IFS=' ' read -r size path; do
+        key_of "$path" || continue
+        packed=$((packed + size)) files_there=$((files_there + 1))
+        if [ -z "${size_of[$key]-}" ] && [ -z "$storage" ]; then ln "$path" "$seen/$key" 2>/dev/null; fi
+        size_of[$key]=$size
+    done < <(list_files)
+}
+
+forget_file() { # PATH of a file that has been recycled
+    local key size raw
+    key_of "$1" || return 0
+    recycled_now=$((recycled_now + 1))
+    [ -z "${earlier[$key]-}" ] || { recycled_earlier=$((recycled_earlier + 1)); return 0; }
+    recycled_files=$((recycled_files + 1))
+    if size=$(stat -c %s "$seen/$key" 2>/dev/null) &&
+        raw=$("$tools/muxz" cat "$seen/$key" 2>/dev/null | wc -c; exit "${PIPESTATUS[0]}"); then
+        recycled_raw=$((recycled_raw + raw))
+    else
+        size=${size_of[$key]-0} recycled_uncounted=$((recycled_uncounted + 1))
+    fi
+    recycled_bytes=$((recycled_bytes + size))
+    rm -f "$seen/$key"
+}
+
+# --- the Android log ---
+
+# Errors that a daemon in good order writes too; docs/android-log.md tells why.
+harmless='quarn_property_set: rc 0|folder already created|quarn\.cfg failed, errno=No such|failed to get platform data|no modem info|missing modem info|is closed, try reopen|file_io: already close|left tot_read_len|md_time_sync_handle: (wait|stop)|errno = Interrupted|msg fail, close it|receive cmd fail, rc=0|restart quarn'
+of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLog is removed|LogFileRecycler: remove |log buffer stall count|: drop [0-9]+ bytes'
+
+declare -A last_told=()
+# An event that comes again and again is told once until it has not come for ten seconds.
+tell_once() { # KIND TEXT
+    local before=${last_told[$1]--10}
+    last_told[$1]=$SECONDS
+    [ $((SECONDS - before)) -lt 10 ] || tell "$2"
+}
+
+starts=0 recycled_now=0
+note_line() { # LINE of the kept log
+    local text=${1#* QUARN   : }
+    case $text in
+        "start init quarn")
+            starts=$((starts + 1))
+            [ $starts = 1 ] || tell "the daemon has started anew"
+            ;;
+        "notify_handler: ntfy_code=6") exceptions=$((exceptions + 1)); tell "exception of the modem" ;;
+        *"wwanD0MDLog is removed"*) tell "the modem's log device is removed: the daemon asks for its restart" ;;
+        "LogFileRecycler: remove folder "*) tell "recycled: folder ${text##*/}" ;;
+        "LogFileRecycler: remove file "*) forget_file "$text" ;;
+        "log buffer stall count: "*) stalls=$((stalls + ${text##* })); tell_once stall "the ring was full: the modem waits" ;;
+        *": drop "*" bytes"*)
+            text=${text#*: drop }
+            drops=$((drops + ${text%% *}))
+            tell "the daemon dropped ${text%% *} bytes"
+            ;;
+        *" E SIM "*) note_fault "${1#* SIM     : }" ;;
+        *) [[ $text =~ $harmless ]] || tell_once "${text//[0-9]/}" "error: $text" ;;
+    esac
+}
+
+note_fault() { # WHERE: WHY
+    local line=${1#*, line }
+    case $1 in
+        /box/modem/scenario,*) scenario_fault="$scenario, line $line" ;;
+        /box/modem/*) scenario_fault=${1#/box/modem/} ;;
+        *) tell "${1#after: }" ;;
+    esac
+}
+
+read_log() { # FILE FROM SIZE
+    local line
+    while IFS= read -r line; do note_line "$line"; done < <(
+        tail -c "+$(($2 + 1))" "$1" 2>/dev/null | head -c $(($3 - $2)) | grep -aE "$of_note"
+    )
+}
+
+follow_log() {
+    local inode size
+    read -r inode size < <(stat -c '%i %s' "$kept_log" 2>/dev/null) || return 0
+    if [ -n "$log_inode" ] && [ "$inode" != "$log_inode" ]; then
+        read_log "$kept_log.old" "$log_at" "$(stat -c %s "$kept_log.old" 2>/dev/null || echo 0)"
+        log_at=0
+    fi
+    log_inode=$inode
+    [ "$size" -le "$log_at" ] || read_log "$kept_log" "$log_at" "$size"
+    log_at=$size
+    case $recycled_now in
+        0) ;;
+        1) tell "recycled: a file" ;;
+        *) tell "recycled: $recycled_now files" ;;
+    esac
+    recycled_now=0
+}
+
+# --- the line ---
+
+declare -a samples=() # "MILLISECONDS HANDED-OVER PACKED", of the last eight seconds
+milliseconds() { local now=${EPOCHREALTIME//[.,]/}; echo $((now / 1000)); }
+
+delivered_so_far() {
+    local n=0
+    { read -r n <"$box/modem/delivered"; } 2>/dev/null
+    echo $((10#${n:-0}))
+}
+
+# Not for a subshell: it keeps samples. The text is in $status_line.
+make_status() {
+    local raw total now first ms ratio=- in=0 out=0 time
+    raw=$(delivered_so_far)
+    total=$((packed + recycled_bytes))
+    now=$(milliseconds)
+    samples+=("$now $raw $total")
+    while [ ${#samples[@]} -gt 2 ] && [ $((now - ${samples[0]%% *})) -gt 8000 ]; do samples=("${samples[@]:1}"); done
+    read -r ms first <<<"${samples[0]}"
+    if [ $((now - ms)) -gt 0 ]; then
+        in=$(((raw - ${first% *}) * 1000 / (now - ms)))
+        out=$(((total - ${first#* }) * 1000 / (now - ms)))
+    fi
+    [ $total = 0 ] || ratio=$((raw / total)).$((raw * 10 / total % 10))
+    printf -v time '%d:%02d' $((SECONDS / 60)) $((SECONDS % 60))
+    status_line="$time $(phone_does)  in $(human $in)/s out $(human $((out > 0 ? out : 0)))/s"
+    status_line+="  stalls $stalls drops $drops"
+    status_line+="  $(human "$raw") > $(human $total) ($ratio)  files $files_there"
+}
+
+last_line=0
+# Looks at everything once; the line is for a terminal, or comes every eight seconds.
+watch() {
+    follow_log
+    scan_files
+    make_status
+    if [ -n "$on_terminal" ]; then
+        show_status "$status_line"
+    elif [ $((SECONDS - last_line)) -ge 8 ]; then
+        last_line=$SECONDS
+        echo "run: $status_line" >&2
+    fi
+}

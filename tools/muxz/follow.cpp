@@ -1,0 +1,229 @@
+// muxz cat --follow: the raw stream of the newest capture, and of all that comes after it.
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tools/muxz/commands.h"
+#include "tools/muxz/messages.h"
+#include "tools/muxz/output.h"
+#include "tools/muxz/reader.h"
+#include "tools/muxz/scan.h"
+#include "tools/muxz/tree.h"
+
+namespace muxz {
+
+namespace {
+
+constexpr int kPause = 100;        // milliseconds between two looks
+constexpr int kLooksPerTree = 10;  // a look into the whole tree every so many
+
+volatile sig_atomic_t ended = 0;
+
+// The first Ctrl-C ends the loop behind a block; the second one, or a reader that does not read, is
+// not waited for.
+void EndOnSignals() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { ended = 1; };
+    action.sa_flags = SA_RESETHAND;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// A file that is read as it grows. It stays open, so its name may change.
+class Growing {
+  public:
+    Growing(FoundFile found_file, std::optional<uint64_t> header)
+        : found(std::move(found_file)), likely_header(header) {}
+
+    // Writes the blocks that have come. Returns true if there were any.
+    bool Write(Output& output, Messages& messages) {
+        if (!source && !Open(messages)) return false;
+        BlockReader reader(*source, offset);
+        bool any = false;
+        for (Block block; ended == 0 && reader.Next(block); any = true) {
+            const size_t raw = block.lengths.raw_length;
+            if (!reader.Unpack(block, output.Room(raw))) break;
+            output.Filled(raw);
+            offset = block.offset + quarn::log_file::kBlockHeaderSize + block.lengths.packed_length;
+        }
+        end = reader.end();
+        if (end == End::kReadError && !std::exchange(failed, true))
+            messages.IoError(found.path, reader.reason());
+        if (end == End::kDamaged) any = PassOver(reader, messages) || any;
+        return any;
+    }
+
+    // Tells what is wrong with a file that grows no more.
+    void Finish(Messages& messages) const {
+        if (!source) {
+            messages.Note(found.path, "holds no blocks");
+        } else if (end == End::kCutBlock) {
+            messages.FaultAt(found.path, offset, "the file ends within a block");
+        }
+    }
+
+    // Bytes of another writer's header; none while that is not known.
+    std::optional<uint64_t> header() const { return likely_header; }
+
+  private:
+    // Returns true once the header is there.
+    bool Open(Messages& messages) {
+        const FileFacts facts = ScanFile(found, {Depth::kHeaders, likely_header, {}});
+        if (!facts.readable && !std::exchange(failed, true)) messages.Tell(facts.findings);
+        const auto kind = facts.header.kind;
+        if (kind == HeaderFacts::Kind::kEmpty || kind == HeaderFacts::Kind::kCut ||
+            kind == HeaderFacts::Kind::kNoBlock || !facts.readable)
+            return false;
+        // A file renamed meanwhile has been found by its new name.
+        source = Reopen(facts).source;
+        offset = facts.header.length;
+        if (kind == HeaderFacts::Kind::kForeign) likely_header = offset;
+        return source != nullptr;
+    }
+
+    bool PassOver(BlockReader& reader, Messages& messages) {
+        if (std::exchange(told, offset) == offset) return false;
+        const std::string reason = reader.reason();
+        Loss loss{};
+        const bool more = reader.GoOn(loss);
+        messages.FaultAt(found.path, offset,
+                         reason + "; " + std::to_string(loss.length) + " bytes passed over");
+        offset = loss.offset + loss.length;
+        return more;
+    }
+
+    const FoundFile found;
+    std::optional<uint64_t> likely_header;
+    std::unique_ptr<Source> source;
+    uint64_t offset = 0;         // of the next block
+    uint64_t told = UINT64_MAX;  // where damage was told last
+    bool failed = false;         // an error of the system was told
+    End end = End::kWhole;
+};
+
+class Follower {
+  public:
+    Follower(std::string log_tree, const std::string& output_path)
+        : root(std::move(log_tree)), messages(false), output(output_path) {}
+
+    int Run() {
+        for (int looks = 0; ended == 0; ++looks) {
+            if (file && file->Write(output, messages)) {
+                output.Flush();
+                continue;
+            }
+            if (GoOn(looks % kLooksPerTree == 0)) continue;
+            poll(nullptr, 0, kPause);
+        }
+        output.Close();
+        return messages.status;
+    }
+
+    // Begins there instead of with the newest capture.
+    void BeginWith(Capture first) { capture = std::move(first); }
+
+  private:
+    // Goes on to the next file, if there is one: then the one before has its last byte.
+    bool GoOn(bool look_into_tree) {
+        std::optional<LogFile> next = NextFile();
+        Capture later;
+        if (!next && (!look_into_tree || !NextCapture(later))) return false;
+        if (file) {
+            while (file->Write(output, messages)) {
+            }
+            file->Finish(messages);
+            output.Flush();
+            header = file->header();
+        }
+        // A file may have come while the tree was looked at.
+        if (!next) next = NextFile();
+        if (!next) {
+            capture = later;
+            index.reset();
+            file.reset();
+            return true;
+        }
+        file.emplace(FileAt(capture->path() + "/" + next->name, next->size), header);
+        index = next->index;
+        return true;
+    }
+
+    // The file behind the present one in its capture.
+    std::optional<LogFile> NextFile() {
+        if (!capture) return std::nullopt;
+        std::vector<LogFile> files;
+        std::vector<Complaint> ignored;
+        const Fd folder = OpenCapture(*capture);
+        if (!ListFiles(folder, capture->path(), files, ignored) || files.empty())
+            return std::nullopt;
+        if (!index) return files.front();
+        const auto present = std::find_if(files.begin(), files.end(),
+                                          [&](const LogFile& f) { return f.index == *index; });
+        // The present one may be recycled already.
+        const auto next = present != files.end()
+                              ? present + 1
+                              : std::find_if(files.begin(), files.end(), [&](const LogFile& f) {
+                                    return f.index - *index < UINT32_MAX / 2;
+                                });
+        return next == files.end() ? std::nullopt : std::optional(*next);
+    }
+
+    // The capture behind the present one; the newest when there is none.
+    bool NextCapture(Capture& next) const {
+        Tree tree;
+        std::vector<Complaint> ignored;
+        if (!ListTree(root, tree, ignored)) return false;
+        std::erase_if(tree.captures, [](const Capture& c) { return c.copy; });
+        if (tree.captures.empty()) return false;
+        const auto present =
+            std::find_if(tree.captures.begin(), tree.captures.end(), [this](const Capture& c) {
+                return capture && c.folder == capture->folder && c.index == capture->index &&
+                       c.time == capture->time;
+            });
+        if (present == tree.captures.end()) {
+            next = tree.captures.back();
+        } else if (present + 1 != tree.captures.end()) {
+            next = *(present + 1);
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    const std::string root;
+    Messages messages;
+    Output output;
+    std::optional<Capture> capture;
+    std::optional<uint32_t> index;   // of the present file
+    std::optional<uint64_t> header;  // as Growing has it, of the last file
+    std::optional<Growing> file;
+};
+
+}  // namespace
+
+int Follow(const std::string& path, const std::string& output_path) {
+    if (!MayTakeBinary("cat", output_path)) return kUsageOrIo;
+    Messages messages(false);
+    Capture first;
+    const bool is_capture = CaptureAt(path, first);
+    const std::string root = is_capture ? first.folder : path;
+    if (!OpenFolder(root)) {
+        messages.IoError(path, errno == ENOTDIR ? "is no log tree to follow" : strerror(errno));
+        return messages.status;
+    }
+    if (!output_path.empty() && !MayOverwrite(output_path, {}, messages)) return messages.status;
+    EndOnSignals();
+    Follower follower(root, output_path);
+    if (is_capture) follower.BeginWith(first);
+    return follower.Run();
+}
+
+}  // namespace muxz
