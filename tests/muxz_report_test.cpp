@@ -303,7 +303,7 @@ TEST(MuxzStretch, IsWhatEveryCommandKeepsTo) {
         {"cat --around '2026-11-23 10:01' --span 12s", 0, "jk", "file 0, 10:00:54 to 10:01:00"},
         {"cat --from 10:01:14 --to 10:01:40 --log /box/log", 0, "mnopq", "± 46 s"},
         {"ls -f --to 10:01:30", 0, "QRXMDLog_1_2026", "10:01:30 is that of 2026-11-23"},
-        {"verify --from 10:00:30 --to 10:00:40", 0, "1 files, 10 blocks, 10000 raw bytes", ""},
+        {"verify --from 10:00:30 --to 10:00:40", 0, "1 file, 10 blocks, 10000 raw bytes", ""},
         {"check --to 10:01:30", 0, "GOOD: 1 capture, 2 files", ""},
         {"info --around 10:00:10", 0, "_100000.muxz", ""},
         {"report --log /box/log", 0, "the budget, 7.34 MB", ""},
