@@ -1,27 +1,37 @@
 #include "sim/order.h"
 
-#include <array>
+#include <charconv>
+#include <span>
 
 namespace sim {
 
-std::optional<uint64_t> Number(std::string_view word, uint64_t max) {
-    static constexpr std::array<std::pair<std::string_view, uint64_t>, 7> kUnits = {
-        {{"", 1},
-         {"k", 1000},
-         {"M", 1000'000},
-         {"G", 1000'000'000},
-         {"Ki", 1 << 10},
-         {"Mi", 1 << 20},
-         {"Gi", 1 << 30}}};
+namespace {
+
+struct Unit {
+    std::string_view name;
+    uint64_t factor;
+};
+
+// The number with its unit, in the smallest one; nothing when it is none or above `max`.
+std::optional<uint64_t> WithUnit(std::string_view word, std::span<const Unit> units, uint64_t max) {
     uint64_t value = 0;
     const char* const end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, value);
     if (error != std::errc()) return std::nullopt;
     const std::string_view unit(stop, static_cast<size_t>(end - stop));
-    for (const auto& [name, factor] : kUnits) {
+    for (const auto& [name, factor] : units) {
         if (unit == name && value <= max / factor) return value * factor;
     }
     return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<uint64_t> Number(std::string_view word, uint64_t max) {
+    static constexpr Unit kUnits[] = {
+        {"", 1},         {"k", 1000},     {"M", 1000'000}, {"G", 1000'000'000},
+        {"Ki", 1 << 10}, {"Mi", 1 << 20}, {"Gi", 1 << 30}};
+    return WithUnit(word, kUnits, max);
 }
 
 Order BadNumber(std::string_view what, const std::string& word, uint64_t max) {
@@ -34,20 +44,12 @@ Order NotAbsolute(const std::string& path) {
 }
 
 std::optional<std::chrono::milliseconds> Duration(std::string_view word) {
-    static constexpr std::array<std::pair<std::string_view, uint64_t>, 6> kUnits = {
-        {{"ms", 1}, {"", 1000}, {"s", 1000}, {"m", 60'000}, {"h", 3600'000}, {"d", 86'400'000}}};
+    static constexpr Unit kUnits[] = {{"ms", 1},     {"", 1000},      {"s", 1000},
+                                      {"m", 60'000}, {"h", 3600'000}, {"d", 86'400'000}};
     constexpr uint64_t kMost = 315'360'000'000;  // ten years
-    uint64_t value = 0;
-    const char* const end = word.data() + word.size();
-    const auto [stop, error] = std::from_chars(word.data(), end, value);
-    if (error != std::errc()) return std::nullopt;
-    const std::string_view unit(stop, static_cast<size_t>(end - stop));
-    for (const auto& [name, factor] : kUnits) {
-        if (unit == name && value <= kMost / factor) {
-            return std::chrono::milliseconds(value * factor);
-        }
-    }
-    return std::nullopt;
+    const auto value = WithUnit(word, kUnits, kMost);
+    if (!value) return std::nullopt;
+    return std::chrono::milliseconds(*value);
 }
 
 }  // namespace sim

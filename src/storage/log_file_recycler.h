@@ -56,12 +56,12 @@ class LogFileRecycler {
     // 0 when the tree is within `config.recycle_size` MB afterwards, -1 when it could not be read
     // or still holds more. `current_folder` is the path of the capture being written, or else of
     // the one before; empty: none. The folder history is read again when it has changed.
-    int32_t CheckAndRecycle(const RECYCLE_CONFIG& config, const std::string& current_folder);
+    int32_t CheckAndRecycle(const RECYCLE_CONFIG& config, const std::string& current_folder = {});
 
   private:
     LogFileRecycler() = default;
 
-    void BuildLogFolderHistoryIndex(const std::string& current_folder);
+    void BuildLogFolderHistoryIndex(const std::string& current_folder = {});
     // Where a folder lies that is traversed.
     struct Place {
         int depth;     // below the root, or below the folder that a link leads to

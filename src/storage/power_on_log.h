@@ -20,9 +20,9 @@ constexpr const char* kPowerOnLogPath = "/data/vendor/radio/quarn/logs/power_on_
 
 // Once at start-up: starts the thread that waits for the end of the first minute.
 void PowerOnLogInit();
-// A capture folder was created at `folder_time`: begins the file, if that has not been done. Runs
-// under `io_mutex` of `g_file_io`.
-void PowerOnLogStart(time_t folder_time);
+// A capture folder was created at `folder_time` (0: not known): begins the file, if that has not
+// been done. Runs under `io_mutex` of `g_file_io`.
+void PowerOnLogStart(time_t folder_time = 0);
 // The bytes that have just gone to the current log file: whole blocks, with `last` and one stray
 // byte behind them, which is left out. Runs under `io_mutex`.
 void PowerOnLogWrite(char const* buf, unsigned int len, bool last);
