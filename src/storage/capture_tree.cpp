@@ -101,9 +101,9 @@ bool CaptureTree::CreateTopFolders() {
                        strerror(errno));
             return false;
         }
-        for (const std::string& folder : {config_folder, folder_of_captures}) {
-            if (quarn_check_dir_exist(folder.c_str())) continue;
-            if (!CreateFolder("file_io", folder)) return false;
+        for (const std::string& path : {config_folder, folder_of_captures}) {
+            if (quarn_check_dir_exist(path.c_str())) continue;
+            if (!CreateFolder("file_io", path)) return false;
         }
         QUARN_LOGI("file_io: create folder %s", base_folder.c_str());
         next_folder_idx = 0;
@@ -112,10 +112,10 @@ bool CaptureTree::CreateTopFolders() {
     }
 
     QUARN_LOGE("file_io: folder already created");
-    for (const std::string& folder : {config_folder, folder_of_captures}) {
-        if (quarn_check_dir_exist(folder.c_str())) {
-            QUARN_LOGE("file_io: %s folder already created", folder.c_str());
-        } else if (!CreateFolder("file_io", folder)) {
+    for (const std::string& path : {config_folder, folder_of_captures}) {
+        if (quarn_check_dir_exist(path.c_str())) {
+            QUARN_LOGE("file_io: %s folder already created", path.c_str());
+        } else if (!CreateFolder("file_io", path)) {
             return false;
         }
     }
@@ -168,8 +168,8 @@ bool CaptureTree::Begin(const std::string& suffix) {
     FinishLatestFolder();
 
     // What they hold may be new. On a phone init makes the base folder itself.
-    for (const std::string& folder : {base_folder, top_log_folder, folder_of_captures}) {
-        sync.FolderChanged(folder);
+    for (const std::string& path : {base_folder, top_log_folder, folder_of_captures}) {
+        sync.FolderChanged(path);
     }
     latest_folder_path = folder_path;
     ++next_folder_idx;
@@ -188,11 +188,10 @@ bool CaptureTree::CreateBaseFolders() {
 }
 
 bool CaptureTree::EnsureLogFolders() {
-    for (const std::string& folder : {top_log_folder, folder_of_captures}) {
-        if (quarn_check_dir_exist(folder.c_str())) continue;
-        if (!CreateFolder("file_io io_open", folder)) return false;
-    }
-    return true;
+    const auto is_there = [](const std::string& folder) {
+        return quarn_check_dir_exist(folder.c_str()) || CreateFolder("file_io io_open", folder);
+    };
+    return is_there(top_log_folder) && is_there(folder_of_captures);
 }
 
 void CaptureTree::PickNextIndex() {
@@ -216,8 +215,8 @@ void CaptureTree::PickNextIndex() {
 
 CaptureTree::Found CaptureTree::FindLatestFolder() const {
     Found unfinished, any;
-    OpenFolder folder(folder_of_captures);
-    while (const char* const entry = folder.next()) {
+    OpenFolder entries(folder_of_captures);
+    while (const char* const entry = entries.next()) {
         const std::string_view name = entry;
         if (name.find(log_names::kPrefix) == std::string_view::npos) continue;
         const std::optional<uint32_t> idx = log_names::IndexOf(name);
@@ -237,8 +236,8 @@ CaptureTree::Found CaptureTree::FindLatestFolder() const {
 
 std::string CaptureTree::FindLatestFile(const std::string& in_folder) {
     QUARN_LOGI("file_io: latest foler path=%s", in_folder.c_str());
-    OpenFolder folder(in_folder);
-    while (const char* const entry = folder.next()) {
+    OpenFolder entries(in_folder);
+    while (const char* const entry = entries.next()) {
         if (std::string_view(entry).find(log_names::kOpenEnding) == std::string_view::npos)
             continue;
         std::string path = in_folder + "/" + entry;

@@ -57,10 +57,10 @@ bool LogFile::WriteHeader(time_t folder_time, uint32_t file_idx) {
 
 LogFile::Appended LogFile::Append(std::string_view bytes) {
     const AppendUndo undo(channel.fd);
-    const int written = channel.common_write(bytes.data(), static_cast<int>(bytes.size()));
+    const int taken = channel.common_write(bytes.data(), static_cast<int>(bytes.size()));
     sync.Written(channel.fd, file_path);  // a failed write may leave whole blocks
-    if (written >= 0) {
-        file_written += static_cast<uint32_t>(written);
+    if (taken >= 0) {
+        file_written += static_cast<uint32_t>(taken);
         return {.whole = true};
     }
     if (undo.Undo()) return {};

@@ -151,8 +151,8 @@ class Reader {
         // One compressed file without an archive around it has the name of the whole.
         const bool raw = archive_format(archive) == ARCHIVE_FORMAT_RAW;
         if (raw) {
-            inner = LastComponent(path);
-            inner = inner.substr(0, inner.rfind('.'));
+            const std::string_view whole = LastComponent(path);
+            inner = whole.substr(0, whole.rfind('.'));
         }
         const std::string_view name = LastComponent(inner);
         if (!IsWanted(name) && !raw) return true;

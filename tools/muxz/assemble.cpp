@@ -168,7 +168,8 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
             whole = whole && group.whole;
         }
     }
-    for (CaptureFacts& capture : GroupHeap(std::move(heap))) {
+    std::vector<CaptureFacts> grouped = GroupHeap(std::move(heap));
+    for (CaptureFacts& capture : grouped) {
         capture.whole = whole;
         capture.others = others;
         captures.push_back(std::move(capture));

@@ -73,8 +73,8 @@ class Builder {
         for (const std::vector<FileFacts>& group : scanned) {
             const std::optional<uint64_t> header = CommonHeader(group);
             for (const FileFacts& file : group) {
-                Job& job = jobs[place++];
-                if (header && Contradicts(file, *header)) job.header = header;
+                if (header && Contradicts(file, *header)) jobs[place].header = header;
+                ++place;
             }
         }
         Run([](const Job& job) { return job.header.has_value(); });

@@ -1,6 +1,7 @@
 // muxz check: on one screen, whether all is there and good, and when the modem crashed.
 #include <algorithm>
 #include <cstdio>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -54,15 +55,15 @@ void PrintCapture(const CaptureFacts& capture) {
 }
 
 void PrintCaptures(const Phone& phone) {
-    std::vector<const CaptureFacts*> captures;
+    std::vector<const CaptureFacts*> shown;
     for (const CaptureFacts& capture : phone.captures) {
-        if (!capture.copy) captures.push_back(&capture);
+        if (!capture.copy) shown.push_back(&capture);
     }
     printf("%7s  %-19s  %-14s  %8s %5s %7s %7s %7s  %s\n", "CAPTURE", "START", "END", "DURATION",
            "FILES", "RAW", "PACKED", "MB/s", "STATE");
-    const size_t left_out = captures.size() > kMostRows ? captures.size() - kMostRows : 0;
+    const size_t left_out = shown.size() > kMostRows ? shown.size() - kMostRows : 0;
     if (left_out != 0) printf("%7s  %zu older captures: muxz ls shows them\n", "...", left_out);
-    for (size_t i = left_out; i < captures.size(); ++i) PrintCapture(*captures[i]);
+    for (const CaptureFacts* capture : std::span(shown).subspan(left_out)) PrintCapture(*capture);
 }
 
 void PrintExceptions(const Phone& phone) {

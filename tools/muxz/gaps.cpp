@@ -122,41 +122,34 @@ void FindFileGaps(CaptureFacts& capture) {
     }
 }
 
-std::vector<Finding> FindCaptureGaps(const std::vector<Phone>& phones,
-                                     const std::vector<HistoryEntry>& history) {
-    LogFolders folders;
-    std::set<std::pair<uint32_t, std::string>> present;
-    std::set<std::string> given;
-    for (const Phone& phone : phones) {
-        for (const CaptureFacts& capture : phone.captures) {
-            const auto name = names::ParseFolder(capture.name);
-            if (!name || !capture.index) continue;
-            present.emplace(*capture.index, name->time);
-            if (capture.given || !capture.whole) given.insert(capture.log_folder);
-            if (!capture.copy) folders[capture.log_folder].push_back(&capture);
-        }
+namespace {
+
+// Numbers that are missing between the captures of one log folder, and before the first.
+void FindMissingNumbers(const std::string& folder, const std::vector<const CaptureFacts*>& captures,
+                        std::vector<Finding>& findings) {
+    const CaptureFacts* before = nullptr;
+    for (const CaptureFacts* capture : captures) {
+        const uint32_t index = *capture->index;
+        if (before == nullptr && index != 0 && index < kLargestGap)
+            findings.push_back(GoneCaptures(folder, 0, index - 1, " gone: recycled?"));
+        const uint32_t step = before == nullptr ? 0 : index - *before->index;
+        if (step > 1 && step < kLargestGap)
+            findings.push_back(GoneCaptures(folder, *before->index + 1, index - 1, " missing"));
+        before = capture;
     }
-    std::vector<Finding> findings;
-    std::set<uint32_t> told;  // by number, in any log folder
+}
+
+// Captures by number and time.
+using Present = std::set<std::pair<uint32_t, std::string>>;
+
+// What only the history names: behind the last capture, or in a log folder that is not here.
+void FindOnlyNamed(const std::vector<HistoryEntry>& history, const Present& present,
+                   std::vector<Finding>& findings) {
     const auto is_told = [&](uint32_t number) {
         return std::any_of(findings.begin(), findings.end(), [&](const Finding& finding) {
             return *finding.first_number <= number && number <= *finding.last_number;
         });
     };
-    for (const auto& [folder, captures] : folders) {
-        if (given.contains(folder)) continue;
-        const CaptureFacts* before = nullptr;
-        for (const CaptureFacts* capture : captures) {
-            const uint32_t index = *capture->index;
-            if (before == nullptr && index != 0 && index < kLargestGap)
-                findings.push_back(GoneCaptures(folder, 0, index - 1, " gone: recycled?"));
-            const uint32_t step = before == nullptr ? 0 : index - *before->index;
-            if (step > 1 && step < kLargestGap)
-                findings.push_back(GoneCaptures(folder, *before->index + 1, index - 1, " missing"));
-            before = capture;
-        }
-    }
-    // What only the history names: behind the last one, or in a log folder that is not here.
     std::map<std::string, std::set<uint32_t>> named;
     for (const HistoryEntry& entry : history) {
         const auto name = names::ParseFolder(entry.name);
@@ -173,6 +166,29 @@ std::vector<Finding> FindCaptureGaps(const std::vector<Phone>& phones,
                 GoneCaptures(path, first, last, " named here, but not in the tree: recycled?"));
         }
     }
+}
+
+}  // namespace
+
+std::vector<Finding> FindCaptureGaps(const std::vector<Phone>& phones,
+                                     const std::vector<HistoryEntry>& history) {
+    LogFolders folders;
+    Present present;
+    std::set<std::string> given;
+    for (const Phone& phone : phones) {
+        for (const CaptureFacts& capture : phone.captures) {
+            const auto name = names::ParseFolder(capture.name);
+            if (!name || !capture.index) continue;
+            present.emplace(*capture.index, name->time);
+            if (capture.given || !capture.whole) given.insert(capture.log_folder);
+            if (!capture.copy) folders[capture.log_folder].push_back(&capture);
+        }
+    }
+    std::vector<Finding> findings;
+    for (const auto& [folder, captures] : folders) {
+        if (!given.contains(folder)) FindMissingNumbers(folder, captures, findings);
+    }
+    FindOnlyNamed(history, present, findings);
     return findings;
 }
 

@@ -110,7 +110,8 @@ std::vector<CaptureFacts> GroupHeap(std::vector<FileFacts> files) {
     Captures alone;
     for (FileFacts& file : files) {
         if (file.header.folder_time && file.index) {
-            TakeByHeader(std::move(file), by_header[{*file.header.folder_time, Custom(file)}]);
+            Captures& captures = by_header[{*file.header.folder_time, Custom(file)}];
+            TakeByHeader(std::move(file), captures);
         } else if (file.index && file.opened) {
             by_name.push_back(std::move(file));
         } else {

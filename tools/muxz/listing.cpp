@@ -123,7 +123,7 @@ class Collector {
   public:
     explicit Collector(bool may_be_live) : live(may_be_live) {}
 
-    void Take(const std::string& path);
+    void Take(const std::string& given);
     Listing Finish();
 
   private:
@@ -143,7 +143,7 @@ class Collector {
     void TakeFile(const std::string& path, uint64_t size);
     void TakeTree(const std::string& path);
     void TakePipe(const std::string& path, Fd pipe);
-    void TakeStream(const std::string& path, std::shared_ptr<Source> source, uint64_t size);
+    void TakeStream(const std::string& path, const std::shared_ptr<Source>& source, uint64_t size);
     void TakeArchive(const std::string& path, const std::shared_ptr<Source>& source,
                      std::optional<uint64_t> size);
     void TakeMembers(const std::string& path, std::vector<Member> members);
@@ -351,7 +351,8 @@ void Collector::TakePipe(const std::string& path, Fd pipe) {
     TakeStream(path, stream, static_cast<uint64_t>(size));
 }
 
-void Collector::TakeStream(const std::string& path, std::shared_ptr<Source> source, uint64_t size) {
+void Collector::TakeStream(const std::string& path, const std::shared_ptr<Source>& source,
+                           uint64_t size) {
     FoundFile file{path, size, {}, true, {argument, 0}, path};
     file.open = [path, size, source] {
         OpenedFile opened;

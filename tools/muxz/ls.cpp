@@ -58,8 +58,11 @@ class Lister {
             capture.start ? ShowTime(*capture.start) : "-", std::to_string(capture.files.size()),
             Size(capture.size, options.exact), Size(capture.blocks.raw, options.exact), state,
             path);
+        if (options.files) ListFiles(capture);
+    }
+
+    void ListFiles(const CaptureFacts& capture) const {
         for (const FileFacts& file : capture.files) {
-            if (!options.files) break;
             const bool last =
                 &file == &capture.files.back() && capture.state != CaptureFacts::State::kFinished;
             const std::string_view state_of_file =

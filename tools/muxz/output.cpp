@@ -24,8 +24,7 @@ constexpr size_t kBufferSize = size_t{512} * 1024;
 
 }  // namespace
 
-Output::Output(const std::string& path)
-    : name(path.empty() ? "standard output" : path), fd(STDOUT_FILENO) {
+Output::Output(const std::string& path) : name(path.empty() ? "standard output" : path) {
     if (path.empty()) return;
     file = Fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!file) Fail();

@@ -1,6 +1,8 @@
 // Where a raw stream goes: a file, or standard output.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,7 +37,7 @@ class Output {
 
     const std::string name;
     Fd file;
-    int fd;
+    int fd = STDOUT_FILENO;
     std::unique_ptr<uint8_t[]> buffer;
     size_t capacity = 0;
     size_t used = 0;

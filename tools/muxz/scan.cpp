@@ -43,7 +43,7 @@ class Scanner {
         if (opened.path != facts.path) TakeName(opened.path);
         facts.size = opened.size;
         facts.last_change = opened.last_change;
-        source = opened.source.get();
+        source = std::move(opened.source);
         if (!TakeHeader()) return std::move(facts);
         TakeFingerprint();
         if (options.depth != Depth::kHeaders) TakeBlocks();
@@ -66,7 +66,8 @@ class Scanner {
         AddFinding(facts, kind, what, std::move(text));
     }
     void TellAt(Finding::Kind kind, Finding::What what, uint64_t offset, std::string text) {
-        AddFinding(facts, kind, what, std::move(text)).offset = offset;
+        Finding& finding = AddFinding(facts, kind, what, std::move(text));
+        finding.offset = offset;
     }
 
     // Returns true if there is a first block, or a place for one.
@@ -85,7 +86,7 @@ class Scanner {
 
     const FoundFile& found;
     const ScanOptions& options;
-    Source* source = nullptr;
+    std::unique_ptr<Source> source;
     FileFacts facts;
 };
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "tools/muxz/times.h"
@@ -56,7 +57,7 @@ std::string ProgressLine(uint64_t bytes, uint64_t total, double seconds) {
              std::min(100 * done / all, 100.0), done / kMib, all / kMib, rate / kMib);
     if (rate <= 0) return text.data();
     const double left = std::max(all - done, 0.0) / rate;
-    return text.data() + (", " + ShowDuration(static_cast<int64_t>(left + 0.5)) + " left");
+    return text.data() + (", " + ShowDuration(std::llround(left)) + " left");
 }
 
 }  // namespace muxz

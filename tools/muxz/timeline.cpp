@@ -8,10 +8,10 @@ namespace muxz {
 
 namespace {
 
-constexpr int64_t kQuarter = 900;         // s; what zones differ by
-constexpr int64_t kFarthest = 15 * 3600;  // s; that a zone is from Greenwich
-constexpr int64_t kSlack = 60;            // s; between the end of a file and the next one
-constexpr size_t kLeastPairs = 2;         // of files, that an estimated offset fits
+constexpr int64_t kQuarter = 900;                  // s; what zones differ by
+constexpr int64_t kFarthest = int64_t{15} * 3600;  // s; that a zone is from Greenwich
+constexpr int64_t kSlack = 60;                     // s; between the end of a file and the next one
+constexpr size_t kLeastPairs = 2;                  // of files, that an estimated offset fits
 
 bool IsZone(int64_t offset) { return std::abs(offset) <= kFarthest; }
 

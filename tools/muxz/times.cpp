@@ -18,7 +18,9 @@ std::optional<PhoneTime> ParseNameTime(std::string_view text) {
                              std::chrono::day(static_cast<unsigned>(date % 100)));
     const int hour = clock / 10000, minute = clock / 100 % 100, second = clock % 100;
     if (!day.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
-    return sys_seconds(sys_days(day)).time_since_epoch().count() + hour * 3600 + minute * 60 +
+    return sys_seconds(sys_days(day) + std::chrono::hours(hour) + std::chrono::minutes(minute))
+               .time_since_epoch()
+               .count() +
            second;
 }
 
