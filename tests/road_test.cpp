@@ -177,8 +177,10 @@ TEST_F(Road, DeletingTheRunningCaptureCostsWhatWasInIt) {
     const auto place = [&](const fs::path& path) {
         const std::string piece = test::DecodeFile(path).bytes;
         if (piece.empty()) return;
-        const size_t at = bytes.find(piece);
+        // No two records are alike. A search for all of it would take minutes under a sanitizer.
+        const size_t at = bytes.find(piece.substr(0, 100));
         ASSERT_NE(at, std::string::npos) << path;
+        EXPECT_TRUE(bytes.compare(at, piece.size(), piece) == 0) << path;
         EXPECT_TRUE(pieces.emplace(at, piece.size()).second) << path;
     };
     for (const Deleted& file : deleted) {
