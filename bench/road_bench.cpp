@@ -1,17 +1,22 @@
-// The whole road, from the log port to files, against its limit: the same bytes through bare
-// snappy_compress and bare write, in turn and in one process.
+// Measures the data path from the log port to the files against its limit: bare snappy_compress and
+// bare write of the same bytes, in the same process.
 //
 // Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]     (in a box)
 //
-// With --syncs: the road with its syncs against the road whose syncs return at once, which shows
-// what they cost. That takes a real file system (a box with a folder on a disk) and an idle
-// machine:
+// Each round measures both sides; which side goes first alternates. A round that is not counted
+// comes first: on a virtual machine, memory that no file has used before costs about twice as much,
+// and the files lie in memory. For the same reason the stream should be small against the machine's
+// memory.
+//
+// With --syncs: the data path with its syncs against the data path whose syncs return at once,
+// which shows what they cost. This needs a real file system (a box with a folder on a disk) and an
+// idle machine:
 //
 //     sim/box --folder build/road build/release/bench/road_bench --syncs --passes 10
 //     sim/box --folder build/road build/release/bench/road_bench --syncs --rate 20
 //
-//   --passes N   the stream N times over in each measurement (1)
-//   --rate MB    of the stream a second (0: as fast as it is read)
+//   --passes N   each measurement takes the stream N times (1)
+//   --rate MB    MB of the stream in a second (0: as fast as it is read)
 #include <android/log.h>
 #include <fcntl.h>
 #include <snappy-c.h>
@@ -39,7 +44,7 @@
 
 namespace fs = std::filesystem;
 
-// Allocations of the process, but for the compressor's own one a block, which is a large one.
+// Allocations of the process. The compressor's own one for each block is large, and not counted.
 static std::atomic<uint64_t> allocations{0};
 
 void* operator new(size_t size) {
@@ -51,8 +56,8 @@ void* operator new(size_t size) {
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
 
-// Whether syncs of the process reach the disk, and how long it has been in long writes, which are
-// the storage channel's and the bare limit's.
+// Whether syncs of the process reach the disk, and how long the process has spent in long writes.
+// Only the storage channel and the bare limit write that much at once.
 static std::atomic<bool> syncs_count{true};
 static std::atomic<int64_t> write_ns{0}, longest_write_ns{0};
 
@@ -82,7 +87,7 @@ constexpr size_t kBlockSize = 256 * 1024;    // what the writer takes at once
 constexpr size_t kBufferSize = 1024 * 1024;  // what the storage channel writes at once
 constexpr size_t kPortRead = 64 * 1024;
 
-// The port's bytes, from memory, several times over.
+// Gives the port the same bytes several times, from memory.
 class MemorySource : public sim::LogSource {
   public:
     MemorySource(const std::vector<uint8_t>& stream, int times) : bytes(stream), passes(times) {}
@@ -100,9 +105,10 @@ class MemorySource : public sim::LogSource {
     size_t at = 0;
 };
 
+// What one run of a side took. CPU times are in seconds; `cpu` is that of all threads.
 struct Cost {
-    double wall, cpu;  // seconds
-    uint64_t allocations;
+    double wall = 0, cpu = 0, reader_cpu = 0, writer_cpu = 0;
+    uint64_t allocations = 0;
 };
 
 double CpuSeconds() {
@@ -114,18 +120,8 @@ double CpuSeconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-template <typename Run>
-Cost Measure(const Run& run) {
-    const uint64_t allocated = allocations;
-    const double cpu = CpuSeconds();
-    const auto start = std::chrono::steady_clock::now();
-    run();
-    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
-    return {wall.count(), CpuSeconds() - cpu, allocations - allocated};
-}
-
-// CPU time of the whole machine, in seconds: the kernel's own threads write back what is not
-// synced.
+// Returns the CPU time of the whole machine in seconds. It includes the kernel's own threads, which
+// write back what is not synced.
 double MachineCpuSeconds() {
     std::ifstream stat("/proc/stat");
     std::string cpu;
@@ -134,7 +130,7 @@ double MachineCpuSeconds() {
     return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// CPU time of this process' thread of that name.
+// Returns the CPU time in seconds of this process' thread of that name; 0 if there is none.
 double ThreadCpuSeconds(const std::string& name) {
     for (const auto& task : fs::directory_iterator("/proc/self/task")) {
         std::string comm;
@@ -143,6 +139,22 @@ double ThreadCpuSeconds(const std::string& name) {
         if (comm == name && std::ifstream(task.path() / "schedstat") >> ns) return ns * 1e-9;
     }
     return 0;
+}
+
+// Returns what `run`, which returns the CPU time of the writer thread, took.
+template <typename Run>
+Cost Measure(const Run& run) {
+    Cost cost;
+    const uint64_t allocated = allocations;
+    const double cpu = CpuSeconds(), reader_cpu = ThreadCpuSeconds("quarn_reader");
+    const auto start = std::chrono::steady_clock::now();
+    cost.writer_cpu = run();
+    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
+    cost.wall = wall.count();
+    cost.cpu = CpuSeconds() - cpu;
+    cost.reader_cpu = ThreadCpuSeconds("quarn_reader") - reader_cpu;
+    cost.allocations = allocations - allocated;
+    return cost;
 }
 
 void WriteAll(int fd, const char* buf, size_t len) {
@@ -157,8 +169,8 @@ void WriteAll(int fd, const char* buf, size_t len) {
     }
 }
 
-// The limit: compress into a buffer of the same size, write it out when full, a new file every 50
-// MiB.
+// The limit: compresses into a buffer of the same size, writes it out when it is full, and begins a
+// new file whenever the channel would.
 void Bare(const std::vector<uint8_t>& bytes, const std::string& folder) {
     std::vector<char> buffer(kBufferSize);
     const size_t most = snappy_max_compressed_length(kBlockSize);
@@ -194,7 +206,8 @@ double Median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-// Until the last byte is in a file and the capture closed. Returns the writer's CPU time.
+// Runs the data path until the last byte is in a file and the capture is closed. Returns the
+// writer's CPU time. REQUIRES: a capture is open and the writer runs.
 double Road(const std::vector<uint8_t>& bytes, int passes) {
     sim::Modem& modem = sim::Modem::Instance();
     const uint64_t size = bytes.size() * static_cast<uint64_t>(passes);
@@ -209,14 +222,59 @@ double Road(const std::vector<uint8_t>& bytes, int passes) {
     return cpu;
 }
 
+Cost MeasureRoad(const std::vector<uint8_t>& bytes, int passes) {
+    g_file_io.io_open();
+    g_writer.start();
+    return Measure([&] { return Road(bytes, passes); });
+}
+
+Cost MeasureBare(const std::vector<uint8_t>& bytes) {
+    return Measure([&] {
+        Bare(bytes, "/data/bare");
+        return 0.0;
+    });
+}
+
 void RemoveFiles() {
     for (const char* folder : {"/data/bare", "/data/vendor/radio/quarn/logs"}) {
         for (const auto& entry : fs::directory_iterator(folder)) fs::remove_all(entry);
     }
 }
 
-// The road without, then with syncs, or the other way round; what they add, in the median. What is
-// left to the kernel counts for the machine, until it is on the disk too.
+void Print(const char* what, const Cost& cost, size_t size) {
+    printf(
+        "%-5s %8.3f s wall %8.3f s cpu (reader %.3f s, writer %.3f s) %8.1f MB/s %6lu "
+        "allocations\n",
+        what, cost.wall, cost.cpu, cost.reader_cpu, cost.writer_cpu,
+        static_cast<double>(size) / 1e6 / cost.wall, static_cast<unsigned long>(cost.allocations));
+}
+
+// The data path against its limit, in `rounds` rounds behind one that only warms the memory.
+void CompareBare(const std::vector<uint8_t>& bytes, int rounds) {
+    std::vector<double> wall_ratios, cpu_ratios, writer_ratios;
+    for (int round = 0; round <= rounds; ++round) {
+        const bool road_first = round % 2 != 0;
+        Cost bare, road;
+        if (road_first) road = MeasureRoad(bytes, 1);
+        bare = MeasureBare(bytes);
+        if (!road_first) road = MeasureRoad(bytes, 1);
+        RemoveFiles();
+        if (round == 0) continue;
+        Print("bare", bare, bytes.size());
+        Print("road", road, bytes.size());
+        wall_ratios.push_back(bare.wall / road.wall);
+        cpu_ratios.push_back(bare.cpu / road.cpu);
+        writer_ratios.push_back(bare.cpu / road.writer_cpu);
+    }
+    printf(
+        "road as a share of the bare limit, median of %d: wall %.3f, cpu %.3f, its writer alone "
+        "%.3f\n",
+        rounds, Median(wall_ratios), Median(cpu_ratios), Median(writer_ratios));
+}
+
+// Compares the data path without and with syncs, alternating which goes first, and prints what
+// syncs add in the median. The machine's CPU time includes the kernel's own threads, until every
+// byte is on the disk.
 void CompareSyncs(const std::vector<uint8_t>& bytes, int passes, int rounds) {
     enum Figure { kWall, kCpu, kWriterCpu, kWriterWrites, kMachineCpu, kFigures };
     const char* const names[] = {"wall", "cpu", "writer's cpu", "writer's writes", "machine's cpu"};
@@ -230,13 +288,12 @@ void CompareSyncs(const std::vector<uint8_t>& bytes, int passes, int rounds) {
         write_ns = longest_write_ns = 0;
         std::array<double, kFigures>& now = figures[with];
         const double machine = MachineCpuSeconds();
-        g_file_io.io_open();
-        g_writer.start();
-        const Cost road = Measure([&] { now[kWriterCpu] = Road(bytes, passes); });
+        const Cost road = MeasureRoad(bytes, passes);
         sync();
         now[kMachineCpu] = MachineCpuSeconds() - machine;
         now[kWall] = road.wall;
         now[kCpu] = road.cpu;
+        now[kWriterCpu] = road.writer_cpu;
         now[kWriterWrites] = static_cast<double>(write_ns) * 1e-9;
         printf("%-7s", with != 0 ? "with" : "without");
         for (int i = 0; i < kFigures; ++i)
@@ -269,17 +326,11 @@ std::vector<uint8_t> Stream(const std::string& input, size_t size) {
     return bytes;
 }
 
-void Print(const char* what, const Cost& cost, size_t size) {
-    printf("%-6s %8.3f s wall %8.3f s cpu %8.1f MB/s %6lu allocations\n", what, cost.wall, cost.cpu,
-           static_cast<double>(size) / 1e6 / cost.wall,
-           static_cast<unsigned long>(cost.allocations));
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     std::string input;
-    size_t mib = 1024;
+    size_t mib = 256;
     int rounds = 5;
     int passes = 1;
     bool syncs = false;
@@ -325,23 +376,12 @@ int main(int argc, char** argv) {
     mcl_init();
     g_reader.start();
 
-    if (syncs) CompareSyncs(bytes, passes, rounds);
-    std::vector<double> wall_ratios, cpu_ratios;
-    for (int round = 0; !syncs && round < rounds; ++round) {
-        const Cost bare = Measure([&] { Bare(bytes, "/data/bare"); });
-        g_file_io.io_open();
-        g_writer.start();
-        const Cost road = Measure([&] { Road(bytes, 1); });
-        Print("bare", bare, bytes.size());
-        Print("road", road, bytes.size());
-        wall_ratios.push_back(bare.wall / road.wall);
-        cpu_ratios.push_back(bare.cpu / road.cpu);
-        RemoveFiles();
+    if (syncs) {
+        CompareSyncs(bytes, passes, rounds);
+    } else {
+        CompareBare(bytes, rounds);
     }
     g_reader.stop();
     mcl_deinit();
-    if (syncs) return 0;
-    printf("road as a share of the bare limit, median of %d: wall %.3f, cpu %.3f\n", rounds,
-           Median(wall_ratios), Median(cpu_ratios));
     return 0;
 }
