@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "core/setting_table.h"
 #include "core/utility.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "sim/modem.h"
@@ -107,6 +109,15 @@ TEST(ConfigText, StrictReading) {
         EXPECT_EQ(log.messages().size(), c.string_warning.empty() ? 0u : 1u);
         EXPECT_EQ(log.Has(ANDROID_LOG_WARN, c.string_warning), !c.string_warning.empty());
     }
+}
+
+TEST(ConfigText, WhatCommandsSaveIsASetting) {
+    std::set<std::string> saved, settings;
+    for (const QUARN_COMMAND_INFO& command : quarn_commandTable()) {
+        if (command.save_on_success != 0) saved.insert(command.name);
+    }
+    for (const auto& setting : quarn::zorvex::kSettings) settings.insert(setting.key);
+    EXPECT_EQ(saved, settings);
 }
 
 TEST_F(Config, AMissingFileIsMadeFromTheDefault) {

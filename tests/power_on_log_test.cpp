@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "byte_source.h"
+#include "control/transfer_type.h"
 #include "core/quarn.h"
 #include "modem/early_log_filter.h"
 #include "modem/quarn_mipc_cmd.h"

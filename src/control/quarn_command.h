@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <span>
 
-#include "core/quarn_global.h"
 #include "core/quarn_handle.h"
 
 // `arg` is null in a query. `ack` is a zeroed reply block (protocol::kReplySize). 0 on success, -1
@@ -40,18 +39,3 @@ extern QUARN_COMMAND_HANDLE g_command;
 
 // Serves one request of the client: 0 when a reply was sent, else -1.
 int quarn_ctrlConnCallback(int fd);
-
-// Switches the transfer type: 0 on success, -1 on refusal. Takes `command_mutex`, and `exec_mutex`
-// inside it. Nobody who holds `io_mutex` or `exec_mutex` may call it.
-int quarn_setTransferType(int type);
-// Always 0. Takes `command_mutex`; the data path reads `QUARN_GLOBAL::transfer_type` instead.
-int quarn_getTransferType(int* type);
-
-namespace quarn::zorvex {
-
-// What a switch between storage and a host does to the power-on log: away from storage it ends.
-// Either way the modem's early-log-filter setting follows; what its values mean is the modem's. Two
-// AT commands at most. Nobody who holds `io_mutex` or `exec_mutex` may call it.
-void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type);
-
-}  // namespace quarn::zorvex

@@ -16,21 +16,21 @@
 #include <string>
 #include <string_view>
 
-#include "control/quarn_command.h"
-#include "core/quarn_global.h"
 #include "core/replace_file.h"
+#include "core/setting_table.h"
 #include "core/utility.h"
 #include "modem/log_flush.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/quarn_log.h"
-#include "storage/quarn_file_io.h"
 
 namespace {
 
 using android::base::unique_fd;
 using quarn::zorvex::kMaxLoadSize;
+using quarn::zorvex::kSettings;
 using quarn::zorvex::Replaced;
 using quarn::zorvex::ReplaceFile;
+using quarn::zorvex::Setting;
 
 constexpr const char* kDefaultConfigPath = "/vendor/etc/quarn_default.cfg";
 constexpr mode_t kConfigMode = 0774;
@@ -43,13 +43,13 @@ constexpr int kLogModeStreaming = 1;
 
 using ConfigText = std::array<char, kMaxLoadSize + 1>;  // ends in a NUL
 
+// A value for each row of the table that has a setter, in the order of the rows. The elements of
+// the other rows are not used.
+using Numbers = std::array<int, kSettings.size()>;
+
 // The settings as the file has them, else the defaults of missing keys.
 struct Settings {
-    int transfer_type = SAVE_MODE_STORAGE;
-    int file_size = 50;       // MB
-    int recycle_size = 2500;  // MB
-    int recycle_ee = 1;
-    int recycle_keep_ee_size = 0;  // MB
+    Numbers numbers = {};
     std::string log_folder;
     int log_level = -1;
     std::string log_filter;
@@ -129,11 +129,12 @@ void read_plain_int(const char* text, const char* key, int& value) {
 }
 
 void parse_settings(const char* text, Settings& settings) {
-    read_plain_int(text, "transfer_type", settings.transfer_type);
-    read_plain_int(text, "file_size", settings.file_size);
-    read_plain_int(text, "recycle_size", settings.recycle_size);
-    read_plain_int(text, "recycle_ee", settings.recycle_ee);
-    read_plain_int(text, "recycle_keep_ee_size", settings.recycle_keep_ee_size);
+    for (size_t row = 0; row < kSettings.size(); ++row) {
+        const Setting& setting = kSettings[row];
+        if (setting.set == nullptr) continue;
+        settings.numbers[row] = setting.default_value;
+        read_plain_int(text, setting.key, settings.numbers[row]);
+    }
     if (!quarn::zorvex::ParseLogFolderConfig(text, settings.log_folder)) {
         QUARN_LOGD("Log folder config is not found. Use default path as fallback.");
     }
@@ -147,70 +148,35 @@ void parse_settings(const char* text, Settings& settings) {
     }
 }
 
-// What the file is compared with: a setting that is in force already is not set again.
-struct CurrentSettings {
-    int transfer_type;
-    int file_size;
-    unsigned int recycle_size;
-    unsigned int recycle_ee;
-    unsigned int recycle_keep_ee_size;
-};
-
-int32_t read_current(CurrentSettings& current) {
-    if (const int rc = quarn_getTransferType(&current.transfer_type); rc != 0) return rc;
-    current.file_size = g_file_io.get_file_size();
-    int rc = g_file_io.get_recycle_option(RECYCLE_OPT_SIZE, &current.recycle_size);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Get default recycle size fail, rc=%d\n", rc);
-        return rc;
+// Reads what the file's numbers are compared with: a number that is in force is not set again.
+int32_t read_current(Numbers& current) {
+    for (size_t row = 0; row < kSettings.size(); ++row) {
+        const Setting& setting = kSettings[row];
+        if (setting.get == nullptr) continue;
+        if (const int32_t rc = setting.get(&current[row]); rc != 0) return rc;
     }
-    rc = g_file_io.get_recycle_option(RECYCLE_OPT_EE, &current.recycle_ee);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Get default recycle ee fail, rc=%d\n", rc);
-        return rc;
-    }
-    rc = g_file_io.get_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, &current.recycle_keep_ee_size);
-    if (rc != 0) QUARN_LOGE("[Error] Get default keep ee fail, rc=%d\n", rc);
-    return rc;
+    return 0;
 }
 
-int32_t apply_recycle_option(QUARN_RECYCLE_OPT opt, int value, unsigned int current) {
-    const auto wanted = static_cast<unsigned int>(value);
-    return wanted == current ? 0 : g_file_io.set_recycle_option(opt, wanted);
+// Stops at the first number that is refused. Returns 0, or the code of that number's setter.
+int32_t apply_numbers(const Numbers& wanted, const Numbers& current) {
+    for (size_t row = 0; row < kSettings.size(); ++row) {
+        const Setting& setting = kSettings[row];
+        if (setting.set == nullptr || wanted[row] == current[row]) continue;
+        if (const int32_t rc = setting.set(wanted[row]); rc != 0) {
+            QUARN_LOGE("[Error] Set %s %d%s failed, rc=%d\n", setting.title, wanted[row],
+                       setting.unit, rc);
+            return rc;
+        }
+    }
+    return 0;
 }
 
-// Stops at the first setting that is refused, with its setter's code.
-int32_t apply_channel_settings(const Settings& settings, const CurrentSettings& current) {
-    int32_t rc = 0;
-    if (settings.transfer_type != current.transfer_type) {
-        rc = quarn_setTransferType(settings.transfer_type);
-    }
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Set transfer type %d failed, rc=%d\n", settings.transfer_type, rc);
-        return rc;
-    }
-    if (settings.file_size != current.file_size) rc = g_file_io.set_file_size(settings.file_size);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Set file size %d(MB) failed, rc=%d\n", settings.file_size, rc);
-        return rc;
-    }
-    rc = apply_recycle_option(RECYCLE_OPT_SIZE, settings.recycle_size, current.recycle_size);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Set recycle size %d(MB) failed, rc=%d\n", settings.recycle_size, rc);
-        return rc;
-    }
-    rc = apply_recycle_option(RECYCLE_OPT_EE, settings.recycle_ee, current.recycle_ee);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Set recycle ee %d failed, rc=%d\n", settings.recycle_ee, rc);
-        return rc;
-    }
-    rc = apply_recycle_option(RECYCLE_OPT_KEEP_EE_SIZE, settings.recycle_keep_ee_size,
-                              current.recycle_keep_ee_size);
-    if (rc != 0) {
-        QUARN_LOGE("[Error] Set keep ee size %d(MB) failed, rc=%d\n", settings.recycle_keep_ee_size,
-                   rc);
-        return rc;
-    }
+// Applies the settings that the daemon itself keeps in force. Stops at the first one that is
+// refused. Returns 0, or the code of that setting's setter.
+int32_t apply_own_settings(const Settings& settings, const Numbers& current) {
+    int32_t rc = apply_numbers(settings.numbers, current);
+    if (rc != 0) return rc;
     rc = quarn::zorvex::SetLogFolderConfig(settings.log_folder);
     if (rc != 0) {
         QUARN_LOGE("[Error] Set log folder %s failed, rc=%d\n", settings.log_folder.c_str(), rc);
@@ -247,7 +213,7 @@ int32_t apply_log_filter(Settings& settings) {
 }
 
 int32_t apply_settings(Settings& settings, bool log_mode_only) {
-    CurrentSettings current = {};
+    Numbers current = {};
     if (!log_mode_only) {
         if (const int32_t rc = read_current(current); rc != 0) return rc;
     }
@@ -257,7 +223,7 @@ int32_t apply_settings(Settings& settings, bool log_mode_only) {
         return -1;
     }
     if (!log_mode_only) {
-        if (const int32_t rc = apply_channel_settings(settings, current); rc != 0) return rc;
+        if (const int32_t rc = apply_own_settings(settings, current); rc != 0) return rc;
     }
     if (const int32_t rc = apply_log_mode(settings.log_mode, modem_mode); rc != 0) return rc;
     if (const int32_t rc = apply_log_filter(settings); rc != 0) return rc;

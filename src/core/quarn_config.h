@@ -1,7 +1,8 @@
 // The configuration file: loaded at start, rewritten line by line as clients change settings.
 //
-//   file = (key " " value "\n")*     keys: transfer_type file_size recycle_size recycle_ee
-//          recycle_keep_ee_size log_mode log_folder log_level log_filter flush_interval
+//   file = (key " " value "\n")*
+//
+// The keys are those of core/setting_table.h.
 #pragma once
 
 #include <cstdint>

@@ -1,13 +1,9 @@
 #include "core/utility.h"
 
-#include <algorithm>
-#include <array>
 #include <charconv>
 #include <cstring>
 #include <system_error>
 
-#include "control/protocol.h"
-#include "core/path_utility.h"
 #include "core/quarn_handle.h"
 #include "platform/quarn_log.h"
 #include "storage/quarn_file_io.h"
@@ -15,65 +11,6 @@
 namespace quarn::zorvex {
 
 namespace {
-
-enum class Kind { kNumber, kStrictNumber, kText };
-
-struct ConfigKey {
-    std::string_view name;
-    Kind kind;
-};
-
-constexpr std::array<ConfigKey, 10> kKeys = {{
-    {"transfer_type", Kind::kNumber},
-    {"file_size", Kind::kNumber},
-    {"recycle_size", Kind::kNumber},
-    {"recycle_ee", Kind::kNumber},
-    {"recycle_keep_ee_size", Kind::kNumber},
-    {"log_mode", Kind::kNumber},
-    {"log_folder", Kind::kText},
-    {"log_level", Kind::kStrictNumber},
-    {"log_filter", Kind::kText},
-    {"flush_interval", Kind::kStrictNumber},
-}};
-
-// A key is found wherever its text stands first, so that the line of a key that held another one
-// would be taken for that one's.
-constexpr bool NoKeyLiesInAnother() {
-    for (const ConfigKey& outer : kKeys) {
-        for (const ConfigKey& inner : kKeys) {
-            if (&outer != &inner && outer.name.find(inner.name) != std::string_view::npos) {
-                return false;
-            }
-        }
-    }
-    return true;
-}
-static_assert(NoKeyLiesInAnother());
-
-constexpr size_t kMaxNumberSize = 32;  // bytes, blanks and what follows the digits included
-
-// Whatever is set and kept, one after the other, all of it is read by a load.
-constexpr size_t LargestFile() {
-    size_t size = 0;
-    for (const ConfigKey& key : kKeys) {
-        // A line is the key, a blank, the value and a newline. A request has a separator for the
-        // blank, and no newline.
-        constexpr size_t kMaxRequest = protocol::kMaxRequest;
-        const size_t longest = key.name.size() + 1 + kMaxNumberSize;
-        size += (key.kind == Kind::kText ? kMaxRequest : longest) + 1;
-    }
-    return size;
-}
-static_assert(LargestFile() <= kMaxLoadSize);
-
-// Whether strict reading takes the value, blanks in front of it aside.
-bool IsPlainNumber(std::string_view value) {
-    value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
-    const char* const end = value.data() + value.size();
-    int number;
-    const auto [stop, error] = std::from_chars(value.data(), end, number);
-    return error == std::errc{} && stop == end;
-}
 
 // Where the key's value begins: null when there is no such key, or with a warning when nothing but
 // blanks follows on its line.
@@ -88,21 +25,6 @@ const char* FindValue(const char* text, const char* key) {
 }
 
 }  // namespace
-
-std::string WhyNotKept(std::string_view key, std::string_view value) {
-    if (HasControlCharacter(value)) return "holds a control character";
-    Kind kind = Kind::kText;
-    for (const ConfigKey& other : kKeys) {
-        if (value.find(other.name) != std::string_view::npos) {
-            return "holds the key " + std::string(other.name);
-        }
-        if (other.name == key) kind = other.kind;
-    }
-    if (kind == Kind::kText) return value.starts_with(' ') ? "begins with a blank" : "";
-    if (value.size() > kMaxNumberSize) return "is too long";
-    if (kind == Kind::kStrictNumber && !IsPlainNumber(value)) return "is not a plain number";
-    return "";
-}
 
 bool ParseStringConfig(const char* text, const char* key, std::string& out) {
     const char* const value = FindValue(text, key);

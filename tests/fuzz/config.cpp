@@ -20,6 +20,7 @@
 #include "control/quarn_command.h"
 #include "core/quarn.h"
 #include "core/quarn_config.h"
+#include "core/setting_table.h"
 #include "core/utility.h"
 #include "fuzz.h"
 #include "modem/quarn_mipc_cmd.h"
@@ -33,9 +34,6 @@ constexpr std::string_view kMark = "%%\n";
 constexpr unsigned int kMaxRecycleSize = 4194303;
 constexpr int kDefaultFlushInterval = 600000;
 const std::string kLogs = "/data/vendor/radio/quarn/logs";
-const std::array<std::string, 10> kKeys = {
-    "transfer_type", "file_size",  "recycle_size", "recycle_ee", "recycle_keep_ee_size",
-    "log_mode",      "log_folder", "log_level",    "log_filter", "flush_interval"};
 
 std::atomic<bool> save_failed{false};
 
@@ -101,18 +99,21 @@ bool IsPlain(const std::string& key, const std::string& value) {
 }
 
 void Note(const std::string& request, const std::string& reply, Kept& kept) {
-    const auto is_of = [&](const std::string& key) { return request.starts_with(key); };
-    const auto key = std::find_if(kKeys.begin(), kKeys.end(), is_of);
-    if (reply != "ok" || key == kKeys.end() || request.size() == key->size()) return;
-    const std::string value = request.substr(key->size() + 1);
+    const auto& settings = quarn::zorvex::kSettings;
+    const auto is_of = [&](const auto& setting) { return request.starts_with(setting.key); };
+    const auto setting = std::find_if(settings.begin(), settings.end(), is_of);
+    if (reply != "ok" || setting == settings.end()) return;
+    const std::string key = setting->key;
+    if (request.size() == key.size()) return;
+    const std::string value = request.substr(key.size() + 1);
     if (save_failed) {
-        fuzz::Check(!IsPlain(*key, value), "a plain value is kept");
+        fuzz::Check(!IsPlain(key, value), "a plain value is kept");
         return;
     }
-    if (*key == "transfer_type" && atoi(value.c_str()) == SAVE_MODE_EXIT) return;
-    kept[*key] = value;
-    if (*key == "log_level") kept.erase("log_filter");
-    if (*key == "log_filter") kept.erase("log_level");
+    if (key == "transfer_type" && atoi(value.c_str()) == SAVE_MODE_EXIT) return;
+    kept[key] = value;
+    if (key == "log_level") kept.erase("log_filter");
+    if (key == "log_filter") kept.erase("log_level");
 }
 
 // The file has a line of each key that was kept, and a load puts each value in force.
