@@ -269,7 +269,7 @@ void QUARN_READER_HANDLE::read_loop() {
         return;
     }
     QUARN_LOGI("reader_handler: quarn_read_thread start");
-    PortToRing road(*target);
-    while (running) road.pass();
+    PortToRing port_to_ring(*target);
+    while (running) port_to_ring.pass();
     QUARN_LOGI("reader_handler: quarn_read_thread terminate");
 }

@@ -231,10 +231,10 @@ int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
             mark_exception();
             break;
         case EXEC_TOOL_CONNECTED:
-            make_way();
+            stop_for_tool();
             break;
         case EXEC_TOOL_DISCONNECTED:
-            come_back();
+            restart_after_tool();
             break;
         case EXEC_SET_SAVE_MODE:
             set_save_mode(static_cast<const QUARN_SAVE_MODE*>(arg));
@@ -283,13 +283,13 @@ void QUARN_WRITER_HANDLER::mark_exception() {
     }
 }
 
-void QUARN_WRITER_HANDLER::make_way() {
+void QUARN_WRITER_HANDLER::stop_for_tool() {
     std::lock_guard lock(lifecycle_mutex);
     was_running = is_running.load();
     if (was_running) stop_locked();
 }
 
-void QUARN_WRITER_HANDLER::come_back() {
+void QUARN_WRITER_HANDLER::restart_after_tool() {
     std::lock_guard lock(lifecycle_mutex);
     if (was_running) start_locked();
 }

@@ -76,8 +76,8 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     void close_storage();
     void mark_exception();
     // Stops the writer when a host tool connects, and starts it again when the tool disconnects.
-    void make_way();
-    void come_back();
+    void stop_for_tool();
+    void restart_after_tool();
     // Leaves the writer stopped, the ring empty, and the channel of `*mode` selected.
     void set_save_mode(const QUARN_SAVE_MODE* mode);
 

@@ -87,7 +87,7 @@ struct FileSync::Shared {
     // --- REQUIRES: mutex is not held ---
 
     // Logs a failure, at most one for each file.
-    void TellFailure(uint64_t number, const char* what, const std::string& path, int error) {
+    void LogFailure(uint64_t number, const char* what, const std::string& path, int error) {
         {
             std::lock_guard lock(mutex);
             if (std::exchange(failed_number, number) == number) return;
@@ -118,7 +118,7 @@ struct FileSync::Shared {
     bool SyncAll(Work& work) {
         if (work.file.ok()) {
             const int error = Repeat(work.whole_file_system ? syncfs : fdatasync, work.file);
-            if (error != 0) TellFailure(work.number, "sync log_file", work.path, error);
+            if (error != 0) LogFailure(work.number, "sync log_file", work.path, error);
             work.file.reset();
             if (work.whole_file_system) return false;
         }
@@ -129,12 +129,12 @@ struct FileSync::Shared {
                 if (errno == ENOENT) {
                     folder_gone = true;
                 } else {
-                    TellFailure(work.number, "open folder", path, errno);
+                    LogFailure(work.number, "open folder", path, errno);
                 }
                 continue;
             }
             const int error = Repeat(work.whole_file_system ? syncfs : fsync, folder);
-            if (error != 0) TellFailure(work.number, "sync folder", path, error);
+            if (error != 0) LogFailure(work.number, "sync folder", path, error);
             if (work.whole_file_system) return false;
         }
         return folder_gone;
@@ -192,7 +192,7 @@ void FileSync::Written(int fd, const std::string& path) {
         const int error = errno;
         const uint64_t number = shared->file_number;
         lock.unlock();
-        shared->TellFailure(number, "keep log_file", path, error);
+        shared->LogFailure(number, "keep log_file", path, error);
         return;
     }
     waiting.path = path;

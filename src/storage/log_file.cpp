@@ -66,7 +66,7 @@ LogFile::Appended LogFile::Append(std::string_view bytes) {
     }
     if (undo.Undo()) return {};
     QUARN_LOGE("file_io: cut log_file=%s fail, errno=%s", file_path.c_str(), strerror(errno));
-    return {.torn = true, .stayed = undo.Stayed()};
+    return {.partly_written = true, .stayed = undo.Stayed()};
 }
 
 bool LogFile::HasVanished() const {

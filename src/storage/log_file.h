@@ -44,11 +44,11 @@ class LogFile {
         bool whole = false;
         // Only some bytes were written and they could not be removed. The caller must close the
         // file.
-        bool torn = false;
+        bool partly_written = false;
         // The number of those bytes.
         size_t stayed = 0;
     };
-    // Appends `bytes`. If neither `whole` nor `torn` is set, the file is unchanged.
+    // Appends `bytes`. If neither `whole` nor `partly_written` is set, the file is unchanged.
     Appended Append(std::string_view bytes);
 
     // Returns true if the open file was deleted or cut. The caller must not write to it any more:

@@ -19,14 +19,14 @@ class LogFileHeader {
 
     // Returns true if the modem has reported its information. Otherwise the header has an empty
     // record, and the current time as the time of the modem information.
-    bool has_modem_info() const { return modem_told; }
+    bool has_modem_info() const { return modem_info_known; }
     // Writes the header to the new file `fd`. Returns 0 on success, else an error code of the
     // log-format library.
     int Write(int fd) const { return qrx_log_format_writeHeader(fd, modem, phone); }
 
   private:
     QUARN_MD_INFO md_info;  // `modem` points to it
-    bool modem_told;
+    bool modem_info_known;
     QRX_LOG_FORMAT_MODEM modem = {};
     QRX_LOG_FORMAT_AP phone = {};
 };

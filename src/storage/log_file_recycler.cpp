@@ -86,7 +86,7 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config,
     }
     FollowLinks();
     const auto mb = [](int64_t kb) { return static_cast<long>(kb >> kKbShift); };
-    if (IsWithinBudget()) {
+    if (IsWithinSizeLimit()) {
         QUARN_LOGI("LogFileRecycler: total log file size=%ldMB, skip recycle (recycle=%ldMB)",
                    mb(total_kb), mb(recycle_kb));
     } else {
@@ -96,7 +96,7 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config,
             mb(total_kb), mb(recycle_kb), mb(keep_ee_kb), clear_ee);
         OrderFolderList();
         RecycleByFolderList();
-        if (!IsWithinBudget()) {
+        if (!IsWithinSizeLimit()) {
             QUARN_LOGE("LogFileRecycler: still remain %ldKB not cleared",
                        static_cast<long>(total_kb - recycle_kb));
             return -1;
@@ -210,7 +210,7 @@ void LogFileRecycler::RecycleByFolderList() {
     const auto first_ee =
         std::find_if(begin, end, [](const LogFolderInfo& folder) { return folder.is_ee; });
     const auto recycle = [&](auto first, auto last, std::string_view current_suffix, int64_t keep) {
-        for (auto folder = first; folder != last && !IsWithinBudget(); ++folder) {
+        for (auto folder = first; folder != last && !IsWithinSizeLimit(); ++folder) {
             const bool is_current = IsBeingWritten(*folder) ||
                                     (folder + 1 == last && folder->name.ends_with(current_suffix));
             RecycleFolder(*folder, is_current, keep);
@@ -240,7 +240,7 @@ void LogFileRecycler::RecycleFolder(const LogFolderInfo& folder, bool is_current
     for (const LogFileInfo& file : files) folder_kb += file.size_kb;
     size_t removed = 0;
     for (const LogFileInfo& file : files) {
-        if (IsWithinBudget()) break;
+        if (IsWithinSizeLimit()) break;
         if (keep_kb >= 1 && folder_kb <= keep_kb) break;
         if (is_current && &file == &files.back()) {
             QUARN_LOGD("LogFileRecycler: skip current file %s", file.name.c_str());

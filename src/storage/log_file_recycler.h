@@ -91,7 +91,7 @@ class LogFileRecycler {
     // folder holds at most `keep_kb` KiB. If `is_current`, the newest file is kept.
     void RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb);
     void RemoveFolder(const LogFolderInfo& folder) const;
-    bool IsWithinBudget() const { return total_kb <= recycle_kb; }
+    bool IsWithinSizeLimit() const { return total_kb <= recycle_kb; }
     // Returns true if this is the folder of the current or last capture. The sort order alone does
     // not tell: a folder that could not be recorded in the history sorts as the oldest.
     bool IsBeingWritten(const LogFolderInfo& folder) const;

@@ -172,7 +172,7 @@ int QUARN_FILE_IO::save_to_log_file(Flush how) {
         copy(blocks.BlocksWithin(appended.stayed), false);
         blocks.DropBlocksWithin(appended.stayed);
     }
-    if (appended.torn) close_log_file();
+    if (appended.partly_written) close_log_file();
     return -1;
 }
 
