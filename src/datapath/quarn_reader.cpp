@@ -208,7 +208,7 @@ int32_t QUARN_READER_HANDLE::start() {
         QUARN_LOGI("reader_handler: already start");
         return 0;
     }
-    if (thread.joinable()) thread.join();  // a thread without a ring has ended by itself
+    if (thread.joinable()) thread.join();  // the previous thread, if it ended by itself
     if (!quarn_startThread(thread, "quarn_reader", "reader_handler", [this] { read_loop(); })) {
         running = false;
         return 1;

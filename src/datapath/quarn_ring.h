@@ -45,13 +45,12 @@ class QUARN_RING {
     uint64_t capacity() const { return size - 1; }
 
     // Waits up to `ms` milliseconds for a notification. Returns at once if a notification came
-    // since the last wait. The result does not show why the wait ended: the caller reads the sizes
-    // again.
+    // since the last wait. The caller cannot tell why the wait ended, and reads the sizes again.
     void wait_for(unsigned int ms);
     // Like wait_for(ms), but also returns at once if `notification_count()` is no longer `seen`.
     // The caller gets `seen` before it reads the sizes. Both threads share one flag, so one thread
     // may consume a notification that was meant for the other. With `seen` the other thread notices
-    // that; without it, both threads could wait for each other until one wait times out.
+    // that. Without it, both threads could wait for each other until one wait times out.
     void wait_for(unsigned int ms, uint64_t seen);
     // Returns the number of calls of `notify` so far.
     uint64_t notification_count();

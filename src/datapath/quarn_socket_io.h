@@ -19,8 +19,8 @@ class QUARN_SOCKET_IO : public QUARN_IO {
     // Ends a running `wait_connect`. Has no effect on a wait that begins later. Takes no lock.
     void stop_wait_connect();
     // Accepts a host that has connected. While accept() fails with EAGAIN it tries again every
-    // 200 ms, until the wait is ended or the channel closed. Returns 0 if a host was accepted,
-    // else -1. REQUIRES: a `wait_connect` is running.
+    // 200 ms, until the wait is ended or the channel closed. Returns 0 if a host was accepted, else
+    // -1. Returns -1 at once if no `wait_connect` is running.
     int connect();
     // Closes the connection, if there is one. Takes `io_mutex`.
     void disconnect();

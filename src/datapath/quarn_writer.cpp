@@ -61,7 +61,7 @@ int32_t QUARN_WRITER_HANDLER::start_locked() {
         QUARN_LOGI("writer_handler: already start");
         return 0;
     }
-    join_thread();  // a thread without a ring has ended by itself
+    join_thread();  // the previous thread, if it ended by itself
     auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
     if (usb != nullptr) usb->io_resume();
     const auto body = [](void* self) {

@@ -48,9 +48,9 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     void quarn_writer_thread_func();
     // One pass of the thread. Waits if the ring is empty, else writes one chunk to the channel.
     void drain_once(const uint8_t* buf, uint64_t mask);
-    // Write `chunk` bytes that begin at `read_idx`, and advance the read index by the bytes that
-    // the channel accepted. `drain_straight` is for a chunk that ends within the ring,
-    // `drain_wrapped` for one that continues at the start of the ring.
+    // Both write the `chunk` bytes from `read_idx` on to the channel, and advance the read index by
+    // the number of bytes that the channel accepted. `drain_wrapped` is for a chunk that continues
+    // at the start of the ring.
     void drain_straight(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
     void drain_wrapped(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
     // Calls the channel's `io_write`. If the write fails because the storage channel is closed, it

@@ -84,7 +84,7 @@ class CaptureTree {
     // Returns the unfinished folder with the highest index. If there is none, returns the folder
     // with the highest index.
     Found FindLatestFolder() const;
-    // Returns the path of the first file in the folder that ends in ".tmp", or an empty string.
+    // Returns the path of the first file in the folder with ".tmp" in its name, or an empty string.
     static std::string FindLatestFile(const std::string& in_folder);
 
     bool CreateBaseFolders();

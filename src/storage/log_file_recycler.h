@@ -47,8 +47,7 @@ struct LogFileInfo {
 //   If that is not the name of a capture, they come from the link's name.
 // - Outside the tree, only log files in listed folders count, since only these are ever deleted.
 // - A link to a file does not count and is not deleted.
-// - The recycler deletes no links. It deletes the folder that a link leads to only if that folder
-// is
+// - The recycler deletes no links. It deletes the target folder of a link only if that folder is
 //   listed as a capture.
 //
 // REQUIRES: the storage channel's `io_mutex` and `recycle_mutex` are held.

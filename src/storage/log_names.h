@@ -38,11 +38,11 @@ std::optional<Name> ParseFolder(std::string_view name);
 // Parses the name of a file. Returns nothing unless the whole name matches
 // QRXMDLog_(\d+)_([_\d]+\d+)(_EE)?(\.muxz|\.muxz\.tmp)
 std::optional<Name> ParseFile(std::string_view name);
-// Returns the value of a decimal number, or nothing if `digits` is no number of at most 32 bits.
+// Returns the value of a decimal number, or nothing if `digits` is no number or exceeds 32 bits.
 std::optional<uint32_t> ParseIndex(std::string_view digits);
 
 // Returns the number between the first and the second "_" of a folder's name, or 0 if the text
-// between them is no number of at most 32 bits. Returns nothing if the name has fewer than two "_".
+// between them is no number or exceeds 32 bits. Returns nothing if the name has fewer than two "_".
 std::optional<uint32_t> IndexOf(std::string_view name);
 
 // Returns "QRXMDLog_<index>_<time>", which is the name of a finished folder without exception mark.

@@ -44,8 +44,7 @@ constexpr const char* kThreadEntry = "PowerOnEventDetectThreadEntry";
 enum class State { kNotInitialised, kInitialised, kWriting, kStopped };
 
 // A mutex that PowerOnLogStop may hold while it joins the event thread, although that thread locks
-// the same mutex: while a stop holds it or waits for it, all other callers fail to lock it. Thread-
-// safe.
+// the same mutex: while a stop holds it or waits for it, all other callers fail to lock it.
 class PowerOnMutex {
   public:
     // For a stop: waits until no thread holds the mutex.

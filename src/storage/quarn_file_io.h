@@ -16,7 +16,7 @@
 
 // States:
 // - Closed. `io_open` opens a capture.
-// - Capture open, no file. The first write of the block buffer opens a file (".tmp").
+// - Capture open, no file. The next write of the block buffer opens a file (".tmp").
 // - File open. When the file has reached the rotation size, the next write of the buffer closes it
 //   and opens the next file. The previous file then loses ".tmp". `io_close` leads to "closed".
 //
