@@ -17,7 +17,7 @@ namespace sim {
 
 namespace {
 
-std::mutex& mutex = *new std::mutex;  // guards the three below, until the process is gone
+std::mutex& mutex = *new std::mutex;  // guards the next three; never destroyed
 std::string& path = *new std::string;
 int log_fd = -1;
 bool shown = false;
@@ -30,7 +30,7 @@ void Rotate() {
     OpenLog();
 }
 
-// "11-23 07:39:41.123  2631  2631 I QUARN   : "
+// Returns the start of a line: "11-23 07:39:41.123  2631  2631 I QUARN   : ".
 std::string Front(int priority, const char* tag) {
     constexpr std::string_view kLetters = "??VDIWEF";
     timespec now = {};
@@ -58,12 +58,13 @@ void Keep(const __android_logger_data* of, const char* message) {
     } while (!text.empty());
     std::lock_guard lock(mutex);
     if (log_fd != -1 && lseek(log_fd, 0, SEEK_END) > kMostLog) Rotate();
-    // One call a message: whoever follows the file sees whole lines. A full disk costs lines.
+    // One write for each message, so that a program that follows the file reads whole lines. If the
+    // disk is full, the lines are lost.
     [[maybe_unused]] ssize_t put = log_fd == -1 ? 0 : write(log_fd, lines.data(), lines.size());
     if (shown) put = write(STDERR_FILENO, lines.data(), lines.size());
 }
 
-// Before `main`, so that nothing is missed.
+// Runs before `main`, so that the file gets every line.
 [[maybe_unused]] const bool kept = [] {
     const char* const name = getenv(kLogVariable);
     if (name == nullptr || *name == '\0') return false;

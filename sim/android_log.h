@@ -1,19 +1,21 @@
-// Where the Android log of the phone goes: to standard error as liblog has it, or, as on a phone,
-// to a log of bounded size that is kept.
+// The phone's Android log. It goes to standard error, as liblog does on a workstation, or to a file
+// of limited size.
 #pragma once
 
 namespace sim {
 
-// The environment variables, looked at before `main`. kLogVariable names the file that takes the
-// log, in the words of `logcat -v threadtime`; when it is full it becomes FILE.old and a new one
-// begins, so that the two hold the newest lines. With kShowLogVariable set, lines go to standard
-// error too.
+// Environment variables, read before `main`.
+//
+// kLogVariable is the path of the log file. Its lines have the format of `logcat -v threadtime`. A
+// full file is renamed to FILE.old and a new one begins, so the two files hold the newest lines.
+// If kShowLogVariable is set too, the lines also go to standard error.
 constexpr const char* kLogVariable = "QUARN_SIM_LOG";
 constexpr const char* kShowLogVariable = "QUARN_SIM_SHOW_LOG";
 
-constexpr long kMostLog = 8L << 20;  // bytes of one file
+// The size in bytes at which a file is full.
+constexpr long kMostLog = 8L << 20;
 
-// Makes sure that the linker takes this module in.
+// Does nothing. A call makes the linker include this module.
 void KeepAndroidLog();
 
 }  // namespace sim

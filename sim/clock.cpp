@@ -29,10 +29,10 @@ int RealSetTime(int fd, int flags, const itimerspec* when, itimerspec* old) {
     return function(fd, flags, when, old);
 }
 
-// The timer that was last armed to be cancelled; the daemon has one. A step makes it expire, and
-// its next read fails as a cancelled one does.
+// The timer that was last armed with TFD_TIMER_CANCEL_ON_SET. The daemon has one. A step makes it
+// expire, and then its next read fails with ECANCELED.
 struct Timer {
-    std::mutex mutex;  // guards the two behind it
+    std::mutex mutex;  // guards the next two
     itimerspec armed = {};
     int flags = 0;
     std::atomic<int> fd{-1};
@@ -63,7 +63,7 @@ void TakeUpClock(const std::string& folder) {
 
 }  // namespace sim
 
-// These stand before the C library's own, and behind those of a test.
+// These functions replace those of the C library. They are weak, so that a test can replace them.
 extern "C" {
 
 [[gnu::weak]] int clock_gettime(clockid_t clock, timespec* time) noexcept {

@@ -1,4 +1,4 @@
-// The phone's real-time clock, which can be stepped while the machine's stays as it is.
+// The phone's real-time clock. It can be stepped without a change of the machine's clock.
 #pragma once
 
 #include <chrono>
@@ -6,12 +6,12 @@
 
 namespace sim {
 
-// Steps CLOCK_REALTIME of this process, and cancels timers that were armed to be cancelled when the
-// clock is set. All steps together are a century at most. They are kept in `folder` (empty:
-// nowhere), for `TakeUpClock`. Thread-safe.
+// Steps CLOCK_REALTIME of this process, and cancels the timer that was armed with
+// TFD_TIMER_CANCEL_ON_SET. The sum of all steps is limited to a century. If `folder` is not empty,
+// the sum is stored there for `TakeUpClock`. Thread-safe.
 void StepClock(std::chrono::milliseconds by, const std::string& folder);
 
-// Sets the clock as processes before this one have stepped it; before any timer is armed.
+// Applies the steps that earlier processes stored in `folder`. REQUIRES: no timer is armed yet.
 void TakeUpClock(const std::string& folder);
 
 }  // namespace sim

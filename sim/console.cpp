@@ -16,7 +16,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A file's lines, each with its number.
+// Calls `take(number, line)` for each line of a file. The first number is 1.
 template <typename Take>
 void ForEachLine(const std::string& path, Take take) {
     std::ifstream in(path, std::ios::binary);
@@ -24,7 +24,7 @@ void ForEachLine(const std::string& path, Take take) {
     for (int number = 1; std::getline(in, line); ++number) take(number, line);
 }
 
-// Words of a line that does something; none for a comment.
+// Returns the words of a line, or none if the line is empty or a comment.
 std::vector<std::string> LineWords(std::string_view line, std::string* error) {
     std::vector<std::string> words;
     if (!SplitLine(line, &words, error)) return {};
@@ -32,8 +32,8 @@ std::vector<std::string> LineWords(std::string_view line, std::string* error) {
     return words;
 }
 
-// How long ago the phone started, as its first process has written it down in the folder with its
-// own id; 0 in that process.
+// Returns the time since the phone started. The first process writes its start time and its process
+// id to the folder; in that process the result is 0.
 milliseconds SinceStart(const std::string& folder) {
     if (folder.empty()) return milliseconds(0);
     timespec now = {};

@@ -1,7 +1,7 @@
-// The lines of text that steer a running phone: the same in a scenario file and on the console.
+// The commands that control a running phone: lines of text in a scenario file or on the console.
 //
-// A line is words parted by blanks; double quotes hold a word with blanks together. Empty lines and
-// lines that begin with # do nothing. `help` lists the commands; each is a row of one table.
+// A line consists of words separated by blanks. A word with blanks stands in double quotes. Empty
+// lines and lines that begin with # do nothing. The command `help` lists all commands.
 #pragma once
 
 #include <cstddef>
@@ -11,44 +11,51 @@
 
 namespace sim {
 
-constexpr size_t kMaxLine = 8192;  // bytes, without the newline
+// In bytes, without the newline.
+constexpr size_t kMaxLine = 8192;
 constexpr size_t kMaxWords = 32;
 
-// What the console sends after a reply's text, as a line of its own; no line of text begins so.
+// The console sends one of these marks as a line after the text of a reply. No line of the text
+// begins with a mark.
 constexpr std::string_view kOkMark = "= ok";
 constexpr std::string_view kErrorMark = "= error: ";
 
 struct Reply {
     bool ok = true;
-    std::string text;  // lines, each with its newline; of a refusal, one line without
+    // If `ok`: lines, each with a newline. Else the reason: one line without a newline.
+    std::string text;
 };
 
-// Splits a line into words. False, with `error` set, when it is malformed or out of bounds.
+// Splits a line into words. Returns false, with `error` set, if the line is malformed, too long or
+// has too many words.
 bool SplitLine(std::string_view line, std::vector<std::string>* words, std::string* error);
 
 // Executes lines on the modem, one at a time.
 class Console {
   public:
-    // `folder`: where the modem keeps what outlives a restart; empty: nowhere.
+    // The modem keeps the state that survives a restart in `folder`. If it is empty, that state is
+    // not kept.
     explicit Console(std::string folder) : folder_(std::move(folder)) {}
 
-    // A refused line has changed nothing.
+    // Executes one line. A line that is refused changes nothing.
     Reply Execute(std::string_view line) const;
-    // Why a line would be refused whatever the phone is like; empty: it is well formed. Does
-    // nothing to the phone, and needs none.
+    // Returns the reason why a line would be refused in any state of the phone, or an empty string
+    // if it is well formed. Does not use or change the phone.
     std::string Check(std::string_view line) const;
 
     struct Fault {
-        int line;  // from 1
+        int line;  // the first line is 1
         std::string why;
     };
-    // The same for the lines of a file.
+    // Checks the lines of a file.
     std::vector<Fault> CheckScenario(const std::string& path) const;
 
-    // Executes the lines of a file; what is refused goes to the Android log with its line number,
-    // and the rest is executed all the same. Nothing happens when there is no such file. Of lines
-    // "after TIME ...", those whose time was before this process (another one of the same phone
-    // read the file then) are left out, but for settings, which are in force again.
+    // Executes the lines of a file. Does nothing if the file does not exist. A refused line is
+    // reported in the Android log with its number, and the next lines are still executed.
+    //
+    // After a restart of the daemon, a new process executes the same file. It skips each line
+    // "after TIME ..." whose time has passed, unless the command is a setting: that is applied
+    // again.
     void RunScenario(const std::string& path) const;
 
     const std::string& folder() const { return folder_; }

@@ -1,4 +1,4 @@
-// What the phone can be told, a row of the table each.
+// The console's commands. Each is a row of one table.
 #include <android/log.h>
 
 #include <algorithm>
@@ -25,7 +25,7 @@ namespace sim {
 
 namespace {
 
-// An errno number, by number or by one of the names that a port knows; 0 for "zero".
+// Returns the errno number for a number or for one of the names below. "zero" is 0.
 std::optional<int> ErrorNumber(std::string_view word) {
     static constexpr std::array<std::pair<std::string_view, int>, 7> kNames = {{{"zero", 0},
                                                                                 {"EAGAIN", EAGAIN},
@@ -41,7 +41,7 @@ std::optional<int> ErrorNumber(std::string_view word) {
     return value ? std::optional<int>(static_cast<int>(*value)) : std::nullopt;
 }
 
-// With \r and \n for the ends of lines, which a line cannot hold.
+// Replaces the escapes \r and \n, since a line cannot contain these characters.
 std::string Unescaped(std::string_view word) {
     std::string text;
     for (size_t i = 0; i < word.size(); ++i) {
@@ -56,7 +56,7 @@ std::string Unescaped(std::string_view word) {
     return text;
 }
 
-// Where a phone shows the state of its modem.
+// The file that shows the state of a phone's modem.
 constexpr const char* kMdStateFile = "/dev/wwan_fsm_state";
 
 // --- commands ---

@@ -45,7 +45,7 @@ ConsoleServer::ConsoleServer(const Console& console) : console_(console) {
     if (!address.ok()) return;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) return;
-    unlink(address.path());  // of a process that was killed
+    unlink(address.path());  // left by a process that was killed
     if (bind(fd, address.address(), address.size()) != 0 || chmod(address.path(), 0600) != 0 ||
         listen(fd, 8) != 0) {
         const int error = errno;
@@ -70,7 +70,7 @@ void ConsoleServer::Serve() {
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd == -1) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno != EMFILE && errno != ENFILE) return;  // shut down
+            if (errno != EMFILE && errno != ENFILE) return;  // the destructor has shut it down
             usleep(100'000);
             continue;
         }
@@ -96,7 +96,7 @@ void ConsoleServer::ServeClient(int fd) {
             if (!SendAll(fd, Wire(reply))) return;
         }
         if (pending.size() > kMaxLine) {
-            SendAll(fd, Wire(console_.Execute(pending)));  // which refuses it for its length
+            SendAll(fd, Wire(console_.Execute(pending)));  // refuses the line for its length
             return;
         }
     }
@@ -108,11 +108,12 @@ void StartPhone() {
         KeepAndroidLog();
         const char* const folder = getenv("QUARN_SIM_DIR");
         if (folder == nullptr || *folder == '\0') return;
-        // Both live until the process is gone, whatever thread ends it.
+        // The console and the server are never destroyed, since any thread may end the process.
         const auto& console = *new Console(folder);
         Modem::Instance().KeepSettings(console.folder());
         TakeUpClock(console.folder());
-        // What the phone is like, what happens to it, and what holds in spite of that.
+        // `setup` describes the phone, `scenario` what happens to it, and `override` changes
+        // settings of the scenario.
         for (const char* const file : {"/setup", "/scenario", "/override"}) {
             console.RunScenario(console.folder() + file);
         }

@@ -1,4 +1,4 @@
-// The console's socket file, and the phone that the environment asks for.
+// The socket of the console, and the start of the simulated phone.
 #pragma once
 
 #include <string>
@@ -8,18 +8,20 @@
 
 namespace sim {
 
-// Serves `console.socket` in the console's folder from a thread of its own while it lives. Clients
-// are served one after another: each line is answered by the reply's text and a mark. One that is
-// silent for some seconds is let go.
+// Serves the socket file `console.socket` in the console's folder. A thread of its own runs until
+// the destructor. It serves one client at a time, and answers each line with the text of the reply
+// and a mark. It closes the connection of a client that sends nothing for 5 s.
 class ConsoleServer {
   public:
-    // The console must outlive the server.
+    // The console is not owned and must outlive the server.
     explicit ConsoleServer(const Console& console);
     ~ConsoleServer();
     ConsoleServer(const ConsoleServer&) = delete;
     ConsoleServer& operator=(const ConsoleServer&) = delete;
 
-    bool ok() const { return listen_fd_ != -1; }  // errno says why not, right after construction
+    // Returns false if the socket could not be opened. errno has the reason directly after the
+    // construction.
+    bool ok() const { return listen_fd_ != -1; }
 
   private:
     void Serve();
@@ -30,9 +32,9 @@ class ConsoleServer {
     std::thread thread_;
 };
 
-// The first call makes the phone what its folder says, when the environment variable
-// QUARN_SIM_DIR names one: executes the files `setup`, `scenario` and `override` in it, in this
-// order, and opens the console. Nothing happens without the variable, or at later calls.
+// Starts the phone in the folder that the environment variable QUARN_SIM_DIR names: executes the
+// files `setup`, `scenario` and `override` in it, in this order, and opens the console. Does
+// nothing if the variable is not set, or if it was called before.
 void StartPhone();
 
 }  // namespace sim

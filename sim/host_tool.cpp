@@ -21,7 +21,7 @@ void HostTool::RegisterCallback(tcl_msg_callback callback, void* user) {
     callback_user_ = user;
 }
 
-// --- listening ---
+// --- Listening ---
 
 int HostTool::ListenStart(int fd, tcl_host_data_callback to_modem) {
     if (to_modem == nullptr) return -1;
@@ -75,7 +75,7 @@ void HostTool::ListenThread(int fd, int end_fd) {
         if (got > 0) {
             HandOver({bytes.data(), static_cast<size_t>(got)});
         } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
-            sources[1].fd = -1;  // the host has gone; the daemon hears of it by a message
+            sources[1].fd = -1;  // the host has disconnected; a message reports that to the daemon
         }
     }
 }
@@ -91,13 +91,13 @@ bool HostTool::HandOver(std::string_view bytes) {
 
 bool HostTool::Send(std::string_view bytes) { return HandOver(bytes); }
 
-// --- messages ---
+// --- Messages ---
 
 void HostTool::Deliver(TCL_MSG msg) {
     std::lock_guard lock(mutex_);
     messages_.push_back(msg);
     if (!has_message_thread_) {
-        std::thread(&HostTool::MessageThread, this).detach();  // as long as the process
+        std::thread(&HostTool::MessageThread, this).detach();  // runs until the process ends
         has_message_thread_ = true;
     }
     cond_.notify_all();
@@ -125,7 +125,7 @@ void HostTool::MessageThread() {
     }
 }
 
-// --- looking at it ---
+// --- Status ---
 
 HostTool::Status HostTool::status() const {
     std::lock_guard lock(mutex_);

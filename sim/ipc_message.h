@@ -1,4 +1,5 @@
-// A message of modem IPC, request or confirmation: an id and typed values (TLVs).
+// A message of modem IPC, which is a request or a confirmation. It has an id and typed values
+// (TLVs).
 #pragma once
 
 #include <algorithm>
@@ -25,28 +26,28 @@ class IpcMessage {
     }
     void AddNumber(int type, int32_t number) { Add(type, &number, sizeof(number)); }
 
-    // Takes so many bytes off the end of the value that was added last, as far as it has them.
+    // Removes up to `count` bytes from the end of the last value.
     void Shorten(size_t count) {
         if (values_.empty()) return;
         count = std::min(count, values_.back().length);
         values_.back().length -= count;
         bytes_.resize(bytes_.size() - count);
-        bytes_.shrink_to_fit();  // so that a sanitizer sees who reads on
+        bytes_.shrink_to_fit();  // a sanitizer then detects reads beyond the end
     }
 
-    // Whether the library tells who reads a value how long it is.
+    // False if the library leaves the length unset when the daemon reads a value.
     bool tells_lengths() const { return tells_lengths_; }
     void TellNoLengths() { tells_lengths_ = false; }
 
     bool Has(int type) const { return Find(type) != nullptr; }
-    // Of the first value of that type; empty when there is none. Valid until the next `Add`, and
-    // never aligned, as on the wire.
+    // Returns the bytes of the first value of that type, or none. Valid until the next change of
+    // the message. Numbers among the bytes are not aligned.
     std::span<const uint8_t> Bytes(int type) const {
         const Value* const value = Find(type);
         if (value == nullptr) return {};
         return {bytes_.data() + value->at, value->length};
     }
-    // Of a value of four bytes.
+    // Returns the first value of that type as a number, if it has four bytes.
     std::optional<int32_t> Number(int type) const {
         const std::span<const uint8_t> bytes = Bytes(type);
         int32_t number = 0;
@@ -73,7 +74,8 @@ class IpcMessage {
     int id_;
     bool tells_lengths_ = true;
     std::vector<Value> values_;
-    std::vector<uint8_t> bytes_ = {0};  // one in front puts the numbers at odd addresses
+    // The first byte is unused; it puts the numbers at odd addresses.
+    std::vector<uint8_t> bytes_ = {0};
 };
 
 }  // namespace sim

@@ -16,9 +16,10 @@ namespace sim {
 
 namespace {
 
-// One generated record, all numbers little-endian as they lie in memory:
-//   magic 2 + bytes of the whole record 2 + type 4 + sequence number 4 + cell 4 + time in us 8 +
-//   body
+// The header of a generated record. All numbers are little-endian.
+//
+//   record = magic 2 + length of the whole record 2 + type 4 + sequence number 4 + cell 4
+//          + time in us 8 + body
 struct RecordHeader {
     uint16_t magic;
     uint16_t length;
@@ -33,13 +34,13 @@ constexpr uint16_t kRecordMagic = 0xa55a;
 constexpr size_t kBodies = 1024;  // a power of two
 constexpr size_t kMinBody = 32;
 constexpr size_t kMaxBody = 992;
-// Where each record's body carries a measurement of its own.
+// The offset in each body of a measurement, which differs from record to record.
 constexpr size_t kMeasurementAt = 16;
 static_assert(kMeasurementAt + sizeof(uint32_t) <= kMinBody);
 
-// Records are put together from bodies that are made once, so that making the stream costs about
-// as much as copying it. The bodies are too many to meet again within a compressor's window often:
-// what packs is inside each of them.
+// Builds records from bodies that are generated once, so that generating the stream costs about as
+// much as copying it. There are so many bodies that the same one seldom comes twice within the
+// compressor's window. So the stream compresses because of repetitions within each body.
 class GeneratedSource : public LogSource {
   public:
     explicit GeneratedSource(uint64_t seed) : seed_(seed), state_(seed * 2 + 1) {
@@ -128,7 +129,7 @@ class GeneratedSource : public LogSource {
         return length;
     }
 
-    // What is left of a record that did not fit the last read.
+    // Copies the rest of a record that did not fit into the previous read.
     size_t TakeTail(uint8_t* out, size_t len) {
         const size_t n = std::min(len, tail_size_ - tail_at_);
         if (n != 0) memcpy(out, tail_.data() + tail_at_, n);
@@ -176,7 +177,7 @@ std::unique_ptr<LogSource> MakeGeneratedSource(uint64_t seed) {
 }
 
 std::unique_ptr<LogSource> MakeReplaySource(const std::string& path, uint64_t offset) {
-    // Not waiting for the writer of a pipe, which is refused below.
+    // O_NONBLOCK: do not wait for the writer of a pipe, which is refused below.
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd == -1) return nullptr;
     struct stat info = {};

@@ -17,7 +17,7 @@ namespace {
 using sim::Modem;
 
 constexpr int kNoTimeout = -1;
-thread_local int timeout_once = kNoTimeout;  // ms; of this thread's next exchange
+thread_local int timeout_once = kNoTimeout;  // ms, for the next exchange of this thread
 
 }  // namespace
 

@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kTick = 10ms;
 constexpr uint64_t kTicksPerSecond = 1s / kTick;
 constexpr size_t kWrittenKept = 1 << 20;
-// What a daemon that keeps the log writes to the port after an exception.
+// The daemon writes this to the port after an exception.
 constexpr std::string_view kSyncBlock(
     "\xac\xca\xef\x10\x18\x00\x00\x00\x10\xa0\x00\x00\xa4\x6a\xef\x10\x17\x08\x00\x00"
     "\xac\xdb\xcf\xe5\x16\x10\x00\x00\x00\x2e\x00\x2e\x00\x02\x00\x00\xbd\xdb\x5e\x00",
@@ -34,14 +34,14 @@ Modem& Modem::Instance() {
 }
 
 Modem::Modem() {
-    // Said outright, since a liblog that was told nothing has a default of its own per platform;
-    // whoever set a priority before keeps it.
+    // The default priority of liblog differs between platforms, so set one. A priority that was set
+    // before is kept.
     if (__android_log_get_minimum_priority() == ANDROID_LOG_DEFAULT) {
         __android_log_set_minimum_priority(ANDROID_LOG_INFO);
     }
 }
 
-// --- the layer and its port ---
+// --- The layer and its port ---
 
 int Modem::Init() {
     std::lock_guard lifecycle(lifecycle_mutex_);
@@ -194,7 +194,7 @@ void Modem::RegisterCallback(mcl_ntfy_callback callback, void* user) {
     callback_user_ = user;
 }
 
-// --- the stream ---
+// --- The stream ---
 
 void Modem::SetSource(std::unique_ptr<LogSource> source) {
     {
@@ -229,7 +229,7 @@ void Modem::EndStream(std::unique_lock<std::mutex>& lock) {
     }
     streaming_ = false;
     port_cond_.notify_all();
-    // A stream that nobody has read is not going to be read now.
+    // Do not wait if nobody has read the stream so far: then nobody will read it now.
     if (delivered_ != delivered_before_) {
         const uint64_t before = quiet_polls_;
         quiet_cond_.wait_for(lock, kPatience,
@@ -255,7 +255,7 @@ void Modem::SetReadLimit(size_t bytes) {
 void Modem::SetFlushInterval(int ms) {
     {
         std::lock_guard lock(mutex_);
-        Available();  // what is due by the interval so far
+        Available();  // release the bytes that are due by the old interval
         settings_.flush_interval = ms;
         SaveSettings();
     }
@@ -343,7 +343,7 @@ bool Modem::source_exhausted() const {
     return exhausted_;
 }
 
-// --- faults ---
+// --- Faults ---
 
 void Modem::FailInit(int count) {
     std::lock_guard lock(mutex_);
@@ -405,7 +405,7 @@ bool Modem::SprinkleRead(int* error) {
         return true;
     }
     if (!SprinkleHits()) return false;
-    // A reader pauses for a good part of a second after the later ones, so they are rare.
+    // The reader pauses for 300 ms or more after EIO and EBADF, so they are rare.
     const uint64_t dice = sprinkle_random_() % 100;
     if (dice < 40) {
         *error = EAGAIN;
@@ -430,7 +430,7 @@ bool Modem::SprinklePoll(int* result) {
     return true;
 }
 
-// --- notifications ---
+// --- Notifications ---
 
 uint64_t Modem::Queue(Notification notification) {
     uint64_t ticket = 0;
@@ -451,7 +451,7 @@ void Modem::Notify(MCL_NTFY_CODE code, const void* payload, size_t payload_size)
     const auto* bytes = static_cast<const uint8_t*>(payload);
     Notification notification{code, payload != nullptr, {}};
     if (payload != nullptr) notification.payload.assign(bytes, bytes + payload_size);
-    // A handler knows no size, only the code, and takes what a modem sends with that.
+    // A handler gets no size and reads as many bytes as a modem sends with this code.
     if (payload != nullptr) notification.payload.resize(std::max(payload_size, kLargestPayload));
     Queue(std::move(notification));
 }
@@ -496,7 +496,7 @@ void Modem::EndScenario() {
     scenario_ended_ = true;
 }
 
-// --- looking at it ---
+// --- Status ---
 
 std::string Modem::written() const {
     std::lock_guard lock(mutex_);

@@ -1,7 +1,7 @@
-// The simulated phone's modem: everything behind the closed libraries, in one object.
+// The simulated phone's modem: everything that the closed libraries give access to, in one class.
 //
-// The adaptors of the closed libraries' functions (mcl.cpp, ...) are thin covers over this class;
-// tests and the console steer it directly. Every operation may be called from any thread.
+// The adaptors (mcl.cpp, mipc.cpp, ...) implement the functions of the closed libraries with this
+// class. Tests and the console call it directly. Thread-safe.
 #pragma once
 
 #include <chrono>
@@ -23,95 +23,104 @@
 
 namespace sim {
 
-// Where the bytes of the log stream come from. Called by one thread at a time.
+// The source of the log stream's bytes. Not thread-safe.
 class LogSource {
   public:
     virtual ~LogSource() = default;
-    // Fills up to `len` bytes and returns how many; 0 at the end of the stream.
+    // Reads up to `len` bytes into `out`. Returns their number, or 0 at the end of the stream.
     virtual size_t Read(uint8_t* out, size_t len) = 0;
-    // One line for people.
+    // Returns one line for the status of the phone.
     virtual std::string Describe() const { return "custom"; }
 };
 
-// Endless framed diagnostic records (time stamps, counters, repeated message bodies), the same for
-// the same seed; packs 2 to 4 times with Snappy.
+// Returns an endless stream of framed diagnostic records (time stamps, counters, repeated message
+// bodies), which depends on the seed only. Snappy compresses it by a factor of 2 to 4.
 std::unique_ptr<LogSource> MakeGeneratedSource(uint64_t seed);
-// The bytes of a regular file, from `offset` on, read in bounded pieces; null, with errno set, when
-// it cannot be opened.
+// Returns a stream of the bytes of a regular file from `offset` on, or null with errno set if the
+// file cannot be opened. It reads the file in pieces of limited size.
 std::unique_ptr<LogSource> MakeReplaySource(const std::string& path, uint64_t offset = 0);
 
-// What one exchange of modem IPC takes and gives.
+// The request and the result of one exchange of modem IPC.
 struct IpcRequest {
     IpcMessage message;
     int selector;
-    int timeout_ms;  // -1: the library's own
+    int timeout_ms;  // -1: the default time-out of the library
 };
 struct IpcReply {
-    int cause;                               // nonzero: the request was not sent
-    std::optional<IpcMessage> confirmation;  // none: it did not come in time
+    int cause;                               // not 0 if the request was not sent
+    std::optional<IpcMessage> confirmation;  // none if it did not come in time
 };
 
-// What can go wrong with a message of modem IPC, and what `value` says then.
+// The faults of a request of modem IPC, and the meaning of `value` for each.
 enum class IpcFault {
-    kMessage,   // it cannot be made
-    kValue,     // no value can be added to it
-    kCause,     // it is not sent, for this cause
-    kSilence,   // it is lost: no confirmation, after this many ms (0: after the whole time-out)
-    kDelay,     // it is carried out, and confirmed so many ms later if that is in time
-    kResult,    // it is refused with this result code
-    kNoResult,  // it is carried out, and the confirmation has no result code
-    kNoAnswer,  // it is carried out, and the confirmation has no answer
-    kAnswer,    // it is carried out, and the answer is this number
-    kShort,     // it is carried out, and of the answer's last value so many bytes are missing
-    // It is carried out, and the library leaves alone the lengths that are asked for with the
-    // confirmation's values. None of them is made short, since nobody could see that.
+    kMessage,  // the message cannot be created
+    kValue,    // no value can be added to the message
+    kCause,    // the request is not sent; `value` is the cause
+    kSilence,  // the request is lost; the exchange ends after `value` ms (0: the whole time-out)
+    kDelay,    // the request is executed and confirmed `value` ms later, or not if that is too late
+    kResult,   // the request is refused with the result code `value`
+    kNoResult,  // the request is executed; the confirmation has no result code
+    kNoAnswer,  // the request is executed; the confirmation has no answer
+    kAnswer,    // the request is executed; the answer is the number `value`
+    kShort,     // the request is executed; the answer's last value lacks its last `value` bytes
+    // The request is executed. When the daemon reads the values of the confirmation, the library
+    // does not set their lengths. None of the values is shortened by kShort, since the daemon could
+    // not notice that.
     kNoLength,
 };
 
 class Modem {
   public:
-    static Modem& Instance();  // never destroyed
+    // The object is never destroyed.
+    static Modem& Instance();
     Modem(const Modem&) = delete;
     Modem& operator=(const Modem&) = delete;
 
-    // --- what the modem communication layer asks; results as platform/mcl.h has them ---
-    // Once `Init` has succeeded the log port is open and notifications are delivered. `Deinit`
-    // waits for the callback that is running and drops what is queued behind it; not to be called
-    // from a callback.
+    // --- The modem communication layer. platform/mcl.h describes the results. ---
+
+    // After `Init` has succeeded, the log port is open and notifications are delivered. `Deinit`
+    // waits for the callback that is running, and drops the queued notifications. `Deinit` must not
+    // be called from a callback.
     int Init();
     int Deinit();
-    // Opening fails while the layer is not up; closing makes a waiting poll fail.
+    // `OpenPort` fails while the layer is not initialised. `ClosePort` makes a waiting poll fail.
     int OpenPort();
     int ClosePort();
-    // 1 when there is something to read, or a read would find the end of the source.
+    // Returns 1 if there is something to read, or if the next read will find the end of the source.
     int PollPort(int timeout_ms);
-    // -1 with EAGAIN when nothing is there, EBADF while the port is closed.
+    // Returns -1 with EAGAIN if there is nothing to read, EBADF if the port is closed, or ENODEV if
+    // the log device is removed.
     int ReadPort(void* buf, size_t len, int* err);
     int WritePort(const void* buf, size_t len);
-    // Kept over `Deinit` and `Reset`; null: none. Notifications without a callback are dropped.
+    // Null removes the callback. `Deinit` and `Reset` keep it. Notifications without a callback are
+    // dropped.
     void RegisterCallback(mcl_ntfy_callback callback, void* user);
 
-    // --- the log stream ---
-    // The stream stands still until it is started, here or by log mode 1. Replaces the source;
-    // null: none.
+    // --- The log stream ---
+
+    // Replaces the source; null: no source. The stream is stopped until `StartStream` or log mode 1
+    // starts it.
     void SetSource(std::unique_ptr<LogSource> source);
     void StartStream();
     void StopStream();
-    // Bytes a second, which become readable in bursts every 10 ms, or as the flush interval has it;
-    // what nobody reads piles up for one second at most, then the modem waits. 0: as fast as they
-    // are read (the default), with nothing held back.
+    // Sets the rate of the stream. The bytes become readable every 10 ms, or as the flush interval
+    // allows. Bytes that are not read accumulate up to the bytes of one second, and with a flush
+    // interval up to the watermark more; then the modem waits. With rate 0, the default, bytes are
+    // produced as fast as they are read, and none is held back.
     void SetRate(uint64_t bytes_per_second);
-    // Most bytes that one read of the port gives; 0: what the caller asks for (the default).
+    // Sets the most bytes that one read of the port returns. 0, the default: no limit.
     void SetReadLimit(size_t bytes);
-    // Appends everything that is handed over at the port to this file, before the read returns;
-    // empty: nothing. False, with errno set and no tap, when the file cannot be opened.
+    // Appends all bytes that are read from the port to this file, before the read returns. Empty:
+    // no file. Returns false, with errno set and no tap, if the file cannot be opened.
     bool SetTap(const std::string& path);
     uint64_t bytes_delivered() const;
-    bool source_exhausted() const;  // a read has met the end of the source
+    // Returns true if a read has reached the end of the source.
+    bool source_exhausted() const;
 
-    // --- modem IPC: platform/mipc.h, from several threads at a time ---
+    // --- Modem IPC, see platform/mipc.h ---
+
     int OpenIpc(const char* port);
-    // Exchanges under way end with a cause.
+    // Running exchanges end with a cause.
     int CloseIpc();
     void SetIpcTimeout(int timeout_ms);
     void SetIpcPort(const char* port);
@@ -119,45 +128,48 @@ class Modem {
     bool TakesIpcValue(int message_id);
     IpcReply Exchange(const IpcRequest& request);
 
-    // Faults of one kind and message come one after another, as those of the log port do. An id of
-    // 0 stands for every message; a count of 0 drops all faults of that id.
+    // Makes the next `count` messages of that id fail. Faults of the same kind and id are queued.
+    // Id 0 stands for all messages. Count 0 removes all faults of that id.
     void FailIpc(int message_id, IpcFault kind, int value, int count);
     void FailIpcInit(int code, int count);
-    // The next `count` AT commands, behind those that are to be answered so already, are answered
-    // by this text and change nothing; a count of 0 drops all such answers.
+    // Answers the next `count` AT commands with this text, without any effect of the commands.
+    // Calls are queued. Count 0 removes all such answers.
     void AnswerAt(const std::string& text, int count);
-    // What was asked, the last 256 requests, oldest first.
+    // Returns the last 256 requests, oldest first.
     std::vector<IpcRequest> ipc_requests() const;
 
-    // --- what modem IPC sets ---
-    // As a request of any client does: 0 off, 1 streaming, 2 wrapping (the log stays in the modem);
-    // false for anything else. The mode that is already on changes and tells nothing. Otherwise:
-    //   0 to 1   notification 1, its second word 1, then the stream starts
-    //   0 to 2   notification 1, its second word 2
-    //   2 to 1   notification 3, then the stream starts
-    //   1 to 2   the stream ends, then notification 4
-    //   to 0     the stream ends, then notification 2
-    // A stream that ends hands over what is held back, and waits until its reader has found the
-    // port empty, for 2 s at most. Returns once the notification has been handled; a handler that
-    // takes longer than 3 s, such as one that waits for a lock of the caller's, is not waited for.
+    // --- The settings of the modem ---
+
+    // Sets the log mode, like a request of any client: 0 off, 1 streaming, 2 wrapping (the log
+    // stays in the modem). Returns false for another mode. Does nothing if the modem is in that
+    // mode.
+    //   0 to 1   notification 1, its second word is 1; then the stream starts
+    //   0 to 2   notification 1, its second word is 2
+    //   2 to 1   notification 3; then the stream starts
+    //   1 to 2   the stream ends; then notification 4
+    //   to 0     the stream ends; then notification 2
+    // When the stream ends, the bytes that are held back become readable. The call then waits up to
+    // 2 s until the reader has found the port empty. It also waits up to 3 s until the notification
+    // has been handled; the handler may take longer if it needs a lock that the caller holds.
     bool SetLogMode(int mode);
-    // Milliseconds; 0: nothing is held back. Longer ones hold bytes of a stream that has a rate
-    // back until so much time has passed since the last release, or the watermark is reached.
+    // Sets the flush interval in ms. If the stream has a rate, its bytes are held back until this
+    // time has passed since the last release, or until the watermark is reached. 0: no bytes are
+    // held back.
     void SetFlushInterval(int ms);
-    // Held-back bytes at which all of them become readable; 1 MiB by default.
+    // Sets the number of held-back bytes at which all of them become readable. Default: 1 MiB.
     void SetWatermark(size_t bytes);
 
-    // What outlives the daemon's process.
+    // The settings that survive a restart of the daemon.
     struct Settings {
         int log_mode = 0;
-        int log_level = 1;            // -1: a custom filter is in force
-        int flush_interval = 0;       // ms; 0: nothing is held back
-        int early_log_filter = 3;     // non-volatile
-        std::vector<uint8_t> filter;  // the custom filter's bytes
+        int log_level = 1;            // -1: a custom filter is in use
+        int flush_interval = 0;       // ms; 0: no bytes are held back
+        int early_log_filter = 3;     // in non-volatile memory
+        std::vector<uint8_t> filter;  // the bytes of the custom filter
     };
     Settings settings() const;
-    // Takes up the settings that are kept in this folder, and keeps each change there; the same
-    // with the count of delivered bytes, which is exact even after a kill -9.
+    // Loads the settings from this folder, and stores each change there. Does the same with the
+    // number of delivered bytes, which is exact even after a kill -9.
     void KeepSettings(const std::string& folder);
 
     struct IpcStatus {
@@ -166,78 +178,84 @@ class Modem {
         int timeout_ms;
         uint64_t exchanges;
         int under_way;
-        // Calls while the channel was closed, and closings under an exchange.
+        // Calls while the channel was closed, and calls of `CloseIpc` during an exchange.
         uint64_t misused;
-        size_t held_back;   // bytes of the stream
-        int flush_status;   // 1 while flushed bytes are still to be read
-        std::string clock;  // as last set; empty: never
+        size_t held_back;   // bytes of the stream that are held back
+        int flush_status;   // 1 while flushed bytes have not been read yet
+        std::string clock;  // as last set; empty if never set
         uint64_t clock_sets;
     };
     IpcStatus ipc_status();
 
-    // --- faults of the layer and its log port, each for the next `count` calls ---
-    // Faults of one kind that are asked for one after another come one after another; a count of 0
-    // drops those still to come. A closed port fails as such and uses none up.
+    // --- Faults of the layer and its log port ---
+
+    // Each makes the next `count` calls fail. FailReads and FailPolls are queued, and count 0
+    // clears the queue. For the others the new count replaces the old one. Calls while the port is
+    // closed fail anyway and do not count.
     void FailInit(int count);
     void FailOpens(int count);
-    void FailReads(int error, int count);   // an errno number; 0: reads of zero bytes
-    void FailPolls(int result, int count);  // -1 failure, -2 time-out; both return at once
+    // `error` is an errno number; 0: the reads return 0 bytes.
+    void FailReads(int error, int count);
+    // `result` is -1 (failure) or -2 (time-out). Both return at once.
+    void FailPolls(int result, int count);
     void FailWrites(int count);
-    // Makes about `per_mille` of all reads and polls fail in any of these ways, for ever; 0: off.
-    // EBADF comes in runs that may be long enough to have the port closed.
+    // Makes about `per_mille` of all later reads and polls fail, in all of these ways; 0: none.
+    // EBADF comes several times in a row, sometimes often enough that the reader closes the port.
     void SprinkleFaults(uint64_t seed, int per_mille);
 
-    // The story of the phone is over: told by its state, and up to who runs it.
+    // Marks the scenario as ended. This only changes the status; ./run reads it and ends the phone.
     void EndScenario();
 
-    // Counts of calls, for tests.
+    // The number of calls, for tests.
     struct Calls {
         uint64_t init, open, close, read, poll, write;
     };
     Calls calls() const;
 
-    // --- notifications: from the library's own thread, one at a time, in order ---
-    // Returns at once; the payload is copied, a short one with zeros behind it. Before `Init` they
-    // queue up.
+    // --- Notifications. The library's own thread delivers them in order, one at a time. ---
+
+    // Queues a notification and returns at once. The payload is copied, and a short one is padded
+    // with zeros. Before `Init` the notifications stay in the queue.
     void Notify(MCL_NTFY_CODE code, const void* payload = nullptr, size_t payload_size = 0);
-    // With the payload that a modem sends with this code.
+    // Queues a notification with the payload that a modem sends with this code.
     void Raise(MCL_NTFY_CODE code);
-    // Waits until everything queued so far and since is handled, or the layer goes down.
+    // Waits until the queue is empty and all its notifications are handled, or until `Deinit`.
     void WaitForNotifications();
 
-    // A crash of the modem: the stream stands still, 6 is raised, and once that has been handled
-    // the log port is back: 3 is raised and the stream goes on. Returns then, or when a handler has
-    // taken longer than 5 s.
+    // Simulates a crash of the modem: stops the stream, raises notification 6, then notification 3,
+    // and starts the stream again if it was running. Waits up to 5 s for the handler of each
+    // notification.
     void Exception();
 
-    // --- the log device, whose port it is ---
-    // While it is gone the port is closed and cannot be opened; reads fail with ENODEV. A device
-    // that comes back has a closed port.
+    // --- The log device, which provides the log port ---
+
+    // While the device is removed, the port is closed and cannot be opened, and reads fail with
+    // ENODEV. When the device is added again, the port is still closed.
     void RemoveLogDevice();
     void AddLogDevice();
 
-    // --- what the daemon wrote to the log port ---
-    std::string written() const;  // the last mebibyte
+    // Returns the last mebibyte of what the daemon wrote to the log port.
+    std::string written() const;
 
-    // How the modem stands, for people and for programs that wait for it.
+    // The status of the modem, for people and for programs that wait for a change.
     struct Status {
         bool up, port_open, log_device, streaming, exhausted, scenario_ended;
-        std::string source;  // as it describes itself; empty: none
+        std::string source;  // its description; empty if there is none
         uint64_t rate;
         size_t read_limit;
-        std::string tap;  // empty: none; else the path, or why it was given up
+        std::string tap;  // its path, or the reason why it was given up; empty if there is none
         uint64_t delivered;
-        uint64_t written;                        // bytes, since the start
-        uint64_t sync_blocks;                    // of an exception, among them
-        std::optional<uint32_t> storage_answer;  // what code 8 was answered last
-        uint64_t notified;                       // notifications handled
-        size_t notify_queue;                     // still to be handled
+        uint64_t written;                        // bytes written to the port since the start
+        uint64_t sync_blocks;                    // sync blocks of exceptions among these bytes
+        std::optional<uint32_t> storage_answer;  // the last answer to notification 8
+        uint64_t notified;                       // notifications that have been handled
+        size_t notify_queue;                     // notifications in the queue
         int sprinkle_per_mille;
         Calls calls;
     };
     Status status() const;
 
-    // Back to how a fresh process has it, registered callback apart; for tests.
+    // For tests: restores the state of a new process, except for the registered callback.
     void Reset();
 
   private:
@@ -247,9 +265,11 @@ class Modem {
     ~Modem() = delete;
 
     static constexpr size_t kDefaultWatermark = 1 << 20;
-    // Faults of a kind, and notifications, that can wait; then the oldest are dropped.
+    // The size limit of each queue of faults and of notifications. The oldest entry is dropped
+    // first.
     static constexpr size_t kMostQueued = 4096;
-    static constexpr size_t kLargestPayload = 4 + 4 + 204 + 4;  // bytes; that of code 1
+    // In bytes; the payload of notification 1.
+    static constexpr size_t kLargestPayload = 4 + 4 + 204 + 4;
 
     struct Fault {
         int value;
@@ -260,9 +280,8 @@ class Modem {
         bool has_payload;
         std::vector<uint8_t> payload;
     };
-    // A descriptor of ours; -1: none.
     struct Tap {
-        int fd = -1;
+        int fd = -1;  // owned; -1 if there is none
         std::string text;
     };
 
@@ -295,7 +314,7 @@ class Modem {
     IpcAnswer AnswerAtCommand(const IpcMessage& request);
     IpcAnswer Answer(const IpcMessage& request);
 
-    // Under `mutex_`.
+    // REQUIRES for the functions up to CloseTap: mutex_ is held.
     std::optional<int> TakeIpcFault(int message_id, IpcFault kind);
     std::string EarlyLogFilter(std::string_view command);
     void SaveSettings();
@@ -320,13 +339,16 @@ class Modem {
     uint64_t Queue(Notification notification);
     void RaiseAndWait(MCL_NTFY_CODE code, std::chrono::seconds limit);
 
-    std::mutex lifecycle_mutex_;  // serialises Init, Deinit and Reset; taken before `mutex_`
-    std::mutex log_mode_mutex_;   // around a change and its notifications; taken before `mutex_`
-    mutable std::mutex mutex_;    // guards everything below; never held while a callback runs
-    std::condition_variable port_cond_;    // something to read may have come, or the port closed
-    std::condition_variable notify_cond_;  // the queue or `up_` changed
-    std::condition_variable idle_cond_;    // a notification was handled, or the layer went down
-    std::condition_variable quiet_cond_;   // a poll found the port empty, or the port closed
+    // Serialises Init, Deinit and Reset. Locked before `mutex_`.
+    std::mutex lifecycle_mutex_;
+    // Held during a change of the log mode and its notifications. Locked before `mutex_`.
+    std::mutex log_mode_mutex_;
+    // Guards all members below. Never held while a callback runs.
+    mutable std::mutex mutex_;
+    std::condition_variable port_cond_;    // there may be bytes to read, or the port was closed
+    std::condition_variable notify_cond_;  // the queue or `up_` has changed
+    std::condition_variable idle_cond_;    // a notification was handled, or `up_` was cleared
+    std::condition_variable quiet_cond_;   // a poll found the port empty, or the port was closed
     std::condition_variable ipc_cond_;     // the IPC channel was closed
 
     bool up_ = false;
@@ -337,14 +359,14 @@ class Modem {
     bool scenario_ended_ = false;
     std::unique_ptr<LogSource> source_;
     uint64_t rate_ = 0;
-    uint64_t credit_ = 0;      // produced bytes that were not read, times ticks a second
-    uint64_t ready_ = 0;       // bytes of them that are not held back
-    uint64_t flush_left_ = 0;  // bytes of those that the last flush was about
+    uint64_t credit_ = 0;      // produced and not yet read bytes, times ticks per second
+    uint64_t ready_ = 0;       // bytes among them that are not held back
+    uint64_t flush_left_ = 0;  // bytes of the last flush that were not read yet
     size_t watermark_ = kDefaultWatermark;
     Clock::time_point last_tick_;
     Clock::time_point last_release_;
-    uint64_t quiet_polls_ = 0;       // that found the port empty
-    uint64_t delivered_before_ = 0;  // when the stream was started
+    uint64_t quiet_polls_ = 0;       // polls that found the port empty
+    uint64_t delivered_before_ = 0;  // `delivered_` when the stream was started
     size_t read_limit_ = 0;
     Tap tap_;
     uint64_t delivered_ = 0;
@@ -379,8 +401,8 @@ class Modem {
     };
     std::deque<AtAnswer> at_answers_;
     Settings settings_;
-    std::string settings_folder_;  // empty: nowhere
-    int delivered_fd_ = -1;        // where `delivered_` is kept; -1: nowhere
+    std::string settings_folder_;  // empty if the settings are not stored
+    int delivered_fd_ = -1;        // the file that stores `delivered_`; -1 if there is none
     std::string clock_;
     uint64_t clock_sets_ = 0;
 
@@ -389,8 +411,8 @@ class Modem {
     std::deque<Notification> notifications_;
     bool notifying_ = false;
     uint64_t notified_ = 0;
-    uint64_t raised_ = 0;   // notifications ever queued
-    uint64_t settled_ = 0;  // of them, handled or dropped
+    uint64_t raised_ = 0;   // notifications that were queued so far
+    uint64_t settled_ = 0;  // those of them that were handled or dropped
     std::optional<uint32_t> storage_answer_;
     uint32_t md_info_updates_ = 0;
     std::thread notifier_;

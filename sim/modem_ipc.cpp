@@ -1,4 +1,4 @@
-// The modem's side of modem IPC: faults, and what each request sets or tells.
+// The modem's side of modem IPC: the faults, and the effect and answer of each request.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -14,20 +14,20 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr size_t kRequestsKept = 256;
-constexpr size_t kRequestBytesKept = 64 << 20;  // of their values; a filter may have 16 MiB
+constexpr size_t kRequestBytesKept = 64 << 20;  // bytes of their values; a filter has up to 16 MiB
 
 constexpr int kResultTlv = 0;
 constexpr int kValueTlv = 256;
 constexpr int kTextTlv = 33024;
 
-// Result codes and causes of this modem.
+// The result codes and causes that this modem returns.
 constexpr int kInvalid = 1;
 constexpr int kUnsupported = 2;
 constexpr int kClosed = -1;
 
 }  // namespace
 
-// --- the channel ---
+// --- The channel ---
 
 int Modem::OpenIpc(const char* port) {
     std::lock_guard lock(mutex_);
@@ -125,7 +125,7 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     return {0, std::move(confirmation)};
 }
 
-// --- faults ---
+// --- Faults ---
 
 void Modem::FailIpc(int message_id, IpcFault kind, int value, int count) {
     std::lock_guard lock(mutex_);
@@ -162,7 +162,7 @@ std::optional<int> Modem::TakeIpcFault(int message_id, IpcFault kind) {
     return value;
 }
 
-// --- the requests ---
+// --- Requests ---
 
 const Modem::IpcCommand Modem::kIpcCommands[] = {
     {3, &Modem::AnswerAtCommand},          {39, &Modem::AnswerSetLogMode},
@@ -285,7 +285,7 @@ std::string Modem::EarlyLogFilter(std::string_view command) {
     return std::string(kOk);
 }
 
-// --- looking at it ---
+// --- Status ---
 
 Modem::Settings Modem::settings() const {
     std::lock_guard lock(mutex_);

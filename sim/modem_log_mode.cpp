@@ -1,4 +1,4 @@
-// The modem's log mode, and what it tells the phone about its log and about itself.
+// The modem's log mode, and the payloads of the modem's notifications.
 #include <array>
 #include <cstring>
 #include <string_view>
@@ -17,11 +17,12 @@ constexpr int kStreaming = 1;
 constexpr int kWrapping = 2;
 
 constexpr auto kModePatience = 3s;
-// Longer than a handler of exceptions that tries to write for two seconds.
+// Longer than the handler of an exception, which tries to write for 2 s.
 constexpr auto kExceptionPatience = 5s;
 
-// A payload = word + (code 1: log mode word) + record 204 + word; numbers little-endian, as on
-// every machine that this runs on.
+// Payload of codes 1, 3, 6 and 9, with little-endian numbers:
+//
+//   payload = word 4 + (code 1 only: log mode 4) + modem information record 204 + word 4
 constexpr size_t kRecordSize = 204;
 constexpr size_t kNumberAt = kRecordSize - sizeof(uint32_t);
 constexpr std::string_view kRecordText = "simulated modem 1.0";
@@ -33,7 +34,7 @@ void AppendWord(std::vector<uint8_t>& payload, uint32_t word) {
     memcpy(payload.data() + at, &word, sizeof(word));
 }
 
-// The record ends in a number of its own, so that an update can be told from the one before.
+// Appends a record that ends with `number`, so that two updates differ.
 void AppendRecord(std::vector<uint8_t>& payload, uint32_t number) {
     std::array<uint8_t, kRecordSize> record = {};
     memcpy(record.data(), kRecordText.data(), kRecordText.size());
@@ -59,7 +60,7 @@ std::vector<uint8_t> Modem::Payload(MCL_NTFY_CODE code) {
             AppendRecord(payload, ++md_info_updates_);
             break;
         case NTFY_QUERY_STORAGE_MODE:
-            AppendWord(payload, UINT32_MAX);  // neither answer
+            AppendWord(payload, UINT32_MAX);  // no valid answer: the daemon writes its own here
             break;
         default:
             break;
@@ -85,7 +86,7 @@ void Modem::RaiseAndWait(MCL_NTFY_CODE code, std::chrono::seconds limit) {
     lock.unlock();
     const uint64_t ticket = Queue({code, has_payload, std::move(payload)});
     lock.lock();
-    if (own_thread) return;  // a handler that asks cannot be waited for
+    if (own_thread) return;  // a handler has called this; it cannot wait for itself
     idle_cond_.wait_for(lock, limit, [&] { return !up_ || settled_ >= ticket; });
 }
 
@@ -124,7 +125,7 @@ void Modem::Exception() {
         std::lock_guard lock(mutex_);
         if (!flowing || streaming_) return;
         streaming_ = true;
-        last_tick_ = Clock::now();  // nothing was produced meanwhile
+        last_tick_ = Clock::now();  // no bytes were produced while the stream was stopped
     }
     port_cond_.notify_all();
 }

@@ -1,7 +1,7 @@
-// What the modem keeps while the daemon's process ends and starts anew.
+// The files in which the modem keeps its state over a restart of the daemon's process.
 //
-//   settings  = lines of key + blank + value + newline; of the filter, its bytes in hexadecimal
-//   delivered = bytes handed over at the log port, as 20 decimal digits
+//   settings  = (key + blank + value + newline)*, the filter's bytes in hexadecimal
+//   delivered = number of bytes read from the log port, 20 decimal digits
 #include <android/log.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -61,7 +61,7 @@ void Modem::KeepDelivered(const std::string& path) {
     SaveDelivered();
 }
 
-// In place and in one piece, so that the file holds one number or the other at any moment.
+// Overwrites the number with one write, so that the file always holds the old or the new number.
 void Modem::SaveDelivered() {
     if (delivered_fd_ == -1) return;
     char digits[24];

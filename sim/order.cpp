@@ -12,7 +12,8 @@ struct Unit {
     uint64_t factor;
 };
 
-// The number with its unit, in the smallest one; nothing when it is none or above `max`.
+// Parses a number with a unit. Returns its value in the smallest unit, or nothing if it is
+// malformed or greater than `max`.
 std::optional<uint64_t> WithUnit(std::string_view word, std::span<const Unit> units, uint64_t max) {
     uint64_t value = 0;
     const char* const end = word.data() + word.size();

@@ -1,4 +1,4 @@
-// What the console's commands are made of: orders, and the values that their words stand for.
+// The parts of the console's commands: orders, the parsers of their words, and the command table.
 #pragma once
 
 #include <charconv>
@@ -17,9 +17,9 @@ namespace sim {
 
 using Words = std::span<const std::string>;
 
-// What a line asks for, once its words have been looked at: a refusal, or what is to be done.
-// Making an order changes nothing, so that a scenario can be checked without a phone. What is to be
-// done owns all it needs, and may be done later.
+// The result of parsing a line: a refusal, or a function that executes the line. Making an order
+// changes nothing, so that a scenario can be checked without a phone. `act` owns everything that it
+// uses, so it may be called later.
 struct Order {
     std::string refusal;
     std::function<Reply()> act;
@@ -33,12 +33,13 @@ inline Order Do(std::function<Reply()> act) { return {"", std::move(act)}; }
 inline Reply Ok(std::string text = "") { return {true, std::move(text)}; }
 inline Reply Failed(std::string why) { return {false, std::move(why)}; }
 
-// A whole number, with k, M or G for powers of a thousand and Ki, Mi or Gi for powers of 1,024.
+// Parses a whole number, optionally with a unit: k, M, G (powers of 1,000) or Ki, Mi, Gi (powers of
+// 1,024).
 std::optional<uint64_t> Number(std::string_view word, uint64_t max);
 Order BadNumber(std::string_view what, const std::string& word, uint64_t max);
 Order NotAbsolute(const std::string& path);
 
-// "500ms", "5s", "5", "2m", "3h" or "7d"; ten years at most.
+// Parses a time of at most ten years: "500ms", "5s", "2m", "3h" or "7d". "5" is 5 s.
 std::optional<std::chrono::milliseconds> Duration(std::string_view word);
 
 inline std::optional<int> Integer(std::string_view word) {
@@ -50,13 +51,13 @@ inline std::optional<int> Integer(std::string_view word) {
 }
 
 struct Command {
-    // What becomes of a scenario's line whose time has passed when the daemon starts anew.
+    // What happens after a restart of the daemon to a scenario line whose time has passed.
     enum Kind {
-        kEvent,    // it has happened
-        kSetting,  // it is in force again
+        kEvent,    // skipped
+        kSetting,  // applied again
     };
     std::string_view name;
-    size_t min_words;  // the name counts
+    size_t min_words;  // the name included
     size_t max_words;
     Kind kind;
     std::string_view arguments;
@@ -64,13 +65,13 @@ struct Command {
     Order (*order)(const Console&, Words);
 };
 
-// Null when there is none of that name.
+// Returns null if there is no command of that name.
 const Command* FindCommand(std::string_view name);
-// The order that a line's words make; the name of the command stands before a refusal, and before
-// the reason why it could not be done.
+// Makes the order for the words of a line. Its refusal, and the text of a failed reply, begin with
+// the name of the command.
 Order MakeOrder(const Console& console, Words words);
 
-// The commands of a story: what a phone's owner, other programs and time do to it.
+// The commands for time, for other programs of the phone, and for what only ./run uses.
 Order AfterOrder(const Console&, Words words);
 Order ClientOrder(const Console&, Words words);
 Order ClockOrder(const Console&, Words words);
@@ -79,13 +80,13 @@ Order EndOrder(const Console&, Words words);
 Order ExpectOrder(const Console&, Words words);
 Order StorageOrder(const Console&, Words words);
 
-// A line "after TIME COMMAND...", taken apart.
+// A parsed line "after TIME COMMAND...".
 struct Later {
     std::chrono::milliseconds delay;
     Command::Kind kind;
     Order order;
 };
-// With a refused order when the line is wrong.
+// If the line is malformed, `order` is a refusal.
 Later MakeLater(const Console& console, Words words);
 
 }  // namespace sim

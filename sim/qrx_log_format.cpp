@@ -45,7 +45,7 @@ extern "C" int qrx_log_format_writeHeader(int fd, QRX_LOG_FORMAT_MODEM modem,
     memcpy(header.data() + kMdInfoAt, modem.md_info, kMdInfoRecordSize);
     if (custom_size != 0) memcpy(header.data() + kCustomBlockAt, custom.data, custom_size);
 
-    // One write, so that a header is there whole or counts as failed.
+    // One write, so that a partly written header counts as a failure.
     const ssize_t written = write(fd, header.data(), header.size());
     return written == static_cast<ssize_t>(header.size()) ? 0 : -1;
 }

@@ -1,7 +1,8 @@
-// The header that the simulated phone's log-format library puts in front of every log file.
+// The header that the simulated phone's log-format library writes at the start of a log file.
 //
-// All numbers little-endian. A reader that does not know the version can still skip it: magic,
-// version and length stay where they are in every version. docs/log-file-format.md is the page.
+// All numbers are little-endian. Magic, version and length have the same offsets in every version,
+// so that a reader can skip a header of an unknown version. docs/log-file-format.md describes the
+// format.
 //
 //   header = magic 8 + version 2 + reserved 2 + length 4
 //          + phone record 24 + modem record 16 + modem information 204 + custom block
@@ -21,8 +22,8 @@ constexpr uint16_t kVersion = 1;
 // Offsets of the fields.
 constexpr size_t kVersionAt = kMagic.size();
 constexpr size_t kReservedAt = kVersionAt + 2;
-constexpr size_t kLengthAt = kReservedAt + 2;  // bytes of the whole header, custom block included
-constexpr size_t kFixedSize = kLengthAt + 4;   // what every version begins with
+constexpr size_t kLengthAt = kReservedAt + 2;  // bytes of the whole header with the custom block
+constexpr size_t kFixedSize = kLengthAt + 4;   // the part that is the same in every version
 
 constexpr size_t kCompressBufSizeAt = kFixedSize;
 constexpr size_t kFolderTimeAt = kCompressBufSizeAt + 4;

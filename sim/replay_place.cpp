@@ -32,7 +32,7 @@ class KeptReplaySource : public LogSource {
     size_t Read(uint8_t* out, size_t len) override {
         const size_t got = replay_->Read(out, len);
         place_ += got;
-        // In place and in one piece, so that the file holds one number or the other at any moment.
+        // One write over the old number, so that the file always holds the old or the new number.
         const std::string digits = Digits(place_);
         if (got != 0 && pwrite(place_fd_, digits.data(), kDigits, 0) < 0) perror("replay_place");
         return got;

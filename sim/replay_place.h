@@ -1,6 +1,7 @@
-// Where a replay stands: kept in a file of the modem's folder, so that it outlives the process.
+// The place of a replay, which is kept in a file in the modem's folder over a restart of the
+// process.
 //
-//   replay_place = place as 20 decimal digits + blank + path of the replayed file + newline
+//   replay_place = place, 20 decimal digits + blank + path of the replayed file + newline
 #pragma once
 
 #include <cstdint>
@@ -11,13 +12,13 @@
 
 namespace sim {
 
-// The place kept in `folder` for the file `path`; 0 when none or another file's is kept, or when
-// the file has become shorter than that.
+// Returns the place that `folder` has for the file `path`. Returns 0 if it has none or that of
+// another file, or if the file is now shorter.
 uint64_t ReadReplayPlace(const std::string& folder, const std::string& path);
 
-// A replay source that keeps its place in `folder`: whatever a read has handed over is counted
-// before the read returns, a kill -9 included. Null, with errno set, when either file cannot be
-// opened.
+// Returns a replay source that keeps its place in `folder`. Each read stores the new place before
+// it returns, so the place is right even after a kill -9. Returns null with errno set if one of the
+// two files cannot be opened.
 std::unique_ptr<LogSource> MakeKeptReplaySource(const std::string& folder, const std::string& path,
                                                 uint64_t offset);
 

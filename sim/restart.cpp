@@ -11,7 +11,7 @@ namespace sim {
 
 namespace {
 
-// What init needs to get to it.
+// The time that init takes to react.
 constexpr std::chrono::milliseconds kReaction(10);
 
 }  // namespace
@@ -20,7 +20,7 @@ void PropertySet(std::string_view name, const std::string& value) {
     if (name != "vendor.quarn.qrx.restart" || value != "1") return;
     const char* const status = getenv(kRestartStatusVariable);
     if (status == nullptr) return;
-    // As with the kill that it stands for, nothing of the process is cleaned up.
+    // _exit() stands for init's kill, so the process cleans up nothing.
     const auto end = [code = atoi(status)] {
         std::this_thread::sleep_for(kReaction);
         _exit(code);

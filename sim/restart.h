@@ -1,4 +1,5 @@
-// The part of a phone's init that the daemon meets: it is killed when it asks for its restart.
+// The part of a phone's init that restarts the daemon: init kills the daemon when the daemon sets
+// its restart property.
 #pragma once
 
 #include <string>
@@ -6,11 +7,12 @@
 
 namespace sim {
 
-// The status with which the process ends itself soon after the restart property has become "1";
-// not set: nothing happens then. Whoever sets it starts the daemon anew.
+// The environment variable with the exit status of a restart. If it is set, the process exits with
+// that status 10 ms after the restart property was set to "1". The caller that set the variable
+// (sim/init) then starts the daemon again. If it is not set, nothing happens.
 constexpr const char* kRestartStatusVariable = "QUARN_SIM_RESTART_STATUS";
 
-// To be told of each property that was set.
+// Must be called after each change of a property.
 void PropertySet(std::string_view name, const std::string& value);
 
 }  // namespace sim

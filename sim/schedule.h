@@ -1,4 +1,4 @@
-// What is to be done on the phone at a later time.
+// The commands that are executed at a later time.
 #pragma once
 
 #include <chrono>
@@ -13,16 +13,17 @@
 
 namespace sim {
 
-// Does what it was told at its time, from a thread of its own, one thing after another. What fails
-// goes to the Android log. Every operation may be called from any thread.
+// Calls each added function at its time, one after another, on a thread of its own. Failures go to
+// the Android log. Thread-safe.
 class Schedule {
   public:
-    static Schedule& Instance();  // never destroyed
+    // The object is never destroyed.
+    static Schedule& Instance();
     Schedule(const Schedule&) = delete;
     Schedule& operator=(const Schedule&) = delete;
 
-    // `where`: what stands before a failure's reason in the Android log. Returns false when too
-    // much waits already.
+    // Calls `act` after `delay`. If it fails, `where` stands before the reason in the Android log.
+    // Returns false if too many entries are waiting.
     bool Add(std::chrono::milliseconds delay, const std::string& where, std::function<Reply()> act);
 
   private:
@@ -37,13 +38,14 @@ class Schedule {
     ~Schedule() = delete;
     void Run();
 
-    std::mutex mutex_;  // guards the rest; never held while something is done
+    // Guards the members below. Not held while an entry is executed.
+    std::mutex mutex_;
     std::condition_variable cond_;
     std::multimap<Clock::time_point, Entry> entries_;
     bool runs_ = false;
 };
 
-// Tells a failure as an error of the tag SIM: "WHERE: WHY".
+// Logs "WHERE: WHY" as an error with the tag SIM.
 void TellFailure(const std::string& where, const std::string& why);
 
 }  // namespace sim

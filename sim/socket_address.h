@@ -1,4 +1,4 @@
-// Addresses of socket files whose path may be longer than an address holds.
+// Addresses of socket files whose path may be too long for a sockaddr_un.
 #pragma once
 
 #include <fcntl.h>
@@ -13,9 +13,9 @@ namespace sim {
 
 constexpr const char* kConsoleSocketName = "console.socket";
 
-// The address of a socket file in a folder, by way of a descriptor of the folder; valid in this
-// process while the object lives. `ok()` is false, with errno set, when the folder cannot be
-// opened.
+// The address of a socket file in a folder. It uses an open descriptor of the folder, so it is
+// valid only in this process and while the object exists. If the folder cannot be opened, `ok()` is
+// false and errno is set.
 class SocketAddress {
   public:
     SocketAddress(const std::string& folder, const char* name)

@@ -1,4 +1,4 @@
-// How the simulated phone stands: single values, each under a key of its own.
+// The state of the simulated phone as a list of keys and values.
 #pragma once
 
 #include <string>
@@ -9,12 +9,12 @@ namespace sim {
 
 struct StateValue {
     std::string_view key;  // a word
-    std::string value;     // bare, for scripts
+    std::string value;     // without the unit
     std::string_view unit = "";
 };
 
-// All values as they are now, in the order in which people read them. Thread-safe; the values of
-// one call may be some microseconds apart.
+// Returns all current values, in the order in which `simctl state` prints them. Thread-safe. The
+// values are not all read at the same instant.
 std::vector<StateValue> CurrentState();
 
 }  // namespace sim

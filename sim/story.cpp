@@ -1,5 +1,5 @@
-// The commands of a story: time, other programs of the phone, its clock and its storage; and the
-// lines that ./run takes out of a scenario.
+// The commands for time, for other programs of the phone, for its clock and its storage, and those
+// that only ./run uses.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,9 +27,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// --- a client of the daemon ---
+// --- A client of the daemon ---
 
-// A descriptor, or -1 when no daemon listens.
+// Returns a descriptor, or -1 if no daemon listens.
 int ConnectToDaemon() {
     const std::string_view name = quarn::protocol::kCommandSocket;
     sockaddr_un address = {};
@@ -65,19 +65,20 @@ Reply Ask(const std::string& request) {
     return Ok(answer + '\n');
 }
 
-// --- storage ---
+// --- Storage ---
 
 constexpr const char* kBallast = "/data/ballast";
 constexpr uint64_t kLargestStorage = uint64_t{4} << 30;  // bytes, in memory
 
-// So that nobody fills the disk of the machine by mistake.
+// Returns true if /data is a file system of its own and of limited size. Otherwise the ballast
+// could fill the machine's disk.
 bool HasStorageOfItsOwn(const struct statvfs& space) {
     struct stat data = {}, box = {};
     return stat("/data", &data) == 0 && stat("/box", &box) == 0 && data.st_dev != box.st_dev &&
            space.f_blocks * space.f_frsize <= kLargestStorage;
 }
 
-// Makes the ballast as large as that leaves `bytes` free; an errno number.
+// Changes the size of the ballast file so that `bytes` stay free. Returns 0 or an errno number.
 int SetBallast(int fd, uint64_t bytes) {
     struct statvfs space = {};
     struct stat ballast = {};
@@ -95,7 +96,8 @@ Reply LeaveFree(uint64_t bytes) {
     }
     const int fd = open(kBallast, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (fd == -1) return Failed(std::string("cannot write to /data: ") + strerror(errno));
-    // The daemon may have taken some of the space meanwhile, and then there is no ballast at all.
+    // If the daemon takes some of the space meanwhile, posix_fallocate() fails as a whole: try
+    // again.
     int error = ENOSPC;
     for (int tries = 0; error == ENOSPC && tries < 100; ++tries) error = SetBallast(fd, bytes);
     close(fd);

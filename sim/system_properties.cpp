@@ -11,7 +11,7 @@
 
 namespace {
 
-std::mutex property_mutex;  // the store of a workstation's libbase has none
+std::mutex property_mutex;  // libbase's property store on a workstation has no lock
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// Bytes as text.
+// Conversions between bytes and hexadecimal text, and a checksum.
 #pragma once
 
 #include <charconv>
@@ -10,7 +10,7 @@
 
 namespace sim {
 
-// Appends the bytes that `word` holds in hexadecimal; false when it holds anything else.
+// Appends the bytes that `word` contains in hexadecimal. Returns false if `word` is malformed.
 inline bool HexBytes(std::string_view word, std::vector<uint8_t>* bytes) {
     if (word.size() % 2 != 0) return false;
     for (size_t i = 0; i < word.size(); i += 2) {
@@ -23,7 +23,7 @@ inline bool HexBytes(std::string_view word, std::vector<uint8_t>* bytes) {
     return true;
 }
 
-// The one of zlib and Ethernet.
+// Returns the CRC-32 that zlib and Ethernet use.
 inline uint32_t Crc32(std::span<const uint8_t> bytes) {
     constexpr uint32_t kPolynomial = 0xEDB88320;
     uint32_t crc = ~0u;

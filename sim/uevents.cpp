@@ -16,8 +16,9 @@ namespace {
 
 constexpr uint32_t kKernelGroup = 1;
 
-// The kernel skips the port that a message comes from, and gives a socket without a wish the
-// process id, which is the daemon's: this one takes a number that is no process's.
+// Binds the socket to a port id that is not a process id. A socket without a port id would get the
+// process id, like the daemon's socket, and the kernel does not deliver a message to the port id of
+// its sender.
 int OpenSocket() {
     static std::atomic<uint32_t> sockets{0};
     const int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
@@ -70,7 +71,7 @@ bool SendUevent(std::string_view message) {
     sockaddr_nl listeners = {};
     listeners.nl_family = AF_NETLINK;
     listeners.nl_groups = kKernelGroup;
-    // A kernel that takes no such message itself says ECONNREFUSED once the listeners have it.
+    // ECONNREFUSED: the listeners have got the message, but the kernel has not taken it itself.
     const ssize_t sent = sendto(fd, message.data(), message.size(), 0,
                                 reinterpret_cast<const sockaddr*>(&listeners), sizeof(listeners));
     const int error = errno;

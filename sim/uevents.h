@@ -1,5 +1,5 @@
-// Device events of the simulated phone: datagrams of the kind that the kernel sends, to everyone in
-// this network namespace who listens for them. Needs CAP_NET_ADMIN there. Any thread may send.
+// Device events of the simulated phone. They are netlink datagrams like those of the kernel, and go
+// to all listeners in this network namespace. Needs CAP_NET_ADMIN there. Thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -10,17 +10,17 @@
 
 namespace sim {
 
-// The message of a virtual device: header, ACTION, DEVPATH, SUBSYSTEM, DEVNAME, MAJOR, MINOR,
-// SEQNUM, then what `more` has; each text with its NUL.
+// Returns the message of a virtual device: header, ACTION, DEVPATH, SUBSYSTEM, DEVNAME, MAJOR,
+// MINOR, SEQNUM, then the texts of `more`. Each text ends with a NUL.
 std::string DeviceEvent(const std::string& action, const std::string& subsystem,
                         const std::string& name, std::span<const std::string> more = {});
-// Random bytes, the same for the same seed.
+// Returns random bytes, which depend on the seed only.
 std::string NoiseUevent(size_t length, uint64_t seed);
 
-// Sends the bytes as one datagram; false, with errno set, when that fails. Nobody listening is no
-// failure.
+// Sends the bytes as one datagram. Returns false with errno set on failure. It is no failure if
+// nobody listens.
 bool SendUevent(std::string_view message);
-// Sends a device event. If it is about the modem's log device, that comes or goes with it.
+// Sends a device event. An event of the modem's log device also adds or removes that device.
 bool SendDeviceEvent(const std::string& action, const std::string& subsystem,
                      const std::string& name, std::span<const std::string> more = {});
 

@@ -1,4 +1,4 @@
-// Output channels: where the writer puts the bytes that it takes from the ring.
+// An output channel takes the bytes that the writer drains from the ring.
 #pragma once
 
 #include <atomic>
@@ -7,14 +7,14 @@
 
 #include "core/quarn_global.h"
 
-// The kind of a channel. Callers test it before they use an operation of one kind.
+// The kind of a channel. Callers check it before they call an operation that only one kind has.
 enum QUARN_IO_TYPE : int32_t {
     IO_TYPE_FILE = 0,
     IO_TYPE_USB = 1,
     IO_TYPE_SOCKET = 2,
 };
 
-// Base of all channels. A channel is born closed.
+// The base class of all channels. A new channel is closed.
 class QUARN_IO {
   public:
     explicit QUARN_IO(QUARN_IO_TYPE type) : io_type(type) {}
@@ -22,27 +22,29 @@ class QUARN_IO {
     QUARN_IO(const QUARN_IO&) = delete;
     QUARN_IO& operator=(const QUARN_IO&) = delete;
 
-    // 0 on success.
+    // Returns 0 on success.
     virtual int io_open() = 0;
-    // Bytes accepted, or -1.
+    // Returns the number of bytes that the channel accepted, or -1.
     virtual int io_write(const void* buf, int len) = 0;
+    // Returns 0 on success.
     virtual int io_close() = 0;
 
-    // Writes the whole buffer to `fd` in at most five attempts, 50 ms apart. `len` when every byte
-    // went out, else -1; what had gone out before stays written. Another thread ends it within 50
-    // ms by setting `is_closed`. Takes no lock.
+    // Writes `len` bytes to `fd` in at most five attempts, 50 ms apart. Returns `len` if all bytes
+    // were written, else -1; bytes that were written before the failure stay written. Between two
+    // attempts it checks `is_closed`, and fails if another thread has set it. Takes no lock.
     int common_write(const void* buf, int len);
 
     const QUARN_IO_TYPE io_type;
-    // What `common_write` writes to, -1: none. Owned by the concrete channel.
+    // The descriptor that `common_write` writes to; -1 if there is none. The derived class owns it.
     std::atomic<int32_t> fd{-1};
     std::atomic<bool> is_closed{true};
 
   protected:
-    // Guards the channel's open, close and write.
+    // The operations of a derived class hold it while they open, write or close the channel.
     std::mutex io_mutex;
 };
 
-// The channel for a transfer type: the one storage channel for all of them but "exit", which has
-// none. The USB and socket branches of its users are entered by `io_type` only.
+// Returns the channel for a transfer type: the storage channel for every type except "exit", for
+// which it returns null. Not owned by the caller. The process has no USB or socket channel today,
+// so callers must check `io_type` and not the transfer type.
 QUARN_IO* quarn_getSaveModeIo(QUARN_SAVE_MODE mode);

@@ -13,8 +13,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// One chunk always fits behind the write index: into the free space that the reader insists on,
-// and, at the end of the ring, into the tail area.
+// A chunk of this size fits at every write index: the reader reads only while that many bytes are
+// free, and at the end of the ring the tail area takes the rest.
 constexpr unsigned int kChunkSize = QUARN_RING::kTailSize;
 constexpr int kAttemptsPerChunk = 10;
 constexpr int kPollTimeoutMs = 500;
@@ -23,8 +23,9 @@ constexpr milliseconds kIdlePause(100);
 constexpr milliseconds kBadPortPause(300);
 constexpr milliseconds kReopenPause(1000);
 
-// A hook: signalled whenever the port had nothing to give and whenever it is closed. Nothing waits
-// for it yet. Never destroyed, since the thread may still signal while the process exits.
+// A hook that nothing waits for yet. The reader thread signals it when a chunk ends without bytes
+// and when it closes the port. Never destroyed, since the thread may still signal while the process
+// exits.
 pthread_mutex_t reader_idle_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t reader_idle_cond = PTHREAD_COND_INITIALIZER;
 
@@ -34,28 +35,29 @@ void signal_idle() {
     pthread_mutex_unlock(&reader_idle_mutex);
 }
 
-// The bytes that are gathered into one commit.
+// The bytes that the reader publishes in the ring at once.
 struct Chunk {
     uint8_t* dst;                    // where the next byte goes
     unsigned int want = kChunkSize;  // bytes that still fit
-    int total = 0;                   // bytes gathered
-    int ebadf_seen = 0;
+    int total = 0;                   // bytes read so far
+    int ebadf_seen = 0;              // attempts that failed with EBADF
 };
 
-// How one attempt at the port ended.
+// The result of one attempt to read the port.
 enum class Attempt {
-    kMore,    // worth another one
+    kMore,    // try again
     kFull,    // the chunk is complete
-    kQuiet,   // the port has nothing more for now
-    kFailed,  // the port is of no more use
+    kQuiet,   // the port has no more bytes for now
+    kFailed,  // the port fails: the chunk ends here
 };
 
-// What the reader thread does, pass by pass: from the port into one ring.
+// Copies the stream from the port to a ring. Used by the reader thread only.
 class PortToRing {
   public:
     explicit PortToRing(QUARN_RING& target)
         : ring(target), buf(target.get_buf_ptr()), mask(target.capacity()) {}
 
+    // Reads and commits one chunk, waits for room in the ring, or opens the port.
     void pass() {
         const uint64_t seen = ring.notification_count();
         if (ring.remain_size() < kChunkSize) {
@@ -81,8 +83,8 @@ class PortToRing {
     }
 
   private:
-    // Fills the chunk as far as the port gives; false when the port has to be closed, in which case
-    // there is nothing to commit.
+    // Reads until the chunk is full or the port has no more bytes. Returns false if the port has to
+    // be closed; the chunk is empty then.
     static bool gather(Chunk& chunk) {
         for (int attempts = kAttemptsPerChunk; attempts > 0; --attempts) {
             switch (read_once(chunk)) {
@@ -102,7 +104,7 @@ class PortToRing {
         return false;
     }
 
-    // The port is read and polled under the lock of the counters.
+    // Holds `stats_mutex` while it reads and polls the port.
     static Attempt read_once(Chunk& chunk) {
         std::unique_lock lock(g_quarn.stats_mutex);
         QUARN_READER_STATS& stats = g_quarn.stats;
@@ -159,8 +161,8 @@ class PortToRing {
         }
     }
 
-    // Publishes what was read at `start`. What ran on into the tail area belongs to the start of
-    // the ring, which is free: a whole chunk was.
+    // Publishes `total` bytes that were read to `start`. Bytes in the tail area are copied to the
+    // start of the ring. That part is free, since a whole chunk was free before the read.
     void commit(uint64_t start, uint64_t total) {
         const uint64_t end = start + total;
         const uint64_t size = mask + 1;
@@ -179,7 +181,7 @@ class PortToRing {
     QUARN_RING& ring;
     uint8_t* const buf;
     const uint64_t mask;
-    bool port_open = true;  // the modem layer came up with the port open
+    bool port_open = true;  // `mcl_init` opens the port
 };
 
 void restart_counting() {
@@ -206,7 +208,7 @@ int32_t QUARN_READER_HANDLE::start() {
         QUARN_LOGI("reader_handler: already start");
         return 0;
     }
-    if (thread.joinable()) thread.join();  // one that ended by itself
+    if (thread.joinable()) thread.join();  // the previous thread, if it ended by itself
     if (!quarn_startThread(thread, "quarn_reader", "reader_handler", [this] { read_loop(); })) {
         running = false;
         return 1;
@@ -267,7 +269,7 @@ void QUARN_READER_HANDLE::read_loop() {
         return;
     }
     QUARN_LOGI("reader_handler: quarn_read_thread start");
-    PortToRing road(*target);
-    while (running) road.pass();
+    PortToRing port_to_ring(*target);
+    while (running) port_to_ring.pass();
     QUARN_LOGI("reader_handler: quarn_read_thread terminate");
 }

@@ -1,4 +1,4 @@
-// The reader: pulls the modem's log stream out of the log port and appends it to the ring.
+// The reader takes the modem's log stream from the log port and appends it to the ring.
 #pragma once
 
 #include <atomic>
@@ -8,29 +8,35 @@
 #include "core/quarn_handle.h"
 #include "datapath/quarn_ring.h"
 
-// Owns the one reader thread. It reads straight into the ring, at most 64 KiB at a time, and waits
-// rather than overwrites when the writer falls behind. `start` and `stop` may be called from any
-// thread. `stop` joins the reader thread, which ends between two chunks only: usually that takes at
-// most one poll of the port (500 ms), some seconds while the port fails.
+// Owns the reader thread. The thread reads directly into the ring, in chunks of up to 64 KiB. When
+// the writer falls behind and less than 64 KiB are free, the thread waits; it never overwrites
+// bytes that the writer has not taken.
+//
+// `start` and `stop` are thread-safe. `stop` joins the reader thread, which ends only between two
+// chunks. This usually takes at most one poll of the port (500 ms), and a few seconds while the
+// port reports errors.
 class QUARN_READER_HANDLE : public QUARN_HANDLE {
   public:
-    // The ring is not owned and must outlive the handle.
+    // `log_ring` is not owned and must outlive the handle.
     explicit QUARN_READER_HANDLE(QUARN_RING* log_ring);
     ~QUARN_READER_HANDLE() override;
 
-    // 0 once the thread runs, 1 when it could not be created.
+    // Returns 0 if the thread runs, 1 if it could not be created.
     int32_t start() override;
+    // Returns 0.
     int32_t stop() override;
+    // Runs on the caller's thread and returns 0. REQUIRES: one call at a time.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
   private:
     void read_loop();
+    // Makes the thread read into `g_ring`, with a restart of the thread if it uses another ring.
     void reattach();
 
     std::thread thread;
     std::atomic<bool> running{false};
     std::atomic<QUARN_RING*> ring;
-    // Held for the whole of `start` and `stop`; guards `thread`. The reader thread never takes it.
+    // Guards `thread`. Held during all of `start` and `stop`; the reader thread never locks it.
     std::mutex lifecycle_mutex;
 };
 

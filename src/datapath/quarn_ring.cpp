@@ -4,7 +4,7 @@
 
 static_assert((QUARN_RING::kSize & (QUARN_RING::kSize - 1)) == 0);
 
-// The storage is left uninitialised: untouched pages cost no memory.
+// The buffer is not initialised, since pages that are never touched use no memory.
 QUARN_RING::QUARN_RING(size_t ring_size)
     : buf(new uint8_t[ring_size + kTailSize]), size(ring_size) {}
 
@@ -52,7 +52,7 @@ uint64_t QUARN_RING::remain_size() {
 
 void QUARN_RING::wait_for(unsigned int ms) { wait_for(ms, notification_count()); }
 
-// A wake-up without a notification starts the full wait anew.
+// After a spurious wake-up the thread waits for the full `ms` again.
 void QUARN_RING::wait_for(unsigned int ms, uint64_t seen) {
     std::unique_lock lock(mutex);
     while (!notified && notify_count == seen &&

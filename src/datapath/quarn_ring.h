@@ -1,4 +1,5 @@
-// The ring between the reader, its only producer, and the writer, its only consumer.
+// The ring buffer between the reader thread, its only producer, and the writer thread, its only
+// consumer.
 #pragma once
 
 #include <condition_variable>
@@ -7,46 +8,53 @@
 #include <memory>
 #include <mutex>
 
-// The indexes are guarded by the ring's mutex. The bytes are not: the producer fills behind the
-// write index before it publishes a new one, the consumer reads only up to a write index it
-// fetched. Behind the last byte lies a tail area, so that a read of up to `kTailSize` bytes never
-// has to be split; its producer copies what landed there to the start before it commits. Any thread
-// may ask for sizes, reset or notify.
+// A ring of `capacity() + 1` bytes, followed by a tail area of `kTailSize` bytes. The producer may
+// thus store up to `kTailSize` bytes at the write index without splitting them. Before it publishes
+// the new write index, it copies the bytes that went into the tail area to the start of the ring.
+//
+// The operations are thread-safe: a mutex guards the indexes. No lock guards the bytes. The
+// producer fills them before it publishes the new write index, and the consumer reads only up to a
+// write index that it fetched.
 class QUARN_RING {
   public:
-    // Bytes; `size - 1` serves as index mask.
+    // In bytes.
     static constexpr size_t kSize = size_t{16} * 1024 * 1024;
     static constexpr size_t kTailSize = size_t{64} * 1024;
 
-    // `ring_size` must be a power of two.
+    // REQUIRES: `ring_size` is a power of two.
     explicit QUARN_RING(size_t ring_size = kSize);
     virtual ~QUARN_RING() = default;
     QUARN_RING(const QUARN_RING&) = delete;
     QUARN_RING& operator=(const QUARN_RING&) = delete;
 
+    // Returns the first byte of the ring. The pointer stays valid as long as the ring exists.
     uint8_t* get_buf_ptr();
     uint64_t get_buf_write_idx();
     uint64_t get_buf_read_idx();
-    // The caller passes a value already masked with `capacity()`.
+    // REQUIRES: `idx` <= capacity().
     void set_buf_write_idx(uint64_t idx);
     void set_buf_read_idx(uint64_t idx);
-    // Drops everything held, and returns how many bytes that were.
+    // Drops all bytes that the ring holds. Returns their number.
     uint64_t reset();
-    // Bytes held, and bytes that may still be written: one byte always stays free.
+    // Returns the number of bytes that the ring holds.
     uint64_t current_size();
+    // Returns the number of bytes that the producer may still write. One byte always stays free.
     uint64_t remain_size();
-    // The size minus one: the index mask.
+    // Returns the size of the ring minus one: the most bytes that it holds, and the mask for
+    // indexes.
     uint64_t capacity() const { return size - 1; }
 
-    // Waits for a notification, at most `ms` milliseconds. One that came while nobody waited ends
-    // the wait at once. The caller learns nothing about why it ended and looks at the sizes again.
+    // Waits up to `ms` milliseconds for a notification. Returns at once if a notification came
+    // since the last wait. The caller cannot tell why the wait ended, and reads the sizes again.
     void wait_for(unsigned int ms);
-    // The same for a caller who took `seen` before it looked at the sizes: a notification since
-    // then ends the wait even when the other side has taken it meanwhile. Without that both could
-    // come to wait at once, each for the other, until one times out.
+    // Like wait_for(ms), but also returns at once if `notification_count()` is no longer `seen`.
+    // The caller gets `seen` before it reads the sizes. Both threads share one flag, so one thread
+    // may consume a notification that was meant for the other. With `seen` the other thread notices
+    // that. Without it, both threads could wait for each other until one wait times out.
     void wait_for(unsigned int ms, uint64_t seen);
-    uint64_t notification_count();  // ever
-    // Wakes whichever side waits.
+    // Returns the number of calls of `notify` so far.
+    uint64_t notification_count();
+    // Wakes all waiting threads. If no thread waits, the next wait returns at once.
     void notify();
 
   private:
@@ -58,7 +66,8 @@ class QUARN_RING {
     uint64_t read_idx = 0;
     uint64_t write_idx = 0;
     const uint64_t size;
-    bool notified = false;  // since the last wait
+    // `notify` was called since the last wait.
+    bool notified = false;
     uint64_t notify_count = 0;
 };
 

@@ -19,7 +19,8 @@ constexpr std::chrono::milliseconds kAcceptBackOff(200);
 constexpr std::chrono::seconds kErrorBackOff(1);
 constexpr int kWaitTimeoutMs = 5000;
 
-// Positive when a host is at the door, 0 after a time-out, -1 with errno.
+// Waits up to 5 s for a host. Returns a positive number if one can be accepted, 0 after a time-out,
+// or -1 with errno set.
 int wait_readable(int socket_fd) {
     pollfd listening = {.fd = socket_fd, .events = POLLIN, .revents = 0};
     const int ready = poll(&listening, 1, kWaitTimeoutMs);

@@ -1,35 +1,39 @@
-// The socket channel: one host, connected to a listening IPv4 stream socket.
+// The socket channel sends the log stream to a host that connects to an IPv4 stream socket.
 #pragma once
 
 #include "datapath/quarn_io.h"
 
-// Waits for a host and lets go of it; `fd` is the connection. Creating the listening socket,
-// writing and closing are left to a concrete channel. The listening socket should not block: a host
-// that leaves before it is accepted would hold up the wait.
+// Waits for one host, accepts its connection into `fd`, and closes the connection. A derived class
+// creates the listening socket, writes and closes the channel. The listening socket should be
+// non-blocking: otherwise a host that leaves before it is accepted blocks the wait in accept().
 class QUARN_SOCKET_IO : public QUARN_IO {
   public:
     QUARN_SOCKET_IO() : QUARN_IO(IO_TYPE_SOCKET) {}
 
+    // Returns true if a host is connected. Takes no lock.
     bool is_connected() const;
-    // Blocks until a host is connected, `stop_wait_connect` is called or the channel is closed; the
-    // last two take effect within 5 s. Holds `wait_mutex` throughout: one thread waits, others
-    // queue.
+    // Blocks until a host is connected, `stop_wait_connect` is called or the channel is closed. It
+    // notices the last two within 6 s. Returns at once if the listening socket is not open. Holds
+    // `wait_mutex` during the whole wait, so a second caller waits for the first one.
     void wait_connect();
-    // Makes a waiting thread give up. Takes no lock. It has no effect on a wait that begins later.
+    // Ends a running `wait_connect`. Has no effect on a wait that begins later. Takes no lock.
     void stop_wait_connect();
-    // Accepts a host that is at the door, looking every 200 ms while `wait_connect` may go on. 0
-    // once it is accepted, else -1.
+    // Accepts a host that has connected. While accept() fails with EAGAIN it tries again every
+    // 200 ms, until the wait is ended or the channel closed. Returns 0 if a host was accepted, else
+    // -1. Returns -1 at once if no `wait_connect` is running.
     int connect();
-    // Closes the connection. Takes `io_mutex`.
+    // Closes the connection, if there is one. Takes `io_mutex`.
     void disconnect();
 
   protected:
-    std::atomic<int32_t> server_socket{-1};  // listening; negative: not open
+    // The listening socket; negative if it is not open.
+    std::atomic<int32_t> server_socket{-1};
 
   private:
-    // Runs under `wait_mutex`.
+    // REQUIRES: wait_mutex is held.
     void wait_for_host();
 
-    std::atomic<int32_t> is_waiting{0};  // 1 while a wait may go on
+    // 1 while `wait_connect` and `connect` may go on, else 0.
+    std::atomic<int32_t> is_waiting{0};
     std::mutex wait_mutex;
 };

@@ -1,22 +1,24 @@
-// The USB channel: the host tool port.
+// The USB channel sends the log stream to a tool on a host computer.
 #pragma once
 
 #include "datapath/quarn_io.h"
 
-// What the writer and the tool port need of it, on any thread and without a lock. Opening, writing
-// and closing the port are left to a concrete channel.
+// The operations that the writer and the tool port call. They are thread-safe and take no lock. A
+// derived class opens, writes and closes the port.
 class QUARN_USB_IO : public QUARN_IO {
   public:
     QUARN_USB_IO() : QUARN_IO(IO_TYPE_USB) {}
 
-    // The writer pauses the channel while its thread is stopped, and interrupts a blocked write by
-    // a signal: the concrete channel must then give the write up. All three return 0.
+    // To stop its thread, the writer pauses the channel and then interrupts a blocked write with
+    // SIGUSR1. The derived class must give up the write when it finds the channel paused. The
+    // writer resumes the channel before it starts its thread. Both return 0.
     int io_pause();
     int io_resume();
-    // Has nothing to do here.
+    // Does nothing. Returns 0.
     int io_delete();
 
-    // Bytes handed to the port so far. When it stands still, the host is not draining.
+    // Returns the number of bytes that were written to the port. If it does not grow, the host does
+    // not read.
     uint64_t get_write_count() const;
 
   protected:

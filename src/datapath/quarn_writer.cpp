@@ -25,7 +25,8 @@ constexpr unsigned int kSwitchDrainLimitMs = 200;
 
 void pause_after_failed_write() { std::this_thread::sleep_for(kFailedWritePause); }
 
-// The start notification's payload: its second word tells whether a new file is wanted.
+// Returns true if the payload of a start notification asks for a new file: its second 32-bit word
+// is 1 then.
 bool asks_for_new_file(const void* payload) {
     if (payload == nullptr) return false;
     uint32_t words[2];
@@ -55,13 +56,12 @@ int32_t QUARN_WRITER_HANDLER::start() {
     return start_locked();
 }
 
-// Call with `lifecycle_mutex` held, and the same for the next.
 int32_t QUARN_WRITER_HANDLER::start_locked() {
     if (is_running.exchange(true)) {
         QUARN_LOGI("writer_handler: already start");
         return 0;
     }
-    join_thread();  // one that ended by itself
+    join_thread();  // the previous thread, if it ended by itself
     auto* const usb = static_cast<QUARN_USB_IO*>(channel_of(IO_TYPE_USB));
     if (usb != nullptr) usb->io_resume();
     const auto body = [](void* self) {
@@ -95,7 +95,6 @@ void QUARN_WRITER_HANDLER::stop_locked() {
     QUARN_LOGI("writer_handler: stop success");
 }
 
-// Gets the thread out of whatever it may wait in, so that it sees that it shall end.
 void QUARN_WRITER_HANDLER::wake_thread() {
     if (ring != nullptr) ring->notify();
     if (QUARN_IO* const channel = channel_of(IO_TYPE_SOCKET)) {
@@ -111,7 +110,6 @@ void QUARN_WRITER_HANDLER::wake_thread() {
     }
 }
 
-// Joins the thread, if there is one.
 void QUARN_WRITER_HANDLER::join_thread() {
     if (!writer_thread.Exists()) return;
     if (const int error = writer_thread.Join([this] { wake_thread(); }); error != 0) {
@@ -233,10 +231,10 @@ int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
             mark_exception();
             break;
         case EXEC_TOOL_CONNECTED:
-            make_way();
+            stop_for_tool();
             break;
         case EXEC_TOOL_DISCONNECTED:
-            come_back();
+            restart_after_tool();
             break;
         case EXEC_SET_SAVE_MODE:
             set_save_mode(static_cast<const QUARN_SAVE_MODE*>(arg));
@@ -257,7 +255,6 @@ int32_t QUARN_WRITER_HANDLER::exec(QUARN_EXEC_ID exec_id, void* arg) {
 
 size_t QUARN_WRITER_HANDLER::held() const { return ring != nullptr ? ring->current_size() : 0; }
 
-// The current channel when it is of that kind, else null.
 QUARN_IO* QUARN_WRITER_HANDLER::channel_of(QUARN_IO_TYPE type) const {
     QUARN_IO* const channel = io;
     return channel != nullptr && channel->io_type == type ? channel : nullptr;
@@ -286,20 +283,21 @@ void QUARN_WRITER_HANDLER::mark_exception() {
     }
 }
 
-void QUARN_WRITER_HANDLER::make_way() {
+void QUARN_WRITER_HANDLER::stop_for_tool() {
     std::lock_guard lock(lifecycle_mutex);
     was_running = is_running.load();
     if (was_running) stop_locked();
 }
 
-void QUARN_WRITER_HANDLER::come_back() {
+void QUARN_WRITER_HANDLER::restart_after_tool() {
     std::lock_guard lock(lifecycle_mutex);
     if (was_running) start_locked();
 }
 
-// Leaves the writer stopped, with an empty ring and the channel of the new mode. An exit comes
-// without `exec_mutex`: nobody starts the writer in between, nor does a host tool that goes later,
-// since what came then would stand behind what was dropped here.
+// The switch to "exit" comes without `exec_mutex`. So `lifecycle_mutex` keeps other requests from
+// starting the writer before the new channel is set, and clearing `was_running` keeps a host tool
+// that disconnects later from starting it. A writer that ran then would write new bytes directly
+// after the ones dropped here.
 void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     if (mode == nullptr) {
         QUARN_LOGE("write_handler: arg is NULL");
@@ -309,7 +307,7 @@ void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     std::lock_guard lock(lifecycle_mutex);
     was_running = false;
     stop_locked();
-    // In one step: the reader may be adding to it.
+    // Size and reset in one call, since the reader thread may be adding bytes.
     const size_t left = ring != nullptr ? ring->reset() : 0;
     if (left != 0) QUARN_LOGW("write_handler: drop %zu bytes data from cur_used_buf", left);
     io = quarn_getSaveModeIo(*mode);

@@ -1,4 +1,4 @@
-// The writer: drains the ring into the current output channel.
+// The writer takes the bytes from the ring and writes them to the current output channel.
 #pragma once
 
 #include <atomic>
@@ -13,63 +13,82 @@
 
 class QUARN_FILE_IO;
 
-// Owns the one writer thread. It takes at most 256 KiB at a time; data whose write failed stays in
-// the ring and is offered again. `start` and `stop` may be called from any thread; `exec` runs on
-// the caller's thread, one at a time. `stop` joins the writer thread, which first ends the write
-// that it is in.
+// Owns the writer thread. The thread takes up to 256 KiB at a time. Bytes that the channel did not
+// accept stay in the ring, and the thread writes them again after 200 ms.
+//
+// `start` and `stop` are thread-safe. `stop` joins the writer thread, which first finishes its
+// current write. `exec` runs on the caller's thread. Its callers hold `exec_mutex`, except for the
+// switch to "exit", which may run at the same time as another request.
 class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
   public:
-    // The ring is not owned and must outlive the handle.
+    // `log_ring` is not owned and must outlive the handle.
     QUARN_WRITER_HANDLER(QUARN_RING* log_ring, QUARN_HANDLE_ID handle_id);
     ~QUARN_WRITER_HANDLER() override;
 
-    // Takes the channel of the current transfer type.
+    // Selects the channel of the current transfer type. Returns 0.
     int32_t init() override;
-    // 0 once the thread runs, 1 when it could not be created.
+    // Returns 0 if the thread runs, 1 if it could not be created.
     int32_t start() override;
+    // Closes the storage channel after the thread has ended. Returns 0.
     int32_t stop() override;
+    // Returns 0.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
-    // Waits 1.5 s, and then up to `timeout_ms` for the ring to drain, unless the channel's host is
-    // not there to drain it. Returns at once when the writer has been stopped, also meanwhile:
-    // nothing drains then. One that has not been started yet is waited for.
+    // Waits 1.5 s, then up to `timeout_ms` milliseconds until the ring is empty. Returns after the
+    // 1.5 s if the host of a USB or socket channel does not read. Returns at once if the writer has
+    // been stopped or is stopped during the wait, since nothing drains the ring then. A writer that
+    // has never been started does not end the wait.
     void wait_buffer_clean(unsigned int timeout_ms);
 
   protected:
-    // The current channel; null until `init` and after the switch to a mode that has none. Not
-    // owned.
+    // The current channel. Null before `init` and after a switch to "exit". Not owned.
     std::atomic<QUARN_IO*> io{nullptr};
 
   private:
     void quarn_writer_thread_func();
-    // One pass of the thread: waits on an empty ring, else offers what the ring holds.
+    // One pass of the thread. Waits if the ring is empty, else writes one chunk to the channel.
     void drain_once(const uint8_t* buf, uint64_t mask);
+    // Both write the `chunk` bytes from `read_idx` on to the channel, and advance the read index by
+    // the number of bytes that the channel accepted. `drain_wrapped` is for a chunk that continues
+    // at the start of the ring.
     void drain_straight(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
     void drain_wrapped(const uint8_t* buf, uint64_t read_idx, uint64_t chunk, uint64_t mask);
-    // The channel's `io_write`, after one reopening of a storage channel that was found closed.
+    // Calls the channel's `io_write`. If the write fails because the storage channel is closed, it
+    // opens the channel and writes once more. Returns what `io_write` returned, or -1.
     int io_write_with_retry(const void* buf, int len);
 
+    // REQUIRES: lifecycle_mutex is held.
     int32_t start_locked();
     void stop_locked();
+
+    // Wakes the thread from any wait, so that it checks `is_running`.
     void wake_thread();
+    // Wakes and joins the thread, if there is one.
     void join_thread();
 
-    size_t held() const;  // bytes in the ring
+    // Returns the number of bytes in the ring.
+    size_t held() const;
+    // Returns the current channel if it is of this kind, else null.
     QUARN_IO* channel_of(QUARN_IO_TYPE type) const;
     QUARN_FILE_IO* storage() const;
+
     void open_storage();
     void close_storage();
     void mark_exception();
-    void make_way();   // for the host tool
-    void come_back();  // when the host tool has gone
+    // Stops the writer when a host tool connects, and starts it again when the tool disconnects.
+    void stop_for_tool();
+    void restart_after_tool();
+    // Leaves the writer stopped, the ring empty, and the channel of `*mode` selected.
     void set_save_mode(const QUARN_SAVE_MODE* mode);
 
-    // Held for the whole of `start`, `stop` and the switch to another channel; guards
-    // `writer_thread` and `was_running`. The thread never takes it.
+    // Guards `writer_thread` and `was_running`. Held during all of `start`, `stop` and the change
+    // of the channel. The writer thread never locks it.
     std::mutex lifecycle_mutex;
     quarn::zorvex::WokenThread writer_thread;
     std::atomic<bool> is_running{false};
-    bool was_running = false;  // when the host tool connected, and no switch has come since
+    // The writer was running when the host tool connected, and the transfer type has not been
+    // switched since.
+    bool was_running = false;
     QUARN_RING* const ring;
 };
 

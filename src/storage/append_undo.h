@@ -1,5 +1,5 @@
-// Takes back an append that failed after a part of it went out, so that a file of whole blocks or
-// lines stays one.
+// Undoes an append that wrote only a part of its bytes, so that a file ends with a whole block or
+// line.
 #pragma once
 
 #include <sys/types.h>
@@ -11,12 +11,13 @@ namespace quarn::zorvex {
 
 class AppendUndo {
   public:
-    // Notes the end of `fd`, and sets its offset there. REQUIRES: nobody else writes to the file.
+    // Remembers where the file ends, and moves the file offset to the end. The descriptor is not
+    // owned. REQUIRES: no other thread or process writes to the file.
     explicit AppendUndo(int file) : fd(file), end(lseek(file, 0, SEEK_END)) {}
 
-    // Cuts the file back to that end. Returns true if it did.
+    // Cuts the file back to the remembered end. Returns true on success, or false with errno set.
     bool Undo() const { return end >= 0 && ftruncate(fd, end) == 0; }
-    // Returns by how many bytes the file has grown since.
+    // Returns the number of bytes by which the file has grown.
     size_t Stayed() const {
         const off_t now = lseek(fd, 0, SEEK_END);
         return end >= 0 && now > end ? static_cast<size_t>(now - end) : 0;
@@ -24,7 +25,7 @@ class AppendUndo {
 
   private:
     const int fd;
-    const off_t end;  // below 0: unknown
+    const off_t end;  // negative if unknown
 };
 
 }  // namespace quarn::zorvex

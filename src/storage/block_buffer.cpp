@@ -11,14 +11,14 @@ namespace quarn::zorvex {
 using log_file::kBlockHeaderSize;
 using log_file::kCompressBufSize;
 
-// No block of this buffer has a length that its header could not say.
+// The lengths of every block in the buffer fit into a block header.
 static_assert(kCompressBufSize <= log_file::kMaxLength);
 
 size_t BlockBuffer::MostNeeded(size_t raw_length) {
     return kBlockHeaderSize + snappy_max_compressed_length(raw_length);
 }
 
-// Below, not equal: the stray byte needs a place.
+// Less than the size, since the stray byte needs one byte of the buffer.
 bool BlockBuffer::CanHold(size_t raw_length) { return MostNeeded(raw_length) < kCompressBufSize; }
 
 bool BlockBuffer::HasRoomFor(size_t raw_length) const {
@@ -41,7 +41,7 @@ bool BlockBuffer::Append(std::string_view raw) {
 
 std::string_view BlockBuffer::BlocksWithin(size_t size) const {
     const size_t limit = std::min(size, used);
-    size_t blocks = 0;  // bytes
+    size_t blocks = 0;  // size in bytes of the blocks found so far
     while (blocks + kBlockHeaderSize <= limit) {
         const auto lengths =
             log_file::GetBlockHeader(reinterpret_cast<const uint8_t*>(buffer.data() + blocks));

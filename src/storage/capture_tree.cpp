@@ -23,14 +23,16 @@ namespace quarn::zorvex {
 namespace {
 
 constexpr mode_t kMode = 0775;
-// Entries of the top log folder from which on clients get no more folders made.
+// Clients cannot create another log folder if the top log folder has this many entries.
 constexpr int kMaxLogFolders = 4096;
 
 std::string FolderOf(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
-// Why a path of a first-level folder may not be the log folder's; null when it may. Neither the
-// search for the latest capture nor a reader of the tree may take it for a capture, no line of the
-// folder history may be split by it, and the power-on log keeps its place.
+// Returns the reason why `path`, a folder directly in the top log folder, must not become the log
+// folder, or null if it may. Its name must not look like a capture, since the search for the latest
+// capture and the readers of the tree would take it for one. It must not contain control
+// characters: a newline would split a line of the folder history. It must not take the place of the
+// power-on log.
 const char* WhyNoLogFolder(std::string_view path) {
     if (HasControlCharacter(path)) return "control character";
     const std::string_view name = log_names::LastComponent(path);
@@ -39,7 +41,7 @@ const char* WhyNoLogFolder(std::string_view path) {
     return nullptr;
 }
 
-// Creates a folder and says so under `who`.
+// Creates a folder. `who` is the prefix of the log message. Returns true on success.
 bool CreateFolder(const char* who, const std::string& path) {
     if (mkdir(path.c_str(), kMode) != 0) {
         QUARN_LOGE("file_io: create folder %s fail, errno=%s", path.c_str(), strerror(errno));
@@ -49,7 +51,7 @@ bool CreateFolder(const char* who, const std::string& path) {
     return true;
 }
 
-// A folder that is being read; closed, with a message on failure, at the end.
+// A folder that is open for reading. The destructor closes it.
 class OpenFolder {
   public:
     explicit OpenFolder(const std::string& folder_path)
@@ -66,7 +68,8 @@ class OpenFolder {
     OpenFolder(const OpenFolder&) = delete;
     OpenFolder& operator=(const OpenFolder&) = delete;
 
-    // The next entry's name, null at the end or when the folder could not be opened.
+    // Returns the name of the next entry, or null after the last entry or if the folder could not
+    // be opened.
     const char* next() {
         const dirent* const entry = dir != nullptr ? readdir(dir) : nullptr;
         return entry != nullptr ? entry->d_name : nullptr;
@@ -79,9 +82,9 @@ class OpenFolder {
 
 bool IsFull(const std::string& path) {
     OpenFolder folder(path);
-    int entries = -2;  // without "." and ".."
+    int entries = -2;  // "." and ".." do not count
     while (folder.next() != nullptr) ++entries;
-    return entries < 0 || entries >= kMaxLogFolders;  // below 0: it could not be read
+    return entries < 0 || entries >= kMaxLogFolders;  // negative if the folder could not be read
 }
 
 }  // namespace
@@ -119,7 +122,7 @@ bool CaptureTree::CreateTopFolders() {
             return false;
         }
     }
-    OpenFolder check(config_folder);  // says so when it cannot be opened
+    OpenFolder check(config_folder);  // logs an error if the folder cannot be opened
     return true;
 }
 
@@ -167,7 +170,7 @@ bool CaptureTree::Begin(const std::string& suffix) {
     UpdateFolderHistory(finished_path);
     FinishLatestFolder();
 
-    // What they hold may be new. On a phone init makes the base folder itself.
+    // Each of these folders may have a new entry. On a phone, init creates the base folder.
     for (const std::string& path : {base_folder, top_log_folder, folder_of_captures}) {
         sync.FolderChanged(path);
     }
@@ -177,7 +180,8 @@ bool CaptureTree::Begin(const std::string& suffix) {
     return true;
 }
 
-// The base folder vanished while the daemon ran: whatever was in it is forgotten.
+// The base folder was deleted while the daemon runs. Its files and folders no longer exist, so none
+// of them gets a final name.
 bool CaptureTree::CreateBaseFolders() {
     if (!CreateFolder("file_io", base_folder)) return false;
     if (!CreateFolder("file_io", config_folder)) return false;
@@ -249,7 +253,7 @@ std::string CaptureTree::FindLatestFile(const std::string& in_folder) {
 }
 
 void CaptureTree::FinishLatestFolder() {
-    // The same name: somebody deleted the folder before, and the new one took its place.
+    // The paths are equal if the previous folder was deleted and the new one has got its name.
     if (latest_folder_path.empty() || latest_folder_path == folder_path) return;
     const std::string finished = log_names::FinishedFolder(latest_folder_path);
     if (RenameFolder(latest_folder_path, finished)) {
@@ -258,7 +262,7 @@ void CaptureTree::FinishLatestFolder() {
         latest_folder_path = finished;
     }
     std::string file = FindLatestFile(latest_folder_path);
-    // An older file may still wait for its final name.
+    // Otherwise `last_file_path` may still be a file of an older capture without a final name.
     if (!file.empty()) last_file_path = std::move(file);
 }
 
@@ -267,7 +271,7 @@ bool CaptureTree::RenameFolder(const std::string& from, const std::string& to) {
     const bool renamed = rename(from.c_str(), to.c_str()) == 0;
     if (renamed) {
         sync.FolderChanged(FolderOf(to));
-        sync.FolderChanged(to);  // may wait for its sync under the old name
+        sync.FolderChanged(to);  // a sync that is still due knows only the old name
     }
     UnlockFolderNames();
     if (!renamed) {
@@ -294,7 +298,7 @@ bool CaptureTree::MarkException(const std::string& suffix) {
     const std::string marked = folder_path + suffix;
     if (!RenameFolder(folder_path, marked)) return false;
     if (!latest_folder_path.empty()) latest_folder_path = marked;
-    // The file that waits for its final name may still be one of the capture before.
+    // `last_file_path` may still be a file of the previous capture; it does not change then.
     log_names::FollowRename(last_file_path, folder_path, marked);
     folder_path = marked;
     return true;
@@ -303,8 +307,8 @@ bool CaptureTree::MarkException(const std::string& suffix) {
 bool CaptureTree::HasItsFolder() const {
     struct stat named, made;
     if (stat(folder_path.c_str(), &named) != 0 || !S_ISDIR(named.st_mode)) return false;
-    // The open folder keeps its inode number from being given to another one. Without it the name
-    // must do.
+    // While the folder is open, no other folder can get its inode number. If it could not be
+    // opened, only the name is compared.
     return fstat(folder_fd.get(), &made) != 0 ||
            (named.st_dev == made.st_dev && named.st_ino == made.st_ino);
 }

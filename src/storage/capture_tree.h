@@ -1,10 +1,12 @@
-// The folders of the captures, and the names of what is in them: one folder a capture, below the
-// log folder. log_names.h tells what the names mean.
+// The capture folders in the log folder, and the names of the log files in them. Each capture has
+// one folder. log_names.h describes the names.
 //
-// Opens no log files: it names the next one and, when that is open, gives the one before its final
-// name. The folder history and the file sync hear of each change.
+// This class creates and renames folders and renames log files, but opens no log file. The caller
+// opens the file of `NextFilePath` and then calls `FileOpened`, which gives the previous file its
+// final name. Each new capture is recorded in the folder history, and each changed folder is passed
+// to the file sync.
 //
-// Runs under the storage channel's `io_mutex`, but for the lock of the folder names.
+// REQUIRES: the storage channel's `io_mutex` is held, except where a comment says "Thread-safe".
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -20,65 +22,69 @@ namespace quarn::zorvex {
 
 class CaptureTree {
   public:
-    // `base` ends in "/". `file_sync` is not owned.
+    // The log folder is "logs/" in `base`, until SetLogFolder changes it. `file_sync` is not owned.
+    // REQUIRES: `base` ends in "/".
     CaptureTree(std::string base, FileSync& file_sync);
     CaptureTree(const CaptureTree&) = delete;
     CaptureTree& operator=(const CaptureTree&) = delete;
 
-    // Creates base, config and log folder as far as they are missing. Returns true if all are
-    // there.
+    // Creates the base, config and log folder if they do not exist. Returns true if all of them
+    // exist.
     bool CreateTopFolders();
-    // Has later captures go to `path`: the log folder or one folder directly in it, which is
-    // created if missing, unless the log folder is full. Returns true on success.
+    // Selects the folder for later captures: the log folder or a folder directly in it. Creates the
+    // folder if it does not exist. Returns false if the path or its name is not allowed, if the log
+    // folder has too many entries for another folder, or if the folder cannot be created.
     bool SetLogFolder(std::string path);
     const std::string& log_folder() const { return folder_of_captures; }
 
-    // --- a capture, from `Begin` to `End` ---
+    // --- A capture, from `Begin` to `End` ---
 
-    // Creates the folder of the next capture and gives the folder before its final name. `suffix`
+    // Creates the folder of the next capture and gives the previous folder its final name. `suffix`
     // is "" or the exception mark. Returns true on success. REQUIRES: !is_open().
     bool Begin(const std::string& suffix);
     bool is_open() const { return !folder_path.empty(); }
-    // Adds the mark `suffix` to the name of the folder, unless that has it already or `suffix` is
-    // none. Returns true if the folder was renamed.
+    // Appends `suffix` to the name of the folder if `suffix` contains the exception mark and the
+    // name does not. Returns true if the folder was renamed.
     bool MarkException(const std::string& suffix);
-    // Returns true if the folder is still there: that one, and not another of its name.
+    // Returns true if the folder of the capture still exists. Another folder that was given its
+    // name does not count.
     bool HasItsFolder() const;
-    // Returns true if a file can be made in the folder. Logs the reason if not.
+    // Returns true if a file can be created in the folder, else logs the reason.
     bool IsReadyForFile() const;
-    // The name is of the present second.
+    // Returns the path for the next file, with the current time in its name. `suffix` is "" or the
+    // exception mark.
     std::string NextFilePath(const std::string& suffix) const;
-    // The file of `NextFilePath` has been opened and has its header: the file before gets its final
-    // name.
+    // Gives the previous file its final name. The caller calls it after it has opened the file
+    // `path`, which came from `NextFilePath`, and has written the file's header.
     void FileOpened(const std::string& path);
-    // A file was deleted while it was open: it needs no final name.
+    // Forgets the file `path`, which was deleted while it was open: it needs no final name.
     void FileVanished(const std::string& path);
     void End();
 
-    // Of the open capture; empty and 0: none.
+    // The folder of the open capture and its creation time; empty and 0 if no capture is open.
     const std::string& folder() const { return folder_path; }
     time_t folder_time() const { return time_of_folder; }
-    // Of the last capture that was begun.
+    // Returns the index of the last capture. REQUIRES: the last `Begin` returned true.
     uint32_t folder_idx() const { return next_folder_idx - 1; }
-    // Of the next file.
+    // Returns the index of the next file.
     uint32_t file_idx() const { return next_file_idx; }
-    // The folder of the open capture, or else of the one before; empty: none known.
+    // Returns the folder of the open capture. If none is open, returns the folder of the last one,
+    // or an empty string if no capture is known.
     const std::string& latest_folder() const { return latest_folder_path; }
 
-    // --- Thread-safe ---
-
-    // While it is held no capture folder is renamed.
+    // Thread-safe. No capture folder is renamed between the two calls.
     void LockFolderNames();
     void UnlockFolderNames();
 
   private:
     struct Found {
-        std::string path;  // empty: none
+        std::string path;  // empty if there is none
         uint32_t idx = 0;
     };
-    // The unfinished folder with the highest index, or else any with the highest.
+    // Returns the unfinished folder with the highest index. If there is none, returns the folder
+    // with the highest index.
     Found FindLatestFolder() const;
-    // The first file of the folder that has no final name; empty: none.
+    // Returns the path of the first file in the folder with ".tmp" in its name, or an empty string.
     static std::string FindLatestFile(const std::string& in_folder);
 
     bool CreateBaseFolders();
@@ -91,17 +97,17 @@ class CaptureTree {
     const std::string base_folder;
     const std::string config_folder;
     const std::string top_log_folder;
-    // The top one or one directly in it.
+    // The top log folder or a folder directly in it.
     std::string folder_of_captures;
     FileSync& sync;
 
-    // Empty: no capture.
+    // Empty if no capture is open.
     std::string folder_path;
-    // That folder as it was made; -1: could not be opened.
+    // The open folder `folder_path`; -1 if it could not be opened.
     android::base::unique_fd folder_fd;
     time_t time_of_folder = 0;
     std::string latest_folder_path;
-    // Loses its ".tmp" when the next file opens.
+    // The file that gets its final name when the next file opens.
     std::string last_file_path;
     uint32_t next_folder_idx = 0;
     uint32_t next_file_idx = 0;

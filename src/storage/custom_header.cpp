@@ -25,7 +25,8 @@ constexpr std::string_view kHardwareIdProperty = "ro.boot.cdt_hwid";
 std::array<uint8_t, 1024> header_info;
 std::atomic<size_t> header_info_used{0};
 
-// The modem firmware is named by where its image link points; empty when there is no link.
+// Returns the target of the link to the firmware image, which is the name of the firmware version,
+// or an empty string if there is no link.
 std::string GetRadioVersion() {
     std::array<char, PATH_MAX> target;
     const ssize_t length = readlink(kRadioVersionLink, target.data(), target.size());

@@ -1,7 +1,10 @@
-// The custom header: a block of device information that every log file carries in its header.
+// The custom header: a block of device information that is part of the header of every log file.
 //
-// Packed entries: type 1 + length 2 (little-endian) + value, 1024 bytes at most. Built once at
-// start-up on the main thread; the used count is published after the bytes, so any thread may read.
+//   block = entry*, up to 1024 bytes
+//   entry = type 1 + length 2 (little-endian) + value (length)
+//
+// The main thread builds the block once at start-up. GetCustomHeaderInfo is thread-safe: the used
+// length is published after the bytes.
 #pragma once
 
 #include <string_view>
@@ -12,15 +15,15 @@ namespace quarn::zorvex {
 
 enum class CustomHeaderInfoType : uint8_t {
     kTag = 0,           // "ZORVEXHEADERINFO", always the first entry
-    kRadioVersion = 1,  // modem firmware
-    kHardwareId = 2,    // board
+    kRadioVersion = 1,  // version of the modem firmware
+    kHardwareId = 2,    // hardware id of the board
 };
 
-// Rebuilds the block from empty. What the device does not tell is left out.
+// Builds the block again from the start. Information that the device does not have is left out.
 void CustomHeaderInfoInit();
-// Appends one entry, or drops it with an error line when it does not fit.
+// Appends one entry. If it does not fit, logs an error and appends nothing.
 void AppendInfoToBuffer(CustomHeaderInfoType type, std::string_view value);
-// Fills `out` with the block's address and length; the bytes stay where they are.
+// Sets `out` to the address and length of the block. The bytes are not copied and never move.
 void GetCustomHeaderInfo(CUSTOM_HEADER_INFO& out);
 
 }  // namespace quarn::zorvex

@@ -25,21 +25,21 @@ namespace {
 using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kDelay(5);     // between a write and its sync
-constexpr std::chrono::seconds kEndLimit(5);  // for the last sync, when the owner ends
-constexpr size_t kMaxFolders = 16;            // that wait
+constexpr std::chrono::seconds kDelay(5);     // from a change to its sync
+constexpr std::chrono::seconds kEndLimit(5);  // the destructor waits for the last sync
+constexpr size_t kMaxFolders = 16;            // more changed folders lead to one syncfs
 
-// What the thread takes over at once.
+// What is to be synced. The thread takes all of it at once.
 struct Work {
     unique_fd file;
-    std::string path;     // the file's, for messages
-    uint64_t number = 0;  // the file's
+    std::string path;     // of the file, for messages
+    uint64_t number = 0;  // of the file
     bool finished = false;
     bool whole_file_system = false;
-    std::vector<std::string> folders;  // no two alike
+    std::vector<std::string> folders;  // each path once
 };
 
-// 0, or the error.
+// Calls `sync(fd)` until it is not interrupted. Returns 0 or the error number.
 int Repeat(int (*sync)(int), int fd) {
     while (sync(fd) != 0) {
         if (errno != EINTR) return errno;
@@ -50,26 +50,27 @@ int Repeat(int (*sync)(int), int fd) {
 }  // namespace
 
 struct FileSync::Shared {
-    // Innermost: nothing else is locked while it is held, and nobody waits for the disk.
+    // Guards all members. While it is held, no thread locks another mutex or waits for the disk.
     std::mutex mutex;
     std::condition_variable changed;
     Work waiting;
-    std::optional<Clock::time_point> due;  // of what waits; none: nothing does
-    uint64_t file_number = 1;              // of the file that is written now
-    uint64_t failed_number = 0;            // of the last file that had a failure told
+    std::optional<Clock::time_point> due;  // when to sync `waiting`; none if there is nothing
+    uint64_t file_number = 1;              // the number of the current file
+    uint64_t failed_number = 0;            // the number of the last file with a logged failure
     bool ending = false;
     bool ended = false;
 
-    // --- under `mutex` ---
+    // --- REQUIRES: mutex is held ---
 
-    // Never postpones what waits already.
+    // Makes `waiting` due at `time`, unless it is due earlier.
     void SetDue(Clock::time_point time) {
         if (due && *due <= time) return;
         due = time;
         changed.notify_all();
     }
 
-    // True when something is due; false at the end, with nothing left.
+    // Waits until `waiting` is due or the owner ends the thread. Returns false if the thread is to
+    // end and nothing is left to sync.
     bool AwaitDue(std::unique_lock<std::mutex>& lock) {
         while (!ending) {
             if (!due) {
@@ -83,10 +84,10 @@ struct FileSync::Shared {
         return due.has_value();
     }
 
-    // --- without the lock ---
+    // --- REQUIRES: mutex is not held ---
 
-    // Once a file.
-    void TellFailure(uint64_t number, const char* what, const std::string& path, int error) {
+    // Logs a failure, at most one for each file.
+    void LogFailure(uint64_t number, const char* what, const std::string& path, int error) {
         {
             std::lock_guard lock(mutex);
             if (std::exchange(failed_number, number) == number) return;
@@ -94,7 +95,7 @@ struct FileSync::Shared {
         QUARN_LOGE("file_sync: %s=%s fail, errno=%s", what, path.c_str(), strerror(error));
     }
 
-    // The thread.
+    // The body of the thread.
     void Run() {
         std::unique_lock lock(mutex);
         while (AwaitDue(lock)) {
@@ -104,19 +105,20 @@ struct FileSync::Shared {
             lock.unlock();
             const bool folder_gone = SyncAll(work);
             lock.lock();
-            // Its new name has waited long enough under the old one.
+            // A folder was renamed before its sync. Its new path is in `waiting`; sync it now,
+            // since the 5 s since the change are over.
             if (folder_gone && !waiting.folders.empty()) SetDue(Clock::now());
         }
         ended = true;
         changed.notify_all();
     }
 
-    // The file first: its name, once on the disk, should not stand for an empty one. Returns true
-    // if a folder was not there.
+    // Syncs the file before the folders, so that a name on the disk does not belong to an empty
+    // file. Returns true if a folder did not exist.
     bool SyncAll(Work& work) {
         if (work.file.ok()) {
             const int error = Repeat(work.whole_file_system ? syncfs : fdatasync, work.file);
-            if (error != 0) TellFailure(work.number, "sync log_file", work.path, error);
+            if (error != 0) LogFailure(work.number, "sync log_file", work.path, error);
             work.file.reset();
             if (work.whole_file_system) return false;
         }
@@ -127,12 +129,12 @@ struct FileSync::Shared {
                 if (errno == ENOENT) {
                     folder_gone = true;
                 } else {
-                    TellFailure(work.number, "open folder", path, errno);
+                    LogFailure(work.number, "open folder", path, errno);
                 }
                 continue;
             }
             const int error = Repeat(work.whole_file_system ? syncfs : fsync, folder);
-            if (error != 0) TellFailure(work.number, "sync folder", path, error);
+            if (error != 0) LogFailure(work.number, "sync folder", path, error);
             if (work.whole_file_system) return false;
         }
         return folder_gone;
@@ -181,7 +183,7 @@ void FileSync::Written(int fd, const std::string& path) {
     std::unique_lock lock(shared->mutex);
     Work& waiting = shared->waiting;
     if (waiting.file.ok()) {
-        // The place is taken by a file before this one.
+        // If that is the descriptor of an earlier, finished file, there is none left for this one.
         if (waiting.finished) waiting.whole_file_system = true;
         return;
     }
@@ -190,7 +192,7 @@ void FileSync::Written(int fd, const std::string& path) {
         const int error = errno;
         const uint64_t number = shared->file_number;
         lock.unlock();
-        shared->TellFailure(number, "keep log_file", path, error);
+        shared->LogFailure(number, "keep log_file", path, error);
         return;
     }
     waiting.path = path;

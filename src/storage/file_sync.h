@@ -1,17 +1,16 @@
-// What bounds the loss of a power cut: brings the storage channel's files to the disk soon after
-// they are written.
+// Syncs the storage channel's files and folders to the disk, to limit what a power cut can lose.
 //
-// One thread, which is started by the first folder change and asleep while nothing waits for it.
-// It syncs what was written 5 s ago by the steady clock at the latest, and a file's end at once.
-// No caller ever waits for a sync: the thread works on a duplicate of the caller's descriptor,
-// without a lock.
+// A thread begins to sync a file or folder at most 5 s after it was changed, unless an earlier sync
+// is still running. It syncs a finished file at once. The first folder change starts the thread;
+// the thread sleeps while there is nothing to sync. Callers never wait for the disk: the thread
+// syncs a duplicate of the caller's descriptor and holds no lock meanwhile.
 //
-// Two descriptors are held at most: the one that is being synced and the one that waits. When a
-// third would be needed, because files end faster than the disk takes them, the next sync is one
-// of the whole file system, which covers all of them.
+// The class holds at most two descriptors of files: the one that the thread syncs and the one that
+// comes next. If files finish faster than the disk syncs them, a third would be needed. In this
+// case the next sync is one syncfs, which covers all files of the file system.
 //
-// A sync that fails is told once a file. It is not repeated by itself: the kernel forgets what it
-// could not write. The next write of the file leads to the next attempt.
+// A failed sync is logged once per file and not repeated, since the kernel drops the data that it
+// could not write. The next write to the file leads to the next sync.
 #pragma once
 
 #include <memory>
@@ -23,27 +22,28 @@ namespace quarn::zorvex {
 class FileSync {
   public:
     FileSync();
-    // Syncs at once what still waits and joins the thread. A disk that needs more than 5 s for
-    // that is not waited for: the thread is left behind with a warning, and ends with the process.
+    // Ends the thread, which first syncs what is still to be synced. Waits for the thread for up to
+    // 5 s. After that it logs a warning and leaves the thread running until the process ends.
     ~FileSync();
     FileSync(const FileSync&) = delete;
     FileSync& operator=(const FileSync&) = delete;
 
-    // REQUIRES: one call at a time; the caller's lock may be held. None of them waits for the disk.
+    // REQUIRES for the calls below: one call at a time. Callers may hold their own locks.
 
-    // A name was made or changed in this folder. Without the folder's own sync a new file is not
-    // found after a power cut. A folder that vanishes meanwhile is passed over: who renames it
-    // tells its new path.
+    // Reports that a name in this folder was added or changed. Only a sync of the folder makes sure
+    // that the name exists after a power cut. A folder that no longer exists is skipped: a caller
+    // that renames a folder reports its new path.
     void FolderChanged(const std::string& folder);
-    // Bytes were written to `fd`, which stays the caller's. `path` is for messages.
+    // Reports that bytes were written to `fd`, which is not owned. `path` is for messages.
     void Written(int fd, const std::string& path);
-    // The file that was last written to ends. Its own descriptor may be closed by then.
+    // Reports that the file of the last `Written` is finished. Its descriptor may be closed
+    // already.
     void Finished();
 
   private:
     struct Shared;
 
-    // Shared with the thread, which may have to be left behind.
+    // Shared with the thread, which may outlive this object.
     const std::shared_ptr<Shared> shared;
     std::thread thread;
 };

@@ -24,18 +24,19 @@ namespace {
 using android::base::unique_fd;
 
 constexpr const char* kHistoryPath = "/data/vendor/radio/quarn/log_folder_history";
-constexpr off_t kMaxHistorySize = 102400;  // bytes; above it the file is cut
+constexpr off_t kMaxHistorySize = 102400;  // bytes; a larger file is cut
 constexpr mode_t kHistoryMode = 0644;
-constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should it be a pipe
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // does not block if the path is a pipe
 
-std::mutex history_mutex;  // around every open of the file
+// Held while the file is open.
+std::mutex history_mutex;
 
-// Reads what may hold the last `n` records: a record is a path, so no more than that much of the
-// file's end is ever looked at, however large the file is. Returns nothing when it cannot be read.
+// Reads the end of the file, as much as `n` paths of the largest length need. So the size of the
+// file does not matter. Returns nothing if the file cannot be read.
 std::optional<std::string> ReadHistoryTail(int fd, int n) {
     const off_t tail_size = static_cast<off_t>(n) * (PATH_MAX + 1);
     const off_t size = lseek(fd, 0, SEEK_END);
-    if (size < 0) return std::nullopt;  // a pipe
+    if (size < 0) return std::nullopt;  // the path is a pipe
     const off_t start = std::max<off_t>(0, size - tail_size);
     lseek(fd, start, SEEK_SET);
     std::string tail(static_cast<size_t>(size - start), '\0');
@@ -44,7 +45,8 @@ std::optional<std::string> ReadHistoryTail(int fd, int n) {
     return tail;
 }
 
-// The last `n` records; nothing when the file cannot be read. REQUIRES: history_mutex is held.
+// Returns the last `n` records, or nothing if the file cannot be read.
+// REQUIRES: history_mutex is held.
 std::optional<std::deque<std::string>> ReadLatestRecords(int n) {
     const unique_fd fd(open(kHistoryPath, O_RDONLY | kOpenFlags));
     if (fd < 0) {
@@ -66,7 +68,8 @@ std::optional<std::deque<std::string>> ReadLatestRecords(int n) {
     return records;
 }
 
-// On failure the file stays as it is, and the next capture tries again.
+// Replaces the file by one with its last records. On failure the file stays unchanged, and the next
+// capture tries again.
 void TruncateFolderHistory(off_t size) {
     QUARN_LOGD("CopyLogFile: truncate file due to size %ld over %ld", static_cast<long>(size),
                static_cast<long>(kMaxHistorySize));
@@ -92,8 +95,8 @@ void TruncateFolderHistory(off_t size) {
 int32_t UpdateFolderHistory(const std::string& folder_path) {
     struct stat status;
     const bool existed = stat(kHistoryPath, &status) == 0;
-    // Cut and append take the mutex one after the other; a reader in between finds the shorter
-    // file.
+    // The cut and the append lock the mutex separately. A reader that runs between them reads the
+    // shorter file.
     if (existed && status.st_size > kMaxHistorySize) TruncateFolderHistory(status.st_size);
 
     std::lock_guard lock(history_mutex);
@@ -110,7 +113,7 @@ int32_t UpdateFolderHistory(const std::string& folder_path) {
         QUARN_LOGD("CopyLogFile: record %s in the history file", folder_path.c_str());
     } else {
         QUARN_LOGE("%s: Error writing file: %s", "UpdateFolderHistory", strerror(errno));
-        // A piece of a record would run into the next one.
+        // The next record would be joined to a partly written one.
         if (!undo.Undo()) {
             QUARN_LOGE("CopyLogFile: cut the history file fail, errno=%s", strerror(errno));
         }

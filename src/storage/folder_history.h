@@ -1,7 +1,8 @@
-// The folder history: "/data/vendor/radio/quarn/log_folder_history", the storage's notion of age.
+// The folder history, "/data/vendor/radio/quarn/log_folder_history". The recycler reads from it
+// which capture folders are the oldest.
 //
-// Plain text, one folder path a line, oldest first, each as the folder will be named once finished.
-// One mutex guards every open of the file; both functions may be called from any thread.
+// A text file with one folder path per line, oldest first. Each path has the folder's final name,
+// without an exception mark. The functions are thread-safe.
 #pragma once
 
 #include <deque>
@@ -9,14 +10,14 @@
 
 namespace quarn::zorvex {
 
-// Readers never look further back.
+// The number of records that readers use.
 constexpr int kHistoryRecords = 20;
 
-// Appends one record; 0 on success. A file of more than 102,400 bytes is first cut to its last 20:
-// it is replaced whole, or stays as it is.
+// Appends one record. Returns 0 on success, else -1. A file of more than 102,400 bytes is first
+// replaced by one with its last 20 records. If that fails, the old file stays unchanged.
 int32_t UpdateFolderHistory(const std::string& folder_path);
 
-// The last `n` records, oldest first; none when the file cannot be read.
+// Returns the last `n` records, oldest first, or none if the file cannot be read.
 std::deque<std::string> GetLatestHistoryRecord(int n);
 
 }  // namespace quarn::zorvex

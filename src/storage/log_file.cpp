@@ -27,8 +27,9 @@ constexpr auto kOpenPause = std::chrono::seconds(1);
 bool LogFile::Open(const std::function<std::string()>& next_path) {
     for (int attempt = 1;; ++attempt) {
         file_path = next_path();
-        // O_EXCL: what stands under that name already, a pipe, a link or anybody's file, is neither
-        // waited for nor followed nor appended to. After the pause the name has another second.
+        // O_EXCL: if a pipe, a link or a file of that name exists, open() fails. It does not wait
+        // for the pipe, follow the link or append to the file. The next attempt has another name,
+        // since the name contains the time.
         channel.fd =
             open(file_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, kMode);
         if (is_open()) break;
@@ -58,14 +59,14 @@ bool LogFile::WriteHeader(time_t folder_time, uint32_t file_idx) {
 LogFile::Appended LogFile::Append(std::string_view bytes) {
     const AppendUndo undo(channel.fd);
     const int taken = channel.common_write(bytes.data(), static_cast<int>(bytes.size()));
-    sync.Written(channel.fd, file_path);  // a failed write may leave whole blocks
+    sync.Written(channel.fd, file_path);  // also after a failure, which may leave whole blocks
     if (taken >= 0) {
         file_written += static_cast<uint32_t>(taken);
         return {.whole = true};
     }
     if (undo.Undo()) return {};
     QUARN_LOGE("file_io: cut log_file=%s fail, errno=%s", file_path.c_str(), strerror(errno));
-    return {.torn = true, .stayed = undo.Stayed()};
+    return {.partly_written = true, .stayed = undo.Stayed()};
 }
 
 bool LogFile::HasVanished() const {

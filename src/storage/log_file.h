@@ -1,7 +1,9 @@
-// One open log file: its header, then blocks (log_file_format.h).
+// One open log file: a header, then blocks (log_file_format.h).
 //
-// The descriptor is the `fd` of the channel that the file belongs to, since `common_write` writes
-// there. Runs under that channel's `io_mutex`.
+// The descriptor is stored in the `fd` of the storage channel, because `common_write` writes to
+// that.
+//
+// REQUIRES: the channel's `io_mutex` is held.
 #pragma once
 
 #include <sys/types.h>
@@ -20,52 +22,55 @@ namespace quarn::zorvex {
 
 class LogFile {
   public:
-    // Neither is owned.
+    // The channel and the file sync are not owned.
     LogFile(QUARN_IO& io_channel, FileSync& file_sync) : channel(io_channel), sync(file_sync) {}
     LogFile(const LogFile&) = delete;
     LogFile& operator=(const LogFile&) = delete;
 
     bool is_open() const { return channel.fd >= 0; }
     const std::string& path() const { return file_path; }
-    // Bytes that `Append` put into the file.
+    // Returns the number of bytes that `Append` wrote to the file. The header is not counted.
     uint32_t written() const { return file_written; }
 
-    // Creates a file. `next_path` names it anew for each of three attempts, 1 s apart. Returns true
-    // on success.
+    // Creates a file, in up to three attempts, 1 s apart. Calls `next_path` before each attempt for
+    // the file's path. Returns true on success.
     bool Open(const std::function<std::string()>& next_path);
-    // Writes the header of a new file: `folder_time` is the creation of the capture folder,
-    // `file_idx` the number of the file in it. Returns true on success.
+    // Writes the header of a new file. `folder_time` is the creation time of the capture folder,
+    // `file_idx` the index of the file in the folder. Returns true on success.
     bool WriteHeader(time_t folder_time, uint32_t file_idx);
 
     struct Appended {
         // All bytes are in the file.
         bool whole = false;
-        // A part of them went out and could not be cut off: the file has to be closed.
-        bool torn = false;
-        // Bytes of that part.
+        // Only some bytes were written and they could not be removed. The caller must close the
+        // file.
+        bool partly_written = false;
+        // The number of those bytes.
         size_t stayed = 0;
     };
-    // Appends `bytes`. If neither `whole` nor `torn`, nothing of them is in the file.
+    // Appends `bytes`. If neither `whole` nor `partly_written` is set, the file is unchanged.
     Appended Append(std::string_view bytes);
 
-    // Returns true if somebody deleted the open file, so that nobody can find what is written to
-    // it, or cut it, so that what is written to it would have no header or begin within a block.
+    // Returns true if the open file was deleted or cut. The caller must not write to it any more:
+    // readers cannot find a deleted file, and in a file that was cut the new bytes might follow a
+    // part of a block or have no header before them.
     bool IsLost() const { return HasVanished() || (is_open() && BytesCut() > 0); }
-    // The folder of the file was renamed.
+    // Adjusts the path after the folder `from` was renamed to `to`.
     void FolderRenamed(const std::string& from, const std::string& to);
-    // Closes the file. Returns true if somebody had deleted it.
+    // Closes the file. Returns true if the file had been deleted.
     bool Close();
 
   private:
+    // Returns true if the open file was deleted.
     bool HasVanished() const;
-    // What is missing from the end of the open file: no more than 0 when nothing is.
+    // Returns the number of bytes that were cut from the end of the open file; 0 or less if none.
     off_t BytesCut() const;
 
     QUARN_IO& channel;
     FileSync& sync;
     std::string file_path;
     uint32_t file_written = 0;
-    // Of the open file, once it is whole.
+    // In bytes; 0 until the header has been written.
     off_t header_length = 0;
 };
 

@@ -1,11 +1,11 @@
-// The framing of a log file; docs/log-file-format.md is the page beside it.
+// The framing of a log file. docs/log-file-format.md describes the whole format.
 //
 //   file  = header, block*, and at most one stray byte
 //   block = raw length 3 + packed length 3 + one Snappy raw block (packed length)
 //
-// The header is the log-format library's. Both lengths are little-endian. A block holds the bytes
-// of one write to the storage channel. The stray byte is what a flushed close adds; a reader stops
-// where fewer than `kBlockHeaderSize` bytes remain.
+// The log-format library writes the header. The numbers are sizes in bytes; both lengths are
+// little-endian. A block holds the bytes of one write to the storage channel. A close that flushes
+// adds the stray byte. A reader stops where fewer than `kBlockHeaderSize` bytes remain.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +15,13 @@ namespace quarn::log_file {
 
 constexpr size_t kLengthSize = 3;
 constexpr size_t kBlockHeaderSize = kLengthSize + kLengthSize;
-// Blocks gather in a buffer of this size on their way to the file.
+// The size in bytes of the buffer that collects blocks before they are written to the file.
 constexpr size_t kCompressBufSize = size_t{1024} * 1024;
-// The most that a length can say.
+// The largest length that fits into a block header.
 constexpr uint32_t kMaxLength = (1u << (8 * kLengthSize)) - 1;
 
 struct BlockHeader {
-    uint32_t raw_length;     // bytes when unpacked
+    uint32_t raw_length;     // bytes after decompression
     uint32_t packed_length;  // bytes of the Snappy block that follows
 };
 
@@ -35,7 +35,7 @@ inline uint32_t GetLength(const uint8_t* in) {
     return in[0] | static_cast<uint32_t>(in[1]) << 8 | static_cast<uint32_t>(in[2]) << 16;
 }
 
-// Both lengths must be at most `kMaxLength`.
+// REQUIRES: both lengths <= kMaxLength.
 inline void PutBlockHeader(uint8_t* out, BlockHeader header) {
     PutLength(out, header.raw_length);
     PutLength(out + kLengthSize, header.packed_length);

@@ -15,11 +15,12 @@ LogFileHeader::LogFileHeader(time_t folder_time, uint32_t file_idx) {
 
     std::lock_guard lock(g_quarn.md_info_mutex);
     md_info = g_quarn.md_info;
-    modem_told = g_quarn.md_info_time != 0;
+    modem_info_known = g_quarn.md_info_time != 0;
     modem.md_info = &md_info;
     modem.md_info_word_b = md_info.md_info_word_b;
     modem.md_info_word_a = g_quarn.md_info_word_a;
-    modem.md_info_time = static_cast<uint32_t>(modem_told ? g_quarn.md_info_time : time(nullptr));
+    modem.md_info_time =
+        static_cast<uint32_t>(modem_info_known ? g_quarn.md_info_time : time(nullptr));
 }
 
 }  // namespace quarn::zorvex

@@ -1,4 +1,4 @@
-// The header in front of every log file: what the modem and the phone tell about themselves.
+// The header of a log file: information about the modem and the phone.
 #pragma once
 
 #include <cstdint>
@@ -11,20 +11,22 @@ namespace quarn::zorvex {
 
 class LogFileHeader {
   public:
-    // Takes what the modem told so far, under `md_info_mutex`. `folder_time`: creation of the
-    // capture folder; `file_idx`: number of the file in it.
+    // Copies the latest modem information. `folder_time` is the creation time of the capture
+    // folder, `file_idx` the index of the file in the folder. Takes `md_info_mutex`.
     LogFileHeader(time_t folder_time, uint32_t file_idx);
     LogFileHeader(const LogFileHeader&) = delete;
     LogFileHeader& operator=(const LogFileHeader&) = delete;
 
-    // Without, the time of the modem information is that of the construction.
-    bool has_modem_info() const { return modem_told; }
-    // 0 on success, else the library's own code. `fd`: a new file.
+    // Returns true if the modem has reported its information. Otherwise the header has an empty
+    // record, and the current time as the time of the modem information.
+    bool has_modem_info() const { return modem_info_known; }
+    // Writes the header to the new file `fd`. Returns 0 on success, else an error code of the
+    // log-format library.
     int Write(int fd) const { return qrx_log_format_writeHeader(fd, modem, phone); }
 
   private:
-    QUARN_MD_INFO md_info;  // which `modem` points at
-    bool modem_told;
+    QUARN_MD_INFO md_info;  // `modem` points to it
+    bool modem_info_known;
     QRX_LOG_FORMAT_MODEM modem = {};
     QRX_LOG_FORMAT_AP phone = {};
 };

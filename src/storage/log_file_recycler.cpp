@@ -21,18 +21,19 @@ namespace quarn::zorvex {
 
 namespace {
 
-constexpr int kKbShift = 10;  // bytes to KiB, and MB to KiB the other way
-// Captures lie one or two folders deep. Each level that is walked holds a descriptor.
+constexpr int kKbShift = 10;  // shift right: bytes to KiB, KiB to MB; shift left: MB to KiB
+// Captures are one or two levels deep. The limit bounds the open descriptors, one for each level.
 constexpr int kMaxDepth = 16;
 
 struct Entry {
     std::string name;
-    struct stat status;  // behind the link, if it is one
+    struct stat status;  // of the target if the entry is a link
     bool is_link;
 };
 
-// Calls `visit` with each entry that can be examined, under `function`'s name in the messages;
-// false when the folder cannot be opened.
+// Calls `visit` for each entry of the folder except "." and "..". Entries that cannot be examined
+// are logged and skipped. `function` is the name in the messages. Returns false if the folder
+// cannot be opened.
 bool ForEachEntry(const std::string& path, const char* function,
                   const std::function<void(const Entry&)>& visit) {
     const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(path.c_str()), closedir);
@@ -85,7 +86,7 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config,
     }
     FollowLinks();
     const auto mb = [](int64_t kb) { return static_cast<long>(kb >> kKbShift); };
-    if (IsWithinBudget()) {
+    if (IsWithinSizeLimit()) {
         QUARN_LOGI("LogFileRecycler: total log file size=%ldMB, skip recycle (recycle=%ldMB)",
                    mb(total_kb), mb(recycle_kb));
     } else {
@@ -95,7 +96,7 @@ int32_t LogFileRecycler::CheckAndRecycle(const RECYCLE_CONFIG& config,
             mb(total_kb), mb(recycle_kb), mb(keep_ee_kb), clear_ee);
         OrderFolderList();
         RecycleByFolderList();
-        if (!IsWithinBudget()) {
+        if (!IsWithinSizeLimit()) {
             QUARN_LOGE("LogFileRecycler: still remain %ldKB not cleared",
                        static_cast<long>(total_kb - recycle_kb));
             return -1;
@@ -156,12 +157,12 @@ void LogFileRecycler::TakeFolder(const std::string& path, const std::string& nam
 }
 
 void LogFileRecycler::FollowLinks() {
-    // Folders behind links may hold links, too.
+    // The folder that a link leads to may add more links.
     for (; !links.empty(); links.pop_front()) {
         const std::string& link = links.front();
         const std::unique_ptr<char, void (*)(void*)> target(realpath(link.c_str(), nullptr), free);
         struct stat status;
-        if (!target || stat(target.get(), &status) != 0) continue;  // gone meanwhile
+        if (!target || stat(target.get(), &status) != 0) continue;  // deleted meanwhile
         std::string name(log_names::LastComponent(target.get()));
         if (!IsLogFolderName(name)) name = log_names::LastComponent(link);
         TakeFolder(target.get(), name, status, 0, false);
@@ -187,7 +188,7 @@ bool LogFileRecycler::GetLogFolderInfo(const std::string& parent_path, const std
     info.parent = parent_path == root ? "" : log_names::LastComponent(parent_path);
     info.time = parsed->time;
     info.is_ee = parsed->suffix.ends_with(log_names::kException);
-    // The history holds the names that folders bear once finished, exception mark apart.
+    // The history has the names without a suffix.
     const auto record = history_index.find(name.substr(0, name.size() - parsed->suffix.size()));
     info.index = record == history_index.end() ? 0 : record->second;
     info.path = parent_path + "/" + name;
@@ -209,7 +210,7 @@ void LogFileRecycler::RecycleByFolderList() {
     const auto first_ee =
         std::find_if(begin, end, [](const LogFolderInfo& folder) { return folder.is_ee; });
     const auto recycle = [&](auto first, auto last, std::string_view current_suffix, int64_t keep) {
-        for (auto folder = first; folder != last && !IsWithinBudget(); ++folder) {
+        for (auto folder = first; folder != last && !IsWithinSizeLimit(); ++folder) {
             const bool is_current = IsBeingWritten(*folder) ||
                                     (folder + 1 == last && folder->name.ends_with(current_suffix));
             RecycleFolder(*folder, is_current, keep);
@@ -221,7 +222,7 @@ void LogFileRecycler::RecycleByFolderList() {
 }
 
 bool LogFileRecycler::IsBeingWritten(const LogFolderInfo& folder) const {
-    // A link may have led to it by another path.
+    // The path may differ from `latest_folder` if a link led to the folder.
     struct stat listed, current;
     return stat(folder.path.c_str(), &listed) == 0 && stat(latest_folder.c_str(), &current) == 0 &&
            listed.st_dev == current.st_dev && listed.st_ino == current.st_ino;
@@ -239,7 +240,7 @@ void LogFileRecycler::RecycleFolder(const LogFolderInfo& folder, bool is_current
     for (const LogFileInfo& file : files) folder_kb += file.size_kb;
     size_t removed = 0;
     for (const LogFileInfo& file : files) {
-        if (IsWithinBudget()) break;
+        if (IsWithinSizeLimit()) break;
         if (keep_kb >= 1 && folder_kb <= keep_kb) break;
         if (is_current && &file == &files.back()) {
             QUARN_LOGD("LogFileRecycler: skip current file %s", file.name.c_str());
@@ -270,7 +271,8 @@ void LogFileRecycler::RemoveFolder(const LogFolderInfo& folder) const {
     QUARN_LOGI(kSuccess, folder.path.c_str());
     if (folder.parent.empty()) return;
 
-    // Goes with its last capture; while it holds others this fails, which is expected.
+    // The parent folder is removed with its last capture. While it holds others rmdir() fails,
+    // which is expected.
     const std::string parent_path = folder.path.substr(0, folder.path.rfind('/'));
     if (rmdir(parent_path.c_str()) != 0) {
         QUARN_LOGW(kFailure, kFunction, parent_path.c_str(), strerror(errno));
@@ -306,7 +308,7 @@ void LogFileRecycler::OrderFileListByIndex(std::vector<LogFileInfo>& files) {
     std::sort(files.begin(), files.end(),
               [](const LogFileInfo& a, const LogFileInfo& b) { return a.index < b.index; });
     if (files.front().index != 0 || files.back().index != UINT32_MAX) return;
-    // The counter wrapped: the run that starts at 0 is the newest.
+    // The index has wrapped around: the files of the consecutive indexes from 0 are the newest.
     const auto run_end = std::adjacent_find(
         files.begin(), files.end(),
         [](const LogFileInfo& a, const LogFileInfo& b) { return a.index + 1 != b.index; });

@@ -1,4 +1,4 @@
-// The recycler: keeps the log tree within its size, oldest captures first.
+// The recycler deletes the oldest log files when the log tree is larger than its size limit.
 #pragma once
 
 #include <sys/stat.h>
@@ -20,11 +20,12 @@ namespace quarn::zorvex {
 // A capture folder of the tree.
 struct LogFolderInfo {
     std::string name;
-    // Name of the folder directly around it; empty when that is the root, or what a link leads to.
+    // The name of the folder that contains this one. Empty if that is the root, or if this folder
+    // is the target of a link or lies directly in the target.
     std::string parent;
     std::string time;
-    bool is_ee;      // holds an exception capture
-    uint64_t index;  // place in the folder history, 1 the oldest; 0: not in it
+    bool is_ee;      // the name has an exception mark
+    uint64_t index;  // position in the folder history, 1 is the oldest; 0 if not in the history
     std::string path;
 };
 
@@ -32,47 +33,50 @@ struct LogFolderInfo {
 struct LogFileInfo {
     std::string name;
     uint32_t index;   // serial number in its folder
-    int64_t size_kb;  // whole KiB
+    int64_t size_kb;  // KiB, rounded down
 };
 
-// Sizes are counted in whole KiB. Age is the place in the folder history, not a file time. Ordinary
-// folders go before exception folders, and the newest file of the capture being written never goes.
+// The size of the tree is the sum of the log file sizes, each rounded down to whole KiB. The age of
+// a folder is its position in the folder history, not a file time. Files of ordinary folders are
+// deleted before files of exception folders. The newest file of the current capture is never
+// deleted.
 //
-// Links in the tree:
-// - A link to a folder is a way to that folder. The folder is entered once and listed once, under
-//   its own path, whatever leads to it and in whatever order the names are read. Its own name tells
-//   its age and its marks; the link's name does only if the folder's own is not that of a capture.
-// - Behind a link that leads out of the tree, log files count only in listed folders, since others
-//   are never deleted.
-// - A link to a file is no log file: it counts nothing, and is not deleted.
-// - The recycler deletes no links. Outside the tree it deletes the folder that a link leads to only
-//   if that is itself a capture folder.
+// Symbolic links in the tree:
+// - The recycler follows links to folders. It visits and lists each folder once, under the folder's
+//   own path, no matter how many links lead to it. Age and marks come from the folder's own name.
+//   If that is not the name of a capture, they come from the link's name.
+// - Outside the tree, only log files in listed folders count, since only these are ever deleted.
+// - A link to a file does not count and is not deleted.
+// - The recycler deletes no links. It deletes the target folder of a link only if that folder is
+//   listed as a capture.
 //
-// Runs on the thread that holds the storage channel's `io_mutex`; takes no lock of its own.
+// REQUIRES: the storage channel's `io_mutex` and `recycle_mutex` are held.
 class LogFileRecycler {
   public:
     static LogFileRecycler* GetInstance();
 
-    // 0 when the tree is within `config.recycle_size` MB afterwards, -1 when it could not be read
-    // or still holds more. `current_folder` is the path of the capture being written, or else of
-    // the one before; empty: none. The folder history is read again when it has changed.
+    // Returns 0 if the tree is within `config.recycle_size` MB afterwards. Returns -1 if the tree
+    // is still larger or could not be read. `current_folder` is the path of the current or else the
+    // last capture folder; it may be empty. The folder history is read again if `current_folder`
+    // differs from that of the previous call.
     int32_t CheckAndRecycle(const RECYCLE_CONFIG& config, const std::string& current_folder = {});
 
   private:
     LogFileRecycler() = default;
 
     void BuildLogFolderHistoryIndex(const std::string& current_folder = {});
-    // Where a folder lies that is traversed.
+    // The position of a folder during the traversal.
     struct Place {
-        int depth;     // below the root, or below the folder that a link leads to
+        int depth;     // levels below the root, or below the target of a link
         bool in_tree;  // reached without a link
-        int64_t* kb;   // takes the size of its log files
+        int64_t* kb;   // the sum to which the sizes of its log files are added
     };
-    // Adds up the log files of `path` and takes the folders below it. Links to folders are put into
-    // `links`, so that every real folder of the tree is known before the first link is followed.
+    // Adds up the sizes of the log files in `path` and traverses the folders in it. Links to
+    // folders are only put into `links`, so that all folders of the tree are known before the first
+    // link is followed. Returns false if the folder cannot be opened.
     bool TraverseAndBuildFolderList(const std::string& path, const Place& place);
-    // Lists the folder if `name` is a capture's and the folder is not listed yet; traverses it if
-    // the traversal comes to it for the first time.
+    // Lists the folder if `name` is that of a capture and the folder is not listed yet. Traverses
+    // the folder if it was not visited before.
     void TakeFolder(const std::string& path, const std::string& name, const struct stat& status,
                     int depth, bool in_tree);
     void FollowLinks();
@@ -82,29 +86,29 @@ class LogFileRecycler {
                           LogFolderInfo& info) const;
     void OrderFolderList();
     void RecycleByFolderList();
-    // Deletes the folder's files, oldest first, until the tree is within its budget or only
-    // `keep_kb` remain; of the current folder the newest file stays.
+    // Deletes the folder's files, oldest first, until the tree is within its size limit or the
+    // folder holds at most `keep_kb` KiB. If `is_current`, the newest file is kept.
     void RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb);
     void RemoveFolder(const LogFolderInfo& folder) const;
-    bool IsWithinBudget() const { return total_kb <= recycle_kb; }
-    // Whether it is the capture of the moment, wherever the sort put it: one that the history could
-    // not record sorts as the oldest.
+    bool IsWithinSizeLimit() const { return total_kb <= recycle_kb; }
+    // Returns true if this is the folder of the current or last capture. The sort order alone does
+    // not tell: a folder that could not be recorded in the history sorts as the oldest.
     bool IsBeingWritten(const LogFolderInfo& folder) const;
     static bool BuildLogFileList(const std::string& folder_path, std::vector<LogFileInfo>& files);
     static bool GetLogFileIndex(const std::string& name, uint32_t& index);
     static void OrderFileListByIndex(std::vector<LogFileInfo>& files);
 
-    // May lie in the tree without being log files of a capture.
+    // Files that are expected in the tree although they are no log files of a capture.
     const std::vector<std::string> known_files{std::string(log_names::kPowerOnLog)};
     const std::string root{"/data/vendor/radio/quarn/logs/"};
     int64_t total_kb = 0;
     std::vector<LogFolderInfo> folder_list;
     struct EnteredFolder {
         bool is_listed = false;
-        int64_t uncounted_kb = 0;  // of its log files, until it is listed
+        int64_t uncounted_kb = 0;  // size of its log files if they do not count in `total_kb` yet
     };
     std::map<std::pair<dev_t, ino_t>, EnteredFolder> entered;  // by device and inode
-    std::deque<std::string> links;                             // to folders; not yet followed
+    std::deque<std::string> links;                             // links to folders, not yet followed
     int64_t recycle_kb = 0;
     int64_t keep_ee_kb = 0;
     int32_t clear_ee = 0;

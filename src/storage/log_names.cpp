@@ -8,11 +8,11 @@ namespace quarn::log_names {
 
 namespace {
 
-// Of this alphabet only, whatever the locale.
+// ASCII digits only, independent of the locale.
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsTimeChar(char c) { return IsDigit(c) || c == '_'; }
 
-// Takes the longest run of characters that satisfy `belongs` off the front of `text`.
+// Removes the longest prefix of characters that satisfy `belongs` from `text`, and returns it.
 template <typename Predicate>
 std::string_view TakeWhile(std::string_view& text, Predicate belongs) {
     const auto end = std::find_if_not(text.begin(), text.end(), belongs);
@@ -28,12 +28,12 @@ std::string LocalTime(time_t time) {
     return {text.data(), strftime(text.data(), text.size(), kTimeFormat, &local)};
 }
 
-// Where the last component begins.
+// Returns the offset of the last component.
 size_t NameStart(std::string_view path) { return path.rfind('/') + 1; }
 
-// What folder and file names begin with: prefix, index, "_", time. Leaves the rest in `text`.
-// A time has two characters or more and ends in a digit: any "_" behind its last digit belongs to
-// the rest, where a suffix may begin with it.
+// Parses the common start of folder and file names: prefix, index, "_", time. Leaves the rest in
+// `text`. A time has at least two characters and ends in a digit. A "_" after its last digit
+// belongs to the rest, since a suffix may begin with "_".
 std::optional<Name> TakeIndexAndTime(std::string_view& text) {
     if (!text.starts_with(kPrefix)) return std::nullopt;
     text.remove_prefix(kPrefix.size());

@@ -34,7 +34,7 @@ namespace {
 static_assert(std::string_view(kPowerOnLogPath).ends_with(log_names::kPowerOnLog));
 
 constexpr std::chrono::seconds kDuration(60);
-constexpr int kSizeUnitShift = 21;        // 2 MiB
+constexpr int kSizeUnitShift = 21;        // a unit is 2 MiB
 constexpr uint32_t kMaxSizeInUnits = 25;  // 50 MiB
 constexpr mode_t kMode = 0644;
 constexpr char kEnd = 0;  // the file's last byte
@@ -43,10 +43,11 @@ constexpr const char* kThreadEntry = "PowerOnEventDetectThreadEntry";
 
 enum class State { kNotInitialised, kInitialised, kWriting, kStopped };
 
-// A mutex for two kinds of holders, so that a stop can join a thread while it holds it.
+// A mutex that PowerOnLogStop may hold while it joins the event thread, although that thread locks
+// the same mutex: while a stop holds it or waits for it, all other callers fail to lock it.
 class PowerOnMutex {
   public:
-    // For a stop: waits for whoever holds it.
+    // For a stop: waits until no thread holds the mutex.
     void lock() {
         std::unique_lock guard(mutex);
         ++stops;
@@ -54,8 +55,8 @@ class PowerOnMutex {
         changed.wait(guard, [this] { return holder == Holder::kNobody; });
         holder = Holder::kStop;
     }
-    // For everybody else: waits for its turn, but gives up as soon as a stop is under way. Returns
-    // true if it has the mutex.
+    // For all other callers: waits until no thread holds the mutex, or until a stop begins. Returns
+    // true if the mutex was locked, false if a stop has begun.
     bool lock_unless_stopping() {
         std::unique_lock guard(mutex);
         changed.wait(guard, [this] { return stops != 0 || holder == Holder::kNobody; });
@@ -76,12 +77,12 @@ class PowerOnMutex {
     std::mutex mutex;
     std::condition_variable changed;
     Holder holder = Holder::kNobody;
-    int stops = 0;  // that hold it or wait for it
+    int stops = 0;  // calls of `lock` that hold the mutex or wait for it
 };
 
 using StopLock = std::lock_guard<PowerOnMutex>;
 
-// False when a stop is under way.
+// Locks the mutex unless a stop has begun. Converts to true if it holds the mutex.
 class UseLock {
   public:
     explicit UseLock(PowerOnMutex& power_on_mutex)
@@ -100,27 +101,29 @@ class UseLock {
 };
 
 struct PowerOnLog {
-    PowerOnMutex mutex;  // guards what follows
+    PowerOnMutex mutex;  // guards the next four
     State state = State::kNotInitialised;
     int32_t fd = -1;
-    uint32_t bytes_written = 0;  // header and end not counted
+    uint32_t bytes_written = 0;  // without the header and the last byte
     std::thread event_thread;
 
-    std::mutex wait_mutex;  // taken inside the other; around each change of `running`
+    // The event thread waits on it. Locked after `mutex`.
+    std::mutex wait_mutex;
     std::condition_variable wait_cond;
     std::atomic<bool> running{false};
 };
 
-// Never destroyed: a capture may still be closed, and the event thread wait, while the process
-// exits.
+// Never destroyed: while the process exits, a capture may still be closed and the event thread may
+// still wait.
 PowerOnLog& Module() {
     static PowerOnLog& module = *new PowerOnLog;
     return module;
 }
 
-// --- the file; under the power-on mutex ---
+// --- The file. REQUIRES: the power-on mutex is held. ---
 
-// All of it, or, as far as that can be undone, nothing, so that what is in the file stays whole.
+// Appends all bytes. On failure cuts the file back to its previous end, if possible, and returns
+// false with errno set.
 bool Append(int fd, const char* buf, size_t size) {
     const AppendUndo undo(fd);
     if (android::base::WriteFully(fd, buf, size)) return true;
@@ -153,12 +156,13 @@ void RemovePreviousFile(const char* who) {
     }
 }
 
-// False, with no file open, on failure.
+// Returns false, and leaves no file open, on failure.
 bool OpenFile(PowerOnLog& log, const char* who, time_t folder_time) {
     RemovePreviousFile(who);
     const LogFileHeader header(folder_time, 0);
     if (!header.has_modem_info()) QUARN_LOGE("%s: Error missing modem info", who);
-    // O_EXCL: what took the name since then, a pipe or a link, is neither waited for nor followed.
+    // O_EXCL: open() fails if a pipe or a link of that name was created after the removal. It does
+    // not wait for the pipe or follow the link.
     log.fd = open(kPowerOnLogPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
     if (log.fd < 0) {
         QUARN_LOGE("%s: Error opening log file %s: %s", who, kPowerOnLogPath, strerror(errno));
@@ -185,16 +189,16 @@ void CountWritten(PowerOnLog& log, const char* who, uint32_t size) {
     log.state = State::kStopped;
 }
 
-// --- the event thread ---
+// --- The event thread ---
 
-// False when a stop came first.
+// Waits for the end of the first minute. Returns false if a stop came before.
 bool WaitForEnd(PowerOnLog& log) {
     const auto deadline = std::chrono::steady_clock::now() + kDuration;
     std::unique_lock lock(log.wait_mutex);
     return !log.wait_cond.wait_until(lock, deadline, [&log] { return !log.running; });
 }
 
-// The log filter manager sends what waits for the end of the first minute.
+// The log filter manager now sends the log level or filter that it has held back.
 void EndPowerOnPhase() {
     std::lock_guard lock(g_quarn.exec_mutex);
     quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
@@ -207,10 +211,11 @@ void HandleEnd(PowerOnLog& log) {
     if (const UseLock lock(log.mutex); lock) log.state = State::kStopped;
 }
 
-// False when there can be no thread that would end the minute; then it has ended.
+// Enters state 1 and starts the event thread. Returns false, in state 3, if the thread cannot be
+// created: then no thread will end the minute.
 bool BeginMinute(PowerOnLog& log) {
     const UseLock lock(log.mutex);
-    if (!lock) return true;  // who stops has ended it
+    if (!lock) return true;  // a stop has ended the minute
     log.bytes_written = 0;
     log.state = State::kInitialised;
     log.running = true;
@@ -255,7 +260,7 @@ void PowerOnLogStart(time_t folder_time) {
         case State::kInitialised:
             break;
     }
-    // Read without `command_mutex`, whose holder may be waiting for `io_mutex`.
+    // Read without `command_mutex`, since a thread that holds it may wait for `io_mutex`.
     if (const QUARN_SAVE_MODE type = g_quarn.transfer_type; type != SAVE_MODE_STORAGE) {
         QUARN_LOGE("%s: Error starting power-on log: transfer type %d should be storage", kWho,
                    type);
@@ -279,7 +284,7 @@ void PowerOnLogWrite(char const* buf, unsigned int len, bool last) {
     struct stat status;
     const bool known = fstat(log.fd, &status) == 0;
     const bool deleted = known && status.st_nlink == 0;
-    // What followed a cut would lie behind a hole.
+    // In a file that was cut, the next block might follow a part of a block or a missing header.
     if (deleted || (known && status.st_size < lseek(log.fd, 0, SEEK_CUR))) {
         QUARN_LOGW("Power-on log: stop writing log, %s was %s", kPowerOnLogPath,
                    deleted ? "deleted" : "cut");

@@ -1,15 +1,22 @@
-// The power-on log: a copy of the stored stream of the daemon's first minute, kept in a file of its
-// own beside the capture folders, of the same format as any log file and ended by one zero byte.
+// The power-on log is a second copy of the blocks that go to the log files during the daemon's
+// first minute. It is one file beside the capture folders. Its format is that of a log file, and
+// its last byte is a zero.
 //
-// States: 0 not initialised -> `PowerOnLogInit` -> 1 initialised -> the first new capture folder ->
-// 2 writing -> 60 s, the size bound, a failed write or a stop -> 3 stopped, for good. The file
-// stays open until the next write or the de-initialisation, whichever comes first, gives it its
-// end. A file that somebody deleted is closed, without one, by the next write, which stops too.
+// States:
+// - 0, not initialised: `PowerOnLogInit` leads to state 1.
+// - 1, initialised: the next new capture folder creates the file and leads to state 2.
+// - 2, writing: 60 s after `PowerOnLogInit`, at 50 MiB, after a failed write, or at a stop, the log
+//   enters state 3.
+// - 3, stopped. The file stays open until the next `PowerOnLogWrite` or `PowerOnLogDeInit`, which
+//   appends the zero byte and closes it.
 //
-// One mutex, the power-on mutex, guards it all. A stop joins the event thread while it holds this
-// mutex, and that thread, or whom it waits for, may want it. So while a stop is under way only
-// another stop waits for the mutex: everybody else does without, and acts as in state 3. Inside it
-// only `md_info_mutex` and the event thread's own mutex are taken.
+// If the file was deleted or cut, the next write closes it without the zero byte and enters
+// state 3.
+//
+// The power-on mutex guards the state and the file. PowerOnLogStop joins the event thread while
+// holding this mutex. To avoid a deadlock, once a stop has begun every other caller fails to lock
+// it and behaves as if the log were stopped. Only another stop waits for it. While a thread holds
+// the power-on mutex, it locks only `md_info_mutex` and the mutex on which the event thread waits.
 #pragma once
 
 #include <ctime>
@@ -18,23 +25,26 @@ namespace quarn::zorvex {
 
 constexpr const char* kPowerOnLogPath = "/data/vendor/radio/quarn/logs/power_on_log.muxz";
 
-// Once at start-up: starts the thread that waits for the end of the first minute.
+// Starts the event thread, which waits for the end of the first minute. Called once at start-up.
 void PowerOnLogInit();
-// A capture folder was created at `folder_time` (0: not known): begins the file, if that has not
-// been done. Runs under `io_mutex` of `g_file_io`.
+// Creates the file in state 1, if the transfer type is storage. Called for each new capture folder.
+// `folder_time` is the folder's creation time, or 0 if not known.
+// REQUIRES: io_mutex of `g_file_io` is held.
 void PowerOnLogStart(time_t folder_time = 0);
-// The bytes that have just gone to the current log file: whole blocks, with `last` and one stray
-// byte behind them, which is left out. Runs under `io_mutex`.
+// Appends `len` bytes of whole blocks that were just written to the current log file. If `last` is
+// set, a stray byte follows the blocks; `len` counts it, but it is not copied.
+// REQUIRES: io_mutex of `g_file_io` is held.
 void PowerOnLogWrite(char const* buf, unsigned int len, bool last);
-// Ends the first minute early, joining its thread: lasts as long as the end of the minute does,
-// when that is just being handled. The caller holds none of the locks that a flush of all buffers
-// takes.
+// Ends the first minute early and joins the event thread. If the thread is already handling the end
+// of the minute, waits until it has finished.
+// REQUIRES: the caller holds none of the locks that a flush of all buffers takes, such as
+// `flush_interval_mutex`, `exec_mutex` and `io_mutex`.
 void PowerOnLogStop();
-// Once at shut-down: stops, and ends the file.
+// Stops the power-on log and closes the file. Called once at shut-down.
 void PowerOnLogDeInit();
 
-// The thread's body: waits for the end of the first minute; then the log filter manager leaves its
-// power-on phase, and all buffers are flushed.
+// The body of the event thread. At the end of the first minute it makes the log filter manager
+// leave its power-on phase, flushes all buffers and enters state 3.
 void PowerOnEventDetectThreadEntry();
 
 }  // namespace quarn::zorvex

@@ -21,8 +21,8 @@ constexpr int kBytesPerMbShift = 20;
 constexpr int kMaxFileSizeMb = 4095;
 constexpr unsigned int kMaxRecycleSizeMb = 4194303;
 
-// The count of a file's bytes cannot wrap: no write begins at or above the rotation size, and none
-// is larger than the buffer.
+// The 32-bit count of a file's bytes cannot wrap around: a write begins below the rotation size,
+// and it is not larger than the buffer.
 static_assert((uint64_t{kMaxFileSizeMb} << kBytesPerMbShift) - 1 +
                   quarn::log_file::kCompressBufSize <=
               std::numeric_limits<uint32_t>::max());
@@ -125,14 +125,15 @@ int QUARN_FILE_IO::flush_ringBuf() {
         QUARN_LOGE("file_io: already close");
         return -1;
     }
-    flush_blocks(Flush::kExact);  // what could not be written stays for the next attempt
+    flush_blocks(Flush::kExact);  // after a failure the blocks stay for the next attempt
     return 0;
 }
 
 bool QUARN_FILE_IO::flush_blocks(Flush how) {
     if (blocks.empty()) return true;
     const auto save = [&] { return save_to_log_file(how) == 0; };
-    // No write may follow that would reopen a capture which was given up.
+    // If the capture's folder was deleted, `save` has closed the channel. Open a new capture here,
+    // since no later write may come that would open it.
     if (!save() && !(is_closed && open_capture() == 0 && save())) {
         QUARN_LOGE("file_io: flush compress_buf data to log file fail");
         return false;
@@ -142,7 +143,6 @@ bool QUARN_FILE_IO::flush_blocks(Flush how) {
     return true;
 }
 
-// At the end of a file or a capture, what does not reach the file now is given up.
 void QUARN_FILE_IO::flush_last(Flush how) {
     flush_blocks(how);
     blocks.Clear();
@@ -155,8 +155,8 @@ int QUARN_FILE_IO::save_to_log_file(Flush how) {
         return -1;
     }
     const bool last = how == Flush::kWithStrayByte;
-    // The power-on log gets only what is in the log file: a write that failed is offered again, and
-    // may not come twice into the other file.
+    // The power-on log gets only blocks that are in the log file. Blocks of a failed write come
+    // again, and would otherwise be in the power-on log twice.
     const auto copy = [](std::string_view bytes, bool with_stray_byte) {
         quarn::zorvex::PowerOnLogWrite(bytes.data(), static_cast<unsigned int>(bytes.size()),
                                        with_stray_byte);
@@ -167,12 +167,12 @@ int QUARN_FILE_IO::save_to_log_file(Flush how) {
         copy(bytes, last);
         return 0;
     }
-    // The blocks that are whole in a torn file are not written again.
+    // The blocks that are whole in the file must not be written again.
     if (appended.stayed > 0) {
         copy(blocks.BlocksWithin(appended.stayed), false);
         blocks.DropBlocksWithin(appended.stayed);
     }
-    if (appended.torn) close_log_file();
+    if (appended.partly_written) close_log_file();
     return -1;
 }
 
@@ -182,9 +182,9 @@ int QUARN_FILE_IO::ready_file() {
     return rotate() == 0 ? open_new_log_file() : -1;
 }
 
-// A capture whose folder somebody deleted would refuse every write for ever. Closed, it is reopened
-// by the writer or the flush as a new one, which goes on with what is buffered and, after an
-// exception, is marked as this one was to be.
+// Without its folder, the capture would refuse every write forever. After the channel is closed,
+// the writer or a flush opens a new capture. The buffer and the file suffix are kept, so the new
+// capture continues with the same blocks and gets the same exception mark.
 void QUARN_FILE_IO::give_up_vanished_capture() {
     if (!capture.is_open() || capture.HasItsFolder()) return;
     if (file.is_open()) close_log_file();
@@ -217,7 +217,7 @@ int QUARN_FILE_IO::open_new_log_file() {
     if (!file.WriteHeader(capture.folder_time(), capture.file_idx())) {
         const std::string path = file.path();
         close_log_file();
-        unlink(path.c_str());  // nothing can be read from a file without a whole header
+        unlink(path.c_str());  // a file without a whole header is of no use to readers
         return -1;
     }
     capture.FileOpened(file.path());

@@ -1,4 +1,4 @@
-// The storage channel: compressed log files in capture folders, rotated by size.
+// The storage channel writes the log stream to compressed log files in capture folders.
 #pragma once
 
 #include <atomic>
@@ -14,96 +14,121 @@
 #include "storage/log_file.h"
 #include "storage/recycle_config.h"
 
-// States: closed -> `io_open` -> capture open, no file -> first flushed block -> file open (".tmp")
-// -> rotation: next file open, the one before renamed without ".tmp" -> `io_close` -> closed.
+// States:
+// - Closed. `io_open` opens a capture.
+// - Capture open, no file. The next write of the block buffer opens a file (".tmp").
+// - File open. When the file has reached the rotation size, the next write of the buffer closes it
+//   and opens the next file. The previous file then loses ".tmp". `io_close` leads to "closed".
 //
-// This class has the locks, the settings and the order of the steps. The steps themselves are those
-// of the block buffer, the log file and the capture tree, none of which knows of the others.
+// This class has the locks, the settings and the order of the steps. The block buffer, the log file
+// and the capture tree perform the steps; these three do not use each other.
 //
-// Locks, in order: `io_mutex`, then one of `recycle_mutex`, `folder_name_mutex`, the history mutex,
-// the power-on mutex (power_on_log.h) and, also inside the last, `md_info_mutex`. All operations
-// return 0 on success and -1 on failure unless they say otherwise.
+// The operations are thread-safe unless a comment says otherwise. They return 0 on success and -1
+// on failure, also unless a comment says otherwise.
+//
+// Lock order: `io_mutex`; then one of `recycle_mutex`, `folder_name_mutex` and the power-on mutex
+// (power_on_log.h); then one of the history mutex, `md_info_mutex` and the file sync's mutex.
 class QUARN_FILE_IO : public QUARN_IO {
   public:
     explicit QUARN_FILE_IO(std::string base_folder);
     ~QUARN_FILE_IO() override;
 
-    // Creates base, config and log folder, and sets the umask to 0. Once at start-up.
+    // Creates the base, config and log folder if they do not exist, and sets the umask to 0. Called
+    // once at start-up.
     int create_top_folder();
 
-    // Opens a capture: picks the next index, creates the folder, gives the folder before its final
-    // name. An open capture goes on. No file is opened yet, the first flushed block does that.
+    // Opens a capture: picks the next index, creates the folder, and gives the previous folder its
+    // final name. Does nothing if a capture is open.
     int io_open() override;
-    // Compresses `len` bytes as one block into the buffer, which goes to the file when it is full.
-    // `len` on success. On -1 nothing of `buf` was taken; offer it again.
+    // Compresses `len` bytes into one block and appends it to the buffer. If the block might not
+    // fit, first writes the buffer to the file. Returns `len` on success. On -1 the channel has
+    // taken none of the bytes, and the caller may write them again.
     int io_write(const void* buf, int len) override;
-    // Flushes, closes the file, ends the capture.
+    // Writes the buffer to the file, closes the file and ends the capture. Blocks that cannot be
+    // written are dropped. Returns 0.
     int io_close() override;
+    // Returns true if a capture is open.
     bool check_io_open();
 
-    // Flushes with one stray byte behind the last block and closes the file; the capture goes on.
+    // Writes the buffer and one stray byte to the file and closes the file. The capture stays open.
+    // Blocks that cannot be written are dropped. Returns -1 only if the channel is closed.
     int close_log_file_with_flush();
-    // Writes what is buffered to the file.
+    // Writes the buffer to the file. Blocks that cannot be written stay in the buffer. Returns -1
+    // only if the channel is closed.
     int flush_ringBuf();
 
-    // Appends "_EE" to the current folder's name when the suffix asks for it.
+    // Appends the file suffix to the current folder's name if the suffix is "_EE" and the name has
+    // no exception mark. Returns 0.
     int rename_folder_ee();
+    // Sets the suffix for new folders and files: "" or "_EE". `io_close` resets it to "".
     void set_file_suffix(std::string suffix);
 
-    // Rotation size, 1 to 4095 MB. Reading takes no lock.
+    // The rotation size, 1 to 4095 MB (of 1,048,576 bytes). `get_file_size` takes no lock.
     int set_file_size(int mb);
     int get_file_size() const;
-    // Reading takes no lock: recycling, which holds the mutex, may last long.
+    // `get_recycle_option` takes no lock, since recycling may hold `recycle_mutex` for long.
+    // Returns -1 if the option is not known or the value is out of range.
     int set_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int value);
     int get_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int* value) const;
-    // The log folder or one folder directly in it; created if missing, unless the log folder
-    // holds 4,096 entries. Takes effect with the next capture.
+    // Selects the folder for later captures: the log folder or a folder directly in it. Creates the
+    // folder if it does not exist, unless the log folder holds 4,096 entries.
     int set_log_folder(std::string path);
     std::string get_log_folder();
 
-    // REQUIRES: no operation of the channel runs at the same time, or the caller runs inside one.
+    // The creation time of the current capture folder, or 0; and the path of the current capture
+    // folder, or of the last one. Not thread-safe. REQUIRES: no other operation of the channel
+    // runs, or the caller is called by one.
     time_t get_cur_folder_time() const { return capture.folder_time(); }
     std::string get_latest_folder_path() const { return capture.latest_folder(); }
 
-    // While it is held no capture folder is renamed.
+    // No capture folder is renamed between the two calls.
     void acquire_folder_name_lock();
     void release_folder_name_lock();
 
   private:
-    // How a flush of the buffer ends. The stray byte, one more than the blocks, marks the end of a
-    // file that was closed on purpose; readers ignore it.
+    // What a flush writes after the last block. The stray byte marks the end of a file that was
+    // closed on purpose; readers ignore it.
     enum class Flush { kExact, kWithStrayByte };
 
+    // `io_close` for the destructor. Also writes the stray byte, and marks the folder if the suffix
+    // is "_EE".
     int io_closeDtor();
 
-    // The rest runs under `io_mutex`.
+    // REQUIRES for the functions below: io_mutex is held.
+
     int open_capture();
-    // Writes what is buffered; false, with the buffer kept, on failure.
+    // Writes the buffer to the file and clears it. Returns false on failure; the buffer then keeps
+    // the blocks that are not in the file.
     bool flush_blocks(Flush how);
+    // Like `flush_blocks`, but drops the blocks that cannot be written.
     void flush_last(Flush how);
     void close_capture_files(Flush how);
     void forget_capture();
 
-    // Writes what is buffered to the current file, after opening the first one or the next one. On
-    // -1 the file holds nothing of what is left in the buffer; otherwise the caller clears it.
+    // Writes the buffer to the current file; opens the first or the next file before, if needed.
+    // After success the caller clears the buffer. On -1 the buffer keeps exactly the blocks that
+    // are not in the file.
     int save_to_log_file(Flush how);
-    // Sees to it that a file is open which may take more.
+    // Makes sure that a file below the rotation size is open.
     int ready_file();
+    // Closes the channel if the folder of the capture no longer exists.
     void give_up_vanished_capture();
     int recycle();
     int rotate();
-    int make_room();  // under `recycle_mutex`
+    // Deletes old log files. Returns 0 if the log tree is within its size limit. REQUIRES:
+    // recycle_mutex is held.
+    int make_room();
     int open_new_log_file();
     void close_log_file();
 
-    // Owned, with its thread. Outlives the two that call it.
+    // Declared before `capture` and `file`, which use it until they are destroyed.
     quarn::zorvex::FileSync file_sync;
     quarn::zorvex::CaptureTree capture;
     quarn::zorvex::LogFile file;
     quarn::zorvex::BlockBuffer blocks;
-    // "" or "_EE"
+    // "" or "_EE".
     std::string file_suffix;
-    // Bytes; atomic: read without a lock.
+    // The rotation size in bytes. Atomic, since it is read without a lock.
     std::atomic<uint32_t> file_size{50 * 1024 * 1024};
 
     RECYCLE_CONFIG recycle_config;

@@ -1,30 +1,29 @@
-// How much log the tree may hold.
+// The settings that limit the size of the log tree.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
-// The settings that clients can change.
+// The settings that clients can change. 1 MB is 1,048,576 bytes here.
 enum QUARN_RECYCLE_OPT : int32_t {
     RECYCLE_OPT_SIZE = 0,          // MB, 1 to 4,194,303
-    RECYCLE_OPT_EE = 1,            // 0 or not
+    RECYCLE_OPT_EE = 1,            // 0: off, any other value: on
     RECYCLE_OPT_KEEP_EE_SIZE = 2,  // MB, 0 to 4,194,303
 };
 
-// Owned by the storage channel, read by the recycler. The three settings are written under the
-// channel's recycle mutex and read without it, the rest belongs to the thread that holds
-// `io_mutex`.
+// The storage channel owns it and the recycler reads it. The three atomic settings are written
+// under the channel's `recycle_mutex` and read without a lock. `io_mutex` guards the other fields.
 struct RECYCLE_CONFIG {
-    // MB allowed for all log files together.
+    // The largest total size of all log files, in MB.
     std::atomic<uint32_t> recycle_size{2500};
-    // Exception folders may be emptied too.
+    // True if the recycler may also delete all files of exception folders.
     std::atomic<bool> clear_ee{true};
-    // MB of each exception folder to keep; 0: no trimming.
+    // The size to keep of each exception folder, in MB. If 0, exception folders are not trimmed.
     std::atomic<uint32_t> keep_ee_size{0};
-    // Of the capture being written.
+    // The index of the latest capture folder.
     int32_t cur_folder_idx = 0;
-    // A capture has been opened since start.
+    // True if a capture has been opened since the start.
     bool folder_created = false;
-    // Carried for the recycler, which gives it no meaning.
+    // Not used.
     bool reserved = true;
 };
