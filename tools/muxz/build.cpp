@@ -104,8 +104,8 @@ class Builder {
                 first = chosen.size();
             }
         }
-        // With first_fault: jobs before `stop` are done completely, the others read only the
-        // header. `stop` only decreases, so the result does not depend on the threads.
+        // With first_fault, the jobs in front of `stop` read their files completely, whatever other
+        // threads find. A job behind it reads only the header.
         std::atomic<size_t> stop = options.first_fault ? first : SIZE_MAX;
         std::atomic<size_t> next = 0;
         const auto work = [&] {
