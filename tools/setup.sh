@@ -1,17 +1,18 @@
-# What has to be on the machine, by Debian package. Sourced by ./run and ./test.
+# The Debian packages that the project needs, and functions to install them. ./run and ./test source
+# this file.
 
 run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev libarchive-dev nlohmann-json3-dev
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
-# What single steps of ./test want beside these.
+# Packages that only single steps of ./test need.
 lint_packages=(clang-tidy cppcheck)
 page_packages=(chromium)
 fuzz_packages=(libclang-rt-dev)
 arm64_packages=(g++-aarch64-linux-gnu qemu-user)
 arm64_root_packages=(libsnappy-dev libarchive-dev nlohmann-json3-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)
 
-# install_missing PACKAGE...: installs those that are not there; does nothing when all are. Status 1,
-# with one line on standard error, when that is not possible.
+# install_missing PACKAGE...: installs the packages that are missing. Returns 1 and prints one line on
+# standard error if that fails. On a system without dpkg it only prints the list.
 install_missing() {
     local package missing=() root=()
     if ! command -v dpkg-query >/dev/null; then
@@ -31,15 +32,15 @@ install_missing() {
         command -v sudo >/dev/null || { echo "missing packages, and no sudo to install them: ${missing[*]}" >&2; return 1; }
         root=(sudo)
     fi
-    # The package lists of a fresh machine are empty or old.
+    # The package lists of a new machine are empty or old.
     { "${root[@]}" apt-get update -qq &&
       "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 install -y -qq --no-install-recommends "${missing[@]}"; } >&2 ||
         { echo "could not install: ${missing[*]}" >&2; return 1; }
 }
 
-# make_arm64_root DIR PACKAGE...: unpacks arm64 packages, with all that they depend on, into a folder,
-# unless it has them. Needs no root and leaves the machine's own packages and their lists alone. Status
-# 1, with a line on standard error, when that is not possible.
+# make_arm64_root DIR PACKAGE...: unpacks arm64 packages and their dependencies into the folder DIR,
+# unless DIR already has them. Does not need root, and does not change the installed packages and the
+# package lists of the machine. Returns 1 and prints one line on standard error if that fails.
 make_arm64_root() {
     local root=$1 apt=$PWD/$1.apt deb options
     shift
@@ -55,7 +56,7 @@ make_arm64_root() {
       for deb in "$apt"/archives/*.deb; do dpkg-deb -x "$deb" "$root" || return 1; done; } >&2 ||
         { echo "could not get the arm64 packages (they come from Debian's own package servers)" >&2; return 1; }
     rm -rf "$apt"
-    # Snappy's CMake files name its files by absolute paths; these now stand below the root.
+    # Snappy's CMake files contain absolute paths. Let them point below DIR.
     sed -i "s#\"/usr#\"$PWD/$root/usr#" "$root"/usr/lib/*/cmake/Snappy/*.cmake || return 1
     echo "$*" >"$root/packages"
 }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view kTag = "QUARN";
 
-// The front of a line, taken off piece by piece.
+// Parses a line from left to right. `rest` is what has not been parsed yet.
 class Cursor {
   public:
     explicit Cursor(std::string_view line) : rest(line) {}
@@ -43,7 +43,7 @@ bool IsPriority(std::string_view text) {
     return text.size() == 1 && std::string_view("VDIWEF").find(text[0]) != std::string_view::npos;
 }
 
-// "11-23" in the given year.
+// Parses "11-23" in the given year.
 std::optional<int64_t> DayOfYear(std::string_view date, int64_t year) {
     if (date.size() != 5 || date[2] != '-') return std::nullopt;
     const auto month = ParseDigits(date.substr(0, 2)), day = ParseDigits(date.substr(3));
@@ -51,7 +51,8 @@ std::optional<int64_t> DayOfYear(std::string_view date, int64_t year) {
     return WallDay(static_cast<int>(year), static_cast<int>(*month), static_cast<int>(*day));
 }
 
-// "2026-11-23", or "11-23" of the year that brings it closest to `near_wall`.
+// Parses "2026-11-23" or "11-23". Without a year, chooses the year that brings the date closest to
+// `near_wall`.
 std::optional<int64_t> Day(std::string_view date, int64_t near_wall) {
     if (date.size() == 10 && date[4] == '-') {
         const auto year = ParseDigits(date.substr(0, 4));
@@ -66,12 +67,12 @@ std::optional<int64_t> Day(std::string_view date, int64_t near_wall) {
     return best;
 }
 
-// The stamp at the front of a line, which may be none.
+// Parses the time at the beginning of a line. Returns no value and parses nothing if there is none.
 std::optional<int64_t> TakeTime(Cursor& line, const LogClock& clock) {
     Cursor ahead = line;
     const std::string_view first = ahead.Word();
     const auto whole = [](std::string_view text) { return text.substr(0, text.find('.')); };
-    if (first.find('.') != std::string_view::npos) {  // seconds since 1970 have a fraction
+    if (first.find('.') != std::string_view::npos) {  // the format epoch: seconds with a fraction
         const auto utc = ParseTime(whole(first));
         if (!utc || utc->kind != TimeArgument::Kind::kUtc) return std::nullopt;
         line = ahead;
@@ -93,7 +94,7 @@ std::optional<int64_t> TakeTime(Cursor& line, const LogClock& clock) {
     return *day + *time - offset;
 }
 
-// A line of the daemon's; nothing when it is somebody else's.
+// Parses a line. Returns no value if the line has no priority or another tag than the daemon's.
 std::optional<Line> ParseLine(std::string_view text, const LogClock& clock) {
     Cursor line(text);
     if (line.Take(kTag)) {  // "QUARN I 11-23 06:48:11 123 124 message": standard error
@@ -116,7 +117,7 @@ std::optional<Line> ParseLine(std::string_view text, const LogClock& clock) {
         if (end == std::string_view::npos) return std::nullopt;
         return Line{time, priority[0], line.rest.substr(end + 3)};
     }
-    // "  123  124 I QUARN   : message", with a user in front now and then
+    // "  123  124 I QUARN   : message". Some logs have a user name in front.
     for (int words = 0; words < 4; ++words) {
         const std::string_view priority = line.Word();
         if (!IsPriority(priority)) continue;
@@ -129,8 +130,8 @@ std::optional<Line> ParseLine(std::string_view text, const LogClock& clock) {
     return std::nullopt;
 }
 
-// Whether a message has the shape of `pattern`, in which each '#' stands for a number and a '*' at
-// its end for the rest. The numbers go to `numbers`, as far as there are any.
+// Returns true if `message` matches `pattern`. In the pattern, each '#' matches a number and a '*'
+// at the end matches any rest. Stores the numbers in `numbers`, in order, and the rest in `rest`.
 bool Matches(std::string_view message, std::string_view pattern,
              std::initializer_list<uint64_t*> numbers, std::string_view* rest = nullptr) {
     const auto* number = numbers.begin();
@@ -198,7 +199,7 @@ class LogReader {
     AndroidLog log;
 
   private:
-    // A report comes in up to five messages, of which the one with the rates is the first.
+    // A report has up to five messages. The first one has the rates.
     bool TakeReport(const Line& line) {
         RateReport fresh;
         fresh.time = line.time;
@@ -266,7 +267,7 @@ class LogReader {
     }
 
     const LogClock clock;
-    bool runs = false;  // the daemon, as far as the log tells
+    bool runs = false;  // the daemon has started and not ended, according to the log
 };
 
 }  // namespace

@@ -23,14 +23,18 @@ namespace {
 
 namespace names = quarn::log_names;
 
-constexpr size_t kPiece = size_t{256} * 1024;         // bytes
-constexpr size_t kMostEntries = size_t{1} << 20;      // of an archive, wanted or not
-constexpr size_t kMostMembers = size_t{1} << 17;      // that are wanted
-constexpr size_t kLongestName = 4096;                 // bytes
-constexpr uint64_t kMostOfList = uint64_t{1} << 20;   // bytes of a list of captures
-constexpr uint64_t kMostOfFile = uint64_t{1} << 33;   // bytes, more than twice a log file's most
-constexpr uint64_t kUnsuspected = uint64_t{1} << 28;  // bytes that any archive may unpack to
-constexpr uint64_t kMostRatio = 100;                  // log files are packed already
+constexpr size_t kPiece = size_t{256} * 1024;        // bytes
+constexpr size_t kMostEntries = size_t{1} << 20;     // all entries of an archive
+constexpr size_t kMostMembers = size_t{1} << 17;     // entries that are log files or lists
+constexpr size_t kLongestName = 4096;                // bytes
+constexpr uint64_t kMostOfList = uint64_t{1} << 20;  // bytes of a list of captures
+// Bytes of one file. More than twice the size of the largest log file.
+constexpr uint64_t kMostOfFile = uint64_t{1} << 33;
+// An archive that unpacks to more bytes than this, and to more than kMostRatio times its size,
+// counts as a decompression bomb. Log files are already compressed, so a real archive has a small
+// ratio.
+constexpr uint64_t kUnsuspected = uint64_t{1} << 28;
+constexpr uint64_t kMostRatio = 100;
 constexpr std::array<std::string_view, 2> kLists = {"log_folder_history", "copied_folder_list"};
 
 bool IsList(std::string_view name) {
@@ -41,7 +45,7 @@ bool IsWanted(std::string_view name) {
     return names::ParseFile(name) || name == names::kPowerOnLog || IsList(name);
 }
 
-// A path that stays below where it begins: without "..", "." and slashes in front.
+// Removes "..", "." and leading slashes from `path`, so that it cannot lead out of the archive.
 std::string Below(std::string_view path) {
     std::string clean;
     while (!path.empty()) {
@@ -54,7 +58,8 @@ std::string Below(std::string_view path) {
     return clean;
 }
 
-// Where a member is among files and folders. The part behind the last slash must be its name.
+// Returns the path that muxz uses for a member. The part behind the last slash is the file name,
+// also for a member at the top of the archive.
 std::string PathIn(const std::string& archive, const std::string& member) {
     const std::string first = member.substr(0, member.find('/'));
     const bool apart = first == member || names::ParseFolder(first);
@@ -75,7 +80,7 @@ class Reader {
         archive_read_support_format_gnutar(archive);
         archive_read_support_format_zip(archive);
         archive_read_support_format_raw(archive);
-        // Not all filters: some start programs.
+        // libarchive has more filters, but some of them start other programs.
         archive_read_support_filter_gzip(archive);
         archive_read_support_filter_bzip2(archive);
         archive_read_support_filter_xz(archive);
@@ -137,7 +142,7 @@ class Reader {
         return true;
     }
 
-    // Takes the next entry. Returns false when there are no more, or none that can be read.
+    // Reads the next entry. Returns false if there is none, or if reading cannot go on.
     bool Next() {
         archive_entry* entry = nullptr;
         const int got = archive_read_next_header(archive, &entry);
@@ -148,7 +153,7 @@ class Reader {
         const char* const given = archive_entry_pathname(entry);
         if (given == nullptr || strlen(given) > kLongestName) return true;
         std::string inner = Below(given);
-        // One compressed file without an archive around it has the name of the whole.
+        // A single compressed file without an archive: use the name of the compressed file.
         const bool raw = archive_format(archive) == ARCHIVE_FORMAT_RAW;
         if (raw) {
             const std::string_view whole = LastComponent(path);
@@ -166,7 +171,8 @@ class Reader {
         return InPlace(entry, member) || Copy(member, IsList(name) ? kMostOfList : kMostOfFile);
     }
 
-    // Returns true if the bytes of the member lie in the archive as they are.
+    // Adds the member so that it is read directly from the archive. Returns false if this is not
+    // possible, because the archive is compressed, not on disk, or no tar.
     bool InPlace(archive_entry* entry, Member& member) {
         if (!size || archive_filter_count(archive) != 1 || archive_entry_sparse_count(entry) != 0 ||
             (archive_format(archive) & ARCHIVE_FORMAT_BASE_MASK) != ARCHIVE_FORMAT_TAR)
@@ -203,7 +209,7 @@ class Reader {
         return got != ARCHIVE_FATAL;
     }
 
-    // Of two members of one name the later one counts, as it does when they are unpacked.
+    // If two members have the same name, the later one counts, as if the archive were unpacked.
     void Add(Member member) {
         const auto [place, is_new] = places.try_emplace(member.path, result.members.size());
         if (is_new) {
@@ -220,7 +226,7 @@ class Reader {
         return unpacked > kUnsuspected && unpacked / kMostRatio > packed;
     }
 
-    // Of a source that is open as long as any of its parts.
+    // A part of the archive. All parts share the ownership of its source.
     class Part : public Source {
       public:
         Part(std::shared_ptr<Source> all, uint64_t from, uint64_t bytes)
@@ -244,9 +250,9 @@ class Reader {
     const std::unique_ptr<std::array<uint8_t, kPiece>> copied =
         std::make_unique<std::array<uint8_t, kPiece>>();
     const std::shared_ptr<Spool> spool = std::make_shared<Spool>();
-    uint64_t at = 0;  // where the next piece is read
+    uint64_t at = 0;  // offset in the archive of the next read
     size_t entries = 0;
-    std::map<std::string, size_t> places;  // of members, by path
+    std::map<std::string, size_t> places;  // positions in result.members, by path
     Archive result;
 };
 
@@ -260,7 +266,7 @@ bool IsArchive(Bytes front) {
     constexpr size_t kTarMagic = 257;
     if (front.size() >= kTarMagic + 5 && memcmp(front.data() + kTarMagic, "ustar", 5) == 0)
         return true;
-    // Blocks without a header may begin like these.
+    // A log file without a header may begin with the same bytes as the archives below.
     if (LooksLikeBlock(front)) return false;
     using namespace std::string_view_literals;
     return begins("\x1f\x8b\x08"sv) || begins("PK\x03\x04"sv) || begins("PK\x05\x06"sv) ||

@@ -39,8 +39,9 @@ bool IsForeign(const FileFacts& file) {
            file.header.kind == HeaderFacts::Kind::kNone;
 }
 
-// A file of another capture may have been put into the folder, in whose order it has no place. And
-// all files of a capture have one writer: an unknown header among known ones is a damaged one.
+// Finds files that do not belong into the folder. Somebody may have put a file of another capture
+// there. And all files of a capture have the same header layout: a header of unknown layout among
+// headers of the known layout is damaged.
 void FindStrangers(CaptureFacts& capture) {
     const bool known = std::any_of(
         capture.files.begin(), capture.files.end(),
@@ -194,7 +195,8 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
         }
         const auto newest = std::find_if(phone.captures.rbegin(), phone.captures.rend(),
                                          [](const CaptureFacts& c) { return !c.copy; });
-        // Of one that was picked out of its tree only its own name can tell.
+        // If the user gave only this folder of a tree, later captures may exist that muxz does not
+        // see. Then the folder name alone says whether it is the newest.
         const bool told = newest != phone.captures.rend() && !newest->name.empty() &&
                           (newest->given || !newest->whole);
         if (newest != phone.captures.rend() &&

@@ -41,7 +41,8 @@ bool IsPacked(Bytes packed) {
     return snappy_validate_compressed_buffer(AsChars(packed), packed.size()) == SNAPPY_OK;
 }
 
-// What Snappy produces is at most `snappy_max_compressed_length`, and three bytes make at most 64.
+// Snappy produces at most `snappy_max_compressed_length` bytes, and three packed bytes make at most
+// 64 raw bytes.
 bool LooksLikeBlock(Bytes bytes) {
     if (bytes.size() < kLeastBlock) return false;
     const BlockHeader lengths = GetBlockHeader(bytes.data());
@@ -58,14 +59,15 @@ size_t FirstCandidate(Bytes bytes) {
     const size_t end = bytes.size() - kLeastBlock + 1;
     size_t i = 0;
     while (i < end) {
-        // Long runs of zeros, as holes are: a raw length of 0 is none.
+        // Skip long runs of zeros fast, as in sparse files. A block with raw length 0 does not
+        // count.
         uint64_t word;
         memcpy(&word, bytes.data() + i, sizeof(word));
         if (word == 0) {
             i += sizeof(word) - kLengthSize + 1;
             continue;
         }
-        // Nearly all other offsets fail here: the low bits of the two raw lengths differ.
+        // Nearly all other offsets fail this fast test of the low bits of the two raw lengths.
         if (((bytes[i] ^ bytes[i + kBlockHeaderSize]) & 0x7f) == 0 &&
             LooksLikeBlock(bytes.subspan(i)))
             return i;

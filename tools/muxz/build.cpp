@@ -1,4 +1,5 @@
-// Build: the steps that look into folders and files, and what only the system can tell.
+// Build: scans the files in several threads, and asks the system whether a capture is being
+// written.
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -26,8 +27,8 @@ bool HasFault(const FileFacts& file) {
                        [](const Finding& f) { return f.kind != Finding::Kind::kNote; });
 }
 
-// What most of the files with a header of another writer say that it has, when there are more
-// than one. One file alone cannot tell its header from damage behind it.
+// Returns the header length on which more than half of the files with unknown header layout agree,
+// and at least two. One file alone does not show where its header ends and damage begins.
 std::optional<uint64_t> CommonHeader(const std::vector<FileFacts>& files) {
     std::map<uint64_t, size_t> counts;
     size_t all = 0;
@@ -50,8 +51,8 @@ bool Contradicts(const FileFacts& file, uint64_t header) {
            file.header.length != header;
 }
 
-// Scans files on all cores, a file at a time on each. What comes out does not depend on their
-// number.
+// Scans files in several threads, one file at a time in each. The result does not depend on the
+// number of threads.
 class Builder {
   public:
     Builder(const Listing& from, const BuildOptions& chosen) : listing(from), options(chosen) {}
@@ -68,7 +69,7 @@ class Builder {
             }
         }
         Run([](const Job&) { return true; });
-        // Once more where the files of a group agree on a header that one does not have.
+        // Scan those files again whose header length differs from that of the group.
         size_t place = 0;
         for (const std::vector<FileFacts>& group : scanned) {
             const std::optional<uint64_t> header = CommonHeader(group);
@@ -78,7 +79,7 @@ class Builder {
             }
         }
         Run([](const Job& job) { return job.header.has_value(); });
-        // That may have shown that there was no fault to stop at.
+        // The second scan may have removed the fault that made Run skip other files.
         Run([](const Job& job) { return job.skipped; });
         return scanned;
     }
@@ -89,10 +90,10 @@ class Builder {
         FileFacts* facts;
         Depth depth;
         std::optional<uint64_t> header{};
-        bool skipped = false;  // only its header was read, since a file in front has a fault
+        bool skipped = false;  // only the header was read, since an earlier file has a fault
     };
 
-    // Does those jobs that are `wanted`.
+    // Runs the jobs for which `wanted` returns true.
     void Run(const std::function<bool(const Job&)>& wanted) {
         std::vector<Job*> chosen;
         size_t first = SIZE_MAX;
@@ -103,7 +104,8 @@ class Builder {
                 first = chosen.size();
             }
         }
-        // The jobs in front of this one are all done whole, whatever the others find.
+        // With first_fault, the jobs in front of `stop` read their files completely, whatever other
+        // threads find. A job behind it reads only the header.
         std::atomic<size_t> stop = options.first_fault ? first : SIZE_MAX;
         std::atomic<size_t> next = 0;
         const auto work = [&] {
@@ -138,7 +140,7 @@ class Builder {
         return ScanFile(*job.file, scan);
     }
 
-    static constexpr size_t kMostThreads = 64;  // each takes 36 MiB at most
+    static constexpr size_t kMostThreads = 64;  // each thread uses at most 36 MiB
 
     const Listing& listing;
     const BuildOptions& options;
@@ -148,7 +150,8 @@ class Builder {
     uint64_t done = 0;  // guarded by progress_mutex
 };
 
-// Returns true if any process that may be looked at has `file` open for writing.
+// Returns true if a process has `file` open for writing. Sees only the processes that the user may
+// inspect.
 bool IsOpenForWriting(const struct stat& file) {
     const auto open_folder = [](const std::string& path) {
         return std::unique_ptr<DIR, int (*)(DIR*)>(opendir(path.c_str()), closedir);
@@ -166,7 +169,7 @@ bool IsOpenForWriting(const struct stat& file) {
             if (stat((own + "/fd/" + number).c_str(), &info) != 0 || info.st_ino != file.st_ino ||
                 info.st_dev != file.st_dev)
                 continue;
-            // "flags:" is octal, and the lowest two bits of it are the access mode.
+            // The number behind "flags:" is octal. Its lowest two bits are the access mode.
             std::ifstream about(own + "/fdinfo/" + number);
             for (std::string word; about >> word;) {
                 if (word == "flags:" && about >> word && !word.empty() && word.back() % 4 != 0)
@@ -177,14 +180,15 @@ bool IsOpenForWriting(const struct stat& file) {
     return false;
 }
 
-// The newest capture is being written when its last file grew since it was scanned, or is open.
+// Sets the state kBeingWritten if a process has the last file of the capture open for writing, or
+// if the file grew or was renamed after it was scanned.
 void TellWhetherWritten(CaptureFacts& capture) {
     if (capture.files.empty() || capture.copy || capture.state == CaptureFacts::State::kFinished)
         return;
     const FileFacts& last = capture.files.back();
     struct stat info;
     if (!last.may_be_open) return;
-    // Another name: the daemon has opened the next file meanwhile.
+    // The daemon renames a file when it opens the next one.
     const bool renamed = stat(last.path.c_str(), &info) != 0;
     if (renamed ? !FindRenamed(last.path).empty()
                 : static_cast<uint64_t>(info.st_size) > last.size || IsOpenForWriting(info))

@@ -39,7 +39,8 @@ class Stream {
                        if (!wanted) return true;
                        if (!reader.Unpack(block, output.Room(raw))) return false;
                        output.Filled(raw);
-                       // Who reads may wait for this block, and the next one may take its time.
+                       // The program behind the pipe may wait for this block, and the next block
+                       // may come much later.
                        if (live) output.Flush();
                        messages.progress.At(done + block.offset);
                        return true;
@@ -66,7 +67,7 @@ RawRange RangeIn(const Selection& selection, const FileFacts& file) {
 int Cat(const Selection& selection, const std::string& output_path, const Phones& phones) {
     Messages messages(true);
     if (!MayTakeBinary("cat", output_path)) return kUsageOrIo;
-    // Where a part of a file begins is told by how many raw bytes the file has.
+    // A part is given in shares of the raw bytes of its file, so all lengths must be read first.
     const bool whole = selection.parts.empty();
     BuildOptions options{.depth = whole ? Depth::kHeaders : Depth::kLengths, .live = whole};
     if (phones) options.phones = *phones;

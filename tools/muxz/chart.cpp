@@ -14,7 +14,7 @@ namespace {
 constexpr int kCurveHeight = 150;  // pixels
 constexpr int kLaneHeight = 28;
 constexpr int kAxisHeight = 34;
-constexpr size_t kMostPoints = 4000;  // of one curve; a screen shows no more
+constexpr size_t kMostPoints = 4000;  // of one curve; a screen cannot show more
 
 std::string Decimal(double value, int digits) {
     char text[64];
@@ -24,7 +24,7 @@ std::string Decimal(double value, int digits) {
 
 std::string Percent(double share) { return Decimal(share * 100, 3) + "%"; }
 
-// A step of 1, 2 or 5 times a power of ten, at most `parts` of which make `range`.
+// Returns a step for a scale: 1, 2 or 5 times a power of ten. `range` has at most `parts` steps.
 double NiceStep(double range, int parts) {
     const double least = range / parts;
     const double power = std::pow(10, std::floor(std::log10(least)));
@@ -45,7 +45,8 @@ int64_t TimeStep(double range) {
     return kSecondsPerDay * static_cast<int64_t>(std::ceil(range / kMost / kSecondsPerDay));
 }
 
-// The line of times under a chart. The script draws it anew, by the same rules, when it zooms.
+// Draws the line of times under a chart. When the user zooms, the script in page_frame.h draws this
+// line again by the same rules.
 std::string TimeTicks(const TimeAxis& axis, int top) {
     std::string svg = "<g class='ticks' data-top='" + std::to_string(top) + "'>";
     const int64_t step = TimeStep(axis.to - axis.from);
@@ -72,7 +73,7 @@ std::string TimeTicks(const TimeAxis& axis, int top) {
     return svg + "</g>";
 }
 
-// The horizontal lines of a scale from 0 to `top`, with their values.
+// Draws the horizontal lines of a scale from 0 to `top`, with their values.
 std::string ValueTicks(double top, double step) {
     std::string svg = "<g class='scale'>";
     const long steps = std::lround(top / step);
@@ -85,7 +86,7 @@ std::string ValueTicks(double top, double step) {
     return svg + "</g>";
 }
 
-// The highest of as many points at a time as it takes to have no more than `kMostPoints`.
+// Reduces a curve to at most `kMostPoints` points. Keeps the highest point of each group.
 std::vector<std::pair<double, double>> Thin(const std::vector<std::pair<double, double>>& points) {
     const size_t together = points.size() / kMostPoints + 1;
     if (together == 1) return points;
@@ -99,8 +100,8 @@ std::vector<std::pair<double, double>> Thin(const std::vector<std::pair<double, 
     return thin;
 }
 
-// One curve in an SVG of its own, which is 1000 wide and 100 high whatever its size on the page. A
-// value below 0 interrupts it.
+// Draws one curve in an SVG of its own. Its coordinates go from 0 to 1000 and from 0 to 100,
+// whatever its size on the page is. A value below 0 interrupts the curve.
 std::string DrawCurve(const Curve& curve, const TimeAxis& axis, double top) {
     std::string svg;
     bool drawing = false;
@@ -141,7 +142,7 @@ std::string DrawSpan(const Span& span, const TimeAxis& axis, double y, double he
               high + "' height='" + Decimal(height, 1) + "'" + title + "rect>";
     }
     if (span.label.empty()) return svg;
-    // The SVG around the label cuts it where its span ends.
+    // The SVG around the label clips it at the end of its span.
     return svg + "<svg data-a='" + Decimal(a, 6) + "' data-b='" + Decimal(b, 6) + "' class='label" +
            (is_line ? " free" : "") + "' x='" + Percent(a) + "' width='" +
            (is_line ? "60" : Percent(b - a)) + "' y='" + high + "' height='" + Decimal(height, 1) +
@@ -183,7 +184,7 @@ double Highest(const std::vector<Curve>& curves) {
     return highest;
 }
 
-// REQUIRES: highest is above 0.
+// REQUIRES: highest > 0.
 std::string DrawCurves(const TimeChart& chart, const TimeAxis& axis, double highest) {
     const double step = NiceStep(highest, 4);
     const double top = std::ceil(highest / step * 0.999) * step;

@@ -1,4 +1,5 @@
-// muxz check: on one screen, whether all is there and good, and when the modem crashed.
+// muxz check: shows on one screen whether the files are complete and intact, and when the modem
+// crashed.
 #include <algorithm>
 #include <cstdio>
 #include <span>
@@ -14,7 +15,7 @@ namespace muxz {
 
 namespace {
 
-constexpr size_t kMostRows = 12;  // of captures, and of findings: more do not fit a screen
+constexpr size_t kMostRows = 12;  // of captures, and of findings, so that all fits on a screen
 
 std::string TimeOr(std::optional<PhoneTime> time, const char* none) {
     return time ? ShowTime(*time) : none;
@@ -31,7 +32,7 @@ std::string Ratio(const char* format, double part, double of) {
     return of > 0 ? text : "-";
 }
 
-// Without the year, and without the date when it is that of the start.
+// Returns the end of the capture without the year. Leaves out the date if it is that of the start.
 std::string EndOf(const CaptureFacts& capture) {
     if (!capture.end) return "-";
     const std::string end = ShowTime(*capture.end);

@@ -1,4 +1,4 @@
-// muxz cat --follow: the raw stream of the newest capture, and of all that comes after it.
+// muxz cat --follow: writes the raw stream of the newest capture, and of all captures after it.
 #include <poll.h>
 
 #include <algorithm>
@@ -22,13 +22,13 @@ namespace muxz {
 
 namespace {
 
-constexpr int kPause = 100;        // milliseconds between two looks
-constexpr int kLooksPerTree = 10;  // a look into the whole tree every so many
+constexpr int kPause = 100;        // milliseconds between two checks for new blocks
+constexpr int kLooksPerTree = 10;  // checks of the file for each check of the whole tree
 
 volatile sig_atomic_t ended = 0;
 
-// The first Ctrl-C ends the loop behind a block; the second one, or a reader that does not read, is
-// not waited for.
+// The first Ctrl-C ends the loop behind a complete block. The second one kills the program, since
+// the reader of the output may never read again.
 void EndOnSignals() {
     struct sigaction action {};
     action.sa_handler = [](int) { ended = 1; };
@@ -37,13 +37,13 @@ void EndOnSignals() {
     sigaction(SIGTERM, &action, nullptr);
 }
 
-// A file that is read as it grows. It stays open, so its name may change.
+// A file that is read while it grows. It stays open, so it may be renamed.
 class Growing {
   public:
     Growing(FoundFile found_file, std::optional<uint64_t> header)
         : found(std::move(found_file)), likely_header(header) {}
 
-    // Writes the blocks that have come. Returns true if there were any.
+    // Writes the new blocks. Returns true if there were any.
     bool Write(Output& output, Messages& messages) {
         if (!source && !Open(messages)) return false;
         BlockReader reader(*source, offset);
@@ -61,7 +61,7 @@ class Growing {
         return any;
     }
 
-    // Tells what is wrong with a file that grows no more.
+    // Reports what is wrong at the end of a file that does not grow any more.
     void Finish(Messages& messages) const {
         if (!source) {
             messages.Note(found.path, "holds no blocks");
@@ -70,11 +70,11 @@ class Growing {
         }
     }
 
-    // Bytes of another writer's header; none while that is not known.
+    // Returns the length in bytes of a header of unknown layout. No value while it is unknown.
     std::optional<uint64_t> header() const { return likely_header; }
 
   private:
-    // Returns true once the header is there.
+    // Returns true if the header is complete and the file was opened.
     bool Open(Messages& messages) {
         const FileFacts facts = ScanFile(found, {Depth::kHeaders, likely_header, {}});
         if (!facts.readable && !std::exchange(failed, true)) messages.Tell(facts.findings);
@@ -82,7 +82,7 @@ class Growing {
         if (kind == HeaderFacts::Kind::kEmpty || kind == HeaderFacts::Kind::kCut ||
             kind == HeaderFacts::Kind::kNoBlock || !facts.readable)
             return false;
-        // A file renamed meanwhile has been found by its new name.
+        // `facts` has the new name if the file was renamed.
         source = Reopen(facts).source;
         offset = facts.header.length;
         if (kind == HeaderFacts::Kind::kForeign) likely_header = offset;
@@ -104,8 +104,8 @@ class Growing {
     std::optional<uint64_t> likely_header;
     std::unique_ptr<Source> source;
     uint64_t offset = 0;         // of the next block
-    uint64_t told = UINT64_MAX;  // where damage was told last
-    bool failed = false;         // an error of the system was told
+    uint64_t told = UINT64_MAX;  // offset of the last damage that was reported
+    bool failed = false;         // a system error was reported
     End end = End::kWhole;
 };
 
@@ -127,11 +127,12 @@ class Follower {
         return messages.status;
     }
 
-    // Begins there instead of with the newest capture.
+    // Begins with the capture `first` instead of the newest one.
     void BeginWith(Capture first) { capture = std::move(first); }
 
   private:
-    // Goes on to the next file, if there is one: then the one before has its last byte.
+    // Goes on to the next file or capture. Returns false if there is none. Once there is one, the
+    // daemon no longer writes to the present file, so its rest is written first.
     bool GoOn(bool look_into_tree) {
         std::optional<LogFile> next = NextFile();
         Capture later;
@@ -143,7 +144,7 @@ class Follower {
             output.Flush();
             header = file->header();
         }
-        // A file may have come while the tree was looked at.
+        // The daemon may have opened a file while the tree was listed.
         if (!next) next = NextFile();
         if (!next) {
             capture = later;
@@ -156,7 +157,7 @@ class Follower {
         return true;
     }
 
-    // The file behind the present one in its capture.
+    // Returns the file that follows the present file in its capture.
     std::optional<LogFile> NextFile() {
         if (!capture) return std::nullopt;
         std::vector<LogFile> files;
@@ -167,7 +168,7 @@ class Follower {
         if (!index) return files.front();
         const auto present = std::find_if(files.begin(), files.end(),
                                           [&](const LogFile& f) { return f.index == *index; });
-        // The present one may be recycled already.
+        // The recycler may have removed the present file.
         const auto next = present != files.end()
                               ? present + 1
                               : std::find_if(files.begin(), files.end(), [&](const LogFile& f) {
@@ -176,7 +177,8 @@ class Follower {
         return next == files.end() ? std::nullopt : std::optional(*next);
     }
 
-    // The capture behind the present one; the newest when there is none.
+    // Sets `next` to the capture that follows the present one. Without a present capture, or if it
+    // is gone, sets `next` to the newest one. Returns false if there is none.
     bool NextCapture(Capture& next) const {
         Tree tree;
         std::vector<Complaint> ignored;
@@ -203,7 +205,7 @@ class Follower {
     Output output;
     std::optional<Capture> capture;
     std::optional<uint32_t> index;   // of the present file
-    std::optional<uint64_t> header;  // as Growing has it, of the last file
+    std::optional<uint64_t> header;  // Growing::header() of the last file
     std::optional<Growing> file;
 };
 

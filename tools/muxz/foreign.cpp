@@ -11,13 +11,15 @@ namespace muxz {
 namespace {
 
 constexpr std::string_view kTag("\0\x10\0ZORVEXHEADERINFO", 19);  // the custom block's first entry
-constexpr uint8_t kMostCustomType = 15;  // more than there are, fewer than bytes at random have
+// More than the existing types. A small limit keeps random bytes from looking like entries.
+constexpr uint8_t kMostCustomType = 15;
 constexpr uint32_t kCompressBuffer = 1048576;
 constexpr int64_t kDay = 86400;  // s
 constexpr int64_t kLongestCapture = 400 * kDay;
-constexpr uint32_t kFirstTime = 946684800;  // 2000-01-01: no modem told anything before
-constexpr size_t kWords = 16;               // bytes: word b, word a, time, zero
-constexpr size_t kPointer = 8;              // bytes that a record's address may take between
+constexpr uint32_t kFirstTime = 946684800;  // 2000-01-01; no modem information is older
+constexpr size_t kWords = 16;               // bytes of word b, word a, time and zero together
+// Bytes of the pointer that may stand between a modem information record and the words.
+constexpr size_t kPointer = 8;
 
 void RecogniseCustom(Bytes bytes, HeaderFacts& header) {
     const auto tag = std::search(bytes.begin(), bytes.end(), kTag.begin(), kTag.end(),
@@ -26,7 +28,7 @@ void RecogniseCustom(Bytes bytes, HeaderFacts& header) {
     Bytes rest;
     for (const CustomEntry& entry :
          ParseCustomBlock(bytes.subspan(static_cast<size_t>(tag - bytes.begin())), rest)) {
-        // What follows the last entry may be anything; zeros would be tags of no bytes.
+        // Any bytes may follow the last entry. Zeros would look like empty tags.
         const bool first = header.custom.empty();
         if (!first && (entry.type == 0 || entry.type > kMostCustomType || entry.value.empty()))
             break;
@@ -45,7 +47,8 @@ void RecognisePhone(Bytes bytes, uint32_t index, PhoneTime opened, HeaderFacts& 
     }
 }
 
-// The record beside the words at `at`, in front of them or behind, or by an address apart.
+// Returns the offset of the modem information record beside the words at `at`. The record lies
+// behind them, in front of them, or in front of them with a pointer in between.
 std::optional<size_t> RecordBeside(Bytes bytes, size_t at) {
     const auto ends_with_word_b = [&](size_t record) {
         return record + kMdInfoRecordSize <= bytes.size() &&

@@ -1,5 +1,5 @@
-// Known parts in a header of another writer. Its layout is not known, but what the daemon hands to
-// that writer is: a phone record, a modem record and the custom block, each of its own shape.
+// Finds known parts in a header of unknown layout. The daemon passes a phone record, a modem record
+// and the custom block to the log-format library. Each of these has a shape that can be recognised.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@
 
 namespace muxz {
 
-// Fills what can be recognised in `header` and leaves the rest as it is:
+// Fills the fields of `header` that can be recognised in `bytes`. Does not change other fields.
 //
 //   custom entries      behind the tag "ZORVEXHEADERINFO", as long as they have a known shape
-//   folder time, index  where the size of the phone's compress buffer stands in front of a time
-//                       near `opened` and of the number `index`, both of which the name tells
-//   modem information   where word b, word a, a time and a zero stand beside a record of 204 bytes
-//                       that ends with word b
+//   folder time, index  the size of the phone's compress buffer, a time near `opened`, and `index`
+//   modem information   word b, word a, a time and a zero, beside a record of 204 bytes that ends
+//                       with word b
 //
-// The shapes have 64 fixed bits or more, so bytes of another meaning do not have them by chance.
+// `index` and `opened` are those in the file name. Each shape has at least 64 fixed bits, so other
+// bytes do not match it by chance.
 void Recognise(Bytes bytes, std::optional<uint32_t> index, std::optional<PhoneTime> opened,
                HeaderFacts& header);
 

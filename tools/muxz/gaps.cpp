@@ -14,7 +14,7 @@ namespace {
 
 namespace names = quarn::log_names;
 
-// A step between numbers that is larger is a new beginning, not a gap.
+// A larger step between two numbers is no gap: the numbers began again.
 constexpr uint32_t kLargestGap = uint32_t{1} << 31;
 
 std::string Range(const char* one, const char* many, uint32_t first, uint32_t last) {
@@ -27,7 +27,7 @@ std::string When(std::optional<PhoneTime> time) {
     return time ? ShowTime(*time) : "an unknown time";
 }
 
-// Which capture a message is about, where the path of its folder does not say it.
+// Names the capture in a message, if the path of the folder does not name it.
 std::string OfCapture(const CaptureFacts& capture) {
     return capture.name.empty() ? " of the capture of " + When(capture.start) : "";
 }
@@ -56,7 +56,7 @@ void TellHole(CaptureFacts& capture, const FileFacts& before, const FileFacts& b
     capture.findings.push_back(std::move(hole));
 }
 
-// The captures of each log folder that a tree led to, without copies, in their order.
+// The captures of each log folder in their order, without copies.
 using LogFolders = std::map<std::string, std::vector<const CaptureFacts*>>;
 
 Finding GoneCaptures(const std::string& folder, uint32_t first, uint32_t last,
@@ -113,7 +113,7 @@ void FindFileGaps(CaptureFacts& capture) {
         }
         before = &file;
     }
-    // The newest file of a capture keeps ".tmp" in its name until the next one is opened.
+    // The newest file of a capture keeps ".tmp" in its name until the daemon opens the next file.
     const bool unfinished = quarn::log_names::IsUnfinished(capture.name);
     if (unfinished && capture.whole && !capture.copy && !capture.files.back().may_be_open) {
         capture.findings.push_back(NoteOn(
@@ -124,7 +124,7 @@ void FindFileGaps(CaptureFacts& capture) {
 
 namespace {
 
-// Numbers that are missing between the captures of one log folder, and before the first.
+// Finds missing capture numbers of one log folder: between captures, and before the first one.
 void FindMissingNumbers(const std::string& folder, const std::vector<const CaptureFacts*>& captures,
                         std::vector<Finding>& findings) {
     const CaptureFacts* before = nullptr;
@@ -139,10 +139,11 @@ void FindMissingNumbers(const std::string& folder, const std::vector<const Captu
     }
 }
 
-// Captures by number and time.
+// Number and time of each capture.
 using Present = std::set<std::pair<uint32_t, std::string>>;
 
-// What only the history names: behind the last capture, or in a log folder that is not here.
+// Finds captures that only the history names. Their numbers are greater than that of the last
+// capture, or their log folder is missing.
 void FindOnlyNamed(const std::vector<HistoryEntry>& history, const Present& present,
                    std::vector<Finding>& findings) {
     const auto is_told = [&](uint32_t number) {

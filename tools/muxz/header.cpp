@@ -11,7 +11,7 @@ namespace {
 
 uint16_t Get16(const uint8_t* in) { return static_cast<uint16_t>(in[0] | in[1] << 8); }
 
-// Fills the fields of version 1 from a whole header.
+// Fills the fields of version 1 from a complete header.
 void TakeRecords(const uint8_t* in, Header& header) {
     using namespace sim::log_header;
     header.phone.compress_buf_size = Get32(in + kCompressBufSizeAt);
@@ -79,7 +79,7 @@ HeaderState ReadHeader(Source& source, Header& header) {
     HeaderState state = ParseHeader(window.At(0, 1), header);
     if (state == HeaderState::kCut)
         state = ParseHeader(window.At(0, sim::log_header::kMaxSize), header);
-    // A version that is not known says its length, but its bytes were not needed.
+    // ParseHeader does not need the bytes of an unknown version, so their number is checked here.
     if (state == HeaderState::kWhole && window.At(header.length - 1, 1).empty())
         state = HeaderState::kCut;
     return window.error() != 0 ? HeaderState::kReadError : state;

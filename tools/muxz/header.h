@@ -1,4 +1,4 @@
-// The header in front of a log file's blocks, of the layout in docs/log-file-format.md.
+// Parses the header of a log file, in the layout of docs/log-file-format.md.
 #pragma once
 
 #include <array>
@@ -14,10 +14,10 @@ namespace muxz {
 
 enum class HeaderState {
     kWhole,
-    kEmpty,    // no bytes at all
-    kCut,      // the file ends within it
-    kUnknown,  // begins with something else
-    kDamaged,  // its lengths contradict each other
+    kEmpty,    // the file has no bytes
+    kCut,      // the file ends within the header
+    kUnknown,  // the file does not begin with the magic
+    kDamaged,  // the lengths in the header contradict each other
     kReadError,
 };
 std::string_view Text(HeaderState state);
@@ -26,15 +26,17 @@ struct Header {
     uint16_t version;
     uint16_t reserved;
     uint32_t length;             // bytes; the first block follows
-    bool known_version;          // false: the fields below are zero
-    QRX_LOG_FORMAT_AP phone;     // its address is null, the block is in `custom`
-    QRX_LOG_FORMAT_MODEM modem;  // its address is null, the record is in `modem_record`
+    bool known_version;          // if false, the fields below are zero
+    QRX_LOG_FORMAT_AP phone;     // its pointer is null; the custom block is in `custom`
+    QRX_LOG_FORMAT_MODEM modem;  // its pointer is null; the record is in `modem_record`
     std::array<uint8_t, kMdInfoRecordSize> modem_record;
     std::vector<uint8_t> custom;
 };
 
-// Parses the header at the front of a file, of which `front` holds the first 65,795 bytes or all.
+// Parses the header of a file that begins with `front`. REQUIRES: `front` has the first 65,795
+// bytes of the file, or all if it is shorter. `header` is valid if the result is kWhole.
 HeaderState ParseHeader(Bytes front, Header& header);
+// As ParseHeader, but reads the bytes from `source`.
 HeaderState ReadHeader(Source& source, Header& header);
 
 inline uint32_t Get32(const uint8_t* in) {
@@ -46,7 +48,8 @@ struct CustomEntry {
     uint8_t type;
     Bytes value;
 };
-// The entries of a custom block up to the first that does not fit; `rest` is what follows the last.
+// Returns the entries of a custom block, up to the first entry that does not fit into the block.
+// Sets `rest` to the bytes behind the last returned entry.
 std::vector<CustomEntry> ParseCustomBlock(Bytes block, Bytes& rest);
 
 }  // namespace muxz

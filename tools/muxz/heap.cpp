@@ -25,7 +25,8 @@ CaptureFacts Begin(FileFacts first) {
     return capture;
 }
 
-// Takes `file` into `capture` if it is a second copy of a file there; returns true if it was.
+// Returns true if `capture` already has a file with the same number, time and first bytes. Then
+// keeps the larger of the two files and adds a note about the other one.
 bool IsSecondCopy(CaptureFacts& capture, const FileFacts& file) {
     for (FileFacts& first : capture.files) {
         const bool same = first.index == file.index && first.opened == file.opened &&
@@ -43,7 +44,8 @@ bool IsSecondCopy(CaptureFacts& capture, const FileFacts& file) {
 
 using Captures = std::vector<CaptureFacts>;
 
-// One capture has each file number once: the same number with other bytes is another phone's.
+// Each file number occurs once in a capture. A file with the same number but other bytes comes from
+// another phone, so it begins another capture.
 void TakeByHeader(FileFacts file, Captures& of_folder_time) {
     for (CaptureFacts& capture : of_folder_time) {
         if (IsSecondCopy(capture, file)) return;
@@ -58,14 +60,15 @@ void TakeByHeader(FileFacts file, Captures& of_folder_time) {
     of_folder_time.push_back(Begin(std::move(file)));
 }
 
-// A row of files whose numbers rise with time.
+// A capture whose files are found by name: numbers increase with time.
 struct Row {
     CaptureFacts capture;
     std::string custom;
-    uint32_t last;  // number
+    uint32_t last;  // number of its last file
 };
 
-// A phone writes one capture at a time, so a file belongs to the latest that it fits.
+// Returns the latest row that `file` fits into, or null. A phone writes one capture at a time, so
+// the file belongs to the latest one.
 Row* RowFor(std::vector<Row>& rows, const FileFacts& file, const std::string& custom) {
     if (*file.index == 0) return nullptr;
     const auto row = std::find_if(rows.rbegin(), rows.rend(), [&](const Row& candidate) {
@@ -75,7 +78,7 @@ Row* RowFor(std::vector<Row>& rows, const FileFacts& file, const std::string& cu
 }
 
 Captures GroupByName(std::vector<FileFacts> files) {
-    constexpr size_t kMostRows = 64;  // that a file is tried with: of late, more are not open
+    constexpr size_t kMostRows = 64;  // older rows are complete, and get no more files
     std::sort(files.begin(), files.end(), [](const FileFacts& a, const FileFacts& b) {
         return std::tie(*a.opened, *a.index, a.path) < std::tie(*b.opened, *b.index, b.path);
     });

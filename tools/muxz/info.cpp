@@ -1,4 +1,4 @@
-// muxz info: the header of each file, what its blocks amount to and how it ends.
+// muxz info: shows the header, the block statistics and the end of each file.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>

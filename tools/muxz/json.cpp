@@ -15,7 +15,7 @@ namespace muxz {
 
 namespace {
 
-// In the order in which they are added, which is the one that people read.
+// Keeps the order in which fields are added, so that people find the important ones first.
 using Value = nlohmann::ordered_json;
 
 constexpr int kSchema = 1;
@@ -193,7 +193,7 @@ class Writer {
     static Value Of(const quarn::log_file::BlockHeader& lengths) {
         return {{"raw", lengths.raw_length}, {"packed", lengths.packed_length}};
     }
-    // Null where the blocks were not looked at.
+    // Returns null if the blocks were not read.
     Value Of(const BlockFacts& facts) const {
         if (model.depth == Depth::kHeaders) return nullptr;
         const bool any = facts.blocks != 0;
@@ -254,13 +254,11 @@ class Writer {
     Value Of(const CaptureFacts& capture) const {
         Value exception = nullptr;
         if (capture.exception) {
-            exception = {{"exact", capture.exception->exact},
-                         {"utc", Maybe(capture.exception->utc)},
-                         {"from", Maybe(capture.exception->from)},
-                         {"to", Maybe(capture.exception->to)},
-                         {"told_by", capture.exception->told_by},
-                         {"later", capture.exception->later},
-                         {"marked", capture.exception->marked}};
+            exception = {
+                {"exact", capture.exception->exact},      {"utc", Maybe(capture.exception->utc)},
+                {"from", Maybe(capture.exception->from)}, {"to", Maybe(capture.exception->to)},
+                {"told_by", capture.exception->told_by},  {"later", capture.exception->later},
+                {"marked", capture.exception->marked}};
         }
         return {{"path", capture.path},
                 {"name", capture.name},
@@ -352,7 +350,7 @@ class Writer {
 }  // namespace
 
 std::string Json(const Model& model, const std::string& command) {
-    // Names on disk may be no UTF-8, which JSON has to be.
+    // JSON must be UTF-8, but names on disk may have any bytes: invalid ones are replaced.
     return Writer(model).Whole(command).dump(1, ' ', false, Value::error_handler_t::replace) + "\n";
 }
 

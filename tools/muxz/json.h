@@ -1,4 +1,4 @@
-// The model for programs. docs/muxz-json.md is the page beside it.
+// Prints the model as JSON. docs/muxz-json.md describes the fields.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace muxz {
 
-// One object, with a line's end behind it. `command`: info, ls, verify or check.
+// Returns one JSON object and a newline. `command` is info, ls, verify or check.
 std::string Json(const Model& model, const std::string& command);
-// Prints it and returns the exit status.
+// Prints the object on standard output. Returns the exit status.
 int PrintJson(const Model& model, const std::string& command);
 
 }  // namespace muxz

@@ -25,7 +25,7 @@ namespace names = quarn::log_names;
 constexpr const char* kHistory = "log_folder_history";
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
-constexpr size_t kMostHistory = size_t{1} << 20;  // bytes that are read of a list
+constexpr size_t kMostHistory = size_t{1} << 20;  // bytes read of a list
 
 OpenedFile OpenAt(const std::string& path) {
     OpenedFile opened;
@@ -52,7 +52,7 @@ OpenedFile OpenAt(const std::string& path) {
 
 bool IsList(std::string_view name) { return name == kHistory || name == kCopiedList; }
 
-// A file in the archive at `container`.
+// Returns a file in the archive at `container`.
 FoundFile FileIn(const std::string& container, const HeldFile& held) {
     const auto open = [held] {
         OpenedFile opened;
@@ -71,7 +71,8 @@ bool BeginsArchive(Source& source) {
     return IsArchive(front);
 }
 
-// The archive that a file is, by its first bytes; a file with the name of a log is none.
+// Opens the archive at `path`. Returns null if the first bytes are not those of an archive, or if
+// the file has the name of a log file.
 std::shared_ptr<Source> ArchiveAt(const std::string& path) {
     const std::string_view name = LastComponent(path);
     std::string why;
@@ -94,7 +95,7 @@ Finding::What WhatOf(Complaint::Kind kind) {
     return Finding::What::kUnreadable;
 }
 
-// The folder that all of them are in.
+// Returns the deepest folder that contains all members.
 std::string CommonFolder(const std::vector<Member>& members) {
     std::string common = FolderAround(members.front().path);
     for (const Member& member : members) {
@@ -107,7 +108,7 @@ std::string CommonFolder(const std::vector<Member>& members) {
     return common;
 }
 
-// Reads up to `size` bytes; fewer at the end only. False with errno.
+// Reads `size` bytes, or fewer if the pipe ends. Returns false with errno set on failure.
 bool ReadFront(const Fd& fd, size_t size, std::vector<uint8_t>& front) {
     front.resize(size);
     size_t used = 0;
@@ -158,13 +159,15 @@ class Collector {
     Listing listing;
     bool input_taken = false;  // standard input
     size_t given_paths = 0;
-    size_t argument = 0;  // the one being taken
-    Tree tree;            // of all paths
-    // By the path of a capture: which argument led to it, and whether it named the capture itself.
+    size_t argument = 0;  // position of the present argument
+    Tree tree;            // captures of all arguments
+    // Key: path of a capture. Value: position of the argument that led to it, and true if the
+    // argument is the path of the capture itself.
     std::map<std::string, std::pair<size_t, bool>> arguments;
-    std::map<std::string, std::string> containers;  // archives, by the paths of captures in them
-    std::map<std::string, size_t> places;           // of groups whose files were given one by one
-    std::set<std::string> lists;                    // that were read
+    std::map<std::string, std::string> containers;  // paths of archives, by path of a capture in it
+    // Positions in listing.groups of the groups with files that were given one by one, by folder.
+    std::map<std::string, size_t> places;
+    std::set<std::string> lists;  // device and inode of the lists that were read
     size_t copies = 0;
 };
 
@@ -192,7 +195,8 @@ void Collector::Take(const std::string& given) {
         if (path.empty() || stat(path.c_str(), &info) != 0) return Refuse(given, strerror(ENOENT));
     }
     Capture capture;
-    // What has the name of a log file ought to be one: nothing waits for a pipe in its place.
+    // Opening a pipe blocks. A pipe with the name of a log file is therefore not read as a pipe; it
+    // is reported as a file that is not regular.
     if (S_ISFIFO(info.st_mode) && !names::ParseFile(LastComponent(path))) {
         TakePipe(path, Fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
     } else if (const auto archive = ArchiveAt(path)) {
@@ -207,7 +211,8 @@ void Collector::Take(const std::string& given) {
     }
 }
 
-// The files of a capture belong together by their folder, others may be of any captures.
+// Returns the group for files of `folder` that were given one by one. Files in a capture folder
+// form a group of this capture. All other files form one group of unsorted files.
 FoundGroup& Collector::GivenFiles(const std::string& folder) {
     Capture capture;
     const bool is_capture = CaptureAt(folder == "." ? "./." : folder, capture);
@@ -290,7 +295,8 @@ void Collector::TakeHeap(const std::string& folder) {
     listing.groups.push_back(std::move(group));
 }
 
-// The daemon's history lies beside the log folder, the list of a copy among the copied captures.
+// Reads the lists of captures in `folder`. The daemon's history lies beside the log folder. The
+// list of a copy command lies beside the copied captures.
 void Collector::TakeHistory(const std::string& folder) {
     for (const char* name : {kHistory, kCopiedList}) {
         const std::string path = folder + "/" + name;
@@ -323,7 +329,8 @@ void Collector::TakeList(const std::string& path, Bytes bytes) {
     }
 }
 
-// Takes standard input or a named pipe: a log file or an archive, as its first bytes say.
+// Reads standard input or a named pipe. Its first bytes show whether it is a log file or an
+// archive.
 void Collector::TakePipe(const std::string& path, Fd pipe) {
     struct stat info;
     if (!pipe || fstat(pipe.get(), &info) != 0) return Refuse(path, strerror(errno));
@@ -377,10 +384,10 @@ void Collector::TakeArchive(const std::string& path, const std::shared_ptr<Sourc
     if (archive.faults.empty()) Refuse(path, "holds no log files");
 }
 
-// Takes the files of an archive as TakeTree takes those of a tree.
+// Does for the files of an archive what TakeTree does for the files of a tree.
 void Collector::TakeMembers(const std::string& path, std::vector<Member> members) {
     const std::string root = CommonFolder(members);
-    std::set<std::string> copied;  // folders with a list of copies
+    std::set<std::string> copied;  // folders with a list of copied captures
     std::map<std::string, std::vector<HeldFile>> folders;
     for (const Member& member : members) {
         const std::string folder = FolderAround(member.path);
@@ -493,7 +500,8 @@ Listing Collector::Finish() {
              copies == 1 ? "1 capture is a copy and is left out"
                          : std::to_string(copies) + " captures are copies and are left out");
     }
-    // What lies beside files that were given one by one may fill holes between them.
+    // If files were given one by one, other files of their folder are not missing. Note their
+    // numbers.
     for (FoundGroup& group : listing.groups) {
         if (group.whole) continue;
         std::set<std::string> folders, asked;

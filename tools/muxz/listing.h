@@ -1,4 +1,6 @@
-// Which files the given paths name. Only names and folders are looked at here; nothing is opened.
+// Finds the log files that the given paths name. Files are found by their names in folders and
+// archives. Their bytes are not read here, except that a pipe or an archive must be read to find
+// the files in it.
 #pragma once
 
 #include <cstdint>
@@ -14,58 +16,60 @@
 
 namespace muxz {
 
-// Where a file's bytes come from. A file on disk is opened by its name and looked up again when it
-// was renamed meanwhile; a member of an archive or standard input bring their own.
+// A file that was opened for reading.
 struct OpenedFile {
-    std::unique_ptr<Source> source;  // null: not opened
-    std::string path;                // its present one
-    uint64_t size = 0;
+    std::unique_ptr<Source> source;  // null if opening failed
+    std::string path;                // the present path, if the file was renamed
+    uint64_t size = 0;               // bytes
     std::optional<UtcTime> last_change;
-    int error = 0;    // errno; ENOENT: gone meanwhile
-    std::string why;  // for people
+    int error = 0;    // errno; ENOENT if the file was removed after it was listed
+    std::string why;  // what `error` means, for people
 };
 
 struct FoundFile {
     std::string path;
     uint64_t size = 0;  // bytes, when it was listed
+    // Opens the file. A file on disk that was renamed is looked up again.
     std::function<OpenedFile()> open;
-    bool given = false;                 // its path itself was given
-    std::pair<size_t, size_t> place{};  // as FileFacts has it
-    // The archive or pipe that the file is in; empty for a file on disk, whose path says where.
+    bool given = false;                 // the user gave the path of this file
+    std::pair<size_t, size_t> place{};  // as FileFacts::place
+    // Path of the archive or pipe that contains the file; empty for a file on disk.
     std::string container{};
 };
-// A file on disk.
+// Returns a file on disk. Does not open it.
 FoundFile FileAt(const std::string& path, uint64_t size);
-// Opens a file once more that was scanned.
+// Opens a scanned file again.
 OpenedFile Reopen(const FileFacts& file);
 
-// Files that belong together by where they lie.
+// Files that belong together because of the folder in which they lie.
 struct FoundGroup {
     enum class Kind {
-        kCapture,  // the folder of a capture, or some of its files
-        kHeap,     // files of any captures beside each other
+        kCapture,  // a capture folder, or some of its files
+        kHeap,     // unsorted files: files of any captures, without their capture folders
         kPowerOn,  // power-on logs
     };
     Kind kind = Kind::kHeap;
-    std::string path;    // of the folder; of files given one by one empty
-    bool given = false;  // of kCapture: its path itself was given
-    bool whole = true;   // all files of the folder are here
-    bool copy = false;
-    // Numbers of the log files in the folder that were not asked for.
+    std::string path;    // of the folder; empty for unsorted files that were given one by one
+    bool given = false;  // for kCapture: the user gave the path of this folder
+    bool whole = true;   // `files` has all files of the folder
+    bool copy = false;   // another capture contains the same
+    // Numbers of the log files in the folder that the user did not give.
     std::vector<uint32_t> others;
-    std::optional<Capture> capture;  // of kCapture: what its name tells
-    std::vector<FoundFile> files;    // as listed; of a capture in the order of their numbers
+    std::optional<Capture> capture;  // for kCapture: what the folder name says
+    std::vector<FoundFile> files;    // files of a capture folder are ordered by their numbers
 };
 
 struct Listing {
-    std::vector<FoundGroup> groups;  // captures of a tree in capture order
+    std::vector<FoundGroup> groups;  // the captures of a tree are in capture order
     std::vector<HistoryEntry> history;
     std::vector<Finding> findings;
 };
 
-// A path may be a pipe, or "-" for standard input, with a log file or an archive. What comes
-// through a pipe is read to its end, so that its size is known, unless it may be `live`: then a log
-// file is read as far as it is wanted, and its size is 0.
+// Lists the files that `paths` name. A path may also be a pipe, or "-" for standard input. The pipe
+// may carry a log file or an archive.
+//
+// Without `live`, a pipe is read to its end, so that the size of the file is known. With `live`, a
+// log file from a pipe is read only as far as the caller reads it, and its size is 0.
 Listing Collect(const std::vector<std::string>& paths, bool live = false);
 
 }  // namespace muxz

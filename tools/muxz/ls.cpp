@@ -1,4 +1,4 @@
-// muxz ls: the captures, and on demand their files.
+// muxz ls: lists the captures, and their files if requested.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -48,7 +48,7 @@ class Lister {
     void ListCapture(const CaptureFacts& capture) const {
         const std::string state = std::string(Text(capture.state)) +
                                   (capture.exception ? " EE" : "") + (capture.copy ? " copy" : "");
-        // The folder of a heap says nothing of a capture.
+        // The folder around unsorted files does not identify a capture.
         const std::string path =
             capture.name.empty() && !capture.files.empty()
                 ? capture.files.front().path + (capture.files.size() > 1 ? " ..." : "")

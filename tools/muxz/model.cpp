@@ -41,7 +41,8 @@ std::optional<double> CaptureFacts::Seconds() const {
 
 std::optional<double> CaptureFacts::CoveredSeconds() const {
     if (files.empty()) return std::nullopt;
-    // The folder is made when the stream begins, its first file when there are bytes to write.
+    // The daemon makes the folder when the stream begins. It opens the first file only when it has
+    // bytes to write. So the time of file 0 begins with the folder.
     double seconds = 0;
     for (const FileFacts& file : files) {
         const bool first = &file == &files.front() && file.index == 0u && start.has_value();

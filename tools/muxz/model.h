@@ -1,25 +1,26 @@
-// What the given paths hold: one value that every command of muxz prints.
+// The model: everything that muxz finds out about the given paths. All commands print from it.
 //
-// Build makes it in three steps. The first looks into folders, the second into one file at a time,
-// the third into nothing but what it is given:
+// Build makes the model in three steps:
 //
+//   step                  finds out                             result
 //   Collect (listing.h)   which files the paths name            Listing
-//   ScanFile (scan.h)     what one file says of itself          FileFacts, one call per file
+//   ScanFile (scan.h)     what one file contains                FileFacts, one call per file
 //   Assemble              captures, phones, order, findings     Model
 //
-// ScanFile depends on its file alone and shares no state, so several threads may each scan a file.
+// Collect reads folders and archives. ScanFile reads one file and shares no state, so several
+// threads scan files at the same time. Assemble reads neither folders nor files.
 //
-// Who prints what:
+// What each command prints:
 //
 //   info      each FileFacts: header, blocks, end
-//   ls        phones, captures with their state and sizes, files on demand, power-on logs
+//   ls        phones, captures with their state and sizes, power-on logs, and files if requested
 //   verify    findings that are faults, and their number; totals
 //   check     captures, exceptions, findings, changes, UTC offset, totals; the verdict last
-//   cat       the files of the one phone in the order of the model; unpacks them itself
-//   --json    the model as it stands
-//   report    the model, as a page
+//   cat       the content of the files, in the order of the model; unpacks them itself
+//   --json    the whole model
+//   report    the model as an HTML page
 //
-// A command prints and has no logic of its own: what two of them would have to find out is here.
+// A command only prints. Everything that two commands need to find out is in the model.
 #pragma once
 
 #include <array>
@@ -43,52 +44,57 @@ struct Listing;
 
 // --- findings
 
-// What is wrong or worth knowing. Faults make the exit status 1, unreadable things 2.
+// Something that is wrong or worth knowing. A fault makes the exit status 1. Something unreadable
+// makes it 2.
 struct Finding {
     enum class Kind { kNote, kFault, kUnreadable };
     enum class What {
-        kDamage,       // bytes of a file that are no block, or a block that does not unpack
-        kCutEnd,       // a finished file ends within a block or its lengths
-        kHeader,       // a header that is cut, damaged or not to be found
-        kHole,         // file numbers missing within a capture
-        kFrontGone,    // the first files of a capture are missing, its newest one, or all
-        kCaptureGone,  // a capture number, or one that the history names, is missing
-        kWrongName,    // a name that contradicts the header or the order, or of too large a number
-        kTwice,        // two files of one place in the order
-        kLeftOut,      // looks like a log, but is not counted
-        kRecycled,     // went while muxz was reading
-        kUnreadable,   // an error of the system
-        kPhones,       // the files are those of several phones
+        kDamage,     // bytes of a file that are no block, or a block that does not unpack
+        kCutEnd,     // a finished file ends within a block or its lengths
+        kHeader,     // the header is cut, damaged or was not found
+        kHole,       // file numbers are missing between two files of a capture
+        kFrontGone,  // the first files of a capture are missing, or its newest file, or all files
+        // A capture is missing: its number is between or before existing ones, or the history
+        // names it.
+        kCaptureGone,
+        kWrongName,   // the name contradicts the header or the order, or its number is too large
+        kTwice,       // two files have the same place in the order
+        kLeftOut,     // looks like a log file, but is not counted
+        kRecycled,    // was removed while muxz was reading
+        kUnreadable,  // the system reported an error
+        kPhones,      // the files come from several phones
     };
     Kind kind = Kind::kNote;
     What what = What::kDamage;
-    std::string path;  // of the file or folder; fit for opening, not for a terminal
-    // Bytes of the file: where, and how many. Only of kDamage, kCutEnd and kHeader.
+    std::string path;  // of the file or folder, as it is on disk; not safe for a terminal
+    // Offset and number of bytes in the file. Only for kDamage, kCutEnd and kHeader.
     std::optional<uint64_t> offset;
     uint64_t length = 0;
-    // Raw bytes that are missing there; none when nothing tells how many. Estimated: by the ratio
-    // of the blocks in front, since the lost ones do not say it. Only of kDamage.
+    // Number of missing raw bytes. No value if unknown. Only for kDamage.
     std::optional<uint64_t> raw_missing;
+    // True if `raw_missing` is computed from the compression ratio of the file's good blocks,
+    // because the lost blocks do not contain their lengths.
     bool raw_estimated = false;
-    // The numbers that are missing. Only of kHole, kFrontGone and kCaptureGone.
+    // The missing numbers. Only for kHole, kFrontGone and kCaptureGone.
     std::optional<uint32_t> first_number;
     std::optional<uint32_t> last_number;
-    // The stretch without data. Only of kHole.
+    // The time range without data. Only for kHole.
     std::optional<PhoneTime> from;
     std::optional<PhoneTime> to;
-    std::string text;  // for people, without path and offset; fit for a terminal
+    std::string text;  // for people, without path and offset; safe for a terminal
 };
-// "about 4096 raw bytes are missing"
+// Returns, for example, "about 4096 raw bytes are missing".
 std::string RawMissing(const Finding& finding);
 
 // --- a file
 
-// What the modem told of itself, as the header keeps it.
+// The information that the modem sent about itself, from the header.
 struct ModemInfo {
     std::array<uint8_t, kMdInfoRecordSize> record{};
     uint32_t word_a = 0;
     uint32_t word_b = 0;
-    // When it told; none when it had told nothing yet and the header gives the file's own time.
+    // When the modem sent it. No value if the modem had not sent it yet; the header then has the
+    // time when the file was opened.
     std::optional<UtcTime> time;
 };
 
@@ -100,38 +106,41 @@ struct CustomValue {
 
 struct HeaderFacts {
     enum class Kind {
-        kOwn,      // of the layout in docs/log-file-format.md, whole
-        kForeign,  // another writer's: the first block was found behind it
-        kNone,     // the blocks begin with the first byte
+        kOwn,      // a complete header of the layout in docs/log-file-format.md
+        kForeign,  // a header of unknown layout; the first block was found behind it
+        kNone,     // no header: the blocks begin with the first byte
         kEmpty,    // the file has no bytes
         kCut,      // the file ends within a header of the known layout
-        kDamaged,  // the known layout, but its lengths contradict each other
-        kNoBlock,  // not the known layout, and no block in the first 128 KiB
+        kDamaged,  // the known layout, but the header is damaged
+        kNoBlock,  // unknown layout, and no block in the first 128 KiB
     };
     Kind kind = Kind::kEmpty;
-    uint64_t length = 0;  // bytes in front of the first block; of kNoBlock all that were looked at
-    // Of kForeign and kNoBlock: where a row of blocks begins, as FindFirstBlock tells it.
-    // Neighbours that agree on it settle a doubt about `length`.
+    // Number of bytes in front of the first block. For kNoBlock, number of bytes that were
+    // searched.
+    uint64_t length = 0;
+    // For kForeign and kNoBlock: offset where a row of blocks begins, as in FirstBlock. If the
+    // files of a folder agree on this offset, it replaces a doubtful `length`.
     std::optional<uint64_t> row;
 
-    // The known layout as it stands, of a known version; of kOwn only.
+    // The header itself. Only for the known layout.
     std::optional<Header> own;
-    // The rest is of kOwn and, as far as it can be recognised there, of kForeign.
+    // These fields are set for kOwn, and for kForeign as far as muxz recognises them.
     std::optional<UtcTime> folder_time;
     std::optional<uint32_t> file_index;
     std::optional<ModemInfo> modem;
-    std::vector<CustomValue> custom;  // the tag first
+    std::vector<CustomValue> custom;  // the first entry is the tag
 };
 
-// What blocks amount to.
+// Statistics of blocks.
 struct BlockFacts {
     uint64_t blocks = 0;
     uint64_t raw = 0;     // bytes
-    uint64_t packed = 0;  // bytes, without the six of each block's lengths
-    // By raw, then packed length; only when there are blocks.
+    uint64_t packed = 0;  // bytes, without the six bytes of each block's lengths
+    // The smallest and the largest block, by raw length and then by packed length. Valid if
+    // `blocks` is not 0.
     quarn::log_file::BlockHeader smallest{};
     quarn::log_file::BlockHeader largest{};
-    // [0] blocks of no raw bytes, [i] blocks of 2^(i-1) to 2^i - 1 raw bytes.
+    // [0] counts blocks without raw bytes, [i] counts blocks of 2^(i-1) to 2^i - 1 raw bytes.
     std::array<uint64_t, 25> histogram{};
 
     void Add(const quarn::log_file::BlockHeader& lengths);
@@ -140,71 +149,80 @@ struct BlockFacts {
 
 struct FileFacts {
     std::string path;
-    std::string name;                    // its last component
-    std::optional<uint32_t> index;       // of the header, else of the name
-    std::optional<uint32_t> name_index;  // of the name
-    std::optional<PhoneTime> opened;     // by its name
-    bool exception = false;              // marked so in its name: opened after a modem exception
-    bool may_be_open = false;            // by its name; its end may be anywhere
-    uint64_t size = 0;                   // bytes, when it was scanned
+    std::string name;                    // last component of `path`
+    std::optional<uint32_t> index;       // number in the header, or else in the name
+    std::optional<uint32_t> name_index;  // number in the name
+    std::optional<PhoneTime> opened;     // time in the name
+    // The name has the exception mark: the file was opened after a modem exception.
+    bool exception = false;
+    // The name says that the file was not closed. The file may then end anywhere.
+    bool may_be_open = false;
+    uint64_t size = 0;  // bytes, when the file was scanned
     std::optional<UtcTime> last_change;
     bool readable = true;
-    bool given = false;  // its path itself was given, not that of a folder around it
-    std::shared_ptr<const FoundFile> kept;  // of a file in an archive or pipe: how to open it again
-    // Which of the given paths led to it, and its place by name in a heap.
+    bool given = false;  // the user gave the path of this file, not that of a folder around it
+    // How to open the file again. Only for a file in an archive or pipe, else null.
+    std::shared_ptr<const FoundFile> kept;
+    // Position of the argument that led to the file, and for unsorted files of a folder the
+    // position by name.
     std::pair<size_t, size_t> place;
-    uint64_t fingerprint = 0;  // of the first bytes behind the header; 0: there are none
+    uint64_t fingerprint = 0;  // of the first bytes behind the header; 0 if there are none
 
     HeaderFacts header;
-    BlockFacts blocks;              // zero when only the header was read
-    End end = End::kWhole;          // likewise
-    std::string end_reason;         // what is wrong there, for people; empty when nothing is
-    uint64_t end_offset = 0;        // behind the last good block
-    uint64_t trailing = 0;          // bytes seen behind it: of a stray byte or a cut block
-    uint64_t damaged_bytes = 0;     // of the file, in kDamage findings
-    std::vector<Finding> findings;  // what the file alone tells
+    BlockFacts blocks;           // zero if only the header was read
+    End end = End::kWhole;       // unknown if only the header was read
+    std::string end_reason;      // what is wrong at the end, for people; else empty
+    uint64_t end_offset = 0;     // offset behind the last good block
+    uint64_t trailing = 0;       // bytes behind `end_offset`: a stray byte or a block that was cut
+    uint64_t damaged_bytes = 0;  // number of bytes in kDamage findings
+    std::vector<Finding> findings;  // findings about this file alone
 
-    // Set by Assemble. When its last block was written, at the latest: when the next file was
-    // opened, else the last change of the file where that can be believed.
+    // Set by Assemble. The last block was written at this time or earlier. It is the time when the
+    // next file was opened, or else the last change of the file, if that is credible.
     std::optional<PhoneTime> closed;
 };
 
 // --- a capture
 
-// When the modem crashed. `exact` when the modem itself told, by its restart.
+// When the modem crashed. The crash happened between `from` and `to`.
 struct ExceptionTime {
+    // The modem sent its information again after its restart, so the time is in a header.
     bool exact = false;
-    std::optional<UtcTime> utc;  // when exact
+    std::optional<UtcTime> utc;  // only if exact
     std::optional<PhoneTime> from;
-    std::optional<PhoneTime> to;  // as `from` when exact
-    std::string told_by;          // path of the file whose header told; empty unless exact
-    std::vector<UtcTime> later;   // when exact: the modem told anew once more, in later files
-    bool marked = true;           // false: without a name that says so, only the modem's word
+    std::optional<PhoneTime> to;  // equal to `from` if exact
+    std::string told_by;          // path of the file whose header has the time; empty if not exact
+    std::vector<UtcTime> later;   // times of further restarts, from later files; only if exact
+    // The name of the folder or of a file marks the exception. If false, only the modem information
+    // shows it.
+    bool marked = true;
 };
 
 struct CaptureFacts {
     enum class State {
         kFinished,
-        kUnfinished,    // its name says so, but a later one is there
-        kNewest,        // the last one, and nobody writes it
-        kBeingWritten,  // a process has a file open for writing, or it grew meanwhile
+        kUnfinished,  // the folder name says that it is not finished, but a later capture exists
+        kNewest,      // the last capture, and no process is writing it
+        // A process has the last file open for writing, or the file changed after it was scanned.
+        kBeingWritten,
     };
-    std::string path;        // of its folder; of files in a heap the folder around them
-    std::string name;        // of its folder; empty when the files lie in a heap
-    std::string log_folder;  // the folder around it, which counts captures for itself
+    std::string path;        // of the capture folder; for unsorted files the folder around them
+    std::string name;        // of the capture folder; empty for unsorted files
+    std::string log_folder;  // the folder that contains the capture folder
     std::optional<uint32_t> index;
     State state = State::kFinished;
-    bool copy = false;  // another capture holds the same; counts for nothing
-    bool whole = true;  // all files of its folder were asked for, not some of them
-    // Numbers of the files in the folder that were not asked for; empty when `whole`.
+    bool copy = false;  // another capture contains the same; the totals do not count this one
+    bool whole = true;  // the user gave all files of the folder, not some of them
+    // Numbers of the files in the folder that the user did not give; empty if `whole`.
     std::vector<uint32_t> others;
-    bool given = false;  // its path itself was given, not that of a tree around it
+    bool given = false;  // the user gave the path of this folder, not that of a tree around it
 
-    std::optional<PhoneTime> start;      // when its folder was made
-    std::optional<UtcTime> folder_time;  // the same instant, by its headers
+    std::optional<PhoneTime> start;      // when the folder was made
+    std::optional<UtcTime> folder_time;  // the same moment, from the headers
     std::optional<int32_t> utc_offset;   // seconds east of Greenwich: start - folder_time
-    std::optional<PhoneTime> end;        // when the last byte was written, at the latest
-    // When it is marked EE, or is of a heap and the modem told anew.
+    std::optional<PhoneTime> end;        // the last byte was written at this time or earlier
+    // Set if a name has the mark _EE. Also set for unsorted files if the modem information shows an
+    // exception.
     std::optional<ExceptionTime> exception;
 
     std::vector<FileFacts> files;  // in the order of the stream
@@ -213,40 +231,45 @@ struct CaptureFacts {
     uint64_t damaged_bytes = 0;
     uint64_t raw_missing = 0;  // bytes, in damaged places
     bool raw_estimated = false;
-    std::vector<Finding> findings;  // about the capture as a whole; those of its files are theirs
+    std::vector<Finding> findings;  // about the capture itself; each file has its own findings
 
-    std::optional<double> Seconds() const;  // from start to end, when that is above 0
-    // As Seconds, but without the time of files that are missing: what its bytes came in.
+    // Returns the time from start to end, if it is greater than 0.
+    std::optional<double> Seconds() const;
+    // Returns the time that the existing files cover.
     std::optional<double> CoveredSeconds() const;
-    const std::vector<CustomValue>& custom() const;  // of its first file that has any
+    // Returns the custom header of the first file that has one.
+    const std::vector<CustomValue>& custom() const;
 };
 
-// "finished", "unfinished", "newest" or "being written"
+// Returns "finished", "unfinished", "newest" or "being written".
 std::string_view Text(CaptureFacts::State state);
 
 // --- phones
 
 struct Phone {
-    std::string hardware_id;             // empty when no header tells
-    std::vector<CaptureFacts> captures;  // in capture order, copies among them
+    std::string hardware_id;             // empty if no header has it
+    std::vector<CaptureFacts> captures;  // in capture order, including copies
     std::vector<FileFacts> power_on_logs;
-    std::optional<int32_t> utc_offset;  // seconds east, of its newest capture that tells it
-    // No header tells it: it is what makes the last change of files fit the opening of the next.
+    std::optional<int32_t>
+        utc_offset;  // seconds east of Greenwich, of the newest capture that has it
+    // No header gives the UTC offset. It was computed from the last changes of files and the
+    // openings of the next files.
     bool utc_offset_estimated = false;
-    bool last_changes_kept = true;  // else the files were copied without their times
+    bool last_changes_kept = true;  // false if the files were copied without their times
 };
 
+// A line of a list of captures, which the daemon or a copy command wrote.
 struct HistoryEntry {
-    std::string name;  // of the capture folder once finished
+    std::string name;  // of the capture folder
     std::string path;  // of the list that names it
 };
 
-// What differs between a capture and the one before it.
+// A change of the custom header from one capture to the next.
 struct CustomChange {
-    size_t capture;  // place in Phone::captures
+    size_t capture;  // position of the later capture in Phone::captures
     uint8_t type;
-    std::string before;  // empty: had none
-    std::string after;
+    std::string before;  // empty if the entry did not exist
+    std::string after;   // empty if the entry no longer exists
 };
 
 struct Totals {
@@ -257,76 +280,79 @@ struct Totals {
     BlockFacts blocks;
     size_t exceptions = 0;
     size_t faults = 0;
-    size_t holes = 0;  // among the faults
+    size_t holes = 0;  // `faults` includes them
     uint64_t damaged_bytes = 0;
     uint64_t raw_missing = 0;    // bytes, in damaged places
-    bool raw_estimated = false;  // not all of them are told exactly
+    bool raw_estimated = false;  // `raw_missing` is not completely exact
     size_t power_on_logs = 0;
-    BlockFacts power_on_blocks;  // apart from the others
+    BlockFacts power_on_blocks;  // `blocks` does not include them
 };
 
-// "about 4096 raw bytes missing". REQUIRES: there are damaged bytes.
+// Returns, for example, "about 4096 raw bytes missing". REQUIRES: there are damaged bytes.
 std::string RawMissing(const Totals& totals);
 
+// How much of each file is read.
 enum class Depth {
     kHeaders,  // up to the first block
-    kLengths,  // the lengths of all blocks: sizes, and damage that they show
-    kBlocks,   // every block unpacks
+    kLengths,  // also the lengths of all blocks, which give sizes and show some damage
+    kBlocks,   // every block is unpacked
 };
 
 struct Model {
-    Depth depth = Depth::kHeaders;  // how far the files were read
-    std::vector<Phone> phones;      // one, unless the files cannot be those of one phone
-    size_t phones_found = 0;        // also those that were not asked for
-    std::string phones_why;         // by which signs, when there are several
+    Depth depth = Depth::kHeaders;  // how much of each file was read
+    std::vector<Phone> phones;      // more than one if the files cannot come from one phone
+    size_t phones_found = 0;        // includes phones that the user did not choose
+    std::string phones_why;         // what shows that there are several phones; else empty
     std::vector<HistoryEntry> history;
-    std::vector<Finding> findings;  // all of them, in the order of the stream
+    std::vector<Finding> findings;  // all findings, in the order of the stream
     bool reordered = false;         // the order of the model is not that of names or arguments
     Totals totals;
-    std::optional<AndroidLog> android_log;  // when one was given
-    std::optional<uint64_t> budget;         // bytes that the tree may have; none: nothing tells
+    std::optional<AndroidLog> android_log;  // if the user gave one
+    std::optional<uint64_t> budget;         // recycle size limit of the tree in bytes, if known
 
-    // Of all phones, in the order of the stream. Not copies; power-on logs only when they were
-    // given themselves, since the captures hold their blocks too.
+    // Returns the files of all phones, in the order of the stream. Leaves out copies. Leaves out
+    // power-on logs that the user did not give by their paths, since captures contain their blocks.
     std::vector<const FileFacts*> Files() const;
 
-    // 0 good, 1 faults or holes, 2 something could not be read.
+    // Returns the exit status: 0 good, 1 faults, 2 something could not be read.
     int Status() const;
-    // One sentence for people, without the line's end.
+    // Returns one sentence for people, without a newline.
     std::string Verdict() const;
 };
 
-// What changed from capture to capture of a phone.
+// Returns the changes from one capture of a phone to the next.
 std::vector<CustomChange> Changes(const Phone& phone);
 
-// Of the files that `listing` names, in its order: facts[i][k] is of listing.groups[i].files[k].
+// The scanned files of a listing: facts[i][k] belongs to listing.groups[i].files[k].
 using ScannedFiles = std::vector<std::vector<FileFacts>>;
 
-// Which phones the model is to hold when the files cannot be those of one.
+// Which phones the model has if the files come from several.
 struct PhoneChoice {
     enum class Which {
-        kAll,   // each apart from the others
-        kOne,   // the one of `number` alone
-        kSame,  // it is one phone, whatever the signs say
+        kAll,   // all phones, each with its own captures
+        kOne,   // only phone `number`
+        kSame,  // treats all files as those of one phone
     };
     Which which = Which::kAll;
-    size_t number = 0;  // 1 is the first
+    size_t number = 0;  // the first phone is 1
 };
 
 struct BuildOptions {
     Depth depth = Depth::kHeaders;
     PhoneChoice phones{};
-    bool copies = false;  // copies are read like the others; else only their headers
-    // Leaves in a listing what is wanted of it; none: all of it.
+    bool copies = false;  // reads copies as other files; if false, reads only their headers
+    // Removes unwanted files from a listing. Empty: keeps all files.
     std::function<void(Listing& listing)> narrow = {};
-    bool first_fault = false;  // reads no more than headers once a file has a fault
-    bool live = false;         // as Collect has it
-    // Called now and then with the bytes of log files gone by so far, and those of all of them.
+    // Reads only the headers of the files that follow a file with a fault.
+    bool first_fault = false;
+    bool live = false;  // as for Collect
+    // Called at intervals with the number of bytes read so far, and the number of all bytes. Calls
+    // come from several threads, but never at the same time.
     std::function<void(uint64_t done, uint64_t all)> progress{};
 };
 Model Build(const std::vector<std::string>& paths, const BuildOptions& options);
 
-// `scanned` are the files that `listing` names.
+// Makes a model from the files of `listing`. `scanned` has what ScanFile returned for each of them.
 Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions& options);
 
 }  // namespace muxz

@@ -138,14 +138,14 @@ cat cuts files to whole blocks and tells how sure the time is; the others take f
 
 // --- arguments
 
-// What a command was given: the letters of its options, what some of them say, and the rest.
+// The parsed command line: the letters of the options, the values of some options, and the paths.
 struct Arguments {
     std::string letters;
     std::string output;
     Phones phones;
     StretchRequest stretch;
     std::vector<std::string> paths;
-    std::string wrong;  // what is wrong with them; empty when nothing is
+    std::string wrong;  // what is wrong with the command line; empty if nothing is wrong
 
     bool Has(char letter) const { return letters.find(letter) != std::string::npos; }
 };
@@ -160,7 +160,8 @@ Phones ParsePhones(const std::string& text) {
 
 constexpr const char* kStretchOptions = "S:E:A:D:X::UL:";
 
-// Takes the option of `letter` when it is one of a stretch. Returns what is wrong with its value.
+// Stores the option `letter` in `stretch` if it is one that chooses a time range. Returns what is
+// wrong with its value, or an empty string.
 std::string TakeStretch(int letter, const char* value, StretchRequest& stretch) {
     StretchOptions& options = stretch.options;
     const auto unless = [value](bool good, const char* what, const char* examples) {
@@ -221,13 +222,13 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
     };
     Arguments arguments;
     opterr = 0;
-    // A colon in front: a missing value is told by ':'.
+    // With a colon in front, getopt_long returns ':' for a missing value.
     const std::string letters = std::string(":") + allowed;
     for (int letter; arguments.wrong.empty();) {
         const int place = optind;
         letter = getopt_long(argc, argv, letters.c_str(), kLong, nullptr);
         if (letter == -1) break;
-        // Of what other commands have, getopt knows the long names.
+        // kLong has the long options of all commands. `allowed` has those of this command.
         const std::string word = optind > place ? argv[optind - 1] : argv[place];
         if (letter == ':') {
             arguments.wrong = "no value behind " + word;
@@ -237,7 +238,7 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
             arguments.letters += static_cast<char>(letter);
             if (letter == 'o') arguments.output = optarg;
             const char* value = optarg;
-            // "--exception 2": getopt takes an optional value behind a "=" only.
+            // For "--exception 2". getopt_long accepts an optional value only behind a "=".
             if (letter == 'X' && value == nullptr && optind < argc && ParseDigits(argv[optind]))
                 value = argv[optind++];
             arguments.wrong = TakeStretch(letter, value, arguments.stretch);
@@ -252,8 +253,8 @@ Arguments Parse(int argc, char** argv, const char* allowed) {
 
 struct Command {
     const char* help;
-    const char* allowed;  // options as getopt takes them
-    bool stretch;         // those of a stretch of time too
+    const char* allowed;  // options, in the form that getopt uses
+    bool stretch;         // accepts the options that choose a time range
     size_t least_paths;
     int (*run)(const Arguments&, const Selection&);
 };
@@ -301,12 +302,13 @@ int UsageError(const std::string& what, const std::string& help) {
     return kUsageOrIo;
 }
 
-// What is wrong with the arguments together; empty when nothing is.
+// Returns what is wrong with the combination of arguments, or an empty string.
 std::string WrongTogether(const Arguments& arguments) {
     const bool selects = arguments.stretch.options.Any() || !arguments.stretch.log_path.empty();
     if (arguments.Has('W') && (arguments.paths.size() > 1 || arguments.phones || selects))
         return "--follow wants one tree and no choice among its files";
-    // Time is looked for in all files before any is read whole.
+    // The search for a time range reads the headers first and the files later, but a pipe can be
+    // read only once.
     for (const std::string& path : arguments.paths) {
         struct stat info;
         if (selects && (path == "-" || (stat(path.c_str(), &info) == 0 && S_ISFIFO(info.st_mode))))
@@ -359,9 +361,10 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader that leaves ends this program as it does others, also where a parent ignores that.
+    // If the reader of a pipe exits, SIGPIPE ends this program, even if the parent process ignores
+    // it.
     signal(SIGPIPE, SIG_DFL);
-    // A limit on file sizes is told as an error of the write.
+    // A write beyond the file size limit then fails with EFBIG instead of killing the program.
     signal(SIGXFSZ, SIG_IGN);
     const int status = Run(argc, argv);
     if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;

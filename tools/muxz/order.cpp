@@ -12,7 +12,7 @@ namespace {
 
 constexpr PhoneTime kNever = std::numeric_limits<PhoneTime>::max();
 
-// What OrderByIndex goes by, and where the thing stands.
+// The sort keys of OrderByIndex, and the position of the item.
 struct Placed {
     uint32_t index;
     PhoneTime time;
@@ -28,7 +28,7 @@ void MoveInto(const std::vector<Placed>& order, std::vector<T>& things) {
     things = std::move(ordered);
 }
 
-// In UTC where every header tells it, else as names tell.
+// Returns the time of a capture in UTC if `utc`, else the time in the names.
 PhoneTime TimeOf(const CaptureFacts& capture, bool utc) {
     if (utc) return *capture.folder_time;
     if (capture.start) return *capture.start;
@@ -52,8 +52,8 @@ void OrderFiles(CaptureFacts& capture) {
 void OrderCaptures(std::vector<CaptureFacts>& captures) {
     const bool utc = std::all_of(captures.begin(), captures.end(),
                                  [](const CaptureFacts& c) { return c.folder_time.has_value(); });
-    // Within a log folder the numbers tell the order, whatever the clock did. A heap is a list of
-    // its own, by time.
+    // Each log folder has a list, ordered by numbers, because the clock may have been set. All
+    // unsorted captures form one list, ordered by time.
     std::map<std::string, std::vector<Placed>> lists;
     for (size_t i = 0; i < captures.size(); ++i) {
         const CaptureFacts& capture = captures[i];

@@ -82,7 +82,7 @@ bool MayTakeBinary(const char* command, const std::string& output_path) {
 }
 
 bool MayOverwrite(const std::string& path, const Model& model, Messages& messages) {
-    char real[PATH_MAX];  // a link may lead to one
+    char real[PATH_MAX];  // `path` may be a link to a log file
     const std::string name(LastComponent(realpath(path.c_str(), real) != nullptr ? real : path));
     const bool is_log = quarn::log_names::ParseFile(name) || name == quarn::log_names::kPowerOnLog;
     struct stat out, in;

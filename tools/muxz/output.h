@@ -1,4 +1,4 @@
-// Where a raw stream goes: a file, or standard output.
+// The output of a command: a file, or standard output.
 #pragma once
 
 #include <unistd.h>
@@ -16,19 +16,22 @@ namespace muxz {
 
 class Messages;
 
-// Gathers what is written. An error of the output ends the program with status 2: nothing that
-// follows could be of use.
+// Buffers the output. If writing fails, the program prints a message and ends with status 2,
+// because a stream with missing bytes is of no use.
 class Output {
   public:
-    // An empty path means standard output. The file is created or emptied.
+    // Creates or truncates the file at `path`. An empty path means standard output.
     explicit Output(const std::string& path);
 
-    // Room for `size` bytes, to be filled and then told to `Filled`.
+    // Returns a buffer of at least `size` bytes. The caller writes into it, and then calls
+    // `Filled`. The buffer is valid until the next call of Room.
     uint8_t* Room(size_t size);
+    // Adds the first `size` bytes of the buffer to the output.
     void Filled(size_t size) { used += size; }
-    // Writes what was gathered.
+    // Writes the buffered bytes.
     void Flush();
-    // A file system may tell only now that it had no room.
+    // Writes the buffered bytes and closes the file. Some file systems report a full disk only
+    // here.
     void Close();
 
   private:
@@ -43,11 +46,12 @@ class Output {
     size_t used = 0;
 };
 
-// Returns false, and tells, when the raw stream would go to a terminal.
+// Returns true if the output is not a terminal. Otherwise prints a message and returns false.
 bool MayTakeBinary(const char* command, const std::string& output_path);
 
-// An existing log must not be lost by a slip of the arguments. Returns false, and tells, when
-// `path` is a log file or holds what the model was read from.
+// Returns true if the output may be written to `path`. Prints a message and returns false if `path`
+// is an existing log file, or one of the files from which the model was read. This protects log
+// files from mistyped arguments.
 bool MayOverwrite(const std::string& path, const Model& model, Messages& messages);
 
 }  // namespace muxz

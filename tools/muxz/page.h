@@ -1,4 +1,5 @@
-// The report: a model as one page of HTML that needs nothing else, no network and no script.
+// The report: shows a model as one HTML page. The page needs no network, no other file and no
+// script.
 #pragma once
 
 #include <string>
@@ -7,9 +8,9 @@
 
 namespace muxz {
 
-// Every value on the page is one of `model` or follows from such. An element that shows one has its
-// place in the model as `data-key`, as in "totals.blocks.raw" or "phones.0.captures.2.size", and
-// its plain value as `data-value`.
+// Returns the page. Every value on it is in `model` or is computed from values in `model`. An
+// element that shows a value of the model has the path of this value in `data-key`, for example
+// "totals.blocks.raw" or "phones.0.captures.2.size", and the plain value in `data-value`.
 std::string ReportPage(const Model& model);
 
 }  // namespace muxz

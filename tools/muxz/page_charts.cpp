@@ -12,9 +12,9 @@ namespace muxz::page {
 
 namespace {
 
-constexpr double kBytesPerKb = 1024;  // in the daemon's reports
+constexpr double kBytesPerKb = 1024;  // as in the daemon's reports
 
-// All that stands on the time axis.
+// Makes the charts over time.
 class Timeline {
   public:
     explicit Timeline(const Model& shown)
@@ -62,8 +62,8 @@ class Timeline {
     TimeAxis axis{0, 1, 0};
 
   private:
-    // All that has a time, as far as it lies within a year of the newest file: the clock of a phone
-    // may begin in 1970.
+    // The axis covers all times up to a year before the newest one. Older times come from a clock
+    // that starts in 1970.
     void SetAxis() {
         constexpr int64_t kLongest = 366 * kSecondsPerDay;
         std::vector<UtcTime> times;
@@ -80,7 +80,7 @@ class Timeline {
         for (const UtcTime time : times) {
             if (time >= last - kLongest) first = std::min(first, time);
         }
-        // Of the log, what lies not much further away than the captures are long.
+        // The Android log may extend the axis on each side by a quarter of the captures' time.
         const int64_t beside = std::max<int64_t>((last - first) / 4, 60);
         UtcTime from = first, to = last;
         if (log != nullptr && log->from) {
@@ -221,7 +221,7 @@ class Timeline {
             });
     }
 
-    // Holes lie between two files of a capture, damage within one.
+    // Adds a span for missing files between two files, or for damage within a file.
     void AddFinding(std::vector<Span>& spans, const Finding& finding,
                     const std::map<const CaptureFacts*, size_t>& lane_of) const {
         const auto file = std::find_if(files.begin(), files.end(), [&](const FileTime& candidate) {
@@ -356,7 +356,7 @@ class Timeline {
 
 // --- sizes
 
-// What the classes of BlockFacts::histogram hold.
+// Describes the block sizes that number i of BlockFacts::histogram counts.
 std::string BlockClass(size_t i) {
     const auto show = [](uint64_t bytes) {
         return bytes >= 1 << 20   ? std::to_string(bytes >> 20) + " MiB"

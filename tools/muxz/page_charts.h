@@ -1,4 +1,4 @@
-// What of a model is drawn: its charts, as descriptions.
+// Describes the charts of the report page. chart.h draws them.
 #pragma once
 
 #include <string>
@@ -11,14 +11,15 @@
 namespace muxz::page {
 
 struct Charts {
-    std::string notes;  // on the times shown
+    std::string notes;  // about the times on the axis, for people
     TimeAxis axis;
     std::vector<TimeChart> over_time;
-    bool log_is_longer = false;  // the Android log goes on where nothing is drawn
+    bool log_is_longer = false;  // the Android log has times outside of the axis
     std::vector<BarChart> sizes;
 };
 Charts ChartsOf(const Model& model);
 
+// Describes a crash in one sentence for people.
 std::string CrashText(const Crash& crash);
 
 }  // namespace muxz::page

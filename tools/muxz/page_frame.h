@@ -1,10 +1,11 @@
-// What every page has around its content: the style sheet and the script.
+// The style sheet, the SVG patterns and the script of the report page.
 #pragma once
 
 namespace muxz {
 
-// Light and dark as the reader's system asks; on paper black on white. Wide tables scroll within
-// their own box, so the page itself never scrolls sideways, down to a width of 320 pixels.
+// The page is light or dark as the user's system prefers, and black on white on paper. Wide tables
+// scroll within their own area, so the page itself never scrolls sideways if it is at least 320
+// pixels wide.
 constexpr const char* kPageStyle = R"css(
 :root { color-scheme: light dark; --page: #fbfbfa; --card: #fff; --ink: #1b1f24; --soft: #5b6470;
   --line: #d9dde2; --grid: #e8ebee; --one: #1f5fbf; --two: #b4570b; --three: #14785a; --bad: #b3202c;
@@ -62,7 +63,7 @@ footer { margin-top: 2rem; border-top: 1px solid var(--line); padding-top: .5rem
   * { print-color-adjust: exact } }
 )css";
 
-// Patterns that the styles name.
+// Hatch patterns that the style sheet uses.
 constexpr const char* kPageDefs =
     R"svg(<svg width="0" height="0" style="position:absolute" aria-hidden="true"><defs>
 <pattern id="hatch" width="6" height="6" patternUnits="userSpaceOnUse" patternTransform="rotate(45)"><line x1="0" x2="0" y1="0" y2="6" stroke="var(--bad)" stroke-width="2.5"/></pattern>
@@ -71,9 +72,9 @@ constexpr const char* kPageDefs =
 </defs></svg>
 )svg";
 
-// Hovering: what lies under the pointer is told below the chart. Zooming: dragging over a chart
-// makes all charts show that stretch; a double click or Escape shows the whole time again. The page
-// is whole without it.
+// Hovering: the line below a chart describes what lies under the pointer. Zooming: dragging over a
+// chart makes all charts show that time range. A double click or Escape shows the whole time again.
+// The page is complete without the script.
 constexpr const char* kPageScript = R"js(
 (() => {
   const charts = [...document.querySelectorAll('svg.time')];

@@ -1,4 +1,4 @@
-// The pieces of the report page: values for people, and tables.
+// Parts of the report page: values as people read them, and tables.
 #pragma once
 
 #include <cstdint>
@@ -12,28 +12,32 @@ namespace muxz::page {
 
 constexpr double kMillion = 1e6;
 
-std::string ShowBytes(uint64_t bytes);  // "3.63 GB", with a thousand to the next unit
+// "3.63 GB". The units are powers of 1000.
+std::string ShowBytes(uint64_t bytes);
+// "3.82 MB/s"; empty if `seconds` is not positive.
 std::string ShowRate(double bytes, double seconds);
-std::string ShowRatio(const BlockFacts& blocks);  // "2.53", empty without blocks
+// "2.53": raw bytes for each packed byte. Empty if there are no packed bytes.
+std::string ShowRatio(const BlockFacts& blocks);
 std::string ShowOptionalTime(const std::optional<PhoneTime>& time);
 std::string Plural(uint64_t count, const std::string& one);
 std::string Name(const CaptureFacts& capture);
 
-// A value as it is shown. One that the model has at the place `key` is found there by programs; one
-// without a key follows from others.
+// A value on the page. `key` is the path of the value in the model, `plain` is the value for
+// programs, and `shown` is the text for people. A computed value has no key.
 struct Value {
     std::string key, plain, shown;
 };
 Value Count(const std::string& key, uint64_t count);
 Value Bytes(const std::string& key, uint64_t bytes);
 Value Shown(const std::string& text);
-std::string Attributes(const Value& value);  // of the element that shows it
+// The HTML attributes for the element that shows `value`.
+std::string Attributes(const Value& value);
 
 struct Cell {
     Value value;
     bool bad = false;
 };
-// A row of one cell is the heading of those behind it.
+// A row with one cell is a heading for the rows that follow.
 using Row = std::vector<Cell>;
 struct Column {
     const char* name;

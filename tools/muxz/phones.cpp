@@ -10,9 +10,9 @@ namespace {
 
 constexpr uint8_t kRadioVersion = 1;
 constexpr uint8_t kHardwareId = 2;
-// A longer step from one file to the next is taken for a clock that was set.
+// If the time between two files is longer, muxz assumes that the clock was set.
 constexpr int64_t kLongestFile = 86400;  // s
-constexpr size_t kNeighbours = 64;       // captures before that one is compared with
+constexpr size_t kNeighbours = 64;       // a capture is compared with so many captures before it
 
 std::string ValueOf(const CaptureFacts& capture, uint8_t type) {
     for (const CustomValue& value : capture.custom()) {
@@ -26,8 +26,8 @@ std::string NameOf(const CaptureFacts& capture) {
     return capture.files.empty() ? "a capture" : PrintablePath(capture.files.front().path);
 }
 
-// Returns true if a file of `inner` was opened between two files of `outer` that follow each other.
-// One daemon writes one capture at a time.
+// Returns true if a file of `inner` was opened between two consecutive files of `outer`. On one
+// phone this is impossible, because a daemon writes one capture at a time.
 bool LiesWithin(const CaptureFacts& inner, const CaptureFacts& outer) {
     for (size_t i = 1; i < outer.files.size(); ++i) {
         const auto before = outer.files[i - 1].opened, behind = outer.files[i].opened;
@@ -40,11 +40,11 @@ bool LiesWithin(const CaptureFacts& inner, const CaptureFacts& outer) {
     return false;
 }
 
-// Why two captures cannot be of one phone; none when they can.
+// Returns why two captures cannot come from one phone. Returns no value if they can.
 std::optional<std::string> Conflict(const CaptureFacts& a, const CaptureFacts& b) {
     const std::string both = NameOf(a) + " and " + NameOf(b);
     if (a.index && b.index && a.log_folder == b.log_folder) {
-        // Their numbers tell their order, so the clock proves nothing.
+        // Their numbers show their order. Overlapping times then only mean that the clock was set.
         if (*a.index != *b.index) return std::nullopt;
         return "one capture number, " + std::to_string(*a.index) + ", for " + both;
     }
@@ -75,7 +75,8 @@ std::optional<std::string> Conflict(const Phone& phone, const CaptureFacts& capt
     return std::nullopt;
 }
 
-// How well `capture` goes with what the phone has: same log folder, then same radio version.
+// Returns how similar `capture` is to captures of the phone: 2 for the same log folder, plus 1 for
+// the same radio version.
 int Likeness(const Phone& phone, const CaptureFacts& capture) {
     int best = 0;
     size_t compared = 0;

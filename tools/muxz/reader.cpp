@@ -52,7 +52,7 @@ bool BlockReader::Next(Block& block) {
     const Bytes front = bytes.subspan(
         kBlockHeaderSize, std::min<size_t>(bytes.size() - kBlockHeaderSize, lengths.packed_length));
     const std::optional<Varint> length = GetVarint(front);
-    // Without an end of the number it is damaged only if more of it cannot follow.
+    // An incomplete varint is damage only if the rest of it cannot lie behind the end of the file.
     const bool unfinished =
         !length && front.size() < std::min<size_t>(lengths.packed_length, kMaxVarint);
     if (!unfinished && (!length || length->value != lengths.raw_length)) {
@@ -62,7 +62,7 @@ bool BlockReader::Next(Block& block) {
                            (length ? std::to_string(length->value) : "no valid number"));
     }
 
-    // Bytes that are not wanted are not read.
+    // With kLengths, the packed bytes are not read.
     const bool whole = mode == Mode::kBytes ? (bytes = window.At(at, size)).size() >= size
                                             : window.Reaches(at + size);
     if (!whole) {

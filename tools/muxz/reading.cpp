@@ -9,10 +9,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The budget that the daemon's configuration sets when it lies in a folder "config" beside the
-// logs, of which `path` is one or holds them.
+// Returns the recycle size limit in bytes from the daemon's configuration file. The file lies in
+// the folder "config" beside the log folder. `path` is the log folder, or a file or folder in it.
 std::optional<uint64_t> BudgetBeside(const std::string& path) {
-    constexpr int kLevels = 4;  // from a file up to what is beside the tree
+    constexpr int kLevels = 4;  // from a log file up to the folder that contains "config"
     constexpr int kBytesPerMbShift = 20;
     std::error_code error;
     fs::path folder = fs::absolute(path, error).lexically_normal();

@@ -1,4 +1,4 @@
-// How commands read: with progress on the terminal, and with a word on what several phones mean.
+// Reads the model for a command: shows progress, and checks the choice between several phones.
 #pragma once
 
 #include <string>
@@ -11,12 +11,12 @@
 
 namespace muxz {
 
-// Build, with progress, of the files that are selected. The model has the log of the selection too,
-// and the budget that a configuration beside the tree or that log tells.
+// Builds the model of the selected files and shows progress. Adds the Android log of the selection.
+// Adds the recycle size limit from a configuration file beside the tree, or else from that log.
 Model Read(const Selection& selection, BuildOptions options, Messages& messages);
 
-// Returns true if the model holds the files of the one phone, or of those, that are wanted. Else
-// tells which phones there are.
+// Returns true if the model has the files of one phone, or of the phones that `phones` chooses.
+// Otherwise prints a message and returns false.
 bool AreWanted(const Model& model, const Phones& phones, Messages& messages);
 
 }  // namespace muxz

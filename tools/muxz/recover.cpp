@@ -1,4 +1,4 @@
-// muxz recover: what can still be unpacked.
+// muxz recover: writes what can still be unpacked.
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace muxz {
 
 namespace {
 
-constexpr uint64_t kMostGapsTold = 100;  // of a file
+constexpr uint64_t kMostGapsTold = 100;  // gaps of one file that get a message each
 
 class Rescue {
   public:
@@ -43,7 +43,7 @@ class Rescue {
     }
 
   private:
-    // What lies in front of the first block may well be the header of another writer.
+    // The bytes in front of the first block may be a header of unknown layout, which is no gap.
     void TellGap(const FileFacts& file, Gap gap) {
         const bool is_header = file.header.kind == HeaderFacts::Kind::kForeign && gap.offset == 0 &&
                                gap.length == file.header.length;
@@ -99,7 +99,7 @@ int RecoverFiles(const std::vector<std::string>& paths, const std::string& outpu
     const Model model = Build(paths, {});
     const std::vector<const FileFacts*> files = model.Files();
     for (const Finding& finding : model.findings) {
-        // Recovery tells of bytes itself.
+        // Recovery itself reports the findings that have an offset.
         if (!finding.offset) messages.Tell(finding);
     }
     if (files.empty()) return messages.status;

@@ -19,7 +19,7 @@ class Recoverer {
         Header header;
         result.header = ReadHeader(source, header);
         first_block = result.header == HeaderState::kWhole ? header.length : 0;
-        if (result.header == HeaderState::kReadError) window.At(0, 1);  // for its errno
+        if (result.header == HeaderState::kReadError) window.At(0, 1);  // sets window.error()
         search.progress = sinks.progress;
     }
 
@@ -39,7 +39,8 @@ class Recoverer {
 
 bool Recoverer::FindBehind(uint64_t at, uint64_t& found) {
     std::optional<uint64_t> ignored;
-    // A header whose length lies may have led past the first blocks: once the search starts over.
+    // If the length in the header is wrong, it may lead past the first blocks. Then the search
+    // starts again at the beginning of the file, once.
     if (at == first_block && !search.LooksLikeBlockAt(at) && !std::exchange(started_over, true))
         return search.Find(found = 0);
     return search.FindBehind(at, found, ignored);
@@ -54,7 +55,7 @@ void Recoverer::Skip(uint64_t from, uint64_t to) {
 
 Recovery Recoverer::Run() {
     uint64_t at = first_block;
-    // Where a block is expected its own lengths and bytes are proof enough.
+    // Where a block is expected, it counts if its lengths agree and it unpacks.
     bool expected = result.header == HeaderState::kWhole;
     while (window.error() == 0) {
         if (expected && search.Take(at)) {

@@ -1,4 +1,4 @@
-// Takes a file apart of which nothing is known: what header it has, and which bytes are whole.
+// Finds the intact blocks of a file about which nothing is known, not even its header.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace muxz {
 
-// Bytes that belong to no block that could be found.
+// A range of bytes that belongs to no block.
 struct Gap {
     uint64_t offset;
     uint64_t length;
@@ -23,25 +23,30 @@ struct Recovery {
     uint64_t gaps = 0;
     uint64_t skipped = 0;   // bytes in gaps
     uint64_t end = 0;       // offset where the file ended
-    size_t trailing = 0;    // 0 to 5 bytes behind the last block, not counted as skipped
-    bool ends_cut = false;  // the last gap looks like the front of a block
-    int error = 0;          // errno of a failed read, after which nothing was looked at
+    size_t trailing = 0;    // 0 to 5 bytes behind the last block; `skipped` does not include them
+    bool ends_cut = false;  // the last gap looks like the beginning of a block
+    int error = 0;          // errno of a failed read, which ended the recovery; else 0
 };
 
 struct RecoverySinks {
     std::function<void(uint64_t offset, Bytes raw)> block;
     std::function<void(Gap)> gap;
-    std::function<void(uint64_t offset)> progress;  // now and then, while nothing is found
+    std::function<void(uint64_t offset)> progress;  // called at intervals while no block is found
 };
 
-// Finds every block that still unpacks, whatever lies before, between and behind them.
+// Finds every block that still unpacks, and calls the functions in `sinks`. Any bytes may lie
+// before, between and behind the blocks.
 //
-// Where one block ends the next is expected. When there is none, each following offset is tried:
-// the raw length must stand again at the front of the Snappy block, the packed length must be one
-// that Snappy can produce from it, and all of it must unpack. A block of a few bytes may look like
-// one by chance (tables of small numbers do), so one of under 64 raw bytes counts only when another
-// block or the end of the file follows it, and an empty one never does. Work on candidates that
-// fail is limited to a multiple of the bytes gone by.
+// A block is expected directly behind another block. If there is none, each following offset is
+// tried. To count there, a block must pass these tests:
+//
+// - The raw length stands a second time at the start of the Snappy block.
+// - Snappy can produce the packed length from the raw length.
+// - The block unpacks, and is not empty.
+// - It has at least 64 raw bytes, or another block or the end of the file follows. Tables of small
+//   numbers look like a block of a few bytes by chance.
+//
+// The work for candidates that fail is limited to a multiple of the bytes that the search passed.
 Recovery Recover(Source& source, const RecoverySinks& sinks);
 
 }  // namespace muxz

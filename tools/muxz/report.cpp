@@ -1,4 +1,4 @@
-// muxz report: all that is known of log files, as a page.
+// muxz report: writes the model as an HTML page.
 #include <cstring>
 #include <string>
 

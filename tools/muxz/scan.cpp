@@ -70,7 +70,7 @@ class Scanner {
         finding.offset = offset;
     }
 
-    // Returns true if there is a first block, or a place for one.
+    // Returns true if the blocks can be read: the header is complete, or its end was found.
     bool TakeHeader();
     bool TakeForeignHeader(HeaderState state);
     void TakeOwnHeader(const Header& own);
@@ -99,7 +99,7 @@ bool Scanner::TakeHeader() {
             header.kind = HeaderFacts::Kind::kOwn;
             header.length = own.length;
             TakeOwnHeader(own);
-            // A length that lies may lead past the first blocks.
+            // A wrong length may lead past the first blocks.
             if (!IsBlockAt(own.length)) {
                 const FirstBlock first = FindFirstBlock(*source);
                 if (first.offset && *first.offset < own.length) {
@@ -125,17 +125,18 @@ bool Scanner::TakeHeader() {
     }
 }
 
-// Returns true if `time` may be when the file was opened, in some zone.
+// Returns true if `time` may be the time when the file was opened, in any time zone.
 bool Scanner::IsOwnTime(UtcTime time) const {
-    constexpr int64_t kQuarter = 900;  // s; what zones differ by
-    constexpr int64_t kOpening = 5;    // s; that three attempts may take
+    constexpr int64_t kQuarter = 900;  // seconds; time zones differ by multiples of it
+    constexpr int64_t kOpening = 5;    // seconds; opening a file may take three attempts
     if (!facts.opened) return true;
     const int64_t apart = (*facts.opened - time) % kQuarter;
     const int64_t past = (apart + kQuarter) % kQuarter;
     return past <= kOpening || past >= kQuarter - kOpening;
 }
 
-// An empty record means that the modem told nothing yet: then the time is the file's own.
+// If the modem record is empty, the modem has not sent its information yet. The time in the record
+// is then the time when the file was opened.
 void Scanner::TakeOwnHeader(const Header& own) {
     HeaderFacts& header = facts.header;
     header.own = own;
@@ -167,7 +168,7 @@ bool Scanner::TakeForeignHeader(HeaderState state) {
     std::optional<uint64_t> length = first.offset;
     if (!known) {
         header.row = first.row;
-        // The neighbours know better where damage hides the first block.
+        // The first block may be damaged. The other files of the folder then show where it is.
         if (options.foreign_header) length = options.foreign_header;
     }
     if (!length) {

@@ -1,4 +1,4 @@
-// What one file says of itself.
+// Reads one file and collects what its name and its bytes say.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,13 @@ namespace muxz {
 
 struct ScanOptions {
     Depth depth = Depth::kHeaders;
-    // Bytes that a header of another writer has, when the files beside it agree on that.
+    // Length in bytes of a header of unknown layout, if the other files of the folder agree on it.
     std::optional<uint64_t> foreign_header;
-    // Called now and then, with the bytes of the file gone by since the last call.
+    // Called at intervals, with the number of bytes of the file read since the last call.
     std::function<void(uint64_t bytes)> progress;
 };
 
-// Thread-safe: reads `file` and nothing else.
+// Thread-safe: reads only `file`, and shares no state.
 FileFacts ScanFile(const FoundFile& file, const ScanOptions& options);
 
 }  // namespace muxz

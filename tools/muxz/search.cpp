@@ -12,12 +12,12 @@ using quarn::log_file::kBlockHeaderSize;
 
 namespace {
 
-constexpr uint32_t kAloneBytes = 64;  // raw bytes that make a block trusted on its own
+constexpr uint32_t kAloneBytes = 64;  // a block of so many raw bytes is trusted on its own
 constexpr int64_t kCreditPerByte = 16;
-constexpr size_t kLookAhead = 4096;  // bytes at least that a search has before it
+constexpr size_t kLookAhead = 4096;  // bytes; least size of the window during a search
 constexpr size_t kPiece = size_t{1024} * 1024;
-constexpr int kMostTried = 64;   // blocks that are looked at for the first of a row
-constexpr int kMostInARow = 16;  // damaged blocks whose lengths are followed from one to the next
+constexpr int kMostTried = 64;   // trusted blocks that are tried as the first block of a row
+constexpr int kMostInARow = 16;  // consecutive damaged blocks whose lengths are followed
 
 }  // namespace
 
@@ -40,7 +40,7 @@ bool BlockSearch::Take(uint64_t offset) {
     const BlockHeader lengths = GetBlockHeader(bytes.data());
     const size_t size = kBlockHeaderSize + lengths.packed_length;
     if (lengths.packed_length == 0) return false;
-    // Before anything large is read or allocated.
+    // Check the varint first, before anything large is read or allocated.
     bytes = window.At(offset, std::min(size, kBlockHeaderSize + kMaxVarint));
     const std::optional<Varint> length = GetVarint(bytes.subspan(kBlockHeaderSize));
     if (!length || length->value != lengths.raw_length) return false;
@@ -78,7 +78,8 @@ bool BlockSearch::BeginsRow(uint64_t offset) {
             return true;
         if (!LooksLikeBlockAt(offset)) return false;
         if (!Take(offset)) {
-            // A block that is cut ends the row, and one that is damaged may still lead on.
+            // A block that the end of the file cuts ends the row. A damaged block is a part of the
+            // row if its lengths lead to a trusted block or to the end of the file.
             const uint64_t next = Behind(offset);
             return blocks != 0 && (window.At(offset, next - offset).size() < next - offset ||
                                    EndsAt(next) || IsTrusted(next));
@@ -127,8 +128,8 @@ bool BlockSearch::Find(uint64_t& offset, uint64_t limit) {
 }
 
 bool BlockSearch::FindBehind(uint64_t at, uint64_t& found, std::optional<uint64_t>& raw_lost) {
-    // The lengths may be right though the bytes are not: then they tell the next block, and nothing
-    // within the damaged one is taken for a block.
+    // The lengths of a damaged block may be intact. They then lead to the next block, and nothing
+    // inside the damaged block is mistaken for a block.
     uint64_t raw_bytes = 0;
     found = at;
     for (int i = 0; i < kMostInARow && credit >= 0 && LooksLikeBlockAt(found); ++i) {
@@ -139,7 +140,7 @@ bool BlockSearch::FindBehind(uint64_t at, uint64_t& found, std::optional<uint64_
             raw_lost = raw_bytes;
             return trusted;
         }
-        credit -= int64_t{2 * kPiece};  // the window goes there and back
+        credit -= int64_t{2 * kPiece};  // the window moves forward and back
     }
     raw_lost = std::nullopt;
     found = at + 1;

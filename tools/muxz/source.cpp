@@ -60,8 +60,8 @@ Bytes Window::At(uint64_t offset, size_t size) {
     return {buffer.get() + skip, used - skip};
 }
 
-// Makes `offset` the start of the buffer, keeping what is already there of it, with room for `size`
-// bytes and a piece more.
+// Moves the start of the buffer to `offset` and keeps the bytes from there on. The buffer then has
+// room for `size` bytes and one more piece.
 void Window::MakeRoom(uint64_t offset, size_t size) {
     size_t kept = 0;
     const uint8_t* from = nullptr;

@@ -1,4 +1,4 @@
-// Where the bytes of a log file come from, and the part of them that is in memory.
+// Sources of the bytes of a log file, and a window that keeps a part of them in memory.
 #pragma once
 
 #include <sys/types.h>
@@ -13,18 +13,20 @@ namespace muxz {
 
 using Bytes = std::span<const uint8_t>;
 
-// Where the bytes of a file come from. It may grow or shrink meanwhile.
+// The bytes of a file. The file may grow or shrink while it is read.
 class Source {
   public:
     virtual ~Source() = default;
-    // Up to `size` bytes from `offset`; 0 only at the end, -1 with errno.
+    // Reads up to `size` bytes at `offset`. Returns the number of bytes read, 0 only at the end of
+    // the file, or -1 with errno set.
     virtual ssize_t ReadAt(uint64_t offset, uint8_t* out, size_t size) = 0;
-    // Bytes that there are at least, when that can be told at once; else 0.
+    // Returns a lower bound of the file's size, or 0 if it is unknown. Does not block.
     virtual uint64_t Size() const { return 0; }
-    // What an errno of `ReadAt` means, for people.
+    // Describes an errno of `ReadAt` for people.
     virtual std::string Why(int error) const;
 };
 
+// The bytes are not owned.
 class MemorySource : public Source {
   public:
     explicit MemorySource(Bytes file) : bytes(file) {}
@@ -35,7 +37,7 @@ class MemorySource : public Source {
     const Bytes bytes;
 };
 
-// A regular file; the descriptor stays the caller's.
+// A regular file. The descriptor is not owned.
 class FileSource : public Source {
   public:
     explicit FileSource(int open_fd) : fd(open_fd) {}
@@ -46,18 +48,19 @@ class FileSource : public Source {
     const int fd;
 };
 
-// A part of a file in memory that moves on with the reader.
+// A part of a file in memory. It moves with the reader.
 class Window {
   public:
-    // Reads about `read_size` bytes at a time, more when more is wanted.
+    // Reads about `read_size` bytes at a time, or more if the caller needs more. `from` is not
+    // owned.
     Window(Source& from, size_t read_size) : source(from), piece(read_size) {}
 
-    // The bytes from `offset` on: `size` of them or more, fewer only where the file ends or cannot
-    // be read. Valid until the next call.
+    // Returns at least `size` bytes from `offset` on. Returns fewer only if the file ends there or
+    // cannot be read. The result is valid until the next call.
     Bytes At(uint64_t offset, size_t size);
-    // errno of a failed read, 0 when all went well.
+    // Returns the errno of a failed read, or 0 if no read failed.
     int error() const { return read_error; }
-    // Returns true if the file has that many bytes. Reads at most the last of them.
+    // Returns true if the file has at least `size` bytes. Reads at most the last of them.
     bool Reaches(uint64_t size);
     std::string why() const { return source.Why(read_error); }
 
@@ -70,7 +73,7 @@ class Window {
     size_t capacity = 0;
     uint64_t start = 0;  // offset of the first byte in the buffer
     size_t used = 0;
-    uint64_t known = 0;  // bytes that the file has at least
+    uint64_t known = 0;  // lower bound of the file's size
     int read_error = 0;
 };
 

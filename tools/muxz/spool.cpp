@@ -13,7 +13,7 @@ namespace muxz {
 
 namespace {
 
-constexpr size_t kPiece = size_t{64} * 1024;  // bytes, what a pipe holds
+constexpr size_t kPiece = size_t{64} * 1024;  // bytes; the default capacity of a pipe
 
 std::string TemporaryFolder() {
     const char* const chosen = getenv("TMPDIR");

@@ -1,4 +1,4 @@
-// Bytes that come only once, kept for a second reading.
+// Keeps bytes that can be read only once, so that they can be read a second time.
 #pragma once
 
 #include <cstdint>
@@ -11,15 +11,16 @@
 
 namespace muxz {
 
-// A file without a name in the folder that TMPDIR names, else in /tmp. It goes with its process,
-// however that ends.
+// A temporary file without a name, in the folder that the environment variable TMPDIR names, or
+// else in /tmp. The kernel removes the file when the process ends, also after a crash.
 class Spool {
   public:
-    // Returns false when there is no room, or no such folder.
+    // Returns false with errno set if the disk is full or the folder does not exist.
     bool Append(Bytes bytes);
     ssize_t ReadAt(uint64_t offset, uint8_t* out, size_t size) const;
     uint64_t size() const { return used; }
-    const std::string& why() const { return text; }  // Append failed, for people
+    // Why Append failed, for people. Empty if it did not fail.
+    const std::string& why() const { return text; }
 
   private:
     bool Fail();
@@ -29,7 +30,7 @@ class Spool {
     std::string text;
 };
 
-// A part of what is kept, shared with all its other parts.
+// A part of a spool. All parts share the spool.
 class SpoolPart : public Source {
   public:
     SpoolPart(std::shared_ptr<const Spool> all, uint64_t from, uint64_t bytes)
@@ -43,20 +44,21 @@ class SpoolPart : public Source {
     const uint64_t length;
 };
 
-// What comes through a pipe, read as it is wanted. Of what went by, a copy is kept.
+// A pipe that is read on demand. A copy of the bytes is kept, so that they can be read again.
 class KeptPipe : public Source {
   public:
-    // `first`: bytes that were read from it before.
+    // `first`: the bytes that the caller has already read from the pipe.
     KeptPipe(Fd pipe, std::vector<uint8_t> first) : fd(std::move(pipe)), front(std::move(first)) {}
     ssize_t ReadAt(uint64_t offset, uint8_t* out, size_t size) override;
     std::string Why(int error) const override;
-    // Keeps what was read before. Returns false when that is not possible, with errno.
+    // Copies the bytes that were read before. Returns false with errno set if that fails.
     bool Begin() { return front.empty() || ReadOn(); }
-    // Reads on to the end. Returns the number of bytes of all, or -1 with errno.
+    // Reads to the end of the pipe. Returns the number of all bytes, or -1 with errno set.
     int64_t ReadAll();
 
   private:
-    bool ReadOn();  // false at the end, and on errors with errno
+    // Reads a piece. Returns false with errno 0 at the end, and with errno set after an error.
+    bool ReadOn();
 
     const Fd fd;
     std::vector<uint8_t> front;
@@ -65,11 +67,11 @@ class KeptPipe : public Source {
     bool ended = false;
 };
 
-// What comes through a pipe, from the first byte to the last; nothing is kept.
+// A pipe that is read once, from the first byte to the last. No bytes are kept.
 class Pipe : public Source {
   public:
     Pipe(Fd pipe, std::vector<uint8_t> first) : fd(std::move(pipe)), front(std::move(first)) {}
-    // `offset` is where the last call ended.
+    // REQUIRES: `offset` is where the last call ended.
     ssize_t ReadAt(uint64_t offset, uint8_t* out, size_t size) override;
 
   private:
@@ -77,7 +79,7 @@ class Pipe : public Source {
     const std::vector<uint8_t> front;
 };
 
-// The same bytes for several readers, one after the other.
+// A source that several readers use, one after the other. It shares the ownership of `whole`.
 class SharedSource : public Source {
   public:
     explicit SharedSource(std::shared_ptr<Source> whole) : source(std::move(whole)) {}
@@ -91,7 +93,7 @@ class SharedSource : public Source {
     const std::shared_ptr<Source> source;
 };
 
-// As read, but over interruptions, and waiting where the descriptor does not.
+// As read(2), but repeats the call after EINTR, and blocks even if the descriptor is non-blocking.
 ssize_t ReadSome(int fd, uint8_t* out, size_t size);
 
 }  // namespace muxz

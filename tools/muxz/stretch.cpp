@@ -12,9 +12,10 @@ namespace muxz {
 
 namespace {
 
-constexpr uint64_t kExceptionCode = 6;  // of the modem's notification
+constexpr uint64_t kExceptionCode = 6;  // code of the modem's notification of an exception
 
-// The captures that count, each with its offset or that of the closest before it, else behind it.
+// Returns the captures that are no copies. Each has its UTC offset, or else that of the closest
+// capture before it, or else that of the closest one behind it, or else 0.
 std::vector<std::pair<const CaptureFacts*, int32_t>> CapturesWithOffsets(const Phone& phone) {
     std::vector<std::pair<const CaptureFacts*, int32_t>> captures;
     std::optional<int32_t> known;
@@ -35,13 +36,14 @@ std::vector<Covered> CoveredBy(const Model& model, bool utc) {
     return covered;
 }
 
-// The share of a file's raw bytes that was written at `time`, and by how many seconds that may be
-// wrong. Both grow out of knots: times at which the share is known.
+// The share of a file's raw bytes that was written before a certain time.
 struct Share {
-    double share;
-    int64_t sure;
+    double share;  // from 0 to 1
+    int64_t sure;  // seconds by which the time may be wrong
 };
 
+// Interpolates between knots. A knot is a time at which the share is known. REQUIRES: there are at
+// least two knots, ordered by time.
 Share ShareBetween(const std::vector<std::pair<UtcTime, double>>& knots, UtcTime time) {
     const auto behind = std::find_if(knots.begin() + 1, knots.end() - 1,
                                      [time](const auto& knot) { return knot.first >= time; });
@@ -51,13 +53,14 @@ Share ShareBetween(const std::vector<std::pair<UtcTime, double>>& knots, UtcTime
     return {share_from + (share_to - share_from) * way, std::max(time - from, to - time)};
 }
 
-// The ends of the file, and the reports between them when they cover it.
+// Returns the knots of a file: its beginning and end, and the reports between them if the reports
+// cover the whole file.
 std::vector<std::pair<UtcTime, double>> Knots(const FileTime& file, const AndroidLog* log) {
     const UtcTime end = file.to.value();
     std::vector<std::pair<UtcTime, double>> ends = {{file.from, 0}, {end, 1}};
     if (log == nullptr) return ends;
-    // What a report tells holds for the time since the one before. Where two lie further apart, or
-    // the log has none, nothing tells the rate.
+    // A report has the rate since the report before it. If two reports lie further apart than this,
+    // the rate between them is unknown, and no report of this file is used.
     constexpr int64_t kFurthest = 2 * kReportPeriod;
     std::vector<std::pair<UtcTime, double>> knots = {{file.from, 0}};
     double written = 0, rate = 0;
@@ -80,7 +83,8 @@ std::vector<std::pair<UtcTime, double>> Knots(const FileTime& file, const Androi
     return knots;
 }
 
-// The log may hold the notification of an exception of which only two times around it are known.
+// Sets the exact time of a crash, if the log has a notification of the exception between the two
+// times that are known.
 void Sharpen(Crash& crash, const AndroidLog& log) {
     if (!crash.from || !crash.to) return;
     for (const LogEvent& event : log.events) {
@@ -92,7 +96,7 @@ void Sharpen(Crash& crash, const AndroidLog& log) {
     }
 }
 
-// Finds a stretch step by step; each step returns false, with `why`, when it cannot be done.
+// Finds a time range. Each function returns false and sets `why` if that is not possible.
 class StretchFinder {
   public:
     StretchFinder(const StretchOptions& from, std::vector<Covered> captures)
@@ -105,7 +109,7 @@ class StretchFinder {
         return true;
     }
 
-    // A time of day at the end is the first one after the beginning.
+    // If the end has no date, it is the first such time after the beginning.
     bool Between() {
         if (!Take(options.from, {}, stretch.from)) return false;
         const auto from = options.from ? std::optional(stretch.from) : std::nullopt;
@@ -236,7 +240,7 @@ std::vector<Part> FindParts(const Stretch& stretch, const Model& model, const An
         Part part{file, 0, 1, file.from, file.to.value_or(file.from), std::nullopt};
         if (file.to && *file.to > file.from) {
             const auto knots = Knots(file, log);
-            part.sure = 1;  // names tell whole seconds
+            part.sure = 1;  // times in names are whole seconds
             const auto cut = [&](UtcTime time, double& share, UtcTime& edge) {
                 if (time <= file.from || time >= *file.to) return;
                 const Share found = ShareBetween(knots, time);
@@ -275,7 +279,7 @@ void Narrow(Listing& listing, const std::vector<Part>& parts) {
         if (group.files.size() != before) group.whole = false;
     }
     std::erase_if(listing.groups, [](const FoundGroup& group) { return group.files.empty(); });
-    listing.history.clear();  // what it names beside these is not missing
+    listing.history.clear();  // other captures are not missing, since they were not selected
 }
 
 bool Select(const StretchRequest& request, Selection& selection, Messages& messages) {

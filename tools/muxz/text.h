@@ -1,4 +1,4 @@
-// How bytes and sizes are shown to people.
+// Formats bytes and sizes for people.
 #pragma once
 
 #include <cstdint>
@@ -7,16 +7,17 @@
 
 namespace muxz {
 
-// Bytes from files and headers may hold anything, a terminal's commands among it: what is no
-// printable ASCII is shown in hex.
+// Returns `text` with every byte that is not printable ASCII in hex. Bytes from files may contain
+// commands for the terminal.
 std::string Printable(std::string_view text);
-// Paths may well hold letters beyond ASCII.
+// As Printable, but keeps letters beyond ASCII, which paths may contain.
 std::string PrintablePath(std::string_view path);
 
-// Bytes for people, as "1.5M", or all digits when it is to be exact.
+// Returns a number of bytes as "1.5M", or with all digits if `exact`.
 std::string Size(uint64_t bytes, bool exact);
 
-// How far a work on `total` bytes is after that many seconds; 0: how many they are is not known.
+// Returns the progress of an operation that has read `bytes` of `total` bytes after `seconds`.
+// `total` is 0 if it is unknown.
 std::string ProgressLine(uint64_t bytes, uint64_t total, double seconds);
 
 }  // namespace muxz

@@ -16,7 +16,7 @@ int64_t DayOf(int64_t wall) {
     return (wall >= 0 ? wall : wall - kSecondsPerDay + 1) / kSecondsPerDay * kSecondsPerDay;
 }
 
-// The shape of a text: each digit as '0'.
+// Returns `text` with each digit replaced by '0'.
 std::string Shape(std::string_view text) {
     std::string shape(text);
     for (char& c : shape) {
@@ -34,7 +34,8 @@ std::optional<int64_t> ParseDate(std::string_view text) {  // "2026-11-23"
     return WallDay(Number(text, 0, 4), Number(text, 5, 2), Number(text, 8, 2));
 }
 
-// The UTC offset at a time, in wall seconds or in UTC: that of the capture closest to it.
+// Returns the UTC offset of the capture that is closest to `time`. `is_wall`: `time` is wall time,
+// else UTC.
 int32_t OffsetAt(int64_t time, bool is_wall, const std::vector<Covered>& captures) {
     const auto distance = [=](const Covered& capture) {
         const int32_t offset = is_wall ? capture.utc_offset : 0;
@@ -62,7 +63,8 @@ ResolvedTime ResolveClock(int64_t clock, const std::vector<Covered>& captures) {
         const int64_t from = capture.from + capture.utc_offset;
         const int64_t to = capture.to + capture.utc_offset;
         all.insert({DayOf(from), DayOf(to)});
-        // A capture of years, which a stepping clock makes, needs no more days than can be named.
+        // If the clock was set, a capture may cover years. The message names only a few days, so
+        // 100 are enough.
         for (int64_t day = DayOf(from); day <= to && fitting.size() < 100; day += kSecondsPerDay) {
             if (day + clock >= from && day + clock <= to) fitting.insert(day);
         }
@@ -142,7 +144,7 @@ std::optional<TimeArgument> ParseTime(std::string_view text) {
         return {{TimeArgument::Kind::kWall, *day + *clock}};
     }
     const auto seconds = ParseDigits(text);
-    // What a phone's clock can show: to the year 9999.
+    // Later than the year 9999 is no time that a phone's clock can show.
     if (!seconds || *seconds > *WallDay(9999, 12, 31)) return std::nullopt;
     return {{TimeArgument::Kind::kUtc, *seconds}};
 }

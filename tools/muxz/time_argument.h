@@ -1,6 +1,7 @@
-// Points in time as log text and the arguments of commands have them.
+// Parses and formats times in log text and in the arguments of commands.
 //
-// A time is UTC, or what the phone's clock showed: wall = UTC + UTC offset, both in seconds.
+// A time is either UTC or wall time, which the phone's clock shows: wall = UTC + UTC offset. Both
+// are in seconds since 1970-01-01 00:00:00.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +16,7 @@ namespace muxz {
 
 constexpr int64_t kSecondsPerDay = int64_t{24} * 60 * 60;
 
-// The wall seconds of a date at midnight; nothing when there is no such day.
+// Returns the wall time of a date at midnight. Returns no value if there is no such day.
 std::optional<int64_t> WallDay(int year, int month, int day);
 
 // "14:32:10" and "2026-11-23".
@@ -24,43 +25,45 @@ std::string ShowDay(int64_t wall);
 // "3 s", "4 min 10 s", "2 h 5 min", "3 d 1 h".
 std::string ShowSpan(int64_t seconds);
 
-// Reads digits, exactly as many as `text` has; nothing when anything else is in it.
+// Returns the number in `text`. Returns no value if `text` has anything besides digits.
 std::optional<int64_t> ParseDigits(std::string_view text);
-// "14:32" or "14:32:10": seconds since midnight.
+// Returns the seconds since midnight in "14:32" or "14:32:10".
 std::optional<int64_t> ParseClock(std::string_view text);
 
-// A point in time as a person wrote it.
+// A time as the user wrote it.
 struct TimeArgument {
     enum class Kind {
-        kClock,  // "14:32", "14:32:10": on the day that the captures tell
-        kWall,   // "2026-11-23 14:32:10", a "T" in place of the space, or without the seconds
+        kClock,  // "14:32" or "14:32:10", without a day
+        kWall,   // "2026-11-23 14:32:10", also with "T" instead of the space or without seconds
         kUtc,    // seconds since 1970
     };
     Kind kind;
-    int64_t seconds;  // since midnight, wall seconds or UTC
+    int64_t seconds;  // kClock: since midnight; kWall: wall time; kUtc: UTC
 };
 std::optional<TimeArgument> ParseTime(std::string_view text);
 
-// "30s", "5m", "1h": seconds, above 0.
+// Returns the seconds in "30s", "5m" or "1h". Returns no value for 0.
 std::optional<int64_t> ParseSpan(std::string_view text);
 
-// A part of the time that captures cover.
+// A time range that captures cover.
 struct Covered {
     int64_t from, to;    // UTC
-    int32_t utc_offset;  // of the phone's clock, or 0 when times are told in UTC
+    int32_t utc_offset;  // seconds, of the phone's clock; 0 if the user writes times in UTC
 };
 
-// Tells the UTC time that an argument means, given what the captures cover, in any order but not
-// empty.
-//
-// A time of day means the day on which the captures cover it, else the day of the captures when
-// there is only one. With `from` it means the first such time from there on. When more than one day
-// fits, or none, there is no time, and `why` names the candidates. `chosen` is the day that was
-// filled in, empty when the argument had one.
 struct ResolvedTime {
-    std::optional<int64_t> utc;
+    std::optional<int64_t> utc;  // no value if the time is ambiguous
+    // `why` names the possible days if `utc` has no value. `chosen` is the day that Resolve filled
+    // in; it is empty if the argument had a day.
     std::string why, chosen;
 };
+// Returns the UTC time that `time` means.
+//
+// A kClock time means the day on which `captures` cover it. If they cover it on no day, it means
+// the day of the captures, if there is only one. With `from` (UTC), it means the first such time
+// after `from`. If several days are possible, or none, the result has no time.
+//
+// REQUIRES: `captures` is not empty. Its order does not matter.
 ResolvedTime Resolve(const TimeArgument& time, const std::vector<Covered>& captures,
                      std::optional<int64_t> from = std::nullopt);
 

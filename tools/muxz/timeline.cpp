@@ -8,14 +8,16 @@ namespace muxz {
 
 namespace {
 
-constexpr int64_t kQuarter = 900;                  // s; what zones differ by
-constexpr int64_t kFarthest = int64_t{15} * 3600;  // s; that a zone is from Greenwich
-constexpr int64_t kSlack = 60;                     // s; between the end of a file and the next one
-constexpr size_t kLeastPairs = 2;                  // of files, that an estimated offset fits
+constexpr int64_t kQuarter = 900;                  // seconds; time zones differ by multiples of it
+constexpr int64_t kFarthest = int64_t{15} * 3600;  // seconds; largest UTC offset
+// Seconds. Allowed difference between the last change of a file and the opening of the next one.
+constexpr int64_t kSlack = 60;
+constexpr size_t kLeastPairs = 2;  // pairs of files needed to estimate the UTC offset
 
 bool IsZone(int64_t offset) { return std::abs(offset) <= kFarthest; }
 
-// Calls `take` for each two files of a capture of which the later was opened as the other ended.
+// Calls `take` for each two files of a capture with consecutive numbers. The daemon opens the
+// second file when it closes the first.
 template <typename Take>
 void ForPairs(const Phone& phone, Take take) {
     for (const CaptureFacts& capture : phone.captures) {
@@ -38,7 +40,8 @@ void TellOffset(CaptureFacts& capture) {
         if (IsZone(offset)) capture.utc_offset = static_cast<int32_t>(offset);
         return;
     }
-    // The first file is opened soon after the folder was made, whose name a heap does not tell.
+    // Unsorted files: the name of the folder is unknown, but the first file is opened soon after
+    // the folder is made.
     if (capture.files.empty() || capture.files.front().index != 0u) return;
     const auto opened = capture.files.front().opened;
     if (!opened) return;
@@ -47,7 +50,8 @@ void TellOffset(CaptureFacts& capture) {
     if (IsZone(offset)) capture.utc_offset = static_cast<int32_t>(offset);
 }
 
-// The offset by which files ended when the next ones were opened, if one fits them all.
+// Returns the UTC offset with which the last change of every file agrees with the opening of the
+// next file. Returns no value if there is no such offset.
 std::optional<int32_t> EstimateOffset(const Phone& phone) {
     std::optional<int64_t> offset;
     size_t pairs = 0;
@@ -85,7 +89,8 @@ void TellOffsets(Phone& phone) {
     }
 }
 
-// The last change of `file` on the phone's clock, where it can be believed.
+// Returns the last change of `file` in phone time. Returns no value if it is not credible. `bound`
+// is the opening of a later file or the start of the next capture.
 std::optional<PhoneTime> LastChange(const Phone& phone, const CaptureFacts& capture,
                                     const FileFacts& file, std::optional<PhoneTime> bound) {
     if (!phone.last_changes_kept || !capture.utc_offset || !file.last_change) return std::nullopt;
@@ -114,13 +119,13 @@ void TellEnds(Phone& phone) {
             if (file.opened) bound = file.opened;
         }
         if (!capture->files.empty()) capture->end = capture->files.back().closed;
-        // Between log folders a clock that was set may make the next capture the earlier one.
+        // If the clock was set, the next capture of another log folder may have an earlier time.
         if (!capture->copy && capture->start) next_start = capture->start;
     }
 }
 
-// The files whose modem information is of another time than what the modem had told before. That it
-// tells for the first time is no restart.
+// Returns the files in which the time of the modem information differs from that in the files
+// before. The first modem information of a capture is no restart.
 std::vector<const FileFacts*> Restarts(const CaptureFacts& capture) {
     std::vector<const FileFacts*> restarts;
     std::optional<UtcTime> before;
@@ -137,7 +142,7 @@ std::vector<const FileFacts*> Restarts(const CaptureFacts& capture) {
 void TellException(CaptureFacts& capture) {
     const std::vector<const FileFacts*> restarts = Restarts(capture);
     if (!capture.exception) {
-        // Out of its folder a capture has lost the mark, unless a file bears it.
+        // Unsorted files have lost the mark of their folder. Only the mark of a file remains.
         if (!capture.name.empty() || restarts.empty()) return;
         capture.exception.emplace().marked = false;
     }
@@ -153,8 +158,8 @@ void TellException(CaptureFacts& capture) {
         }
         return;
     }
-    // Files that are opened between the exception and the modem's return bear its mark. Mostly none
-    // is: then it was at any time of the capture.
+    // A file has the mark if the daemon opened it between the exception and the modem's restart.
+    // Usually there is no such file. Then the exception happened at any time of the capture.
     when.from = capture.start;
     if (capture.whole) when.to = capture.end;
     const auto marked = std::find_if(capture.files.begin(), capture.files.end(),

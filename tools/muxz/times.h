@@ -1,4 +1,4 @@
-// Times as names, headers and people write them.
+// Times in names and headers, and times for people.
 #pragma once
 
 #include <cstdint>
@@ -8,19 +8,19 @@
 
 namespace muxz {
 
-// Seconds since 1970-01-01 00:00:00 on the phone's own clock, as names tell it: local time.
+// Local time on the phone's clock, as in names: seconds since 1970-01-01 00:00:00 local time.
 using PhoneTime = int64_t;
-// Seconds since 1970-01-01 00:00:00 UTC, as headers tell it.
+// UTC, as in headers: seconds since 1970-01-01 00:00:00 UTC.
 using UtcTime = int64_t;
 
-// What "2024_0131_235959" says; none when it is no time.
+// Parses "2024_0131_235959". Returns no value if `text` is no time.
 std::optional<PhoneTime> ParseNameTime(std::string_view text);
 
 // "2024-01-31 23:59:59"
 std::string ShowTime(int64_t seconds);
 // "2024-01-31 23:59:59 UTC"
 std::string ShowUtc(UtcTime seconds);
-// "1:02:03", with days in front when there are any
+// "1:02:03", with days in front if there are any
 std::string ShowDuration(int64_t seconds);
 // "UTC+01:00"
 std::string ShowOffset(int32_t seconds_east);

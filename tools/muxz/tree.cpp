@@ -37,16 +37,19 @@ bool MayBeOpen(std::string_view path) {
 
 namespace {
 
-constexpr int kMostReadings = 8;  // of a folder that changes all the time
-constexpr int kMostAttempts = 3;  // to open what is renamed again and again
-constexpr int kMaxDepth = 8;      // of a capture below the root of its tree
-// Bytes of two files that tell a copy: more than a header may have.
+constexpr int kMostReadings = 8;  // listings of a folder that keeps changing
+constexpr int kMostAttempts = 3;  // attempts to open a file that is renamed again and again
+constexpr int kMaxDepth = 8;      // levels of a capture below the root of its tree
+// Two files are copies if so many bytes are equal. More than the size of a header.
 constexpr size_t kCompared = size_t{256} * 1024;
-constexpr size_t kMostOriginals = 16;  // of one number and time, that a copy is looked for among
+// A capture is compared with at most so many captures of the same number and time.
+constexpr size_t kMostOriginals = 16;
 constexpr const char* kCopiedList = "copied_folder_list";
 constexpr const char* kBadNumber = "left out, its number does not fit 32 bits";
 
-// A name that a browser or a person made of a log file's: "... (1).muxz", "... .muxz.gz".
+// Returns true if a browser or a person may have made `name` from that of a log file: "...
+// (1).muxz",
+// "... .muxz.gz".
 bool LooksLikeLog(const std::string& name) {
     return name != names::kPowerOnLog && name.find(".muxz") != std::string::npos;
 }
@@ -63,7 +66,7 @@ bool IsFolder(int folder, const dirent& entry) {
     return fstatat(folder, entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(info.st_mode);
 }
 
-// One reading, sorted by name.
+// Lists `folder` once. The entries are sorted by name.
 bool ReadOnce(const Fd& folder, std::vector<Entry>& entries) {
     entries.clear();
     const int own = openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -86,7 +89,8 @@ bool ReadOnce(const Fd& folder, std::vector<Entry>& entries) {
     return true;
 }
 
-// A reading may miss what is renamed meanwhile, so two in a row must agree.
+// Lists `folder` until two listings in a row agree, because a listing may miss a file that is
+// renamed at the same time.
 bool ReadFolder(const Fd& folder, std::vector<Entry>& entries) {
     std::vector<Entry> before;
     if (!folder || !ReadOnce(folder, entries)) return false;
@@ -97,7 +101,7 @@ bool ReadFolder(const Fd& folder, std::vector<Entry>& entries) {
     return true;
 }
 
-// What the name tells; `folder` is left as it is.
+// Sets the fields of `capture` from a folder name. Does not change `capture.folder`.
 bool ParseCapture(const std::string& name, Capture& capture) {
     const std::optional<names::Name> parsed = names::ParseFolder(name);
     const auto index = parsed ? names::ParseIndex(parsed->index) : std::nullopt;
@@ -111,7 +115,7 @@ bool ParseCapture(const std::string& name, Capture& capture) {
     return true;
 }
 
-// The files of a capture, on disk or not.
+// Returns the files of a capture on disk or in an archive.
 std::vector<HeldFile> FilesOf(Capture capture) {
     if (capture.held) return *capture.held;
     const auto folder = std::make_shared<const Fd>(OpenCapture(capture));
@@ -144,8 +148,9 @@ bool SameBeginning(Source& a, Source& b) {
     return size != 0 && memcmp(bytes_a.data(), bytes_b.data(), size) == 0;
 }
 
-// Whether any file of one capture is a copy of its namesake in the other. Two log folders may give
-// the same number and time to captures of their own, so names alone do not tell.
+// Returns true if a file of one capture begins with the same bytes as the file with the same
+// number, time and mark in the other capture. Names alone do not show a copy, since captures of two
+// log folders may have the same number and time.
 bool HoldsSame(const Capture& a, const Capture& b) {
     const std::vector<HeldFile> files_a = FilesOf(a), files_b = FilesOf(b);
     std::map<std::tuple<uint32_t, std::string, bool>, const HeldFile*> by_name;
@@ -161,7 +166,8 @@ bool HoldsSame(const Capture& a, const Capture& b) {
     return false;
 }
 
-// The original is the one nearest to the root, of those the largest.
+// Marks copies. The original is the capture that is closest to the root. At the same depth, it is
+// the largest one.
 void MarkCopies(std::vector<Capture>& captures) {
     std::map<std::pair<uint32_t, std::string>, std::vector<Capture*>> namesakes;
     for (Capture& capture : captures) {
@@ -186,8 +192,9 @@ void MarkCopies(std::vector<Capture>& captures) {
     }
 }
 
-// Within one log folder the numbers tell the order, whatever the clock did. Between log folders,
-// which count for themselves, only the time can: the lists are merged by the time of their heads.
+// Captures of one log folder are ordered by their numbers, because the clock may have been set. Log
+// folders number their captures separately, so their lists are merged by the times of their first
+// captures.
 std::vector<Capture> InCaptureOrder(std::vector<Capture> captures) {
     std::map<std::string, std::vector<Capture>> lists;
     for (Capture& capture : captures) lists[capture.folder].push_back(std::move(capture));
@@ -196,7 +203,7 @@ std::vector<Capture> InCaptureOrder(std::vector<Capture> captures) {
         size_t at;
         const Capture& operator*() const { return (*list)[at]; }
     };
-    // The next head is on top. No two are alike: each is of a folder of its own.
+    // The head that comes next is on top. No two heads are equal, since each has its own folder.
     const auto comes_later = [](const Head& a, const Head& b) {
         const bool open_a = !(*a).finished, open_b = !(*b).finished;
         return std::tie((*a).time, open_a, (*a).index, (*a).folder) >
@@ -226,7 +233,7 @@ class TreeWalk {
     bool Walk(const std::string& path, int depth) {
         std::vector<Entry> entries;
         if (!ReadFolder(OpenFolder(path), entries)) return false;
-        // A list in the root itself means that the user looks at the copies.
+        // If the root itself has the list, the user wants to see the copies.
         const bool copies =
             depth > 0 && std::any_of(entries.begin(), entries.end(),
                                      [](const Entry& e) { return e.name == kCopiedList; });
@@ -268,8 +275,9 @@ class TreeWalk {
 
 namespace {
 
-// Brings the name up to date. What stays the same in it is number and time, of a file its mark too.
-// False with errno, ENOENT when nothing of that number and time is there.
+// Find a renamed capture or file and update its name. Number and time never change; the exception
+// mark of a file does not change either. Return false with errno set on failure. ENOENT means that
+// there is no capture or file with this number and time.
 bool LookUpAgain(const Fd& folder, Capture& capture) {
     std::vector<Entry> entries;
     if (!ReadFolder(folder, entries)) return false;
@@ -377,7 +385,7 @@ Fd OpenCapture(Capture& capture) {
 }
 
 Fd OpenRegular(int folder, const std::string& path, std::string& why) {
-    // Without O_NONBLOCK the open of a pipe would wait for its other end.
+    // Without O_NONBLOCK, opening a pipe would block until another process opens its other end.
     Fd fd(openat(folder, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat info;
     if (!fd || fstat(fd.get(), &info) != 0) {

@@ -1,8 +1,9 @@
-// Finds the log files of a tree and puts them into capture order. log_names.h tells what the names
-// say, docs/log-file-format.md how the order comes about.
+// Finds the log files of a tree and puts them into capture order. log_names.h parses the names.
+// docs/log-file-format.md describes the order.
 //
-// The daemon may write, rename and recycle meanwhile: folders are read until two readings agree,
-// and what was renamed between listing and opening is looked up again by its number and time.
+// The daemon may write, rename and recycle files at the same time. Therefore a folder is listed
+// until two listings in a row agree. A file that was renamed between listing and opening is looked
+// up again by its number and time.
 #pragma once
 
 #include <algorithm>
@@ -34,7 +35,8 @@ class Fd {
     ~Fd();
 
     int get() const { return fd; }
-    // False with errno when the system tells of an error; it is closed in any case.
+    // Closes the descriptor in any case. Returns false with errno set if the system reports an
+    // error.
     bool Close();
     explicit operator bool() const { return fd >= 0; }
 
@@ -55,10 +57,10 @@ struct LogFile {
     uint32_t index;
     std::string time;
     bool exception;
-    uint64_t size;  // bytes, when it was listed
+    uint64_t size;  // bytes, when the file was listed
 };
 
-// A log file that is no file on disk.
+// A log file in an archive, or any file with a function that opens it.
 struct HeldFile : LogFile {
     std::string path;
     std::optional<int64_t> last_change;  // UTC
@@ -66,25 +68,25 @@ struct HeldFile : LogFile {
 };
 
 struct Capture {
-    std::string folder;  // path of the folder around it
+    std::string folder;  // path of the folder that contains the capture folder
     std::string name;
     uint32_t index;
     std::string time;
     bool exception;
     bool finished;
-    bool copy;  // a copy command put it there, or another capture of the tree holds the same
-    // In the order of their numbers; null: they are on disk.
+    bool copy;  // made by a copy command, or another capture of the tree contains the same
+    // The files in the order of their numbers. Null if the files are on disk.
     std::shared_ptr<const std::vector<HeldFile>> held;
 
     std::string path() const { return folder + "/" + name; }
 };
 
-// What was met on the way and is not in the result.
+// A file or folder that is not in the result, and why.
 struct Complaint {
     enum class Kind {
-        kLeftOut,     // looks like a log, but lies where none belongs
-        kFault,       // cannot be put into its place
-        kUnreadable,  // by an error of the system
+        kLeftOut,     // looks like a log file, but has no place in the tree
+        kFault,       // its number is not valid
+        kUnreadable,  // the system reported an error
     };
     Kind kind;
     std::string path;
@@ -92,52 +94,59 @@ struct Complaint {
 };
 
 struct Tree {
-    std::vector<Capture> captures;           // in capture order, copies among them
-    std::vector<std::string> power_on_logs;  // paths; not those beside copies
-    std::vector<std::string> heaps;          // folders with log files outside of captures
+    std::vector<Capture> captures;           // in capture order, including copies
+    std::vector<std::string> power_on_logs;  // paths; those beside copies are left out
+    std::vector<std::string> heaps;          // folders with unsorted files
 };
 
-// The capture whose folder is `path`, by its name; false when it is none or its number too large.
-// `path` may end in "." or "..".
+// Sets `capture` from the name of the folder at `path`. Returns false if this is not the name of a
+// capture folder, or if its number does not fit 32 bits. `path` may end in "." or "..".
 bool CaptureAt(const std::string& path, Capture& capture);
 
-// What the name of a log file tells; false when it is none or its number too large.
+// Sets `file` from the name of a log file. Returns false if `name` is not such a name, or if its
+// number does not fit 32 bits.
 bool ParseLogFile(const std::string& name, LogFile& file);
 
-// Links to folders are not followed. False with errno when `root` itself cannot be read.
+// Lists the tree at `root`. Does not follow links to folders. Returns false with errno set if
+// `root` itself cannot be read.
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints);
-// As ListTree, but adds to `tree`, whose captures are then neither in order nor marked as copies.
+// As ListTree, but adds to `tree`. Does not order the captures and does not mark copies.
 bool WalkTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints);
-// Puts the captures of one tree or more into order and marks copies among them.
+// Orders the captures of one or several trees, and marks copies.
 void SettleCaptures(std::vector<Capture>& captures);
 
-// The log files of a capture's folder in the order of their numbers. `path` is for complaints.
-// False with errno.
+// Lists the log files of a capture folder in the order of their numbers. `path` is the path of the
+// folder, for complaints. Returns false with errno set if the folder cannot be read.
 bool ListFiles(const Fd& folder, const std::string& path, std::vector<LogFile>& files,
                std::vector<Complaint>& complaints);
 
-// These bring the name up to date when it was changed meanwhile. On failure no descriptor, with
-// errno; ENOENT means that it was recycled.
+// Open a capture folder or a log file. If it was renamed after it was listed, these functions find
+// it and update its name. They return an empty Fd with errno set on failure. ENOENT means that it
+// was recycled.
 Fd OpenCapture(Capture& capture);
 Fd OpenFile(const Fd& folder, LogFile& file, std::string& why);
 
-// The present path of a capture folder or log file that has another name meanwhile; empty: none.
+// Returns the present path of a capture folder or log file that was renamed. Returns an empty
+// string if it was not found.
 std::string FindRenamed(const std::string& path);
 
-// Opens what must be a regular file, relative to `folder`, without ever waiting. On failure no
-// descriptor, with errno, and `why` for people.
+// Opens the regular file at `path`, relative to the descriptor `folder`. Never blocks, not even for
+// a pipe. On failure returns an empty Fd, with errno set and `why` for people.
 Fd OpenRegular(int folder, const std::string& path, std::string& why);
 Fd OpenFolder(const std::string& path);
 
 using quarn::log_names::LastComponent;
-// Without a slash at its end; "." when `path` is a name.
+// Returns the path of the folder that contains `path`, without a slash at its end. Returns "." if
+// `path` is a bare name.
 std::string FolderAround(const std::string& path);
 
-// A file of this name may end anywhere: the daemon may not have closed it yet.
+// Returns true if the name says that the daemon may not have closed the file. The file may then end
+// anywhere.
 bool MayBeOpen(std::string_view path);
 
-// Sorts by number, equal ones by time. Numbers have 32 bits and wrap: when both ends of their range
-// are there, the run that starts at 0 is the newest.
+// Sorts by number, then by time, then by name. Numbers have 32 bits and wrap. If both 0 and
+// UINT32_MAX are there, the run of consecutive numbers that starts at 0 is the newest and goes to
+// the end.
 template <typename T>
 void OrderByIndex(std::vector<T>& items) {
     std::sort(items.begin(), items.end(), [](const T& a, const T& b) {

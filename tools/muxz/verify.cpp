@@ -1,4 +1,4 @@
-// muxz verify: whether every block is good and every file there.
+// muxz verify: checks that every block is intact and that no file is missing.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>

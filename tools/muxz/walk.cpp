@@ -15,7 +15,8 @@ void TellLoss(const Loss& loss, FileFacts& facts) {
     facts.damaged_bytes += loss.length;
 }
 
-// What lost blocks do not say themselves is estimated by the ratio of the file's good ones.
+// Estimates the missing raw bytes of lost blocks without intact lengths, from the compression ratio
+// of the file's good blocks.
 void EstimateLosses(FileFacts& facts, size_t first) {
     for (size_t i = first; i < facts.findings.size(); ++i) {
         Finding& finding = facts.findings[i];
@@ -40,7 +41,7 @@ void TellEnd(const BlockReader& reader, FileFacts& facts) {
     switch (reader.end()) {
         case End::kWhole:
         case End::kStrayByte:
-        case End::kDamaged:  // told as a loss
+        case End::kDamaged:  // already reported as a loss
             return;
         case End::kCutLengths:
             if (!facts.may_be_open) tell(Finding::Kind::kNote, Finding::What::kCutEnd);

@@ -16,8 +16,8 @@ namespace {
 constexpr seconds kForEver{0};
 constexpr const char* kNoYes[] = {"no", "yes"};
 
-constexpr seconds kPatience{30};  // a request may make a few exchanges with the modem, 5 s each
-constexpr seconds kSwitchPatience{120};  // the writer ends first
+constexpr seconds kPatience{30};  // the daemon may send a few messages to the modem, 5 s each
+constexpr seconds kSwitchPatience{120};  // the daemon waits for its writer to end
 
 constexpr Command kCommands[] = {
     {"log_mode", true, Argument::kNumber, "0 disable, 1 streaming, 2 wrapping",
@@ -97,7 +97,6 @@ bool ToNumber(std::string_view text, int32_t& number) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
-// The name of a value; empty when it has none.
 std::string NameOf(std::span<const char* const> names, std::string_view value) {
     int32_t number = -1;
     if (!ToNumber(value, number) || number < 0 || static_cast<size_t>(number) >= names.size()) {
@@ -107,7 +106,7 @@ std::string NameOf(std::span<const char* const> names, std::string_view value) {
 }
 
 std::string NameOf(const Command& command, std::string_view value) {
-    // A filter has taken the place of every level.
+    // The daemon returns this value if a log filter has replaced the log level.
     if (command.name == std::string_view("log_level") &&
         value == std::to_string(protocol::kFilterInForce)) {
         return "a custom filter";
@@ -117,7 +116,8 @@ std::string NameOf(const Command& command, std::string_view value) {
 
 namespace {
 
-// The daemon takes anything that is not a number for 0, so names become numbers here.
+// Replaces a name in `argument` by its number, because the daemon reads anything that is not a
+// number as 0. Returns false if `argument` is neither a number nor a name.
 bool NumberArgument(const Command& command, std::string& argument) {
     int32_t number = 0;
     if (ToNumber(argument, number)) return true;
@@ -127,7 +127,8 @@ bool NumberArgument(const Command& command, std::string& argument) {
     return true;
 }
 
-// Empty when the request can be sent, else why not. Names in `argument` become numbers.
+// Returns an empty string if the request can be sent, else the reason why not. Replaces a name in
+// `argument` by its number.
 std::string CheckArgument(const Command& command, bool has_argument, std::string& argument) {
     const std::string name = command.name;
     if (!has_argument) {
@@ -144,7 +145,7 @@ std::string CheckArgument(const Command& command, bool has_argument, std::string
             break;
         case Argument::kPath:
         case Argument::kCopy:
-            // The daemon's own working folder is not the caller's.
+            // The daemon's working directory differs from that of quarnctl.
             if (!argument.starts_with('/')) return name + " wants a path that begins with /";
             break;
     }

@@ -1,5 +1,5 @@
-// The daemon's commands as quarnctl knows them: what each takes, means and answers. Arguments that
-// the daemon would misunderstand are refused here and never sent.
+// The table of the daemon's commands: arguments, meaning and replies of each. quarnctl checks the
+// arguments with it, and never sends an argument that the daemon would misunderstand.
 #pragma once
 
 #include <chrono>
@@ -15,28 +15,29 @@ enum class Argument { kNone, kNumber, kPath, kCopy };
 
 struct Command {
     const char* name;
-    bool has_query;  // sent without an argument it asks and changes nothing
+    bool has_query;  // without an argument the command returns a value and changes nothing
     Argument argument;
-    const char* range;              // what a set takes
-    const char* meaning;            // with its unit, and whether the daemon keeps it over a restart
-    std::chrono::seconds patience;  // for the reply; 0: without end
-    std::span<const char* const> names = {};  // of the values, by number
+    const char* range;    // allowed arguments, for people
+    const char* meaning;  // for people; says whether the daemon keeps the value over a restart
+    std::chrono::seconds patience;            // time limit for the reply; 0 means no limit
+    std::span<const char* const> names = {};  // names of the values, indexed by value
     const char* unit = "";
 };
 
 std::span<const Command> Commands();
-const Command* FindCommand(std::string_view name);  // null when there is none
+// Returns null if there is no such command.
+const Command* FindCommand(std::string_view name);
 
-// The name of a value; empty when it has none.
+// Return the name of a value, or an empty string if it has no name.
 std::string NameOf(std::span<const char* const> names, std::string_view value);
 std::string NameOf(const Command& command, std::string_view value);
 
-// Makes the request of `command` with `words` as its argument. Names of values become numbers.
-// Returns false, with the reason in `why`, when the daemon would not understand it.
+// Makes the request for `command` with the argument `words`. Replaces names of values by numbers.
+// Returns false and sets `why` if the daemon would not understand the request.
 bool MakeRequest(const Command& command, const std::vector<std::string>& words,
                  std::string& request, std::string& why);
 
-// Returns true if all of `text` is a decimal number of 32 bits.
+// Returns true and sets `number` if all of `text` is a decimal number that fits 32 bits.
 bool ToNumber(std::string_view text, int32_t& number);
 
 }  // namespace quarnctl

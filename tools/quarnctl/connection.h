@@ -26,12 +26,12 @@ class Descriptor {
     int fd;
 };
 
-// When a wait ends; none: never.
+// The end of a wait. May be endless.
 class Deadline {
   public:
-    // `patience`: from now on; 0 or less: no end.
+    // Ends `patience` from now. 0 or less means that it never ends.
     explicit Deadline(std::chrono::seconds patience);
-    // For poll: milliseconds left, -1 without an end.
+    // Returns the remaining milliseconds for poll, or -1 if the deadline is endless.
     int Left() const;
     bool Passed() const { return Left() == 0; }
 
@@ -40,24 +40,24 @@ class Deadline {
     std::chrono::steady_clock::time_point end;
 };
 
-// Returns true if `fd` became readable in time.
+// Blocks until `fd` is readable or `deadline` has passed. Returns true if `fd` is readable.
 bool WaitReadable(int fd, const Deadline& deadline);
 
-// Connects to the socket of that name. The result is negative, with errno set, when nobody listens,
-// and with EAGAIN when nobody accepts within `patience`.
+// Connects to the socket `name`. On failure the descriptor is negative and errno is set. EAGAIN
+// means that the daemon did not accept the connection within `patience`.
 Descriptor Connect(const char* name, std::chrono::seconds patience);
 
-// The reason of a failed `Connect`, and what the user can try.
+// Returns why `Connect` failed with errno `error`, and what the user can try.
 std::string CannotReach(int error);
 
-// One connection to the command socket, made at the first request.
+// A connection to the command socket. It is made at the first request.
 class Client {
   public:
-    // `patience` replaces the one of every command; negative: none given.
+    // `given_patience` replaces the time limits of all commands, unless it is negative.
     explicit Client(std::chrono::seconds given_patience) : given(given_patience) {}
 
-    // Sends one request and waits for the whole reply. Returns kOk with the reply's text, or
-    // kUnreachable with the reason in `why`.
+    // Sends one request and waits for the complete reply. Returns kOk and sets `reply`, or returns
+    // kUnreachable and sets `why`.
     ExitStatus Ask(const Command& command, const std::string& request, std::string& reply,
                    std::string& why);
 
@@ -68,9 +68,9 @@ class Client {
     Descriptor fd;
 };
 
-// Returns true if the reply says that the request was served.
+// Returns true if the reply says that the daemon carried out the request.
 bool IsOk(const std::string& reply);
-// Returns true if the reply carries a value, which goes into `value`.
+// Returns true and sets `value` if the reply has a value.
 bool HasValue(const std::string& reply, std::string& value);
 
 }  // namespace quarnctl

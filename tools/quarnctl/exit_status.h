@@ -1,4 +1,4 @@
-// How quarnctl ends, and what it says when it does not end well.
+// Exit status and error messages of quarnctl.
 #pragma once
 
 #include <string>
@@ -8,11 +8,11 @@ namespace quarnctl {
 enum ExitStatus : int {
     kOk = 0,
     kRefused = 1,      // the daemon answered "error"
-    kUsage = 2,        // wrongly called; nothing was sent
-    kUnreachable = 3,  // no daemon, or no answer in time
+    kUsage = 2,        // wrong command line; nothing was sent
+    kUnreachable = 3,  // no daemon, or no reply in time
 };
 
-// Prints "quarnctl: " and `why` on standard error. Returns `status`.
+// Prints "quarnctl: ", `why` and a newline on standard error. Returns `status`.
 int Complain(ExitStatus status, const std::string& why);
 
 }  // namespace quarnctl

@@ -9,7 +9,8 @@ namespace quarnctl {
 
 namespace {
 
-// Bytes of the UTF-8 sequence that `text` begins with; 0 when it begins with none.
+// Returns the number of bytes of the UTF-8 sequence at the start of `text`, or 0 if there is none.
+// REQUIRES: `text` is not empty.
 size_t SequenceLength(std::string_view text) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
     const auto continues = [&](size_t i) { return i < text.size() && (byte(i) & 0xC0) == 0x80; };

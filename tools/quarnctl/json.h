@@ -1,4 +1,4 @@
-// A JSON text, built member by member. quarnctl runs on phones too, so it brings no library for it.
+// Builds JSON texts. quarnctl also runs on phones, so it uses no JSON library.
 #pragma once
 
 #include <string>
@@ -6,15 +6,16 @@
 
 namespace quarnctl {
 
-// A JSON string. Bytes below 0x20, and those of a text that is no UTF-8, become \u escapes.
+// Returns `text` as a JSON string. Control characters, and bytes that are not valid UTF-8, become
+// \u escapes.
 std::string JsonString(std::string_view text);
 
-// A number when `text` is a decimal one of 32 bits, else a string.
+// Returns a JSON number if `text` is a decimal number that fits 32 bits, else a JSON string.
 std::string JsonValue(std::string_view text);
 
 class JsonObject {
   public:
-    // `json` is a JSON text already.
+    // Adds a member. `json` is its value as JSON text.
     JsonObject& Add(std::string_view name, std::string_view json);
     std::string Text() const { return '{' + members + '}'; }
 

@@ -1,5 +1,5 @@
-// quarnctl: asks and sets what the daemon does, and shows what changes. docs/control-protocol.md
-// tells the protocol.
+// quarnctl: queries and changes the settings of the daemon, and shows its notifications.
+// docs/control-protocol.md describes the protocol.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -71,13 +71,14 @@ void PrintHelp() {
 struct Arguments {
     std::vector<std::string> words;
     WatchOptions watch;
-    seconds timeout{-1};  // negative: none given
+    seconds timeout{-1};  // negative if none was given
     bool json = false;
     bool help = false;
     bool version = false;
 };
 
-// Takes the options out of the words. Returns false, with the reason in `why`, on a wrong one.
+// Separates the options from the other words. Parse returns false and sets `why` for a wrong
+// option.
 class Parser {
   public:
     Parser(int argc, char** argv) : given(argv + 1, argv + argc) {}
@@ -128,7 +129,7 @@ class Parser {
         return false;
     }
 
-    // The value stands behind "=" or is the next word.
+    // Sets `value` to the text behind "=", or else to the next word.
     bool TakeValue(const std::string& name, size_t equals, const char* wanted, std::string& value,
                    std::string& why) {
         if (equals != std::string::npos) {
@@ -155,8 +156,8 @@ class Parser {
 
 // --- commands ---
 
-// The daemon does not keep a value that holds the name of a setting: it could not tell the two
-// apart when it loads the file.
+// Warns if the path contains the name of a setting. The daemon does not save such a path, because
+// it would take the path for the setting when it loads the file.
 void WarnOfKeysIn(const Command& command, const std::vector<std::string>& words) {
     if (command.argument != Argument::kPath || words.empty()) return;
     for (const Command& other : Commands()) {
@@ -201,7 +202,7 @@ int Get(Client& client, const std::vector<std::string>& words) {
     return kOk;
 }
 
-// The daemon answers this from its own state, without the modem.
+// The daemon answers this query from its own state, without the modem.
 constexpr const char* kSimplestQuery = "file_size";
 
 int Wait(seconds limit) {
@@ -262,7 +263,7 @@ int Main(int argc, char** argv) {
         PrintHelp();
         return kOk;
     }
-    setvbuf(stdout, nullptr, _IOLBF, 0);  // whoever reads along sees each line as it comes
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // a program that reads the output sees each line at once
     return Run(arguments);
 }
 

@@ -12,7 +12,8 @@ namespace quarnctl {
 
 namespace {
 
-// Returns true if all of `names` were answered with numbers; `numbers` has them in that order.
+// Returns true if the answers to all of `names` are numbers. Sets `numbers` in the order of
+// `names`.
 bool Numbers(const std::vector<Answer>& answers, std::initializer_list<std::string_view> names,
              std::vector<int32_t>& numbers) {
     numbers.clear();

@@ -1,4 +1,5 @@
-// quarnctl status: all that the daemon can be asked, and settings that fight each other.
+// quarnctl status: prints all values that the daemon reports, and settings that contradict each
+// other.
 #pragma once
 
 #include <optional>
@@ -9,19 +10,19 @@
 
 namespace quarnctl {
 
-// One command that can be asked, and the value that came; none where the daemon answered "error".
+// A command with a query, and the value in the reply. No value if the daemon answered "error".
 struct Answer {
     const Command* command;
     std::optional<std::string> value;
 };
 
-// Asks for everything that can be asked. Returns kOk, or kUnreachable with the reason in `why`.
+// Sends the queries of all commands. Returns kOk, or returns kUnreachable and sets `why`.
 ExitStatus AskAll(Client& client, std::vector<Answer>& answers, std::string& why);
 
-// Settings that fight each other, a sentence each.
+// Returns the settings that contradict each other, in one sentence each.
 std::vector<std::string> Conflicts(const std::vector<Answer>& answers);
 
-// Prints all of it, as text or as one JSON object. Returns the exit status.
+// Prints the values and the contradictions, as text or as one JSON object. Returns the exit status.
 int PrintStatus(Client& client, bool json);
 
 }  // namespace quarnctl

@@ -24,7 +24,7 @@ namespace protocol = quarn::protocol;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// The phone's local time with milliseconds; with its offset from UTC when `with_offset`.
+// Returns the phone's local time with milliseconds, and with its UTC offset if `with_offset`.
 std::string Now(bool with_offset) {
     const auto now = std::chrono::system_clock::now();
     const time_t whole = std::chrono::system_clock::to_time_t(now);
@@ -33,7 +33,7 @@ std::string Now(bool with_offset) {
     localtime_r(&whole, &local);
     char day[32], offset[16] = "+0000", text[64];
     strftime(day, sizeof(day), with_offset ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &local);
-    strftime(offset, sizeof(offset), "%z", &local);  // "+hhmm"; JSON's readers expect "+hh:mm"
+    strftime(offset, sizeof(offset), "%z", &local);  // "+hhmm"; readers of JSON expect "+hh:mm"
     const std::string zone = std::string(offset, 3) + ':' + std::string(offset + 3, 2);
     snprintf(text, sizeof(text), "%s.%03d%s", day, static_cast<int>(ms),
              with_offset ? zone.c_str() : "");
@@ -63,8 +63,8 @@ class Watcher {
     static constexpr seconds kAcceptPatience{30};
     static constexpr size_t kMaxNotification = 4096;
 
-    // Each change of how things stand once: for people beside the notifications, for scripts among
-    // them.
+    // Prints a change of the connection, each change once. Text goes to standard error, so that it
+    // is apart from the notifications. JSON goes to standard output, so that scripts see it too.
     void Tell(const char* event, const char* text) {
         if (told == text) return;
         told = text;
@@ -79,9 +79,9 @@ class Watcher {
         }
     }
 
-    // Prints until the daemon hangs up or the time is over. Returns true if the watch has reached
-    // its end. A daemon with all places taken accepts and hangs up, so a connection counts only
-    // after a while.
+    // Prints notifications until the daemon hangs up or the time is over. Returns true if the watch
+    // has reached its end. If the daemon has its maximum of subscribers, it accepts a connection
+    // and hangs up at once. So this function reports a connection only after kRetryPause.
     bool Follow(int fd) {
         pollfd poll_fd = {fd, POLLIN, 0};
         bool served = poll(&poll_fd, 1, static_cast<int>(kRetryPause.count())) == 0;
@@ -111,7 +111,7 @@ class Watcher {
         return false;
     }
 
-    // Prints one notification. Returns true if it is the last one that was wanted.
+    // Prints one notification. Returns true if it ends the watch.
     bool Notified(const std::string& text) {
         const size_t comma = std::min(text.find(','), text.size());
         const std::string word = text.substr(0, comma);

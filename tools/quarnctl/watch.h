@@ -1,4 +1,4 @@
-// quarnctl watch: prints what changes, over restarts of the daemon too.
+// quarnctl watch: prints the daemon's notifications. Connects again when the daemon restarts.
 #pragma once
 
 #include <chrono>
@@ -8,13 +8,13 @@
 namespace quarnctl {
 
 struct WatchOptions {
-    bool json = false;              // a JSON object a line
-    int32_t count = 0;              // ends after so many notifications; 0: never
-    std::string until;              // ends after a notification that holds this text; empty: never
-    std::chrono::seconds limit{0};  // ends with kUnreachable after that time; 0: never
+    bool json = false;  // prints one JSON object in each line
+    int32_t count = 0;  // ends after so many notifications; 0 means no limit
+    std::string until;  // ends after a notification that contains this text, unless it is empty
+    std::chrono::seconds limit{0};  // ends with kUnreachable after this time; 0 means no limit
 };
 
-// Returns the exit status once one of the ends is reached.
+// Blocks until one of the conditions in `options` ends the watch. Returns the exit status.
 int Watch(const WatchOptions& options);
 
 }  // namespace quarnctl

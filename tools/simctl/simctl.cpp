@@ -20,7 +20,7 @@ namespace {
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
 
 constexpr int kPatience = 30;                        // seconds, for the whole reply
-constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; the phone's own are far shorter
+constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; lines of the phone are far shorter
 
 constexpr const char* kHelp =
     "Use: simctl [--box DIR] COMMAND [ARGUMENT...]\n"
@@ -51,7 +51,7 @@ std::string DefaultBox() {
     return self.parent_path() / "../../../box";
 }
 
-// The line that the phone splits into the same words; false when a word cannot be sent.
+// Makes a line that the phone splits into the same words. Returns false if a word cannot be sent.
 bool JoinWords(const std::vector<std::string>& words, std::string* line) {
     for (const std::string& word : words) {
         if (word.find_first_of("\"\n") != std::string::npos) return false;
@@ -68,7 +68,7 @@ int Connect(const std::string& box) {
     if (!address.ok()) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) return -1;
-    // For the connection and the request; what comes back has a deadline of its own.
+    // Limits connecting and sending. The reply has its own deadline.
     const timeval patience = {kPatience, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     if (connect(fd, address.address(), sim::SocketAddress::size()) != 0) {
@@ -80,7 +80,7 @@ int Connect(const std::string& box) {
     return fd;
 }
 
-// Waits for a piece of the reply as long as `deadline` lets it; as `recv` otherwise.
+// As recv(2), but waits at most until `deadline`. Returns -1 with errno ETIMEDOUT after that.
 ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::time_point deadline) {
     using std::chrono::milliseconds;
     while (true) {
@@ -94,7 +94,7 @@ ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::tim
     }
 }
 
-// Tells on standard output, a line each, which lines of a scenario no phone would take.
+// Prints the wrong lines of a scenario on standard output, one message in each line.
 int CheckScenario(const std::vector<std::string>& words) {
     if (words.size() != 2) return Complain(kUsage, "check wants one file");
     if (!std::ifstream(words[1])) return Complain(kUsage, "cannot read " + words[1]);
@@ -114,7 +114,8 @@ int ShowHelp(const std::vector<std::string>& words) {
     return kOk;
 }
 
-// Prints the reply's lines as they come, up to its mark.
+// Prints the lines of the reply as they arrive, up to the mark that ends it. Returns the exit
+// status.
 int PrintReply(int fd) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kPatience);
     std::string pending;
