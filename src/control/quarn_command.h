@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <span>
 
+// Part of this interface: whoever sends commands may also switch the transfer type directly.
+#include "control/transfer_type.h"
 #include "core/quarn_handle.h"
 
 // `arg` is null in a query. `ack` is a zeroed reply block (protocol::kReplySize). 0 on success, -1
