@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -141,6 +142,11 @@ TEST_F(EventDetect, ARemovalClosesTheCaptureAndAsksForTheRestart) {
     mcl_deinit();
 }
 
+// Returns true if a thread waits for the mutex: the C library then sets its lock word to 2.
+bool HasWaiter(std::mutex& mutex) {
+    return __atomic_load_n(&mutex.native_handle()->__data.__lock, __ATOMIC_RELAXED) == 2;
+}
+
 // The restart holds up the queue, not the thread that reads the socket. All removals that came
 // until it was done are answered by it, and a stop waits for it.
 TEST_F(EventDetect, OneRestartAnswersABurstOfRemovalsAndAStopWaitsForIt) {
@@ -153,6 +159,8 @@ TEST_F(EventDetect, OneRestartAnswersABurstOfRemovalsAndAStopWaitsForIt) {
         for (size_t i = 1; i <= 80; ++i) {
             ASSERT_TRUE(sim::SendDeviceEvent("remove", "vqmi", "wwanD0MDLog"));
             ASSERT_TRUE(log.WaitFor(kRemoved, i));
+            // The first removal is off the queue once its restart waits for the mutex.
+            ASSERT_TRUE(test::WaitUntil([] { return HasWaiter(g_quarn.exec_mutex); }));
         }
         EXPECT_EQ(log.Count("event_detect_handle: 64 events wait, more are dropped"), 1u);
         std::thread stopping([&] {
