@@ -1,5 +1,5 @@
-# 64-bit Arm by Debian's cross compiler. The libraries stand in build/arm64-root, which `./test arm64`
-# makes from arm64 packages; what is built runs under user-mode emulation.
+# The toolchain for 64-bit Arm: Debian's cross compiler. The libraries are in build/arm64-root, which
+# `./test arm64` creates from arm64 packages. The programs run under user-mode emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
@@ -13,7 +13,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-# The C and C++ libraries are the compiler's own; what the others need in turn is in the root.
+# The C and C++ libraries come from the compiler's package. The linker finds the libraries that other
+# libraries need in these folders.
 foreach(folder lib usr/lib lib/aarch64-linux-gnu usr/lib/aarch64-linux-gnu
                usr/lib/aarch64-linux-gnu/android)
     string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " -Wl,-rpath-link,${arm64_root}/${folder}")

@@ -111,19 +111,19 @@ void Console::RunScenario(const std::string& path) const {
         const std::vector<std::string> words = LineWords(line, &error);
         if (words.empty() || words[0] != "after") {
             const Reply reply = Execute(line);
-            if (!reply.ok) TellFailure(where, reply.text);
+            if (!reply.ok) LogFailure(where, reply.text);
             return;
         }
         const Later later = MakeLater(*this, words);
         if (!later.order.ok()) {
-            TellFailure(where, later.order.refusal);
+            LogFailure(where, later.order.refusal);
         } else if (later.delay > gone || gone == milliseconds(0)) {
             if (!Schedule::Instance().Add(later.delay - gone, where, later.order.act)) {
-                TellFailure(where, "too much waits already");
+                LogFailure(where, "too much waits already");
             }
         } else if (later.kind == Command::kSetting) {
             const Reply reply = later.order.act();
-            if (!reply.ok) TellFailure(where, reply.text);
+            if (!reply.ok) LogFailure(where, reply.text);
         }
     });
 }

@@ -59,7 +59,7 @@ std::string Unescaped(std::string_view word) {
 // The file that shows the state of a phone's modem.
 constexpr const char* kMdStateFile = "/dev/wwan_fsm_state";
 
-// --- commands ---
+// --- Commands ---
 
 Order Replay(const Console& console, Words words) {
     const std::string& path = words[2];

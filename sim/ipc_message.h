@@ -36,8 +36,8 @@ class IpcMessage {
     }
 
     // False if the library leaves the length unset when the daemon reads a value.
-    bool tells_lengths() const { return tells_lengths_; }
-    void TellNoLengths() { tells_lengths_ = false; }
+    bool has_lengths() const { return has_lengths_; }
+    void OmitLengths() { has_lengths_ = false; }
 
     bool Has(int type) const { return Find(type) != nullptr; }
     // Returns the bytes of the first value of that type, or none. Valid until the next change of
@@ -72,7 +72,7 @@ class IpcMessage {
     }
 
     int id_;
-    bool tells_lengths_ = true;
+    bool has_lengths_ = true;
     std::vector<Value> values_;
     // The first byte is unused; it puts the numbers at odd addresses.
     std::vector<uint8_t> bytes_ = {0};

@@ -60,7 +60,7 @@ int mipc_msg_sync_timeout_with_cause(mipc_msg_t* req, mipc_msg_t** cnf) {
 void* mipc_msg_get_val_ptr(mipc_msg_t* msg, int type, int* length) {
     if (msg == nullptr || !msg->message.Has(type)) return nullptr;
     const auto bytes = msg->message.Bytes(type);
-    if (length != nullptr && msg->message.tells_lengths()) *length = static_cast<int>(bytes.size());
+    if (length != nullptr && msg->message.has_lengths()) *length = static_cast<int>(bytes.size());
     return const_cast<uint8_t*>(bytes.data());
 }
 

@@ -53,12 +53,12 @@ struct IpcReply {
 
 // The faults of a request of modem IPC, and the meaning of `value` for each.
 enum class IpcFault {
-    kMessage,  // the message cannot be created
-    kValue,    // no value can be added to the message
-    kCause,    // the request is not sent; `value` is the cause
-    kSilence,  // the request is lost; the exchange ends after `value` ms (0: the whole time-out)
-    kDelay,    // the request is executed and confirmed `value` ms later, or not if that is too late
-    kResult,   // the request is refused with the result code `value`
+    kMessage,   // the message cannot be created
+    kValue,     // no value can be added to the message
+    kCause,     // the request is not sent; `value` is the cause
+    kSilence,   // the request is lost; the exchange ends after `value` ms, or at its time-out if 0
+    kDelay,     // the request is executed and confirmed `value` ms later, unless that is too late
+    kResult,    // the request is refused with the result code `value`
     kNoResult,  // the request is executed; the confirmation has no result code
     kNoAnswer,  // the request is executed; the confirmation has no answer
     kAnswer,    // the request is executed; the answer is the number `value`
@@ -104,8 +104,8 @@ class Modem {
     void StartStream();
     void StopStream();
     // Sets the rate of the stream. The bytes become readable every 10 ms, or as the flush interval
-    // allows. Bytes that are not read accumulate up to the bytes of one second, and with a flush
-    // interval up to the watermark more; then the modem waits. With rate 0, the default, bytes are
+    // allows. Bytes that are not read accumulate: at most those of one second, plus the watermark
+    // if there is a flush interval. Then the modem waits. With rate 0, the default, bytes are
     // produced as fast as they are read, and none is held back.
     void SetRate(uint64_t bytes_per_second);
     // Sets the most bytes that one read of the port returns. 0, the default: no limit.
@@ -148,9 +148,9 @@ class Modem {
     //   2 to 1   notification 3; then the stream starts
     //   1 to 2   the stream ends; then notification 4
     //   to 0     the stream ends; then notification 2
-    // When the stream ends, the bytes that are held back become readable. The call then waits up to
-    // 2 s until the reader has found the port empty. It also waits up to 3 s until the notification
-    // has been handled; the handler may take longer if it needs a lock that the caller holds.
+    // When the stream ends, the bytes that are held back become readable, and the call waits until
+    // the reader has found the port empty, for at most 2 s. It also waits until the notification
+    // has been handled, for at most 3 s, since the handler may need a lock that the caller holds.
     bool SetLogMode(int mode);
     // Sets the flush interval in ms. If the stream has a rate, its bytes are held back until this
     // time has passed since the last release, or until the watermark is reached. 0: no bytes are
@@ -190,8 +190,8 @@ class Modem {
     // --- Faults of the layer and its log port ---
 
     // Each makes the next `count` calls fail. FailReads and FailPolls are queued, and count 0
-    // clears the queue. For the others the new count replaces the old one. Calls while the port is
-    // closed fail anyway and do not count.
+    // clears the queue. For the others the new count replaces the old one. Reads, polls and writes
+    // of a closed port fail anyway and do not count.
     void FailInit(int count);
     void FailOpens(int count);
     // `error` is an errno number; 0: the reads return 0 bytes.

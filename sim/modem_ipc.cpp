@@ -115,7 +115,7 @@ IpcReply Modem::Exchange(const IpcRequest& request) {
     if (silence || Clock::now() - start >= timeout) return {0, std::nullopt};
 
     IpcMessage confirmation(id);
-    if (no_length) confirmation.TellNoLengths();
+    if (no_length) confirmation.OmitLengths();
     if (!no_result) confirmation.AddNumber(kResultTlv, answer.result);
     if (no_answer) return {0, std::move(confirmation)};
     if (other_answer) answer.number = other_answer;

@@ -1,6 +1,6 @@
-# What ./run tells at its end, and whether all is as it should be. Sourced by ./run.
+# The summary that ./run prints at its end, and its verdict. Sourced by ./run.
 #
-# Reads what ./run and run_watch.sh know; adds to $wrong, one word for each thing that is not in order.
+# Uses the variables of ./run and run_watch.sh. Adds one word to $wrong for each failure.
 # shellcheck shell=bash disable=SC2154
 
 wrong=()
@@ -9,14 +9,14 @@ row() { # NAME VALUE [UNIT]
     printf '  %-26s %15s%s\n' "$1" "$2" "${3:+ $3}"
 }
 
-# The figures of the run, by the names that "expect" knows.
+# The figures of the run, by the names that "expect" uses.
 declare -A figure=()
 
 summarise() {
     local restarts delivered decoded=0 missing same
     mapfile -t files < <(captured_files)
     mapfile -t captures < <(printf '%s\n' "${files[@]%/*}" | sort -u)
-    # Kept by the modem, over restarts too, and exact however the daemon ended.
+    # The modem keeps this number over restarts of the daemon. It is exact even after a kill.
     delivered=$(delivered_so_far)
     restarts=$(cat "$box/modem/restarts" 2>/dev/null)
     if [ ${#files[@]} -gt 0 ]; then
@@ -51,7 +51,7 @@ summarise() {
     if [ ${#files[@]} -gt 0 ]; then printf '  in %s\n' "${captures[@]}"; fi
 }
 
-# What is left after recycling is the end of what was handed over.
+# Sets $same. After recycling, the decoded bytes must equal the end of the replayed stream.
 compare_with_replay() { # DELIVERED DECODED
     local from=0
     same=yes
@@ -68,11 +68,11 @@ compare_with_replay() { # DELIVERED DECODED
     [ "${same%%,*}" = yes ] || wrong+=(replay)
 }
 
-# --- what a scenario expects ---
+# --- The "expect" lines of a scenario ---
 
 expected_line='^[[:space:]]*expect[[:space:]]+(log[[:space:]]+("[^"]*"|[^[:space:]]+)|[a-z]+)[[:space:]]+([!<>]?=|[<>])[[:space:]]+([0-9]+([kMG]|[KMG]i)?)[[:space:]]*$'
 
-bytes_of() { # NUMBER with its unit
+bytes_of() { # NUMBER with an optional unit
     local n=${1%%[!0-9]*}
     case ${1#"$n"} in
         k) n=$((n * 1000)) ;; M) n=$((n * 1000000)) ;; G) n=$((n * 1000000000)) ;;
@@ -81,7 +81,7 @@ bytes_of() { # NUMBER with its unit
     echo "$n"
 }
 
-holds() { # IS OPERATOR NUMBER
+holds() { # VALUE OPERATOR NUMBER
     case $2 in
         =) [ "$1" -eq "$3" ] ;; '!=') [ "$1" -ne "$3" ] ;;
         '<') [ "$1" -lt "$3" ] ;; '<=') [ "$1" -le "$3" ] ;;

@@ -1,20 +1,20 @@
-# What ./run shows while it runs: a line of status, and each event of note once. Sourced by ./run.
+# The output of ./run while it runs: a status line, and a line for each important event. Sourced by ./run.
 #
-# Reads $box, $kept_log, $tools, $storage; $logs is the log folder as this script can reach it.
-# shellcheck shell=bash disable=SC2154,SC2034 # what ./run sets, and what it reads
+# Uses $box, $kept_log, $tools and $storage. $logs is the log folder as seen from outside the box.
+# shellcheck shell=bash disable=SC2154,SC2034 # variables that ./run sets, and variables that it reads
 
-declare -A phone=()             # the simulated phone's state, as it was last told
-declare -A size_of=()           # of this run's log files, by key: bytes when they were last seen
+declare -A phone=()             # the last known state of the simulated phone
+declare -A size_of=()           # last known size in bytes of each log file of this run, by key
 declare -A earlier=()           # keys of the log files of earlier runs
-seen=$box/modem/seen            # second names of this run's log files, by key
-packed=0 files_there=0          # bytes in, and number of, the log files that are there
+seen=$box/modem/seen            # folder with a hard link to each log file of this run, named by key
+packed=0 files_there=0          # total bytes and number of the existing log files
 recycled_files=0 recycled_bytes=0 recycled_raw=0 recycled_uncounted=0 recycled_earlier=0
 exceptions=0 stalls=0 drops=0 scenario_fault=
 log_at=0 log_inode=''
 
-# --- the terminal ---
+# --- The terminal ---
 
-# Numbers as people read them: 1234567 is "1.2 MB".
+# Prints a number of bytes for people: 1234567 is "1.2 MB".
 human() { # BYTES
     local n=$1 unit=B fraction='' next
     for next in kB MB GB TB; do
@@ -29,7 +29,8 @@ on_terminal=
 if [ -t 2 ] && [ -z "${show_log-}" ]; then on_terminal=yes; fi
 measure_terminal() { width=$(stty size <&2 2>/dev/null | cut -d' ' -f2); [ "${width:-0}" -gt 0 ] || width=80; }
 
-# What does not fit the width is left out. No escape codes: every terminal knows a carriage return.
+# The status line is cut to the terminal's width. A carriage return works on every terminal, so no escape
+# codes are needed.
 clear_status() {
     [ -n "$status_shown" ] || return 0
     printf '\r%*s\r' ${#status_shown} '' >&2
@@ -40,21 +41,21 @@ show_status() { # TEXT
     printf '\r%s%*s' "$text" $((${#status_shown} > ${#text} ? ${#status_shown} - ${#text} : 0)) '' >&2
     status_shown=$text
 }
-tell() { # TEXT, which may hold names that others have chosen
+tell() { # TEXT. Control characters are replaced, since clients choose some of the names in it.
     clear_status
     echo "run: ${1//[[:cntrl:]]/?}" >&2
 }
 
-# --- the phone ---
+# --- The phone ---
 
 simctl() { "$tools/simctl" --box "$box" "$@" 2>/dev/null; }
 
-# Fails while the phone does not answer.
+# Reads the state into $phone. Fails while the phone does not answer.
 ask_phone() {
     local line
     phone=()
     while IFS= read -r line; do phone[${line%%: *}]=${line#*: }; done < <(simctl state)
-    [ -n "${phone[host_sent]-}" ] || { phone=(); return 1; } # nothing, or not up to the last row
+    [ -n "${phone[host_sent]-}" ] || { phone=(); return 1; } # no answer, or the last row is missing
     [ -z "$storage" ] || logs=/proc/${phone[pid]}/root$tree
 }
 
@@ -70,20 +71,20 @@ phone_does() {
     echo "$text"
 }
 
-# --- the log files ---
+# --- The log files ---
 
-# A file keeps its key while it and its folder get other names: "QRXMDLog_3_.../QRXMDLog_0_....muxz.tmp"
-# is "3-0".
+# The key of a log file does not change when the file and its folder are renamed. The key of
+# "QRXMDLog_3_.../QRXMDLog_0_....muxz.tmp" is "3-0".
 key_of() { # PATH; sets $key
     [[ $1 =~ /QRXMDLog_([0-9]+)_[^/]*/QRXMDLog_([0-9]+)_[^/]*$ ]] && key=${BASH_REMATCH[1]}-${BASH_REMATCH[2]}
 }
 
-# The log files of this run: "BYTES PATH".
+# Prints "BYTES PATH" for each log file of this run.
 list_files() {
     find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %p\n' 2>/dev/null
 }
 
-# Before the daemon starts: what is there is not of this run.
+# Remembers the log files that exist before the daemon starts: they belong to earlier runs.
 note_earlier_files() {
     local path key
     while IFS= read -r path; do
@@ -92,8 +93,8 @@ note_earlier_files() {
     rm -rf "$seen" && mkdir "$seen"
 }
 
-# Each file gets a second name, under which it can be looked at once it has been recycled. A phone
-# with a storage of its own has no room for that.
+# Makes a hard link to each file, so that the file can still be read after it has been recycled. A storage
+# of limited size is a file system of its own, so this is not possible there.
 scan_files() {
     local size path key
     packed=0 files_there=0
@@ -121,14 +122,14 @@ forget_file() { # PATH of a file that has been recycled
     rm -f "$seen/$key"
 }
 
-# --- the Android log ---
+# --- The Android log ---
 
-# Errors that a daemon in good order writes too; docs/android-log.md tells why.
+# Errors that a healthy daemon logs too. docs/android-log.md explains them.
 harmless='quarn_property_set: rc 0|folder already created|quarn\.cfg failed, errno=No such|failed to get platform data|no modem info|missing modem info|is closed, try reopen|file_io: already close|left tot_read_len|md_time_sync_handle: (wait|stop)|errno = Interrupted|msg fail, close it|receive cmd fail, rc=0|restart quarn'
 of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLog is removed|LogFileRecycler: remove |log buffer stall count|: drop [0-9]+ bytes'
 
 declare -A last_told=()
-# An event that comes again and again is told once until it has not come for ten seconds.
+# Prints an event, unless the same kind of event occurred in the ten seconds before.
 tell_once() { # KIND TEXT
     local before=${last_told[$1]--10}
     last_told[$1]=$SECONDS
@@ -192,9 +193,9 @@ follow_log() {
     recycled_now=0
 }
 
-# --- the line ---
+# --- The status line ---
 
-declare -a samples=() # "MILLISECONDS HANDED-OVER PACKED", of the last eight seconds
+declare -a samples=() # "MILLISECONDS DELIVERED PACKED" of the last eight seconds
 milliseconds() { local now=${EPOCHREALTIME//[.,]/}; echo $((now / 1000)); }
 
 delivered_so_far() {
@@ -203,7 +204,7 @@ delivered_so_far() {
     echo $((10#${n:-0}))
 }
 
-# Not for a subshell: it keeps samples. The text is in $status_line.
+# Sets $status_line. Must not run in a subshell, since it changes $samples.
 make_status() {
     local raw total now first ms ratio=- in=0 out=0 time
     raw=$(delivered_so_far)
@@ -224,7 +225,7 @@ make_status() {
 }
 
 last_line=0
-# Looks at everything once; the line is for a terminal, or comes every eight seconds.
+# Reads the log and the files once. Updates the line on a terminal, or else prints it every eight seconds.
 watch() {
     follow_log
     scan_files

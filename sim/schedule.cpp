@@ -39,12 +39,12 @@ void Schedule::Run() {
         entries_.erase(entries_.begin());
         lock.unlock();
         const Reply reply = entry.act();
-        if (!reply.ok) TellFailure(entry.where, reply.text);
+        if (!reply.ok) LogFailure(entry.where, reply.text);
         lock.lock();
     }
 }
 
-void TellFailure(const std::string& where, const std::string& why) {
+void LogFailure(const std::string& where, const std::string& why) {
     __android_log_print(ANDROID_LOG_ERROR, "SIM", "%s: %s", where.c_str(), why.c_str());
 }
 

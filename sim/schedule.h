@@ -46,6 +46,6 @@ class Schedule {
 };
 
 // Logs "WHERE: WHY" as an error with the tag SIM.
-void TellFailure(const std::string& where, const std::string& why);
+void LogFailure(const std::string& where, const std::string& why);
 
 }  // namespace sim

@@ -1,4 +1,4 @@
-"""Reads C++ sources, build files and the policy, as far as the checks need it."""
+"""Parsers for C++ sources, build files and the policy, limited to what the checks need."""
 import re
 
 from .report import complain
@@ -6,7 +6,7 @@ from .report import complain
 # The library behind an include.
 LIBRARIES = {"android-base/": "libbase", "cutils/": "libcutils", "android/log.h": "liblog",
              "snappy": "libsnappy"}
-# What looks like a property's name, but is a file's.
+# File names that look like the name of a property.
 FILE_NAME = re.compile(r".*\.(muxz|tmp|cfg|socket)(\.\w+)?")
 
 CPP_TOKEN = re.compile(
@@ -22,9 +22,9 @@ def cpp_sources(folder):
 
 
 def cpp_tokens(file):
-    """Returns the string literals of a C++ source and its other tokens, include lines and comments aside.
+    """Returns the string literals of a C++ source, and its other tokens.
 
-    Literals that stand side by side are one.
+    Include lines and comments are ignored. Adjacent literals are joined.
     """
     literals, others, follows = [], [], False
     text = re.sub(r"^\s*#\s*include[^\n]*", "", file.read_text(), flags=re.M)
@@ -43,7 +43,7 @@ def cpp_tokens(file):
 
 
 def cpp_calls(file):
-    """Returns the functions that a C++ source calls, and its constants in capitals."""
+    """Returns the names of the functions that a C++ source calls, and of its constants in capitals."""
     tokens = cpp_tokens(file)[1]
     return {token for token, after in zip(tokens, tokens[1:]) if after == "(" or token.isupper()}
 
@@ -57,15 +57,18 @@ def included_libraries(files):
 
 
 class Named:
-    """What C++ sources name of the phone. Names with a "%" stand as they are and match no real name."""
+    """The names of a phone's files, devices, sockets and properties in C++ sources.
+
+    A name with a "%" is kept as it is, so it matches no real name.
+    """
 
     def __init__(self, files):
         texts = [text for file in files for text in cpp_tokens(file)[0]]
-        # Also within a longer text.
+        # A path may be a part of a longer text.
         path = re.compile(r"(?<![^\s=:,'\"(])/\w[\w.%-]*(?:/[\w.%-]+)*")
         paths = {p for t in texts for p in path.findall(t)}
         self.sockets = {p for p in paths if p.endswith(".socket")}
-        # A device is opened by its path, or its bare name is compared with the kernel's.
+        # Sources contain the path of a device that they open, or only the name that the kernel reports.
         bare = {"/dev/" + name for t in texts for name in re.findall(r"\bwwan\w+", t)}
         self.devices = {p for p in paths - self.sockets if p.startswith("/dev/")} | bare
         self.paths = paths - self.sockets - self.devices
@@ -75,13 +78,16 @@ class Named:
 
 
 def lines(file):
-    """Words of each line, comments aside."""
+    """Returns the words of each line that is not empty, without comments."""
     stripped = (line.split("#")[0].split() for line in file.read_text().splitlines())
     return [words for words in stripped if words]
 
 
 def shaped_lines(root, name, *shapes):
-    """Returns the match of each line, comments and more than one space aside; complains of other lines."""
+    """Returns the match of each line with one of the shapes, and complains about lines without a match.
+
+    Comments and repeated spaces are removed before.
+    """
     matches = []
     for words in lines(root / name):
         line = " ".join(words)
@@ -94,7 +100,7 @@ def shaped_lines(root, name, *shapes):
 
 
 def init_sections(root, name):
-    """Returns the lines of each section of an init file, as words, by the section's first line."""
+    """Returns a dictionary from the first line of each section of an init file to its lines, as words."""
     sections, section = {}, []
     for words in lines(root / name):
         if words[0] in ("on", "service", "import"):
@@ -105,7 +111,7 @@ def init_sections(root, name):
 
 
 class Blueprint:
-    """The modules of a build file. A property's value is the set of its strings, or of its one word."""
+    """The modules of a build file. The value of a property is a set of its strings, or of its single word."""
 
     def __init__(self, root, name):
         self.file = name
@@ -140,16 +146,16 @@ class Blueprint:
 
 
 class Policy:
-    """What android/sepolicy says."""
+    """The content of android/sepolicy."""
     FILE = "android/sepolicy/quarn.te"
     ATTRIBUTES = "android/sepolicy/attributes"
     CONTEXTS = "android/sepolicy/file_contexts"
     PROPERTIES = "android/sepolicy/property_contexts"
 
     def __init__(self, root):
-        self.types = {}  # the attributes of each
-        self.allowed = {}  # rights by domain, type and class
-        self.macros = {}  # arguments by the macro's name
+        self.types = {}  # type: its attributes
+        self.allowed = {}  # (domain, type, class): rights
+        self.macros = {}  # name of the macro: arguments
         for match in shaped_lines(
                 root, self.FILE, r"type (?P<type>\w+), (?P<attributes>\w+(?:, \w+)*);",
                 r"allow (?P<domain>\w+) (?P<target>\w+):(?P<kind>\w+) (?P<rights>\w+|\{[ \w]+\});",
@@ -169,7 +175,7 @@ class Policy:
         # name: (type, values)
         self.properties = {m[1]: (m[2], set(m[3].split())) for m in shaped_lines(
             root, self.PROPERTIES, r"(\S+) u:object_r:(\w+):s0 exact enum ([\w ]+)")}
-        # What a rule cannot spell stands in a comment behind it, or behind "# domain:".
+        # Names that a rule cannot contain are in a comment after the rule, or after "# domain:".
         text = (root / self.FILE).read_text()
         behind = re.findall(r"^(\w+)\b[^#\n]*#([^\n]*)", text, re.M)
         self.comments = [(rule, word) for rule, words in behind for word in words.split()]

@@ -1,4 +1,4 @@
-"""The differences that were found."""
+"""The list of differences that the checks have found."""
 
 errors = []
 
@@ -8,7 +8,7 @@ def complain(file, text):
 
 
 def compare(wanted, wanted_file, present, present_file, kind):
-    """Both ways; each side is a set of values."""
+    """Reports the values that only one of the two sets has."""
     for value in sorted(wanted - present):
         complain(present_file, f"{kind} {value} of {wanted_file} is missing")
     for value in sorted(present - wanted):

@@ -1,4 +1,4 @@
-"""Sees every kind of difference reported, on changed copies."""
+"""Changes copies of the files and checks that each kind of difference is reported."""
 import pathlib
 import shutil
 import tempfile
@@ -7,9 +7,9 @@ from . import report
 from .symbols import check_symbols
 from .tree import check_tree
 
-# A file, what is replaced in it by what, and what the complaint has to name.
+# A file, a text in it, the text that replaces it, and a text that the complaint must contain.
 MUTATIONS = [
-    # What the sources name of the phone.
+    # The names of the phone's files, devices, sockets and properties in the sources.
     ("src/core/quarn.cpp", '"/data/vendor/radio/quarn/"', '"/data/vendor/other/"', "/data/vendor/other"),
     ("src/core/quarn.cpp", '"/data/vendor/radio/quarn/"', '"/data/vendor/%s/"', "/data/vendor/%s"),
     ("src/core/quarn.cpp", '"/data/vendor/radio/quarn/"', '"/data" "/other/"', "/data/other"),
@@ -87,7 +87,7 @@ MUTATIONS = [
     ("android/sepolicy/quarn.te", "create setopt bind", "create bind", "setopt of src"),
 ]
 
-# What builds with _FORTIFY_SOURCE and with checked descriptors call beside.
+# Functions that only builds with _FORTIFY_SOURCE and with checked descriptors call.
 HARDENED = {
     "__FD_CLR_chk", "__open_2", "__recvfrom_chk", "__strlen_chk", "__umask_chk", "__vsnprintf_chk",
     "__write_chk", "android_fdsan_close_with_tag", "android_fdsan_create_owner_tag",
@@ -102,7 +102,7 @@ def complaints(root):
 
 
 def mutate(copy, name, old, new, named):
-    """Returns what is wrong with the check, or nothing."""
+    """Returns a list with the failure of the check, or an empty list."""
     text = (copy / name).read_text()
     if old not in text:
         return [f"{name}: {old!r} is not in it"]

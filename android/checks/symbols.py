@@ -1,4 +1,4 @@
-"""Holds the undefined symbols of a build against the C library of a phone."""
+"""Checks that the undefined symbols of a build exist in the C library of a phone."""
 import re
 import subprocess
 
@@ -17,7 +17,7 @@ def nm(option, file):
 
 
 def closed_functions(root):
-    """Those that the headers of the closed libraries declare."""
+    """Returns the functions that the headers of the closed libraries declare."""
     headers = (root / "src/platform").glob("*.h")
     return set(re.findall(r"\b(\w+)\(", " ".join(h.read_text() for h in headers)))
 
@@ -34,7 +34,7 @@ def check_symbols(root, names):
             level[words[0]] = int(words[1]) if len(words) > 1 else 21
     closed = closed_functions(root)
     for name in sorted(names):
-        # C++, and what the compiler brings with sanitizers, coverage and atomics.
+        # C++ names, and functions of the compiler's runtime for sanitizers, coverage and atomics.
         if re.match(r"_Z|__(asan|ubsan|tsan|lsan|sanitizer|sancov|llvm|gcov|aarch64)_", name):
             continue
         name = phone_name.get(name, name)

@@ -1,4 +1,4 @@
-"""Holds android/ and the build files against src/."""
+"""Checks that android/ and the build files agree with src/."""
 import re
 
 from .readers import (Blueprint, Named, Policy, cpp_calls, cpp_sources, included_libraries,
@@ -12,13 +12,13 @@ SERVICE = "android/quarn.rc"
 NODES = "android/ueventd.quarn.rc"
 DEFAULTS = "android/quarn_default.cfg"
 
-# The settings that a new phone begins with.
+# The settings of a new phone.
 DEFAULT_SETTINGS = {"transfer_type", "file_size", "recycle_size", "recycle_ee", "recycle_keep_ee_size",
                     "flush_interval", "log_mode"}
-# Headers of src/platform that declare Android's own functions. The others are the closed libraries'.
+# The headers of src/platform that declare functions of Android. The others are of the closed libraries.
 ANDROID_HEADERS = {"quarn_log.h", "system_properties.h"}
-# What a call, or a flag of a call, asks of SELinux, by class. Reading and writing an open file asks for
-# nothing that opening it did not ask for. fsync, syncfs, lseek and fcntl ask for nothing.
+# The SELinux rights that a call or a flag of a call needs, by class. To read and write an open file needs no
+# more rights than to open it. fsync, syncfs, lseek and fcntl need no rights.
 RIGHTS = {name: rights for names, rights in {
     "open openat": {"dir": "search", "file": "open", "chr_file": "open"},
     "O_RDONLY": {"file": "read", "chr_file": "read"},
@@ -46,10 +46,10 @@ RIGHTS = {name: rights for names, rights in {
     "getsockname": {"netlink_kobject_uevent_socket": "getattr"},
     "recv recvfrom recvmsg": {"netlink_kobject_uevent_socket": "read"},
 }.items() for name in names.split()}
-# A type of the policy, its classes, the sources whose calls reach it, and what they call for other types.
+# A type of the policy, its classes, the sources that access it, and calls there that access other types only.
 USES = [
     ("quarn_data_file", {"dir", "file"}, "**/*", set()),
-    # Copying reads the daemon's own folder only. A folder that it opens by O_PATH needs no right.
+    # The copy command reads only the daemon's own folder. Opening a folder with O_PATH needs no right.
     ("quarn_copy_target", {"dir", "file"}, "control/copy_log_file.cpp",
      {"O_RDONLY", "O_DIRECTORY", "opendir", "scandir"}),
     ("quarn_filter_file", {"dir", "file"}, "modem/log_filter_manager.cpp", set()),
@@ -57,11 +57,11 @@ USES = [
     ("mnt_vendor_file", {"dir", "lnk_file"}, "storage/custom_header.cpp", set()),
     ("self", {"netlink_kobject_uevent_socket"}, "modem/quarn_event_detect.cpp", set()),
 ]
-# The rules that no call of src tells.
+# The rules that no call in src needs.
 OTHER_RULES = {
-    # On the way to the daemon's folder.
+    # The folders above the daemon's folder.
     ("quarn", "vendor_data_file", "dir"): {"search"},
-    # The closed libraries' calls are not known.
+    # It is not known which calls the closed libraries make.
     ("quarn", "quarn_ipc_device", "chr_file"): {"rw_file_perms"},
     ("quarn", "quarn_log_device", "chr_file"): {"rw_file_perms"},
     # The clients.
@@ -69,7 +69,7 @@ OTHER_RULES = {
     ("quarn_client", "quarnctl_exec", "file"):
         {"getattr", "open", "read", "execute", "execute_no_trans", "map"},
 }
-# The attributes of a type, by its ending.
+# The attributes of a type, by the ending of its name.
 TYPE_ATTRIBUTES = {
     "_exec": {"exec_type", "vendor_file_type", "file_type"},
     "_data_file": {"file_type", "data_file_type"},
@@ -79,7 +79,7 @@ TYPE_ATTRIBUTES = {
 
 
 def check_modules(root):
-    """Returns what the build installs: paths of programs and of files in /vendor/etc."""
+    """Checks the build files. Returns the paths of the installed programs and of the files in /vendor/etc."""
     build, library, tool = (Blueprint(root, name) for name in (BUILD, LIBRARY, TOOL))
     sources = cpp_sources(root / "src")
     present = {str(f.relative_to(root / "src")) for f in sources if f.suffix == ".cpp"}
@@ -132,7 +132,7 @@ def check_modules(root):
 
 
 def check_folders(src, made, account):
-    """`made`: mode and owner of each folder that init makes."""
+    """Checks the folders that init creates. `made` has the mode and the owner of each."""
     data = {p for p in src.paths if p.startswith("/data/")}
     for folder in sorted(made.keys() - data):
         complain(SERVICE, f"folder {folder} is not the daemon's own")
@@ -145,7 +145,7 @@ def check_folders(src, made, account):
 
 
 def check_service(root, src, programs):
-    """Returns user and group of the service."""
+    """Checks the service. Returns its user and group."""
     sections = init_sections(root, SERVICE)
     services = {line: words for line, words in sections.items() if line.startswith("service")}
     compare({"service " + p.split("/")[-1] + " " + p for p in programs if p.endswith("/quarn")},
@@ -153,7 +153,7 @@ def check_service(root, src, programs):
     options = {w[0]: w[1:] for words in services.values() for w in words}
     compare({"class", "user", "group", "capabilities"}, "android/checks/tree.py", set(options), SERVICE,
             "option")
-    # Another class may be started before /data is there, or never.
+    # A service of another class may start before /data is mounted, or never.
     for option, wanted in (("class", ["late_start"]), ("capabilities", [])):
         if options.get(option, wanted) != wanted:
             complain(SERVICE, f"{option} is {' '.join(options[option])}")
@@ -182,7 +182,11 @@ def check_nodes(root, src, policy, account):
 
 
 def check_labels(policy, known, elsewhere):
-    """`known`: what the daemon or the build owns; `elsewhere`: what the platform or a device labels."""
+    """Checks the labels of paths.
+
+    `known` are the paths that the daemon or the build creates, `elsewhere` the paths that the platform or a
+    device labels.
+    """
     for path in sorted(known):
         if not policy.label(path):
             complain(policy.CONTEXTS, f"path {path} is missing")
@@ -199,7 +203,7 @@ def check_labels(policy, known, elsewhere):
 
 
 def needed_rights(root):
-    """Returns the rights by domain, type and class that the calls in src need."""
+    """Returns a dictionary from (domain, type, class) to the rights that the calls in src need."""
     needed = dict(OTHER_RULES)
     for target, classes, pattern, others in USES:
         calls = {call for file in (root / "src").glob(pattern) if file.suffix in (".cpp", ".h")
@@ -211,7 +215,7 @@ def needed_rights(root):
 
 
 def check_rights(root, policy):
-    """The policy allows what is needed, and no more."""
+    """Checks that the policy allows the needed rights and no others."""
     needed = needed_rights(root)
     for rule in sorted(needed.keys() | policy.allowed.keys()):
         domain, target, kind = rule
@@ -220,7 +224,7 @@ def check_rights(root, policy):
     for name, attributes in sorted(policy.types.items()):
         wanted = next((a for end, a in TYPE_ATTRIBUTES.items() if name.endswith(end)), set())
         compare(wanted, "android/checks/tree.py", attributes, policy.FILE, f"type {name} as")
-    # A device's own policy may be read before ours, but not before the files "attributes".
+    # The build may read a device's own policy before quarn.te, but not before the files "attributes".
     used = {name for rule in policy.allowed for name in rule[:2] if name.startswith("quarn")}
     compare(used - policy.types.keys(), policy.FILE, policy.attributes, policy.ATTRIBUTES, "attribute")
 

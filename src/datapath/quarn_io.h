@@ -30,8 +30,8 @@ class QUARN_IO {
     virtual int io_close() = 0;
 
     // Writes `len` bytes to `fd` in at most five attempts, 50 ms apart. Returns `len` if all bytes
-    // were written, else -1; bytes that were written before the failure stay written. Between two
-    // attempts it checks `is_closed`, and fails if another thread has set it. Takes no lock.
+    // were written, else -1; bytes that were written before the failure stay written. Before each
+    // attempt it checks `is_closed`, and fails if another thread has set it. Takes no lock.
     int common_write(const void* buf, int len);
 
     const QUARN_IO_TYPE io_type;

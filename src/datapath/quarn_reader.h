@@ -30,7 +30,7 @@ class QUARN_READER_HANDLE : public QUARN_HANDLE {
 
   private:
     void read_loop();
-    // Makes the thread read into `g_ring`, with a restart of the thread if it uses another ring.
+    // If the handle has another ring, replaces it by `g_ring` and restarts the thread.
     void reattach();
 
     std::thread thread;

@@ -35,9 +35,9 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
     // Waits 1.5 s, then up to `timeout_ms` milliseconds until the ring is empty. Returns after the
-    // 1.5 s if the host of a USB or socket channel does not read. Returns at once if the writer has
-    // been stopped or is stopped during the wait, since nothing drains the ring then. A writer that
-    // has never been started does not end the wait.
+    // 1.5 s if the USB host has read nothing meanwhile, or if no socket host is connected. Returns
+    // at once if the writer has been stopped or is stopped during the wait, since nothing drains
+    // the ring then. A writer that has never been started does not end the wait.
     void wait_buffer_clean(unsigned int timeout_ms);
 
   protected:

@@ -15,7 +15,7 @@ class AppendUndo {
     // owned. REQUIRES: no other thread or process writes to the file.
     explicit AppendUndo(int file) : fd(file), end(lseek(file, 0, SEEK_END)) {}
 
-    // Cuts the file back to the remembered end. Returns true on success, or false with errno set.
+    // Cuts the file back to the remembered end. Returns true on success.
     bool Undo() const { return end >= 0 && ftruncate(fd, end) == 0; }
     // Returns the number of bytes by which the file has grown.
     size_t Stayed() const {

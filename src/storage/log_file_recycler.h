@@ -50,7 +50,7 @@ struct LogFileInfo {
 // - The recycler deletes no links. It deletes the target folder of a link only if that folder is
 //   listed as a capture.
 //
-// REQUIRES: the storage channel's `io_mutex` and `recycle_mutex` are held.
+// Not thread-safe. The storage channel calls it while holding `io_mutex` and `recycle_mutex`.
 class LogFileRecycler {
   public:
     static LogFileRecycler* GetInstance();

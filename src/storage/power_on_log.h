@@ -3,20 +3,18 @@
 // its last byte is a zero.
 //
 // States:
-// - 0, not initialised: `PowerOnLogInit` leads to state 1.
-// - 1, initialised: the next new capture folder creates the file and leads to state 2.
-// - 2, writing: 60 s after `PowerOnLogInit`, at 50 MiB, after a failed write, or at a stop, the log
-//   enters state 3.
-// - 3, stopped. The file stays open until the next `PowerOnLogWrite` or `PowerOnLogDeInit`, which
-//   appends the zero byte and closes it.
-//
-// If the file was deleted or cut, the next write closes it without the zero byte and enters
-// state 3.
+// - 0, not initialised. `PowerOnLogInit` changes the state to 1.
+// - 1, initialised. `PowerOnLogStart` creates the file and changes the state to 2.
+// - 2, writing. At 50 MiB, or after a failed write, the state changes to 3. If the file was deleted
+//   or cut, the next write closes it without the zero byte and changes the state to 3.
+// - 3, stopped. States 1 and 2 change to 3 at the end of the first minute, or at a stop. The file
+//   is still open: the next `PowerOnLogWrite`, or `PowerOnLogDeInit`, appends the zero byte and
+//   closes it.
 //
 // The power-on mutex guards the state and the file. PowerOnLogStop joins the event thread while
 // holding this mutex. To avoid a deadlock, once a stop has begun every other caller fails to lock
-// it and behaves as if the log were stopped. Only another stop waits for it. While a thread holds
-// the power-on mutex, it locks only `md_info_mutex` and the mutex on which the event thread waits.
+// the mutex and behaves as if the log were stopped. Only another stop waits for the mutex. A thread
+// that holds it locks only `md_info_mutex` and the mutex on which the event thread waits.
 #pragma once
 
 #include <ctime>

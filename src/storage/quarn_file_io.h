@@ -23,8 +23,8 @@
 // This class has the locks, the settings and the order of the steps. The block buffer, the log file
 // and the capture tree perform the steps; these three do not use each other.
 //
-// The operations are thread-safe unless a comment says otherwise. They return 0 on success and -1
-// on failure, also unless a comment says otherwise.
+// Unless a comment says otherwise, the operations are thread-safe, and return 0 on success and -1
+// on failure.
 //
 // Lock order: `io_mutex`; then one of `recycle_mutex`, `folder_name_mutex` and the power-on mutex
 // (power_on_log.h); then one of the history mutex, `md_info_mutex` and the file sync's mutex.
@@ -75,10 +75,11 @@ class QUARN_FILE_IO : public QUARN_IO {
     int set_log_folder(std::string path);
     std::string get_log_folder();
 
-    // The creation time of the current capture folder, or 0; and the path of the current capture
-    // folder, or of the last one. Not thread-safe. REQUIRES: no other operation of the channel
-    // runs, or the caller is called by one.
+    // Returns the creation time of the open capture's folder, or 0 if no capture is open.
+    // REQUIRES: no other operation of the channel runs, or one of them is the caller.
     time_t get_cur_folder_time() const { return capture.folder_time(); }
+    // Returns the folder of the open capture, or else of the last one. Empty if none is known.
+    // REQUIRES: as above.
     std::string get_latest_folder_path() const { return capture.latest_folder(); }
 
     // No capture folder is renamed between the two calls.
