@@ -49,13 +49,15 @@ class LogFilterManagerHandle : public QUARN_HANDLE {
     LogFilterManagerHandle() : QUARN_HANDLE(HANDLE_LOG_FILTER_MANAGER) {}
 
     int32_t init() override;
-    // Returns 0 on success, 1 on failure. This is the only handle whose result callers use.
+    // Returns 0 on success, 1 on failure. Callers use this result, unlike the results of other
+    // handles.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
     // Replace the pending command. Return false and keep the old one if the value is refused.
     bool SetLogLevel(int level);
     bool SetLogFilter(const char* path);
-    // Sends the pending command, with up to three attempts. Returns true on success.
+    // Sends the pending command, with up to three attempts. Returns true if the first or the second
+    // attempt succeeds. The third attempt counts as failed even if it succeeds.
     bool SendSetCommand();
 
   private:

@@ -153,7 +153,8 @@ bool QUARN_TOOL_HANDLE::create_thread(Thread& thread, const char* name, Thread::
 }
 
 // Creates the thread that recovers the port, and begins to listen. Returns false if the thread
-// could not be created. Does nothing after `stop`. REQUIRES: a host is connected.
+// could not be created. Does nothing after `stop`. Called when a USB port is open or a host has
+// connected.
 bool QUARN_TOOL_HANDLE::begin_serving() {
     {
         std::lock_guard lock(tool_mutex);

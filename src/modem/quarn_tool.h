@@ -16,8 +16,8 @@
 // waits for a host. Then the tool library passes the host's messages to the modem.
 //
 // `start` and `stop` may be called from any thread. `exec` runs on the thread of its caller. `stop`
-// takes at most as long as opening the channel takes. On a socket channel it may also wait up to 5
-// s for the end of a wait for a host.
+// takes at most as long as opening the channel takes. On a socket channel it also ends a wait for a
+// host, which takes up to 5 s.
 class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_TOOL_HANDLE() : QUARN_HANDLE(HANDLE_TOOL) {}
@@ -65,20 +65,24 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     // Recovers the port after an error. Created by `start` or by `wait_connect_thread`.
     Thread host_port_error_thread;
 
-    // Held during each call of the tool library. It is also held while `host_port_error_thread` is
-    // created and listening begins: so that thread cannot end listening before it has begun. The
-    // start of listening checks `running` under this mutex, so it cannot come after `stop` has
-    // ended listening.
+    // Held during each call of the tool library. Also held from the creation of
+    // `host_port_error_thread` until listening has begun, so that this thread cannot end listening
+    // too early. Before listening begins, `running` is checked under this mutex, so that listening
+    // cannot begin after `stop` has ended it.
     std::mutex listen_mutex;
 
     // Guards the fields below. Held for a moment only. A recovery does not hold it, because a
     // recovery may wait for a host without a limit, and the thread that reports a port error
     // meanwhile holds `exec_mutex`.
     std::mutex tool_mutex;
-    std::condition_variable tool_cond;  // notified when `port_error` is set or `running` is cleared
-    bool started = false;               // the channel is open and must be shut down
-    bool gave_up = false;     // a thread has ended by itself: the next `start` starts anew
-    bool port_error = false;  // a port error has not been handled yet
+    // Notified when `port_error` is set or `running` is cleared.
+    std::condition_variable tool_cond;
+    // The channel is open and must be shut down.
+    bool started = false;
+    // A thread has ended by itself. The next `start` shuts everything down first.
+    bool gave_up = false;
+    // A port error has not been handled yet.
+    bool port_error = false;
     // The host is served. Written under `tool_mutex`.
     std::atomic<bool> running{false};
 };
