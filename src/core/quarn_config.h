@@ -15,8 +15,9 @@ constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
 // Loads the file at `path` and applies the settings. Creates a missing file as a copy of the
 // factory default first. If `log_mode_only` is not 0, reads and applies only the log mode.
 //
-// Returns 0 on success. Stops at the first setting that is refused and returns -1 or the code of
-// its setter; the settings before it stay applied.
+// Returns 0 on success. If a number with a setter in the table or the log mode is refused, stops
+// there and returns the setter's code or -1; the settings before it stay applied. If the folder,
+// the level, the filter or the flush interval is refused, logs that and goes on.
 int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 
 // Saves `value` for `key`. Replaces every line that holds `key`, or appends a line if there is

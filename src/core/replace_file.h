@@ -20,9 +20,8 @@ enum class Replaced {
 // - Creates the file "<path>.new". A file, a link or a pipe of this name is removed first, since a
 //   process that was killed may have left one. A folder of this name is a failure.
 // - Calls `write` to fill the new file. `write` returns false with errno set on failure.
-// - Syncs the new file, renames it to `path` and syncs the folder. A link at `path` is replaced,
-// not
-//   followed.
+// - Syncs the new file, renames it to `path` and syncs the folder. A link at `path` is replaced;
+//   the file that it leads to is left alone.
 //
 // After a kill or a power cut at any moment, `path` is either the complete old file or the complete
 // new one. The new file has the mode of the old one, or `mode` if there was no old one.
