@@ -15,7 +15,8 @@ constexpr std::chrono::milliseconds kInterval(2);
 constexpr int kBurst = 100;
 
 std::mutex turn_mutex;
-Clock::time_point next_turn;  // in the past while turns are left of the burst
+// Guarded by `turn_mutex`. In the past as long as turns of the burst are left.
+Clock::time_point next_turn;
 
 Clock::time_point TakeTurn() {
     std::lock_guard lock(turn_mutex);

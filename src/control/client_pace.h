@@ -1,12 +1,16 @@
-// How fast clients may be served.
+// Limits how fast clients are served.
 #pragma once
 
 namespace quarn::zorvex {
 
-// Clients that connect or send without pause must take neither the processor from the capture nor
-// the Android log from other programs. So each new client, and each piece of a request, waits for
-// its turn: 100 at once, then one every 2 ms, of both sockets together. Thread-safe: a caller holds
-// no lock while it waits, and waits for 2 ms per waiting thread at most.
+// Waits for the next turn. A listener takes one turn for each new client and for each piece of a
+// request. Up to 100 turns are free at once; after that there is a turn every 2 ms. Both sockets
+// share these turns.
+//
+// Without this limit, clients that connect or send without a pause could take the processor from
+// the capture, and fill the Android log that other programs use too.
+//
+// Thread-safe. No lock is held during the wait. Blocks for up to 2 ms per waiting thread.
 void AwaitClientTurn();
 
 }  // namespace quarn::zorvex

@@ -41,25 +41,26 @@ constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
 constexpr const char* kListName = "copied_folder_list";
 constexpr const char* kListHeader = "List from oldest to newest";
 
-// In the place of a file a client may have put a pipe, which is not waited for, or a link to a file
-// that it could not write to itself.
+// A client may have put a pipe or a link in place of a file. O_NONBLOCK keeps `open` from waiting
+// for the other end of a pipe. O_NOFOLLOW refuses a link, which may lead to a file that the client
+// itself may not write to.
 constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW;
 constexpr mode_t kFolderMode = 0777;
 constexpr mode_t kFileMode = 0644;
 constexpr long kMaxLimitMb = 2047;
 constexpr int kBytesPerMb = 1024 * 1024;
 
-// What `CopyFile` returns.
+// The results of `CopyFile`.
 constexpr int kNotOpened = 0;
 constexpr int kNotCopied = 1;
 constexpr int kCopied = 2;
 
 // --- one file ---
 
-// An open file that is closed, with a message on failure, at the end.
+// Owns a descriptor. The destructor closes it, and logs an error if that fails.
 class OpenFile {
   public:
-    // Owns `opened`, what opening the file gave; says so, with errno, when that failed.
+    // `opened` is the result of `open`. If `open` failed, logs the error with errno.
     OpenFile(const std::string& file_path, int opened) : path(file_path), fd(opened) {
         if (fd < 0) {
             QUARN_LOGE("%s: Error opening file %s: %s", "CopyFile", path.c_str(), strerror(errno));
@@ -81,7 +82,7 @@ class OpenFile {
     const int fd;
 };
 
-// Not every pair of file systems can copy between themselves.
+// Returns true if the kernel cannot copy between these two file systems.
 bool IsUnsupported(int error) {
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP;
 }
@@ -90,7 +91,8 @@ bool IsSame(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// One attempt at the first `size` bytes: the bytes copied, or -1 with errno.
+// Makes one attempt to copy the first `size` bytes. Returns the number of bytes copied, or -1 with
+// errno set.
 ssize_t CopyRange(int source, int destination, size_t size) {
     off64_t from = 0;
     off64_t to = 0;
@@ -100,7 +102,8 @@ ssize_t CopyRange(int source, int destination, size_t size) {
     return sendfile64(destination, source, &start, size);
 }
 
-// As `CopyFile`, whose destination is the file `name` in the open `folder` here.
+// Does the work of `CopyFile`. The destination is the file `name` in the open folder `folder`;
+// `destination` is its path for messages.
 int CopyFileInto(int folder, const std::string& name, const std::string& source,
                  const std::string& destination, int& copied) {
     copied = 0;
@@ -114,7 +117,8 @@ int CopyFileInto(int folder, const std::string& name, const std::string& source,
         QUARN_LOGD("%s: Error getting state %s: %s", "CopyFile", source.c_str(), strerror(errno));
         return kNotCopied;
     }
-    // Emptied only now: whatever way leads from one to the other, the log must not be lost.
+    // The destination may be the log file itself, under another name. So it is emptied only after
+    // this check.
     struct stat target;
     if (fstat(to.get(), &target) == 0 && IsSame(target, status)) {
         QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(),
@@ -125,7 +129,7 @@ int CopyFileInto(int folder, const std::string& name, const std::string& source,
         QUARN_LOGE("%s: Error copying file %s: %s", "CopyFile", source.c_str(), strerror(errno));
         return kNotCopied;
     }
-    // The kernel moves less than 2 GiB at once, so the result fits.
+    // The kernel copies less than 2 GiB in one call, so an int holds the result.
     const ssize_t moved = CopyRange(from.get(), to.get(), static_cast<size_t>(status.st_size));
     copied = static_cast<int>(moved);
     if (moved < 0) {
@@ -141,7 +145,7 @@ int CopyFileInto(int folder, const std::string& name, const std::string& source,
 
 // --- one folder ---
 
-// The directory entries of a folder, as `scandir` allocates them.
+// The log files of a folder. Owns the entries that `scandir` allocates.
 class ScannedFolder {
   public:
     explicit ScannedFolder(const std::string& path)
@@ -170,10 +174,10 @@ class ScannedFolder {
 
   private:
     dirent** entries = nullptr;
-    const int count;  // negative: could not be read
+    const int count;  // negative: the folder could not be read
 };
 
-// While it lives no capture folder is renamed.
+// While this lock is held, no capture folder is renamed.
 class FolderNameLock {
   public:
     explicit FolderNameLock(QUARN_FILE_IO& storage) : file_io(storage) {
@@ -187,8 +191,8 @@ class FolderNameLock {
     QUARN_FILE_IO& file_io;
 };
 
-// Records carry the finished name, which the newest capture and one with an exception do not bear.
-// Call with the folder-name lock held.
+// Returns the path that the folder of this record has now. A record holds the name of a finished
+// capture without an exception; other captures have a suffix. REQUIRES: folder_name_mutex is held.
 std::string FindFolder(const std::string& record) {
     for (const std::string_view suffix : {std::string_view(), log_names::kUnfinished,
                                           log_names::kUnfinishedException, log_names::kException}) {
@@ -200,8 +204,8 @@ std::string FindFolder(const std::string& record) {
 
 enum class Walk { kGoesOn, kEnded };
 
-// Copies the listed files, newest first, until one does not fit into `room`. `copied` gets the sum.
-// `destination` is the path of the open `folder`.
+// Copies the files `names`, newest first, until one does not fit into the remaining `room` bytes.
+// `copied` gets the number of bytes copied. `destination` is the path of the open folder `folder`.
 Walk CopyFiles(const std::vector<std::string>& names, const std::string& source, int folder,
                const std::string& destination, int64_t room, int64_t& copied) {
     for (const std::string& name : names) {
@@ -212,7 +216,8 @@ Walk CopyFiles(const std::vector<std::string>& names, const std::string& source,
             continue;
         }
         if (status.st_size + copied > room) return Walk::kEnded;
-        // The file that is still being filled keeps its ".tmp", which tells that it is not whole.
+        // The copy of the file that is still being written keeps its suffix ".tmp": the suffix
+        // shows that the copy is not complete.
         int file_copied = 0;
         if (CopyFileInto(folder, name, path, destination + "/" + name, file_copied) == kCopied) {
             copied += file_copied;
@@ -221,11 +226,11 @@ Walk CopyFiles(const std::vector<std::string>& names, const std::string& source,
     return Walk::kGoesOn;
 }
 
-// What a walk over the folders has done so far.
+// What has been copied so far.
 struct Copies {
     int64_t total = 0;  // bytes
     int64_t limit;
-    std::deque<std::string> records;  // of the folders, oldest first
+    std::deque<std::string> records;  // of the copied folders, oldest first
 };
 
 Walk CopyLogFileFromFolder(const std::string& record, const std::string& directory,
@@ -238,7 +243,7 @@ Walk CopyLogFileFromFolder(const std::string& record, const std::string& directo
         QUARN_LOGE("%s: Error creating folder %s: %s", "CopyLogFileFromFolder", destination.c_str(),
                    strerror(errno));
     }
-    // Whoever may write to the directory may have put a link in the folder's place.
+    // A program that may write to the directory may have put a link in place of the folder.
     const unique_fd folder(
         open(destination.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (folder < 0) {
@@ -278,8 +283,9 @@ std::vector<std::string> SplitWords(const char* text) {
     return words;
 }
 
-// Whether the directory is the log folder, the top one or the one of the moment, or lies in it, by
-// whatever links lead there. True as well when it cannot be told.
+// Returns true if the directory is a log folder or lies in one, also through links. Both the top
+// log folder and the current one count. Also returns true if the directory's path cannot be
+// resolved.
 bool LiesInLogFolder(const std::string& directory) {
     std::string path;
     if (!android::base::Realpath(directory, &path)) return true;
@@ -310,7 +316,7 @@ bool IsUsableDirectory(const std::string& directory) {
     return true;
 }
 
-// `limit` in bytes.
+// Reads a number of MB. `limit` gets the number of bytes.
 bool ParseLimit(const std::string& word, int& limit) {
     char* end = nullptr;
     errno = 0;
@@ -342,7 +348,7 @@ int HandleCommandCopyLogFile(const char* arg, char* ack) {
     }
     const std::string& directory = words[0];
     const std::string& flag = words[2];
-    // All three are looked at, so that the log names all that is wrong.
+    // All three words are checked even if one is wrong, so that the log shows every mistake.
     bool valid = IsUsableDirectory(directory);
     int limit = 0;
     valid = ParseLimit(words[1], limit) && valid;
@@ -399,7 +405,7 @@ int FilterByMDMCULogPrefix(const dirent* entry) {
 
 namespace {
 
-// The first run of digits directly followed by "_"; 0 when there is none.
+// Returns the first number that is directly followed by "_", or 0 if there is none.
 int SerialNumber(std::string_view name) {
     const auto is_digit = [](char c) { return c >= '0' && c <= '9'; };
     const char* const end = name.data() + name.size();
@@ -408,7 +414,7 @@ int SerialNumber(std::string_view name) {
         at = std::find_if_not(first, end, is_digit);
         if (first == at || at == end || *at != '_') continue;
         int serial = 0;
-        std::from_chars(first, at, serial);  // left 0 when it is too large
+        std::from_chars(first, at, serial);  // stays 0 if the number is too large
         return serial;
     }
     return 0;

@@ -1,5 +1,5 @@
-// The command "copy_log_file": a snapshot of the newest log files in a folder of the client's
-// choice.
+// The command "copy_log_file". It copies the newest log files into a folder that the client
+// chooses.
 #pragma once
 
 #include <dirent.h>
@@ -8,16 +8,19 @@
 
 namespace quarn::zorvex {
 
-// A handler as quarn_command.h has them.
+// A `quarn_command_handler` of quarn_command.h.
 int HandleCommandCopyLogFile(const char* arg, char* ack);
 
-// Copies the power-on log and the newest log files, `limit` bytes at most; the bytes copied.
+// Copies the power-on log, then the newest log files, into `directory`. Stops before the first log
+// file that would make all copies together larger than `limit` bytes. If `flush_first` is set,
+// flushes all log buffers before. Returns the number of bytes copied.
 int CopyLatestLogFile(const std::string& directory, int limit, bool flush_first);
 
-// 0 a file could not be opened, 1 opened but not copied, 2 copied. `copied` gets the bytes.
+// Copies one file. Returns 0 if one of the files could not be opened, 1 if both were opened but
+// nothing was copied, 2 on success. `copied` gets the number of bytes.
 int CopyFile(const std::string& source, const std::string& destination, int& copied);
 
-// For scandir.
+// The filter and the order for `scandir`: log files only, highest serial number first.
 int FilterByMDMCULogPrefix(const dirent* entry);
 int SortBySerialNumber(const dirent** a, const dirent** b);
 

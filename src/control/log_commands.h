@@ -1,4 +1,5 @@
-// The commands "log_folder" and "flush_log_buffer"; handlers as quarn_command.h has them.
+// The commands "log_folder" and "flush_log_buffer". Both are a `quarn_command_handler` of
+// quarn_command.h.
 #pragma once
 
 namespace quarn::zorvex {

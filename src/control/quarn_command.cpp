@@ -26,7 +26,7 @@ using protocol::kLogLevels;
 using protocol::kLogModes;
 using protocol::kTransferTypes;
 
-// The last byte of a request buffer stays NUL, whatever the client sent.
+// One byte more than a request: the last byte is always NUL.
 constexpr size_t kRequestBufferSize = protocol::kMaxRequest + 1;
 
 template <size_t N>
@@ -41,7 +41,7 @@ const char* name_of(const std::array<const char*, N>& names, int value) {
 
 const char* text_or_null(const char* text) { return text != nullptr ? text : "(null)"; }
 
-// --- replies; false, with a message, when one could not be formatted ---
+// --- replies: return false, with a message, if the reply could not be formatted ---
 
 bool printed(const char* who, int rc) {
     if (rc < 0) QUARN_LOGE("%s: snprintf failed", who);
@@ -56,13 +56,13 @@ bool reply_value(char* ack, const char* who, int value) {
     return printed(who, snprintf(ack, protocol::kReplySize, "%s,%d", "ok", value));
 }
 
-// The result of a handler that failed.
+// Writes the reply of a handler that failed, and returns the handler's result.
 int reply_error(char* ack, const char* who) {
     reply(ack, who, "error");
     return -1;
 }
 
-// The result of a handler that succeeded once its reply stands.
+// Returns the result of a handler that succeeds only if its reply could be formatted.
 int result_of(bool replied) { return replied ? 0 : -1; }
 
 // --- handlers ---
@@ -201,7 +201,7 @@ int quarn_command_handleFileSize(const char* arg, char* ack) {
     return 0;
 }
 
-// How the log names a recycle setting: the handler, the setting, its unit.
+// The texts for a recycle setting in log messages.
 struct RecycleTexts {
     const char* who;
     const char* setting;
@@ -240,7 +240,7 @@ int quarn_command_handleRecycle(const char* arg, char* ack) {
     return 0;
 }
 
-// There is no query: without an argument the manager gets none, and refuses.
+// There is no query. Without an argument, the log filter manager gets null and refuses it.
 int quarn_command_handleLogFilter(const char* arg, char* ack) {
     constexpr const char* kWho = "handleLogFilter";
     QUARN_LOGI("filter path %s\n", text_or_null(arg));
@@ -253,7 +253,8 @@ int quarn_command_handleLogFilter(const char* arg, char* ack) {
 }
 
 int quarn_command_handleFlushRingBuf(const char* /*arg*/, char* ack) {
-    constexpr const char* kWho = "HandleTransferType";  // readers of the log know it so
+    // Not this handler's name, but readers of the log know the message in this form.
+    constexpr const char* kWho = "HandleTransferType";
     int type = 0;
     quarn_getTransferType(&type);
     if (type != SAVE_MODE_STORAGE) {
@@ -273,7 +274,7 @@ using quarn::zorvex::HandleCommandCopyLogFile;
 using quarn::zorvex::HandleCommandFlushLogBuffer;
 using quarn::zorvex::HandleCommandLogFolder;
 
-// The modem runs on a level or on a filter: the one that is saved replaces the other.
+// The modem runs either with a level or with a filter. So saving one of them drops the other.
 constexpr const char* kLevelKey[] = {"log_level"};
 constexpr const char* kFilterKey[] = {"log_filter"};
 
@@ -295,7 +296,7 @@ constexpr std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"flush_log_buffer", 0, 0, 0, HandleCommandFlushLogBuffer, {}},
 }};
 
-// Returns true if a request can reach every row, whatever rows stand before it.
+// Returns true if a request can select every row, that is, no earlier row's name is a prefix of it.
 constexpr bool is_every_row_reached() {
     for (size_t row = 0; row < kCommandTable.size(); ++row) {
         for (size_t earlier = 0; earlier < row; ++earlier) {
@@ -307,7 +308,7 @@ constexpr bool is_every_row_reached() {
 }
 static_assert(is_every_row_reached());
 
-// The first row whose name the request begins with; null when there is none.
+// Returns the first row whose name is a prefix of the request, or null if there is none.
 const QUARN_COMMAND_INFO* find_command(const char* request) {
     for (const QUARN_COMMAND_INFO& command : kCommandTable) {
         if (strncmp(request, command.name, strlen(command.name)) == 0) return &command;
@@ -315,7 +316,7 @@ const QUARN_COMMAND_INFO* find_command(const char* request) {
     return nullptr;
 }
 
-// Exiting is a request, not a setting: it must not be in force again after the restart.
+// Returns true for the request to exit. It is not saved, since the next start would exit again.
 bool is_exit_request(const QUARN_COMMAND_INFO& command, const char* arg) {
     return arg != nullptr && strcmp(command.name, "transfer_type") == 0 &&
            atoi(arg) == SAVE_MODE_EXIT;
@@ -329,7 +330,7 @@ bool shall_save(const QUARN_COMMAND_INFO& command, const char* arg) {
 }
 
 void run_command(const QUARN_COMMAND_INFO& command, const char* request, char* ack) {
-    // Whatever one character separates the name from its argument.
+    // Any single character separates the name from the argument.
     char copy[kRequestBufferSize] = {};
     const char* arg = nullptr;
     if (const size_t name_length = strlen(command.name); strlen(request) > name_length) {
@@ -350,7 +351,8 @@ void run_command(const QUARN_COMMAND_INFO& command, const char* request, char* a
 std::span<const QUARN_COMMAND_INFO> quarn_commandTable() { return kCommandTable; }
 
 int quarn_ctrlConnCallback(int fd) {
-    // Who asks behind an exit request would hold up the end, or be cut off by it.
+    // After a request to exit no client is served: a request would delay the exit, or the exit
+    // would cut the request off.
     if (g_quarn.is_close) return -1;
     char request[kRequestBufferSize] = {};
     char ack[protocol::kReplySize] = {};
@@ -367,7 +369,7 @@ int quarn_ctrlConnCallback(int fd) {
         reply(ack, "command_handler", "error");
     }
 
-    // A local socket takes a whole block or nothing of it.
+    // A local socket takes either the whole block or nothing.
     const int rc = quarn_ctrlConn_sendData(fd, ack, sizeof(ack));
     if (rc < 1) {
         QUARN_LOGE("command_handler: send cmd ack=%s fail, rc=%d, errno=%s", ack, rc,

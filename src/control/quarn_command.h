@@ -1,5 +1,5 @@
-// The command table: what local clients can ask and set. docs/control-protocol.md is the page
-// beside it.
+// The command table: what local clients can query and set. docs/control-protocol.md describes the
+// commands.
 #pragma once
 
 #include <cstdint>
@@ -9,21 +9,22 @@
 #include "control/transfer_type.h"
 #include "core/quarn_handle.h"
 
-// `arg` is null in a query. `ack` is a zeroed reply block (protocol::kReplySize). 0 on success, -1
-// on failure.
+// `arg` is null in a query. `ack` is a zeroed reply block of protocol::kReplySize bytes, into which
+// the handler writes the reply. Returns 0 on success, -1 on failure. Called by the thread of the
+// command socket, for one request at a time.
 typedef int (*quarn_command_handler)(const char* arg, char* ack);
 
 struct QUARN_COMMAND_INFO {
-    // Matched as a prefix of the request.
+    // A request selects the first row whose name is a prefix of the request.
     const char* name;
-    // Saved whatever the transfer type.
+    // 1: the value is saved without the check for the request to exit.
     uint32_t save_unfiltered;
-    // Never saved.
+    // 1: the value is never saved.
     uint32_t handle_only;
-    // Saved when the handler returned 0.
+    // 1: the value is saved if the handler returned 0.
     uint32_t save_on_success;
     quarn_command_handler handler;
-    // Whose lines a saved line of this key replaces.
+    // Keys whose lines are dropped from the configuration file when this command is saved.
     std::span<const char* const> related_keys;
 };
 
@@ -32,12 +33,12 @@ std::span<const QUARN_COMMAND_INFO> quarn_commandTable();
 class QUARN_COMMAND_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_COMMAND_HANDLE() : QUARN_HANDLE(HANDLE_COMMAND) {}
-    // 0, or 1 when the command socket could not be opened.
+    // Returns 0, or 1 if the command socket could not be opened.
     int32_t start() override;
     int32_t stop() override;
 };
 
 extern QUARN_COMMAND_HANDLE g_command;
 
-// Serves one request of the client: 0 when a reply was sent, else -1.
+// Serves one request of the client. Returns 0 if a reply was sent, otherwise -1.
 int quarn_ctrlConnCallback(int fd);

@@ -39,15 +39,16 @@ struct Client {
     int32_t fd = -1;  // negative: the slot is free
 };
 
-// Started and stopped by one thread, which writes the rest only while there is no listener thread.
+// The server is started and stopped by one thread. That thread writes the variables that are not
+// atomic only while there is no listener thread.
 std::atomic<int> running{0};
-std::atomic<bool> stopping{false};  // ends the wait for the rest of a request
+std::atomic<bool> stopping{false};  // true: the rest of a request is not waited for
 quarn_ctrl_callback handle_request = nullptr;
 int listen_fd = -1;
 quarn::zorvex::ListenerThread listener;
 
-// Guards changes of the slots. Only the listener thread changes them while it runs, so it reads
-// them without.
+// Guards changes of the slots. While the listener thread runs, only that thread changes the slots,
+// so it reads them without this mutex.
 std::mutex client_mutex;
 std::array<Client, quarn::protocol::kMaxClients> clients;
 
@@ -57,7 +58,7 @@ void close_fd(int fd) {
     }
 }
 
-// The listening socket, or -1.
+// Returns the listening socket, or -1.
 int create_listen_socket() {
     const int fd = socket_local_server(quarn::protocol::kCommandSocket,
                                        ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
@@ -79,11 +80,11 @@ int create_listen_socket() {
     return fd;
 }
 
-// Call with `client_mutex` held.
+// REQUIRES: client_mutex is held.
 void free_slot(Client& client) { client = Client(); }
 
 void add_client(int fd) {
-    // A client that never reads its replies holds up the others for that long only.
+    // A client that never reads its replies delays the other clients for at most kSendTimeout.
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kSendTimeout, sizeof(kSendTimeout));
     {
         std::lock_guard lock(client_mutex);
@@ -98,7 +99,7 @@ void add_client(int fd) {
     QUARN_LOGE("ctrl_connect: array full, accept fd=%d fail", fd);
 }
 
-// False when nobody could be accepted.
+// Returns false if `accept4` failed.
 bool accept_client() {
     quarn::zorvex::AwaitClientTurn();
     QUARN_LOGI("ctrl_connect: begin to accept from listen_fd=%d", listen_fd);
@@ -138,7 +139,7 @@ void serve_readable_clients(fd_set& readable) {
     }
 }
 
-// One wait for whatever the clients want, and serving it.
+// Waits once for clients that have sent something or want to connect, and serves them.
 void listen_once() {
     fd_set readable;
     FD_ZERO(&readable);
@@ -162,7 +163,7 @@ void listen_once() {
         return;
     }
     QUARN_LOGI("ctrl_connect: select done");
-    // Whoever is accepted now is not in the set and is served from the next pass on.
+    // A client that is accepted now is not in the set. It is served from the next pass on.
     if (FD_ISSET(listen_fd, &readable) && !accept_client()) {
         std::this_thread::sleep_for(kAcceptFailPause);
         return;
@@ -192,7 +193,7 @@ void end_listener() {
     stopping = false;
 }
 
-// A start that follows would forget them.
+// The next start clears all slots, so open descriptors would be lost.
 void close_clients() {
     std::lock_guard lock(client_mutex);
     for (Client& client : clients) {
@@ -202,7 +203,8 @@ void close_clients() {
     }
 }
 
-// Positive when `fd` can be read, hung up or not; 0 after a time-out; negative on an error.
+// Waits until `fd` can be read. Returns a positive value if it can, even if the client has hung up.
+// Returns 0 after a time-out, and a negative value on failure.
 int wait_for_piece(int fd) {
     pollfd client = {.fd = fd, .events = POLLIN, .revents = 0};
     const quarn::zorvex::ListenerThread::Wait wait(listener);
@@ -225,7 +227,8 @@ int quarn_ctrlConn_startListen(quarn_ctrl_callback callback) {
     }
     QUARN_LOGI("ctrl_connect: create listen_fd=%d success", listen_fd);
     running = 1;
-    // Without its thread the server still counts as started: a later start does not try again.
+    // If the thread cannot be created, the server still counts as started, and a later start does
+    // nothing.
     if (const int error = listener.Create("quarn_ctrl", quarn_ctrlConn_listen_thread); error != 0) {
         QUARN_LOGE("ctrl_connect: ctrlConn thread fail, errno=%d(%s)", error, strerror(error));
         return -1;
@@ -263,7 +266,7 @@ int ReceiveByDelimiter(int fd, char* buf, int max_len, const char* log_prefix) {
     int total = 0;
     while (total < max_len) {
         const int ready = wait_for_piece(fd);
-        // Half a request that a stop cuts off is not served.
+        // When the server stops, a request that is not complete yet is dropped.
         if (stopping) return 0;
         if (ready < 0) {
             QUARN_LOGE("%s: Error polling fd: %d", "ReceiveByDelimiter", fd);
@@ -273,14 +276,15 @@ int ReceiveByDelimiter(int fd, char* buf, int max_len, const char* log_prefix) {
             QUARN_LOGW("%sWait for read ready timeout fd: %d", log_prefix, fd);
             return total;
         }
-        // By pieces, not by requests: each of them costs a pass, and a message.
+        // Each piece takes a turn, not each request, because each piece costs a pass of this loop
+        // and perhaps a line in the log.
         if (running == 1) AwaitClientTurn();
         char piece[kPieceSize];
         const int wanted = std::min(kPieceSize, max_len - total);
         const auto received = static_cast<int>(recv(fd, piece, static_cast<size_t>(wanted), 0));
         if (received < 1) return total > 0 ? total : received;
 
-        // What came behind the NUL is dropped with the piece.
+        // Bytes behind the NUL are dropped with the piece.
         const char* const end = std::find(piece, piece + received, '\0');
         const bool found = end != piece + received;
         const auto taken = static_cast<int>(end - piece) + (found ? 1 : 0);

@@ -1,25 +1,30 @@
-// The command socket: accepts up to ten local clients and hands their requests to one callback.
+// The command socket. It accepts up to ten local clients and passes their requests to a callback.
 #pragma once
 
 #include <cstddef>
 
-// Handles one readable client; a negative result drops it.
+// Handles one client that has sent something. After a negative result the client is disconnected.
+// Called by the listener thread.
 typedef int (*quarn_ctrl_callback)(int fd);
 
-// Starts listener and state notification server: 0 on success or when already listening, else -1.
+// Starts the listener thread and the state notification server. Returns 0 on success or if the
+// listener already runs, -1 on failure.
 int quarn_ctrlConn_startListen(quarn_ctrl_callback callback);
-// Stops both; bounded whatever a client does.
+// Stops both. No client can make this wait without a limit.
 void quarn_ctrlConn_stopListen();
 
-// One send of a reply: the bytes sent, or a negative value.
+// Sends a reply with one call. Returns the number of bytes sent, or a negative value on failure.
 int quarn_ctrlConn_sendData(int fd, const void* buf, int len);
-// Reads one request, at most `len` bytes: the bytes stored, the NUL included, or 0 or less.
+// Reads one request of at most `len` bytes. Returns the number of bytes stored, with the NUL.
+// Returns 0 or a negative value if there is no request.
 int quarn_ctrlConn_recvData(int fd, void* buf, int len);
 
 namespace quarn::zorvex {
 
-// Reads up to and with a NUL byte, at most `max_len` bytes, waiting up to a second for each piece.
-// While the server runs, each piece waits for its turn.
+// Reads up to `max_len` bytes, up to the first NUL and with it. Waits up to 1 s for each piece.
+// While the server runs, also waits for a turn for each piece (`AwaitClientTurn`). Returns the
+// number of bytes stored, or 0 or a negative value if nothing was read. Returns 0 once the server
+// stops.
 int ReceiveByDelimiter(int fd, char* buf, int max_len, const char* log_prefix);
 
 }  // namespace quarn::zorvex

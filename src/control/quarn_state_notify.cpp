@@ -43,8 +43,8 @@ struct Subscriber {
     int32_t fd = -1;  // non-blocking; negative: the slot is free
 };
 
-// Held for the whole of a start or stop; guards `listen_fd` and `listener`, apart from the listener
-// thread's own reading. Taken before `subscriber_mutex`; the listener thread never takes it.
+// Held during a whole start or stop. Guards `listen_fd` and `listener`. The listener thread reads
+// both without this mutex and never takes it. Locked before `subscriber_mutex`.
 std::mutex lifecycle_mutex;
 std::atomic<int> running{0};
 int listen_fd = -1;
@@ -53,7 +53,7 @@ quarn::zorvex::ListenerThread listener;
 std::mutex subscriber_mutex;  // guards the slots
 std::array<Subscriber, protocol::kMaxClients> subscribers;
 
-// The listening socket, or -1.
+// Returns the listening socket, or -1.
 int create_listen_socket() {
     const int fd = socket_local_server(protocol::kNotifySocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
                                        SOCK_STREAM);
@@ -75,14 +75,15 @@ int create_listen_socket() {
     return fd;
 }
 
-// Call with `subscriber_mutex` held.
+// REQUIRES: subscriber_mutex is held.
 void close_subscriber(Subscriber& subscriber) {
     QUARN_LOGI("quarn_stateNotify: Closing client fd=%d.", subscriber.fd);
     close(subscriber.fd);
     subscriber = Subscriber();
 }
 
-// Those who stayed over a stop: a new start begins with free slots.
+// Closes the subscribers that have stayed connected since the last stop. A new start begins with
+// free slots.
 void free_all_slots() {
     std::lock_guard lock(subscriber_mutex);
     for (Subscriber& subscriber : subscribers) {
@@ -114,7 +115,7 @@ bool is_dead(int fd) {
     return true;
 }
 
-// Gives the first slot that is free or whose subscriber has gone to the new one.
+// Puts the new subscriber into the first slot that is free or whose subscriber has disconnected.
 void add_subscriber(int fd) {
     {
         std::lock_guard lock(subscriber_mutex);
@@ -176,11 +177,12 @@ void listen_once() {
 void quarn_stateNotify_listen_thread(void*) {
     QUARN_LOGI("quarn_stateNotify: listen_thread start");
     while (running == 1) listen_once();
-    // Names the control server's thread; readers of the log know the message so.
+    // The message names the thread of the command socket. Readers of the log know it in this form.
     QUARN_LOGI("quarn_stateNotify: quarn_ctrlConn_listen_thread terminate");
 }
 
-// The largest descriptor in the set, 0 when there is none.
+// Fills the set with the descriptors of all subscribers. Returns the largest one, or 0 if there is
+// none.
 int collect_subscribers(fd_set& set) {
     FD_ZERO(&set);
     int max_fd = 0;
@@ -193,7 +195,8 @@ int collect_subscribers(fd_set& set) {
     return max_fd;
 }
 
-// False on a partial send; a subscriber whose socket fails is let go, which is no failure.
+// Returns false if the subscriber took only a part of the message. A subscriber whose socket fails
+// is disconnected, which does not count as a failure. REQUIRES: subscriber_mutex is held.
 bool send_to(Subscriber& subscriber, const void* buf, size_t len) {
     const int fd = subscriber.fd;
     const ssize_t sent = sendto(fd, buf, len, 0, nullptr, 0);
@@ -211,7 +214,7 @@ bool send_to(Subscriber& subscriber, const void* buf, size_t len) {
     return true;
 }
 
-// `who` is the caller, for the messages.
+// `who` is the name of the caller in messages.
 int notify_update(const char* who, const char* word, int value) {
     char message[kMessageSize] = {};
     const int length = snprintf(message, sizeof(message), "%s,%d", word, value);
@@ -230,8 +233,8 @@ int notify_update(const char* who, const char* word, int value) {
 
 int quarn_start_state_notify_socket_server() {
     std::lock_guard lock(lifecycle_mutex);
-    // While the server runs its name is taken, so that a second start fails here and leaves the
-    // first one as it is.
+    // While the server runs, the name of its socket is in use. So a second start fails here and
+    // does not affect the running server.
     const int fd = create_listen_socket();
     if (fd < 0) {
         QUARN_LOGE("quarn_stateNotify: create listen_fd fail");
@@ -279,8 +282,9 @@ int quarn_stateNotify(const void* buf, int len, int timeout_ms) {
             QUARN_LOGI("quarn_stateNotify: no callback client connected!");
             return 0;
         }
-        // Without the mutex: the slots may change meanwhile, and are looked at afresh below. A
-        // subscriber that was let go since must not cost the others this message.
+        // The mutex is not held during the wait, so the slots may change. They are read again
+        // below. EBADF means that a subscriber was disconnected meanwhile: another attempt sends
+        // the message to the rest.
         timeval timeout = {.tv_sec = 0, .tv_usec = suseconds_t{timeout_ms} * 1000};
         ready = select(max_fd + 1, nullptr, &writable, nullptr, &timeout);
         if (ready >= 0 || errno != EBADF) break;

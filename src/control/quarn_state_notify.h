@@ -1,15 +1,17 @@
-// State notifications: tells up to ten subscribers what changed. docs/control-protocol.md is the
-// page beside it. Any thread may notify, in every state; a subscriber that does not read never
-// delays the others.
+// State notifications: sends changes of the daemon's state to up to ten subscribers.
+// docs/control-protocol.md describes them. Any thread may send a notification at any time, also
+// when the server is stopped. A subscriber that does not read never delays the other subscribers.
 #pragma once
 
-// 0, or -1 on failure. Start and stop may come from different threads.
+// Starts the server. Returns 0 on success, -1 on failure. Start and stop may be called from
+// different threads.
 int quarn_start_state_notify_socket_server();
-// Subscribers stay connected and can still be told something.
+// Stops accepting subscribers. The connected ones stay connected and still get notifications.
 void quarn_stop_state_notify_socket_server();
 
-// Sends the whole message to every subscriber that is writable within `timeout_ms` (below 1000): 0,
-// or negative on a partial send, a time-out or a failure.
+// Sends the message to every subscriber that is writable. Waits up to `timeout_ms` (below 1000)
+// until one of them is. Returns 0 on success. Returns a negative value after a time-out, on a
+// failure, or if a subscriber took only a part of the message.
 int quarn_stateNotify(const void* buf, int len, int timeout_ms);
 
 int quarn_notifyLogModeUpdate(int mode);

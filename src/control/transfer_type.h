@@ -12,9 +12,9 @@ int quarn_getTransferType(int* type);
 
 namespace quarn::zorvex {
 
-// Does what a switch of the transfer type means for the power-on log. A switch from storage to a
-// host ends the power-on log. A switch in either direction sets the modem's early log filter; the
-// modem defines what the values mean. Sends up to two AT commands. REQUIRES: the caller holds
+// Adapts the power-on log to a switch of the transfer type. A switch from storage to a host ends
+// the power-on log. A switch in either direction sets the modem's early log filter; the modem
+// defines the meaning of the values. Sends up to two AT commands. REQUIRES: the caller holds
 // neither `io_mutex` nor `exec_mutex`.
 void HandleTransferTypeSwitch(QUARN_SAVE_MODE old_type, QUARN_SAVE_MODE new_type);
 

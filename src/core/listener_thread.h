@@ -1,4 +1,4 @@
-// A thread that waits for what comes from outside the process, and can be got out of any such wait.
+// A thread that waits for input from outside the process. Its owner can interrupt any such wait.
 #pragma once
 
 #include <atomic>
@@ -7,20 +7,21 @@
 
 namespace quarn::zorvex {
 
-// The operations are not safe against each other: the owner calls one at a time.
+// Not thread-safe: the owner calls one operation at a time. Only the thread itself uses `Wait`.
 class ListenerThread {
   public:
     using Body = WokenThread::Body;
 
-    // Runs `body(arg)` on a thread of that name (15 bytes at most). 0, or an error number: then
-    // there is no thread.
+    // Runs `body(arg)` on a new thread of this name (at most 15 bytes). Returns 0, or an error
+    // number if the thread could not be created.
     int Create(const char* name, Body body, void* arg = nullptr) {
         return thread.Create(name, body, arg);
     }
     bool Exists() const { return thread.Exists(); }
     unsigned long id() const { return thread.id(); }
 
-    // What the thread holds while it waits; the rest of its work is not to be cut short.
+    // The thread creates a `Wait` before a system call that waits, and destroys it after the call.
+    // Only such calls are interrupted: the rest of the thread's work always runs to its end.
     class Wait {
       public:
         explicit Wait(ListenerThread& waiting_thread) : owner(waiting_thread) {
@@ -34,11 +35,11 @@ class ListenerThread {
         ListenerThread& owner;
     };
 
-    // Sends SIGUSR1 to a thread that waits, which makes its system call fail with EINTR; 0, or an
-    // error number.
+    // Sends SIGUSR1 if the thread waits. The signal makes the thread's system call fail with EINTR.
+    // Returns 0, or an error number.
     int Interrupt() { return waits ? thread.Signal() : 0; }
-    // Interrupts the thread's waits until it has ended, and joins it; 0, or an error number. Its
-    // owner has told it to end before.
+    // Interrupts the thread's waits until the thread has ended, then joins it. Returns 0, or an
+    // error number. REQUIRES: the owner has already set the flag that makes the thread end.
     int Join() {
         return thread.Join([this] { Interrupt(); });
     }

@@ -1,4 +1,4 @@
-// The daemon's life, from the first handle's `init` to the last one's `stop`.
+// The steps of the daemon, from the first handle's `init` to the last handle's `stop`.
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,7 +17,7 @@
 
 namespace {
 
-// Results of `init` and `start` are ignored: a handle that failed does not work, the rest goes on.
+// The results of `init` and `start` are ignored: if one handle fails, the others still work.
 void init_handles() {
     g_writer.init();
     g_reader.init();
@@ -34,7 +34,8 @@ void wait_for_modem_layer() {
     while (mcl_init() != 0) std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
-// From here on modem bytes flow into the ring, which nobody drains yet.
+// From here on the reader fills the ring. Nothing drains the ring until the writer starts in the
+// second group.
 void start_first_group() {
     g_reader.start();
     g_tool.start();
@@ -50,13 +51,14 @@ void install_signal_handlers() {
     if (sigaction(SIGPIPE, &action, nullptr) != 0) {
         QUARN_LOGE("ignore SIGPIPE failed, errno=%s", strerror(errno));
     }
-    action.sa_handler = quarn_sighandler;  // without SA_RESTART: it is there to interrupt
+    action.sa_handler = quarn_sighandler;  // no SA_RESTART: the signal must interrupt system calls
     if (sigaction(SIGUSR1, &action, nullptr) != 0) {
         QUARN_LOGE("register signal handler failed, errno=%s", strerror(errno));
     }
 }
 
-// Settings and the modem's clock need the modem's ear; without it the daemon goes on with defaults.
+// Loading the settings and setting the modem's clock need modem IPC. If modem IPC failed, `main`
+// leaves this step out, and the daemon runs with its defaults.
 void configure() {
     if (const int32_t rc = quarn_loadConfig(kConfigPath, 0); rc != 0) {
         QUARN_LOGE("load config failed, rc=%d", rc);
@@ -71,7 +73,7 @@ void configure() {
     }
 }
 
-// These start only once the configuration is in force.
+// These handles start once the configuration is in force.
 void start_second_group() {
     g_writer.start();
     g_command.start();
@@ -102,9 +104,10 @@ void stop_handles() {
     g_tool.stop();
     g_command.stop();
     g_reader.stop();
-    quarn_endCallbacks();  // one that came later would have the writer begin again
+    quarn_endCallbacks();  // a later callback could start the writer again
     g_writer.stop();
-    // An exit request stops the writer first; the reader has gone on for a second or more.
+    // An exit request stops the writer first, so the reader may have filled the ring for another
+    // second or more.
     if (const size_t left = g_ring.current_size(); left != 0) {
         QUARN_LOGW("quarn: drop %zu bytes that came behind the writer's stop", left);
     }

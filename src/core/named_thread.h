@@ -1,4 +1,4 @@
-// Starting a thread that carries a name.
+// Starting a thread with a name.
 #pragma once
 
 #include <pthread.h>
@@ -9,8 +9,9 @@
 
 #include "platform/quarn_log.h"
 
-// Runs `body` on a new thread of that name, which lasts as long as the process (15 bytes at most).
-// False, with an error line of `who` and nothing to join, when there can be none.
+// Runs `body` on a new thread of this name. The name has at most 15 bytes and must stay valid as
+// long as the process. Returns false if the thread could not be created: then it logs an error that
+// begins with `who`, and there is nothing to join.
 template <typename Body>
 bool quarn_startThread(std::thread& thread, const char* name, const char* who, Body body) {
     try {

@@ -1,4 +1,4 @@
-// Texts, mostly paths. Purely textual: nothing is resolved or looked up.
+// Helpers for paths and other texts. They work on the text alone and never look at the file system.
 #pragma once
 
 #include <string>
@@ -6,15 +6,16 @@
 
 namespace quarn::zorvex {
 
-// Whether the text holds a byte below 32 or a DEL. A newline would split a line of the files that
-// such texts are kept in.
+// Returns true if the text holds a byte below 32 or a DEL. Callers refuse such texts because they
+// keep them in files of lines, where a newline would split a line.
 bool HasControlCharacter(std::string_view text);
 
-// Every run of slashes becomes one.
+// Returns the path with every run of slashes replaced by one slash.
 std::string NormalizePathSlash(const std::string& path);
 
-// Whether `path` is `base` itself or lies directly in it, runs of slashes and one trailing slash
-// aside. "." and ".." are names like any other, so "<base>/.." passes; this is meant.
+// Returns true if `path` is `base` itself or lies directly in it. A run of slashes counts as one,
+// and one trailing slash does not count. The names "." and ".." have no special meaning, so
+// "<base>/.." passes; this is intended.
 bool IsUnderFirstLevelSubfolder(const std::string& path, const std::string& base);
 
 }  // namespace quarn::zorvex

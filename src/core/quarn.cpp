@@ -9,7 +9,8 @@
 
 QUARN_GLOBAL::QUARN_GLOBAL() : recycler(quarn::zorvex::LogFileRecycler::GetInstance()) {}
 
-// They are destroyed in reverse order; `main` sees to it that no callback uses one by then.
+// The objects are destroyed in reverse order. Before that, `main` makes sure that no callback uses
+// them any more.
 QUARN_GLOBAL& g_quarn = *new QUARN_GLOBAL;
 QUARN_FILE_IO g_file_io("/data/vendor/radio/quarn/");
 QUARN_RING g_ring;
@@ -53,7 +54,7 @@ void quarn_endCallbacks() {
 }
 
 void quarn_report_statistics() {
-    constexpr int kPeriodShift = 13;  // bytes over eight seconds to KiB a second
+    constexpr int kPeriodShift = 13;  // from bytes in eight seconds to KiB per second
     QUARN_LOGI("read rate: %lu KB/s, write rate: %lu KB/s",
                static_cast<unsigned long>(g_quarn.read_bytes.exchange(0) >> kPeriodShift),
                static_cast<unsigned long>(g_quarn.write_bytes.exchange(0) >> kPeriodShift));

@@ -1,6 +1,6 @@
-// All of the daemon's global objects, each declared beside its type, and the report on the data
-// path. For `main` and quarn.cpp, which constructs the objects; everybody else includes what it
-// uses.
+// All global objects of the daemon, and the report on the data path. Each object is declared in the
+// header of its type. Only `main` and quarn.cpp, which constructs the objects, include this header.
+// Other files include the headers that they use.
 #pragma once
 
 #include "control/quarn_command.h"
@@ -16,7 +16,8 @@
 #include "modem/quarn_tool.h"
 #include "storage/quarn_file_io.h"
 
-// Logs the rates of the past eight seconds and the reader's counters, and starts each afresh. Waits
-// for `stats_mutex`: as a rule for one poll of the port at most (500 ms), for a few of them when
-// bytes only trickle, since the reader takes the mutex again at once.
+// Logs the data rates of the past eight seconds and the reader's counters, and sets all of them
+// back to 0. Blocks until it gets `stats_mutex`. The reader holds that mutex over a poll of the
+// port, for up to 500 ms. If the port delivers only a few bytes at a time, the reader may take the
+// mutex again a few times first. Called by the main thread.
 void quarn_report_statistics();

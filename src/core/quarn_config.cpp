@@ -34,9 +34,12 @@ using quarn::zorvex::Setting;
 
 constexpr const char* kDefaultConfigPath = "/vendor/etc/quarn_default.cfg";
 constexpr mode_t kConfigMode = 0774;
-constexpr size_t kMaxEditSize = 64 << 10;  // bytes of the file that a save reads
-constexpr size_t kMaxLineSize = 510;       // longer lines are edited in pieces, each like a line
-constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;  // waits for nobody, should it be a pipe
+// Bytes of the file that a save reads at most.
+constexpr size_t kMaxEditSize = 64 << 10;
+// Bytes. A longer line is edited in pieces of this size, each like a line of its own.
+constexpr size_t kMaxLineSize = 510;
+// O_NONBLOCK: if there is a pipe in place of the file, `open` must not wait for a writer.
+constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK;
 
 constexpr int kDefaultFlushInterval = 600000;  // ms
 constexpr int kLogModeStreaming = 1;
@@ -47,7 +50,7 @@ using ConfigText = std::array<char, kMaxLoadSize + 1>;  // ends in a NUL
 // the other rows are not used.
 using Numbers = std::array<int, kSettings.size()>;
 
-// The settings as the file has them, else the defaults of missing keys.
+// The settings of the file. A key that the file does not have has its default here.
 struct Settings {
     Numbers numbers = {};
     std::string log_folder;
@@ -65,7 +68,7 @@ unique_fd open_config(const char* path) {
     return fd;
 }
 
-// Makes the file with the bytes of the factory default; false when there is none afterwards.
+// Creates the file as a copy of the factory default. Returns true if the file exists afterwards.
 bool create_from_default(const char* path) {
     const unique_fd defaults(open(kDefaultConfigPath, O_RDONLY | O_CLOEXEC));
     if (defaults < 0) {
@@ -80,7 +83,7 @@ bool create_from_default(const char* path) {
     }
     const auto copy_all = [&](int fd) {
         const ssize_t copied = sendfile(fd, defaults, nullptr, static_cast<size_t>(status.st_size));
-        const int error = copied < 0 ? errno : EIO;  // EIO: fewer bytes than expected
+        const int error = copied < 0 ? errno : EIO;  // EIO: only a part was copied
         QUARN_LOGI("copy file expected %ld bytes, result %d bytes",
                    static_cast<long>(status.st_size), static_cast<int>(copied));
         errno = error;
@@ -106,7 +109,8 @@ void close_config(unique_fd& file) {
     if (close(fd) != 0) QUARN_LOGE("close fd %d fail, errno=%s", fd, strerror(errno));
 }
 
-// Fills `text` with the start of the file.
+// Reads up to kMaxLoadSize bytes of the file into `text`. Returns false, with a message, if there
+// is nothing to read or reading failed.
 bool read_config(const char* path, int fd, ConfigText& text) {
     if (lseek(fd, 0, SEEK_END) < 0) {
         QUARN_LOGE("lseek SEEK_END error: %s", strerror(errno));
@@ -122,7 +126,7 @@ bool read_config(const char* path, int fd, ConfigText& text) {
     return got > 0;
 }
 
-// Leaves `value` alone when the key is missing; anything that is not a number counts as 0.
+// Leaves `value` unchanged if the key is missing. Text that is not a number counts as 0.
 void read_plain_int(const char* text, const char* key, int& value) {
     const char* const found = std::strstr(text, key);
     if (found != nullptr) value = std::atoi(found + std::strlen(key));
@@ -148,7 +152,7 @@ void parse_settings(const char* text, Settings& settings) {
     }
 }
 
-// Reads what the file's numbers are compared with: a number that is in force is not set again.
+// Reads the numbers that are in force. A number of the file is set only if it differs from them.
 int32_t read_current(Numbers& current) {
     for (size_t row = 0; row < kSettings.size(); ++row) {
         const Setting& setting = kSettings[row];
@@ -189,8 +193,8 @@ int32_t apply_own_settings(const Settings& settings, const Numbers& current) {
     return rc;
 }
 
-// A mode that the modem changes to reaches the log filter manager by the modem's notification; only
-// one that is in force already has to be told to it.
+// If the modem changes its mode, its notification reports the new mode to the log filter manager.
+// If the mode is already in force there is no notification, so the manager gets the mode from here.
 int32_t apply_log_mode(int mode, int modem_mode) {
     if (mode == modem_mode) {
         const int32_t rc = quarn::zorvex::SetLogModeConfig(mode);
@@ -227,7 +231,7 @@ int32_t apply_settings(Settings& settings, bool log_mode_only) {
     }
     if (const int32_t rc = apply_log_mode(settings.log_mode, modem_mode); rc != 0) return rc;
     if (const int32_t rc = apply_log_filter(settings); rc != 0) return rc;
-    // A modem that was told to stream just now got the interval along with it.
+    // If the modem began to stream just now, `quarn_mipcSetLogMode` has sent the interval already.
     if (modem_mode == kLogModeStreaming &&
         !quarn::zorvex::SetFlushInterval(settings.flush_interval)) {
         QUARN_LOGE("[Error] Set flush interval %d failed, rc=%d\n", settings.flush_interval, 0);
@@ -235,8 +239,8 @@ int32_t apply_settings(Settings& settings, bool log_mode_only) {
     return 0;
 }
 
-// Fills `text` with what the file holds, nothing when there is no file. Returns false, with a
-// message, when there is one that cannot be read: it must not be overwritten then.
+// Reads the file into `text`. A missing file counts as an empty one. Returns false, with a message,
+// if the file exists and cannot be read: then it must not be overwritten.
 bool read_saved(std::string& text) {
     const unique_fd fd(open(kConfigPath, O_RDONLY | kOpenFlags));
     if (fd < 0 && errno == ENOENT) {
@@ -264,7 +268,7 @@ bool read_saved(std::string& text) {
         return false;
     }
     text.resize(used);
-    // A damaged file may hold NULs. The loader would take the first one for the end of the text.
+    // A damaged file may hold NULs. A load would take the first NUL for the end of the text.
     std::erase(text, '\0');
     return true;
 }
@@ -274,7 +278,8 @@ bool holds_any(std::string_view line, std::span<const char* const> keys) {
                        [&](const char* key) { return line.find(key) != std::string_view::npos; });
 }
 
-// The lines of `text`, with `new_line` in the place of the key's own, or behind them all.
+// Returns the lines of `text`. `new_line` takes the place of each line that holds the key, or is
+// appended if there is none. Lines with a displaced key are left out.
 std::string edit_lines(std::string_view text, const char* key, const char* value,
                        const std::string& new_line, std::span<const char* const> displaced_keys) {
     std::string output;
@@ -293,13 +298,13 @@ std::string edit_lines(std::string_view text, const char* key, const char* value
         }
     }
     if (replaced) return output;
-    // A last line without its newline would swallow the new one.
+    // Without this newline, the new line would become a part of the last one.
     if (!output.empty() && output.back() != '\n') output += '\n';
     return output + new_line;
 }
 
-// Returns 0 also when the file stays as it was because the new one could not be written: the
-// setting is in force all the same.
+// Returns -1 if the new file could not be created. Returns 0 even if it could not be written and
+// the old file stays: the setting is in force all the same.
 int32_t write_config(const std::string& text) {
     const Replaced result = ReplaceFile(
         kConfigPath, kConfigMode, [&](int fd) { return android::base::WriteStringToFd(text, fd); });
@@ -348,7 +353,7 @@ int32_t quarn_command_saveConfig(const char* key, const char* value,
     if (!read_saved(before)) return -1;
     const std::string new_line = std::string(key) + " " + value + "\n";
     const std::string text = edit_lines(before, key, value, new_line, displaced_keys);
-    // The loader would not read the end of it.
+    // A load would not read the end of a longer file.
     if (text.size() > kMaxLoadSize) return refuse("makes the file too long");
     return write_config(text);
 }

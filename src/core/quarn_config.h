@@ -1,4 +1,5 @@
-// The configuration file: loaded at start, rewritten line by line as clients change settings.
+// The configuration file. `main` loads it at start. It is rewritten whenever a client changes a
+// setting.
 //
 //   file = (key " " value "\n")*
 //
@@ -8,19 +9,26 @@
 #include <cstdint>
 #include <span>
 
-// The file that `main` loads and that saving rewrites.
+// The path of the configuration file.
 constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
 
-// Loads the file and applies it; 0, or -1 or the failing setter's code: what was applied till then
-// stays applied. A missing file is first copied from the factory default. With `log_mode_only` only
-// the log mode is read and applied.
+// Loads the file at `path` and applies the settings. Creates a missing file as a copy of the
+// factory default first. If `log_mode_only` is not 0, reads and applies only the log mode.
+//
+// Returns 0 on success. If a number with a setter in the table or the log mode is refused, stops
+// there and returns the setter's code or -1; the settings before it stay applied. If the folder,
+// the level, the filter or the flush interval is refused, logs that and goes on.
 int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 
-// Replaces each line that holds `key` and drops those that hold a displaced key, in a new file that
-// takes the place of the old one whole or not at all. Returns 0, or -1 if the value was refused, if
-// there is a file that cannot be read, or if the new one could not be created; 0 also, with a
-// message, if it could not be written. Does nothing for a null value. A value is refused, with a
-// warning, when the next load would not read it as it was set: see `WhyNotKept`, or when the file
-// would get too long.
+// Saves `value` for `key`. Replaces every line that holds `key`, or appends a line if there is
+// none. Drops every line that holds one of `displaced_keys`. The old file is replaced completely or
+// not at all. Does nothing if `value` is null.
+//
+// Refuses a value, with a warning, if the next load would not read it as it was set (see
+// `WhyNotKept`), or if the file would get too long.
+//
+// Returns 0 on success. Returns -1 if the value was refused, if the old file exists and cannot be
+// read, or if the new file could not be created. Logs an error and returns 0 if the new file could
+// not be written: the setting is in force all the same.
 int32_t quarn_command_saveConfig(const char* key, const char* value,
                                  std::span<const char* const> displaced_keys);

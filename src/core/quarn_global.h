@@ -1,4 +1,4 @@
-// State that the whole process shares.
+// State that is shared by the whole process.
 #pragma once
 
 #include <atomic>
@@ -19,7 +19,7 @@ enum QUARN_SAVE_MODE : int32_t {
     SAVE_MODE_EXIT = 3,
 };
 
-// What the reader counts between two reports.
+// The reader's counters since the last report.
 struct QUARN_READER_STATS {
     uint64_t tot_read_cnt;
     uint64_t read_len_greater_zero;
@@ -36,7 +36,7 @@ struct QUARN_READER_STATS {
     uint64_t poll_timeout;
 };
 
-// The modem information record: one run of 204 bytes, of which the last word is also used alone.
+// The modem information record: 204 bytes without gaps. The last word is also used alone.
 struct QUARN_MD_INFO {
     uint8_t md_info[200];
     uint32_t md_info_word_b;
@@ -48,47 +48,51 @@ struct QUARN_GLOBAL {
     QUARN_GLOBAL(const QUARN_GLOBAL&) = delete;
     QUARN_GLOBAL& operator=(const QUARN_GLOBAL&) = delete;
 
-    // What the modem last told about itself: written by its notifications, put into every log file
-    // header. `md_info_mutex` guards the three; nothing else is locked while it is held.
+    // The latest information about the modem. Notifications of the modem write it, and every log
+    // file header holds a copy. `md_info_mutex` guards the three fields. No other lock is taken
+    // while it is held.
     uint32_t md_info_word_a = 0;
-    time_t md_info_time = 0;  // wall clock of the last update, 0: none yet
+    time_t md_info_time = 0;  // wall-clock time of the last update; 0: no update yet
     QUARN_MD_INFO md_info = {};
     std::mutex md_info_mutex;
 
-    // Written only by the transfer-type switch, read by anyone without a lock.
+    // Written only by a switch of the transfer type. Any thread may read it without a lock.
     std::atomic<QUARN_SAVE_MODE> transfer_type{SAVE_MODE_STORAGE};
-    std::atomic<bool> is_close{false};  // asks `main` to shut down; never cleared
+    // When set, `main` shuts the daemon down. Never cleared.
+    std::atomic<bool> is_close{false};
 
-    std::atomic<uint64_t> read_bytes{0};   // into the ring since the last report
-    std::atomic<uint64_t> write_bytes{0};  // out of the ring since the last report
+    std::atomic<uint64_t> read_bytes{0};   // put into the ring since the last report
+    std::atomic<uint64_t> write_bytes{0};  // taken out of the ring since the last report
 
-    // Guards `stats`. The reader holds it over each port read and poll, for up to 500 ms.
+    // Guards `stats`. The reader holds it over each read and poll of the port, for up to 500 ms.
     std::mutex stats_mutex;
-    // Serialises requests to handles, see `quarn_runHandleExec`.
+    // Serialises requests to handles; see `quarn_runHandleExec`.
     std::mutex exec_mutex;
-    // The closed libraries' callbacks do nothing any more; they look at it under `exec_mutex`. Set
-    // at the end of the process by `quarn_endCallbacks`.
+    // When set, the callbacks of the closed libraries do nothing. They read it while they hold
+    // `exec_mutex`. `quarn_endCallbacks` sets it when the process ends.
     std::atomic<bool> callbacks_ended{false};
     QUARN_READER_STATS stats = {};
 
-    std::atomic<bool> is_started{false};           // every handle has been started
-    std::atomic<uint32_t> flush_interval{600000};  // ms, sent to the modem
-    std::atomic<uint64_t> stall_count{0};          // times the reader found the ring too full
+    std::atomic<bool> is_started{false};           // true once every handle has been started
+    std::atomic<uint32_t> flush_interval{600000};  // ms; the value that the modem gets
+    // How often the reader found too little space in the ring since the last report.
+    std::atomic<uint64_t> stall_count{0};
     quarn::zorvex::LogFileRecycler* const recycler;
 };
 
-// Never destroyed: a callback of a closed library may come until the process is gone, and each one
-// takes `exec_mutex` first.
+// Never destroyed. A closed library may run a callback until the very end of the process, and each
+// callback first locks `exec_mutex`.
 extern QUARN_GLOBAL& g_quarn;
 
-// Every callback of a closed library does its work through this: runs `body` and holds `exec_mutex`
-// meanwhile, unless the callbacks have ended.
+// Runs `body` while it holds `exec_mutex`, or does nothing once `callbacks_ended` is set. Every
+// callback of a closed library does its work through this function.
 template <typename Body>
 void quarn_runCallback(Body body) {
     std::lock_guard lock(g_quarn.exec_mutex);
     if (!g_quarn.callbacks_ended) body();
 }
 
-// For the end of the process: sets `callbacks_ended` under `exec_mutex`. Waits for the callback
-// that still runs; when it returns, none does anything any more.
+// Sets `callbacks_ended` while it holds `exec_mutex`, so it waits for a callback that still runs.
+// After it has returned, no callback does anything. Called by the main thread when the process
+// ends.
 void quarn_endCallbacks();

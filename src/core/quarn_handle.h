@@ -1,4 +1,4 @@
-// Handles: the daemon's eight long-lived components, and the one way to send them a request.
+// Handles: the eight long-lived components of the daemon, and how to send them requests.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,8 @@ enum QUARN_HANDLE_ID : int32_t {
     HANDLE_MAX = 8,
 };
 
-// Requests. 1 to 7 carry the modem notification of the same number and its payload as argument.
+// Requests. Requests 1 to 7 pass on the modem notification of the same number; their argument is
+// the payload of the notification.
 enum QUARN_EXEC_ID : int32_t {
     EXEC_MD_LOG_START = 1,
     EXEC_MD_LOG_STOP = 2,
@@ -27,7 +28,7 @@ enum QUARN_EXEC_ID : int32_t {
     EXEC_RESERVED_8 = 8,
     EXEC_TOOL_CONNECTED = 9,
     EXEC_TOOL_DISCONNECTED = 10,
-    EXEC_SET_SAVE_MODE = 11,  // arg: QUARN_SAVE_MODE*
+    EXEC_SET_SAVE_MODE = 11,  // arg: QUARN_SAVE_MODE*, the new transfer type
     EXEC_START = 12,
     EXEC_TOOL_WAKEUP = 13,
     EXEC_RESERVED_14 = 14,
@@ -37,8 +38,8 @@ enum QUARN_EXEC_ID : int32_t {
     EXEC_FLUSH_RING = 18,
 };
 
-// Base of every handle. All operations return 0 on success; here they do nothing. `stop` leaves the
-// handle fit for another `start`.
+// The base class of every handle. All operations return 0 on success. The operations of the base
+// class do nothing. After `stop`, a handle can be started again.
 class QUARN_HANDLE {
   public:
     explicit QUARN_HANDLE(QUARN_HANDLE_ID handle_id) : id(handle_id) {}
@@ -49,16 +50,20 @@ class QUARN_HANDLE {
     virtual int32_t init() { return 0; }
     virtual int32_t start() { return 0; }
     virtual int32_t stop() { return 0; }
-    // Serves a request; ids that the handle does not know are ignored.
+    // Serves a request. Ignores a request that the handle does not know.
     virtual int32_t exec(QUARN_EXEC_ID /*exec_id*/, void* /*arg*/) { return 0; }
 
     const QUARN_HANDLE_ID id;
 };
 
-// Hands a request to a handle and returns its result; 1 when there is no such handle. A negative id
-// aborts the process. Takes no lock: the caller holds `QUARN_GLOBAL::exec_mutex` around its whole
-// group of requests, so that groups never interleave; only the exit path does without.
+// Passes a request to a handle and returns the handle's result, or 1 if there is no such handle. A
+// negative handle id aborts the process.
+//
+// REQUIRES: the caller holds `QUARN_GLOBAL::exec_mutex`, over the whole group of requests that
+// belong together. So the requests of two groups never mix. Only the request to exit is sent
+// without it.
 int32_t quarn_runHandleExec(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg);
 
-// The same for a single request: holds `exec_mutex` while the handle serves it.
+// Does the same for a single request: takes `exec_mutex` and holds it while the handle serves the
+// request. REQUIRES: the caller does not hold `exec_mutex`.
 int32_t quarn_request(QUARN_HANDLE_ID handle, QUARN_EXEC_ID exec, void* arg);

@@ -29,13 +29,13 @@ bool SyncFolderOf(const std::string& path) {
     return fd >= 0 && fsync(fd) == 0;
 }
 
-// Makes the file at `path` with everything in it on the disk.
+// Creates the file at `path`, fills it with `write` and syncs it.
 Replaced WriteNewFile(const std::string& path, mode_t mode,
                       const std::function<bool(int fd)>& write) {
-    unlink(path.c_str());  // what an earlier death left there
+    unlink(path.c_str());  // a process that was killed may have left one
     unique_fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (fd < 0) return Replaced::kNotCreated;
-    fchmod(fd, mode);  // whatever the umask
+    fchmod(fd, mode);  // `open` leaves out the bits of the umask
     if (!write(fd) || fsync(fd) != 0) return Replaced::kNotWritten;
     return close(fd.release()) == 0 ? Replaced::kDone : Replaced::kNotClosed;
 }

@@ -1,6 +1,6 @@
 // The settings that the configuration file keeps, one row each. A save checks its value against the
-// table. A load reads and applies the rows that have a setter; quarn_config.cpp has the other rows'
-// steps.
+// table. A load reads and applies the rows that have a setter. The steps for the other rows are in
+// quarn_config.cpp.
 #pragma once
 
 #include <array>
@@ -40,10 +40,13 @@ extern const std::array<Setting, 10> kSettings;
 // Bytes of the configuration file that a load reads. A save never writes a longer file.
 constexpr size_t kMaxLoadSize = 1023;
 
-// Returns an empty string if the next load would read this value of this key as it was set. Else
-// returns the reason, as the middle of a sentence. A value must not hold a control character or the
-// key of any setting. A number must be short. A strictly read number must hold nothing but blanks
-// and then the number. A text must not begin with a blank.
+// Returns an empty string if the next load would read this value of this key as it was set.
+// Otherwise returns the reason, as the middle of a sentence:
+//
+// - A value must not hold a control character or the key of any setting.
+// - A number must be short. A strictly read number has nothing before it but blanks, and nothing
+//   after it.
+// - A text must not begin with a blank.
 std::string WhyNotKept(std::string_view key, std::string_view value);
 
 }  // namespace quarn::zorvex

@@ -12,8 +12,8 @@ namespace quarn::zorvex {
 
 namespace {
 
-// Where the key's value begins: null when there is no such key, or with a warning when nothing but
-// blanks follows on its line.
+// Returns the start of the key's value, or null if the key is missing. Also returns null, with a
+// warning, if nothing but blanks follows the key on its line.
 const char* FindValue(const char* text, const char* key) {
     const char* value = std::strstr(text, key);
     if (value == nullptr) return nullptr;
@@ -62,8 +62,8 @@ bool ParseLogFolderConfig(const char* text, std::string& folder) {
     return ParseStringConfig(text, "log_folder", folder);
 }
 
-// A level that is followed by anything but a newline counts as not read, yet stays set: then both
-// the level and the filter are applied, in that order.
+// If anything but a newline follows the level, the level counts as not read but `level` keeps the
+// number. Then a load applies both the level and the filter, in this order.
 bool ParseLogFilterConfig(const char* text, int& level, std::string& filter) {
     level = -1;
     filter.clear();

@@ -1,7 +1,10 @@
-// Single settings: reading them out of the configuration's text, and applying them.
+// Reading single settings from the text of the configuration file, and applying them.
 //
-// A key is found by its first occurrence anywhere in the text. The Parse functions are pure but for
-// their warnings. The Set functions never fail a load: they return 0 and warn.
+// The Parse functions take the first occurrence of a key anywhere in the text. Apart from logging
+// warnings they have no side effects. They return true if they have read a value.
+//
+// The Set functions always return 0, so that none of them ends a load. They log a warning on
+// failure. SetLogFilterConfig and SetLogModeConfig take `exec_mutex`.
 #pragma once
 
 #include <cstdint>
@@ -9,19 +12,24 @@
 
 namespace quarn::zorvex {
 
-// The value up to the newline; false when it is missing or not ended by one.
+// Reads a text. Blanks before the text are skipped. A newline must end it.
 bool ParseStringConfig(const char* text, const char* key, std::string& out);
-// A decimal number directly followed by a newline. `out` may have been written on false.
+// Reads a decimal number. A newline must follow the number directly. If something else follows,
+// `out` is written although the result is false.
 bool ParseIntConfig(const char* text, const char* key, int& out);
 
 bool ParseLogFolderConfig(const char* text, std::string& folder);
-// The level (-1: none) or else the filter (empty: none); true when either was read.
+// Reads the level, or the filter if no level could be read. `level` is -1 if there is none, and
+// `filter` is empty if there is none.
 bool ParseLogFilterConfig(const char* text, int& level, std::string& filter);
 bool ParseFlushIntervalConfig(const char* text, int& interval);
 
+// Does nothing if the folder is empty or already in force.
 int32_t SetLogFolderConfig(const std::string& folder);
+// Sends the level to the log filter manager unless it is -1, then the filter unless it is empty.
 int32_t SetLogFilterConfig(int level, std::string& filter);
-// Tells the log filter manager the mode that no notification will announce.
+// Reports the modem's log mode to the log filter manager. For a mode that was already in force,
+// since the modem sends no notification of it.
 int32_t SetLogModeConfig(int mode);
 
 }  // namespace quarn::zorvex

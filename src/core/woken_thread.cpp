@@ -6,8 +6,8 @@ namespace quarn::zorvex {
 
 namespace {
 
-// Whoever has no handler yet, as `main` when it starts the first of these threads, would be ended
-// by the signal.
+// Without a handler, SIGUSR1 ends the process. `main` installs its handler after it has started the
+// first of these threads.
 void EnsureHandler() {
     struct sigaction action;
     if (sigaction(SIGUSR1, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
@@ -55,7 +55,7 @@ bool WokenThread::EndedWithin(std::chrono::milliseconds limit) {
 }
 
 int WokenThread::Signal() {
-    // A thread that has not ended stays there while the mutex is held.
+    // A thread that has not ended cannot end while this mutex is held, so its id stays valid.
     std::lock_guard lock(ended_mutex);
     return exists && !ended ? pthread_kill(thread, SIGUSR1) : 0;
 }

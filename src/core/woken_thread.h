@@ -1,4 +1,4 @@
-// A thread whose owner wakes it until it has ended.
+// A thread that its owner wakes again and again until the thread has ended.
 #pragma once
 
 #include <pthread.h>
@@ -9,30 +9,30 @@
 
 namespace quarn::zorvex {
 
-// A wake-up that comes just before the thread begins to wait is lost. So the owner, who has told
-// the thread to end, wakes it again and again until it has.
+// One wake-up is not enough: it is lost if it comes just before the thread begins to wait. So the
+// owner first sets the flag that makes the thread end, and then wakes the thread until it has
+// ended.
 //
-// The operations are not safe against each other, `EndedWithin` aside: the owner calls one at a
-// time.
+// `EndedWithin` is thread-safe. The other operations are not: the owner calls one at a time.
 class WokenThread {
   public:
     using Body = void (*)(void* arg);
 
-    // Runs `body(arg)` on a thread of that name (15 bytes at most). 0, or an error number: then
-    // there is no thread, and it counts as one that has ended.
+    // Runs `body(arg)` on a new thread of this name (at most 15 bytes). Returns 0, or an error
+    // number if the thread could not be created. Such a thread counts as ended.
     int Create(const char* thread_name, Body thread_body, void* body_arg);
     bool Exists() const { return exists; }
     unsigned long id() const { return static_cast<unsigned long>(thread); }
 
-    // Returns true if the thread does nothing any more, or does not after a wait of at most
-    // `limit`. One that has not been created yet is waited for. Thread-safe.
+    // Returns true once `body` has returned. Waits for that for at most `limit`. A thread that has
+    // never been created does not count as ended. Thread-safe.
     bool EndedWithin(std::chrono::milliseconds limit);
 
-    // Sends SIGUSR1 unless there is no thread or it has ended; 0, or an error number.
+    // Sends SIGUSR1 if the thread exists and has not ended. Returns 0, or an error number.
     int Signal();
 
-    // Calls `wake` every 100 ms until the thread has ended, and joins it; 0, or an error number.
-    // REQUIRES: the thread exists.
+    // Calls `wake` every 100 ms until the thread has ended, then joins it. Returns 0, or an error
+    // number. REQUIRES: the thread exists.
     template <typename Wake>
     int Join(Wake wake) {
         while (!EndedWithin(kWakeInterval)) wake();

@@ -1,6 +1,6 @@
-// Whether the modem's control port is ready.
+// The flag that the modem's control port is ready.
 #pragma once
 
-// Set by the event detection, once; never taken back. Both are thread-safe.
+// The event detection sets the flag once. It is never cleared. Both functions are thread-safe.
 bool quarn_getCtrlPortStatus();
 void quarn_setCtrlPortReady();

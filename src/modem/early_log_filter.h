@@ -1,10 +1,10 @@
-// The modem's own setting for the time before it knows a wanted log level or filter.
+// The modem's early-log-filter setting. It applies until the modem gets a log level or a filter.
 #pragma once
 
 namespace quarn::zorvex {
 
-// The modem's non-volatile early-log-filter setting, over AT commands; true on success. `value` is
-// -1 on failure.
+// Read and write the setting with an AT command each. The modem keeps it in non-volatile memory.
+// Return true on success. On failure `value` is -1.
 bool GetPowerOnLogFilterEnableNvramCfg(int& value);
 bool SetPowerOnLogFilterEnableNvramCfg(int value);
 

@@ -33,7 +33,7 @@ constexpr int kDefaultLevel = 2;
 constexpr unsigned int kMaxLevel = 6;
 constexpr int kSendAttempts = 3;
 constexpr std::chrono::milliseconds kSendPause(200);
-// Far above any filter; what a wrong path may cost in memory.
+// Bytes. Far above the size of any filter: limits the memory that a wrong path can cost.
 constexpr off_t kMaxFilterSize = 16 << 20;
 
 bool IsUsableFilter(const struct stat& status, const char* function, const char* path) {
@@ -43,7 +43,7 @@ bool IsUsableFilter(const struct stat& status, const char* function, const char*
     return false;
 }
 
-// 0, or the error number.
+// Fills `bytes` from the file. Returns 0, or an error number.
 int ReadWhole(int fd, std::vector<char>& bytes) {
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t n = read(fd, bytes.data() + done, bytes.size() - done);
@@ -58,8 +58,8 @@ int ReadWhole(int fd, std::vector<char>& bytes) {
     return 0;
 }
 
-// The bytes of a filter file; none when it cannot be used. Blocks on nothing but the disk, whatever
-// the path has become since it was chosen.
+// Returns the bytes of a filter file, or none if it cannot be used. The path may have become a pipe
+// or a device since the client chose it, so the file is opened without blocking.
 std::optional<std::vector<char>> ReadFilter(const char* path) {
     constexpr const char* kFunction = "SendMipcSetCommand";
     const android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -192,7 +192,7 @@ bool LogFilterManagerHandle::HandleSetLogFilter(const char* filter_path) {
         return false;
     }
     if (!SetLogFilter(filter_path)) return false;
-    EnterNormal();  // a filter that a client chose ends the power-on phase
+    EnterNormal();  // a log filter ends the power-on phase
     return SendIfAllowed();
 }
 
@@ -246,7 +246,7 @@ bool LogFilterManagerHandle::SetLogFilter(const char* path) {
         return false;
     }
     QUARN_LOGD("Log Filter Manager: get input command %s=%s", "log_filter", path);
-    // Looked at without opening it: for a device, opening alone may mean something.
+    // The file is not opened here: opening a device may already have an effect.
     struct stat status;
     if (access(path, R_OK) != 0 || stat(path, &status) != 0) {
         QUARN_LOGE("%s: Error accessing log filter %s: %s", kFunction, path, strerror(errno));
@@ -270,12 +270,12 @@ bool LogFilterManagerHandle::SendSetCommand() {
         if (quarn_mipcGetLogMode(&mode) == 0 && mode != 0) {
             QUARN_LOGD("Log Filter Manager: check logging is on successfully");
             const bool sent = pending_command->SendMipcSetCommand();
-            if (sent && !is_last) return true;  // the last attempt counts as failed, whatever came
+            if (sent && !is_last) return true;  // the last attempt always counts as failed
         } else {
             QUARN_LOGE("%s: Error unexpected logging mode", kFunction);
             if (!is_last) std::this_thread::sleep_for(kSendPause);
         }
-        if (g_quarn.is_close) break;  // the daemon's end waits for this
+        if (g_quarn.is_close) break;  // the exit of the daemon waits for this function
     }
     QUARN_LOGE("%s: Error setting log filter by MIPC command", kFunction);
     return false;

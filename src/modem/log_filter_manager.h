@@ -1,4 +1,4 @@
-// The log filter manager: decides when a log level or a custom filter may go to the modem.
+// The log filter manager. It decides when a log level or a log filter is sent to the modem.
 #pragma once
 
 #include <atomic>
@@ -11,12 +11,13 @@
 
 namespace quarn::zorvex {
 
-// A setting that waits to be sent, or is sent again.
+// A log level or a log filter that is to be sent to the modem.
 class LogSetCommand {
   public:
     virtual ~LogSetCommand() = default;
-    // "key=value", for messages.
+    // Returns "key=value", for messages.
     virtual std::string GetMipcSetCommand() = 0;
+    // Makes one attempt to send the setting. Returns true on success.
     virtual bool SendMipcSetCommand() = 0;
 };
 
@@ -40,41 +41,48 @@ class LogFilter : public LogSetCommand {
     const std::string path;
 };
 
-// Keeps the last request as the one pending command. It is sent only while the modem is logging and
-// the daemon has left its power-on phase. Runs on the callers' threads, who hold `exec_mutex`.
+// Keeps the last requested level or filter as the pending command. Sends it only while the modem is
+// logging and the daemon has left its power-on phase. The handle has no thread of its own: `exec`
+// runs on the thread of its caller, which holds `exec_mutex`.
 class LogFilterManagerHandle : public QUARN_HANDLE {
   public:
     LogFilterManagerHandle() : QUARN_HANDLE(HANDLE_LOG_FILTER_MANAGER) {}
 
     int32_t init() override;
-    // 0 on success, 1 on failure: the one handle whose result callers look at.
+    // Returns 0 on success, 1 on failure. Callers use this result, unlike the results of other
+    // handles.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
-    // Replace the pending command; false, with the one before kept, when the value is refused.
+    // Replace the pending command. Return false and keep the old one if the value is refused.
     bool SetLogLevel(int level);
     bool SetLogFilter(const char* path);
-    // Sends the pending command: up to three attempts.
+    // Sends the pending command, with up to three attempts. Returns true if the first or the second
+    // attempt succeeds. The third attempt counts as failed even if it succeeds.
     bool SendSetCommand();
 
   private:
-    // The requests; true on success.
+    // One function for each request. They return true on success.
     bool SetModemLogging(bool started);
     bool HandleSetLogLevel(const int32_t* level);
     bool HandleSetLogFilter(const char* filter_path);
     bool LeavePowerOnPhase();
 
     bool IsModemLogging() const;
-    // Sends the pending command when its time has come; true as well when it has to wait.
+    // Sends the pending command if the state allows it. Returns false only if sending failed.
     bool SendIfAllowed();
-    void ChangeState(int32_t state);  // under `state_mutex`
+    // REQUIRES: state_mutex is held.
+    void ChangeState(int32_t state);
     void EnterNormal();
     void ReplacePending(std::unique_ptr<LogSetCommand> command);
 
-    // Low half: modem logging, 0 stopped, 1 started. High half: 0x10 power-on phase, 0x00 Normal.
+    // Bits 0 to 3: the modem's logging, 0x00 stopped, 0x01 started. Bits 4 to 7: 0x10 power-on
+    // phase, 0x00 normal phase.
     std::atomic<int32_t> logging_state{-1};
-    std::mutex state_mutex;  // around changes of the state; never held while the next is taken
+    // Held during each change of the state. Never held together with `command_mutex`.
+    std::mutex state_mutex;
     std::unique_ptr<LogSetCommand> pending_command;
-    std::mutex command_mutex;  // guards `pending_command` and a whole sending of it
+    // Guards `pending_command`. Held while the command is sent, over all attempts.
+    std::mutex command_mutex;
 };
 
 }  // namespace quarn::zorvex

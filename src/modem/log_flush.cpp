@@ -14,9 +14,10 @@ namespace quarn::zorvex {
 namespace {
 
 constexpr int kShortIntervalMs = 50;
-constexpr std::chrono::milliseconds kFlushWait(50);  // lets the shortened interval pass once
+constexpr std::chrono::milliseconds kFlushWait(50);  // one pass of the short interval
 
-// Keeps a shortened interval from being put back by one caller while another changes it.
+// Held during a change of the modem's interval. Without it, one thread could restore the interval
+// after a flush while another thread changes it.
 std::mutex flush_interval_mutex;
 
 bool SendSetFlushIntervalCommand(int ms) {
@@ -31,7 +32,7 @@ bool SendSetFlushIntervalCommand(int ms) {
 
 int ConfiguredInterval() { return static_cast<int>(g_quarn.flush_interval); }
 
-// Only the modem's interval changes for a while; the configured one stays.
+// Shortens the modem's interval for a moment. The configured interval does not change.
 void FlushModem() {
     std::lock_guard lock(flush_interval_mutex);
     const bool shortened =

@@ -1,19 +1,20 @@
-// The modem's flush interval, and flushing everything that is buffered on the way to the files.
+// The modem's flush interval, and flushing all buffers between the modem and the log files.
 #pragma once
 
 #include <cstdint>
 
 namespace quarn::zorvex {
 
-// Remembers the configured flush interval, in ms; always 0. The modem is not told.
+// Stores the configured flush interval, in ms. Sends nothing to the modem. Always returns 0.
 int32_t SetFlushIntervalConfig(int interval);
 
-// Sets the modem's flush interval, in ms, and remembers it as the configured one; false, with
-// nothing remembered, when the modem refuses. Takes `flush_interval_mutex`.
+// Sends the flush interval, in ms, to the modem and stores it as the configured one. Returns false
+// and stores nothing if the modem refuses it. Takes `flush_interval_mutex`.
 bool SetFlushInterval(int ms);
 
-// Has the modem hand over what it holds, and the writer put all of it into the current file. Takes
-// `flush_interval_mutex` and then `exec_mutex`, never both at once; the caller must hold neither.
+// Makes the modem pass on the data that it holds, and then the writer write all of it to the
+// current file. Takes `flush_interval_mutex` and then `exec_mutex`, never both at once. REQUIRES:
+// the caller holds neither.
 void FlushLogBuffers();
 
 }  // namespace quarn::zorvex

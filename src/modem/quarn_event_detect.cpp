@@ -29,18 +29,19 @@ constexpr const char* kStateFile = "/dev/wwan_fsm_state";
 constexpr size_t kStateSize = 63;
 constexpr std::string_view kStateReady = "state=6";
 
-constexpr size_t kMaxMessage = 2048;  // a datagram of this size may have been cut
-// Bytes; what a phone's own device manager asks for. The kernel grants as much of it as it grants
-// everyone, which takes no capability, and doubles that.
+// Bytes. A message of this size may have been cut, so it is dropped.
+constexpr size_t kMaxMessage = 2048;
+// Bytes. The device manager of a phone requests the same size. Without a capability, the kernel
+// grants it up to the limit for every process, and doubles it.
 constexpr int kReceiveBuffer = 256 * 1024;
 constexpr int kWaitTimeoutMs = 5000;
 constexpr std::chrono::seconds kErrorPause(1);
 
-// Events come singly, minutes apart. So many at once are noise, and the process thread is busy with
-// a removal, after which none of them matters.
+// Real events come one by one, minutes apart, so this many at once are not real. The process thread
+// is then busy with a removal, and after that restart none of the waiting events matters.
 constexpr size_t kMaxEvents = 64;
 
-// What stands behind the key, or null when the text does not begin with it.
+// Returns the part of the text behind the key, or null if the text does not begin with the key.
 const char* value_of(const char* text, std::string_view key) {
     return strncmp(text, key.data(), key.size()) == 0 ? text + key.size() : nullptr;
 }
@@ -55,12 +56,12 @@ void read_field(const char* text, event_info& info) {
     }
 }
 
-// `who` closes it, for the message.
+// `who` is the name of the caller in the message.
 void close_fd(int fd, const char* who) {
     if (close(fd) != 0) QUARN_LOGE("%s: close fd %d fail, errno=%s", who, fd, strerror(errno));
 }
 
-// `port`: the process's own, or 0: the kernel chooses one.
+// `port` is a netlink port id. With 0 the kernel chooses one.
 bool bind_to_port(int fd, pid_t port) {
     sockaddr_nl address = {};
     address.nl_family = AF_NETLINK;
@@ -69,7 +70,8 @@ bool bind_to_port(int fd, pid_t port) {
     return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-// Another socket of this process, perhaps one of a closed library, may have the process's port.
+// Binds to the process id as port id. Another socket of this process, for example of a closed
+// library, may already have this port id; then the kernel chooses one.
 bool bind_to_any_port(int fd) {
     if (bind_to_port(fd, getpid())) return true;
     if (errno != EADDRINUSE) return false;
@@ -77,7 +79,7 @@ bool bind_to_any_port(int fd) {
     return bind_to_port(fd, 0);
 }
 
-// Init kills the daemon soon after the property is set, so that comes last.
+// Setting the property is the last step, because init kills the daemon soon after it.
 void restart_daemon() {
     quarn_request(HANDLE_WRITER, EXEC_MD_LOG_STOP, nullptr);
     quarn_stop_state_notify_socket_server();
@@ -139,7 +141,7 @@ bool QUARN_EVENT_DETECT_HANDLE::start_processing() {
         return true;
     }
     {
-        // What a stop left in the queue is out of date.
+        // Events that the last stop left in the queue are out of date.
         std::lock_guard lock(queue_mutex);
         event_queue.clear();
         queue_overflows = false;
@@ -186,7 +188,7 @@ void QUARN_EVENT_DETECT_HANDLE::ask_detecting_to_end() {
     detect_thread.Interrupt();
 }
 
-// Joins the thread, if there is one, and closes what it used.
+// Joins the thread, if there is one, and closes its socket.
 void QUARN_EVENT_DETECT_HANDLE::end_detecting() {
     if (detect_thread.Exists()) detect_thread.Join();
     close_fd(uevent_fd, "event_detect_handle");
@@ -254,7 +256,8 @@ void QUARN_EVENT_DETECT_HANDLE::quarn_event_detect_handle_thread() {
     QUARN_LOGI("event_detect_handle: thread terminate");
 }
 
-// Waits for one message and queues what it says. The modem's state is looked at while none comes.
+// Waits for one message and queues its event. If no message comes within kWaitTimeoutMs, checks
+// whether the modem is ready, until it is.
 void QUARN_EVENT_DETECT_HANDLE::detect_once() {
     const int ready = wait_for_message();
     if (!detect_running) return;
@@ -270,7 +273,7 @@ void QUARN_EVENT_DETECT_HANDLE::detect_once() {
     }
 }
 
-// Positive when a message has come, 0 after the time-out, -1 with errno.
+// Returns a positive value if there is a message, 0 after a time-out, or -1 with errno set.
 int QUARN_EVENT_DETECT_HANDLE::wait_for_message() {
     pollfd socket = {.fd = uevent_fd, .events = POLLIN, .revents = 0};
     const quarn::zorvex::ListenerThread::Wait wait(detect_thread);
@@ -280,9 +283,10 @@ int QUARN_EVENT_DETECT_HANDLE::wait_for_message() {
     return -1;
 }
 
-// Whether the modem's state file says so. As long as there is none, or nothing in it, it does not:
-// neither a pipe nor a driver that waits for news is waited for. A driver that waits all the same
-// holds up device events, until a stop interrupts it.
+// Returns true if the modem's state file says that the modem is ready. A missing or empty file
+// counts as not ready. The file is opened without blocking, since it may be a pipe, or its driver
+// may wait for a change of the state. A driver that blocks all the same delays device events until
+// `stop` interrupts it.
 bool QUARN_EVENT_DETECT_HANDLE::quarn_checkMdReady() {
     std::array<char, kStateSize> state;
     ssize_t length = -1;
@@ -306,7 +310,7 @@ void QUARN_EVENT_DETECT_HANDLE::receive_message() {
         QUARN_LOGW("event_detect_handle: receive buffer overflow, device events are lost");
     }
     if (received < 1 || received == kMaxMessage) return;
-    // Two NULs end any text and the message, whatever the sender left out.
+    // Two NULs end the last text and the message, even if the sender has left them out.
     const auto length = static_cast<size_t>(received);
     buffer[length] = buffer[length + 1] = '\0';
     event_info info;
@@ -332,23 +336,23 @@ void QUARN_EVENT_DETECT_HANDLE::push_event(QUARN_EVENT event) {
 
 void QUARN_EVENT_DETECT_HANDLE::quarn_event_process_thread() {
     QUARN_LOGI("event_process: quarn_event_process_thread start");
-    // A device that was added needs nothing here.
+    // Only a removal causes something. EVENT_MIPC_PORT_ADDED is taken and ignored.
     while (wait_for_events()) {
         if (!take_events()) continue;
         restart_daemon();
-        take_events();  // a removal that came meanwhile is answered by this restart
+        take_events();  // this restart also serves the removals that came during it
     }
     QUARN_LOGI("event_process: thread terminate");
 }
 
-// False when the thread shall end.
+// Returns false if the thread must end.
 bool QUARN_EVENT_DETECT_HANDLE::wait_for_events() {
     std::unique_lock lock(queue_mutex);
     queue_cond.wait(lock, [this] { return !process_running || !event_queue.empty(); });
     return process_running;
 }
 
-// Takes all events off the queue; whether the log device was removed in one of them.
+// Removes all events from the queue. Returns true if one of them is a removal of the log device.
 bool QUARN_EVENT_DETECT_HANDLE::take_events() {
     std::lock_guard lock(queue_mutex);
     const auto removal =

@@ -1,5 +1,5 @@
-// Modem event detection: watches kernel device events for the modem's interface devices, and the
-// modem's state file.
+// Modem event detection. It watches the kernel's device events for the modem's devices, and reads
+// the modem's state file.
 #pragma once
 
 #include <atomic>
@@ -18,7 +18,8 @@ enum QUARN_EVENT : int32_t {
     EVENT_MIPC_PORT_ADDED = 2,
 };
 
-// What a device event says; the texts point into the message that was parsed, null when missing.
+// The fields of a device event. The pointers point into the parsed message. A field that the
+// message does not have is null.
 struct event_info {
     const char* device_name = nullptr;
     const char* action = nullptr;
@@ -30,18 +31,19 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     QUARN_EVENT_DETECT_HANDLE() : QUARN_HANDLE(HANDLE_EVENT_DETECT) {}
     ~QUARN_EVENT_DETECT_HANDLE() override;
 
-    // These three are called by one thread.
+    // `init`, `start` and `stop` are called by one thread.
     int32_t init() override;
-    // 0, or 1 when the socket for device events could not be opened or a thread not be created;
-    // what could be started runs, and another start tries the rest again.
+    // Returns 0, or 1 if the socket for device events could not be opened or a thread could not be
+    // created. The parts that could be started run. Another `start` tries the other parts again.
     int32_t start() override;
-    // Joins both threads. A restart that is under way is finished first, which takes some seconds
-    // and `exec_mutex`: not to be called with that held. Removals that still wait are dropped.
+    // Joins both threads. If a restart of the daemon is under way, blocks until it is finished. A
+    // restart takes some seconds and locks `exec_mutex`. Events that still wait are dropped.
+    // REQUIRES: the caller does not hold `exec_mutex`.
     int32_t stop() override;
 
-    // Reads a device event as the kernel sends it: NUL-terminated "KEY=value" texts, closed by an
-    // empty one. A message of any other content is safe as long as two NULs end it. Sets the fields
-    // of `info` that the message has, leaves the others.
+    // Parses a device event of the kernel: NUL-terminated "KEY=value" texts, and an empty text at
+    // the end. Sets the fields of `info` that the message has and leaves the other fields
+    // unchanged. Any other content is safe. REQUIRES: the message ends in two NULs.
     static QUARN_EVENT parse_uevent(char const* message, event_info* info);
 
   private:
@@ -51,7 +53,7 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     void ask_detecting_to_end();
     void end_detecting();
     void ask_processing_to_end();
-    // The descriptor, or -1.
+    // Returns the descriptor, or -1.
     int open_uevent_socket();
 
     void quarn_event_detect_handle_thread();
@@ -65,7 +67,8 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     bool wait_for_events();
     bool take_events();
 
-    int uevent_fd = -1;  // -1: closed; set while there is no detect thread, which reads it
+    // -1: closed. Read by the detect thread. Written only while there is no detect thread.
+    int uevent_fd = -1;
     std::atomic<bool> detect_running{false};
     quarn::zorvex::ListenerThread detect_thread;
     std::atomic<bool> md_ready_seen{false};
@@ -73,8 +76,10 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     std::atomic<bool> process_running{false};  // cleared under `queue_mutex`
     std::thread process_thread;
     std::deque<QUARN_EVENT> event_queue;
-    bool queue_overflows = false;  // events are being dropped, which has been told
-    std::mutex queue_mutex;        // guards the two above
+    // Events are being dropped, and this has been logged.
+    bool queue_overflows = false;
+    // Guards `event_queue` and `queue_overflows`. No other lock is taken while it is held.
+    std::mutex queue_mutex;
     std::condition_variable queue_cond;
 };
 

@@ -21,12 +21,12 @@ constexpr int64_t kSmallestStep = 2;  // seconds
 constexpr std::chrono::seconds kPause(3);
 constexpr int kTimerFlags = TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET;
 
-// The interval counts only once the timer has expired, which it never does.
+// The interval would apply after the timer has expired for the first time, which it never does.
 constexpr itimerspec kNever = {
     .it_interval = {.tv_sec = 10, .tv_nsec = 0},
     .it_value = {.tv_sec = std::numeric_limits<decltype(timespec::tv_sec)>::max(), .tv_nsec = 0},
 };
-// Long past, but not zero, which would disarm the timer.
+// A time in the past. It is not zero, because zero would disarm the timer.
 constexpr itimerspec kAtOnce = {
     .it_interval = {},
     .it_value = {.tv_sec = 0, .tv_nsec = 500},
@@ -83,9 +83,10 @@ int32_t QUARN_MD_TIME_SYNC_HANDLE::stop() {
     return 0;
 }
 
-// Nothing can be missed: the flag is cleared before the timer is looked at, and the thread looks at
-// the flag after it has published and armed the timer. A clock step in between cancels the read,
-// which ends it just as well; the kernel then reports the arming as failed, but has done it.
+// No wake-up can be lost. This function clears the flag and then reads `timer_fd`. The thread
+// stores and arms the timer and then reads the flag. If the clock is stepped in between, the
+// thread's read is cancelled, which ends it as well. The kernel then reports an error for the
+// arming here, but the timer is armed.
 void QUARN_MD_TIME_SYNC_HANDLE::wake_thread() {
     {
         std::lock_guard lock(pause_mutex);
@@ -95,7 +96,7 @@ void QUARN_MD_TIME_SYNC_HANDLE::wake_thread() {
     if (const int fd = timer_fd; fd >= 0) arm(fd, kAtOnce);
 }
 
-// Closes the timer, too: nobody else uses it.
+// Also closes the timer, which only the thread uses.
 void QUARN_MD_TIME_SYNC_HANDLE::join_thread() {
     if (sync_thread.joinable()) sync_thread.join();
     if (const int fd = timer_fd.exchange(-1); fd >= 0) close(fd);
@@ -133,7 +134,7 @@ bool QUARN_MD_TIME_SYNC_HANDLE::is_time_changed() {
         baseline_valid = true;
         return false;
     }
-    // Small steps are not forgotten: the baseline stays, and they add up.
+    // After a small step the baseline stays, so that small steps add up.
     if (std::llabs(*diff - baseline_diff) < kSmallestStep) return false;
     baseline_diff = *diff;
     QUARN_LOGI("md_time_sync_handle: update boottime/realtime difference");
@@ -157,13 +158,13 @@ void QUARN_MD_TIME_SYNC_HANDLE::wait_for_step(int fd) {
     uint64_t expirations;
     if (read(fd, &expirations, sizeof(expirations)) >= 0 || errno == EINTR) return;
     if (errno != ECANCELED) {
-        pause();  // a timer that cannot be read must not keep the processor busy
+        pause();  // if the timer cannot be read, this loop must not take the processor
         return;
     }
     if (wait_for_modem() && is_time_changed()) send_time();
 }
 
-// False when the thread shall end.
+// Waits until the modem is ready. Returns false if the thread must end.
 bool QUARN_MD_TIME_SYNC_HANDLE::wait_for_modem() {
     while (running) {
         if (quarn_getCtrlPortStatus()) return true;
@@ -172,7 +173,7 @@ bool QUARN_MD_TIME_SYNC_HANDLE::wait_for_modem() {
     return false;
 }
 
-// Ends at once when the thread shall end.
+// Waits for kPause. Returns at once if the thread must end.
 void QUARN_MD_TIME_SYNC_HANDLE::pause() {
     std::unique_lock lock(pause_mutex);
     pause_cond.wait_for(lock, kPause, [this] { return !running; });

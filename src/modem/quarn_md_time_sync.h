@@ -1,4 +1,4 @@
-// Modem time sync: sends the wall clock to the modem again whenever it was stepped.
+// Modem time sync. It sends the wall-clock time to the modem whenever the clock has been stepped.
 #pragma once
 
 #include <atomic>
@@ -10,24 +10,26 @@
 
 #include "core/quarn_handle.h"
 
-// Owns the one sync thread, which sleeps on a timer that the kernel cancels when the real-time
-// clock is set. `start` and `stop` may be called from any thread. `stop` joins the thread, which
-// first ends the one request to the modem that it may be in (5 s at most), and closes the timer.
+// Owns the sync thread. The thread waits on a timer that the kernel cancels when the real-time
+// clock is set. `start` and `stop` may be called from any thread. `stop` joins the thread and
+// closes the timer. If the thread is in a request to the modem, `stop` waits for its end, for up to
+// 5 s.
 class QUARN_MD_TIME_SYNC_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_MD_TIME_SYNC_HANDLE() : QUARN_HANDLE(HANDLE_MD_TIME_SYNC) {}
     ~QUARN_MD_TIME_SYNC_HANDLE() override;
 
     int32_t init() override;
-    // 0 once the thread runs, 1 when it could not be created.
+    // Returns 0 if the thread runs, 1 if it could not be created.
     int32_t start() override;
     int32_t stop() override;
 
   private:
-    // Real time minus boot time, in whole seconds; none when a clock cannot be read. The
-    // nanoseconds are left out on purpose.
+    // Returns real time minus boot time in whole seconds, or none if a clock cannot be read. The
+    // nanoseconds are ignored on purpose.
     std::optional<int64_t> get_realtime_boottime_diff();
-    // Whether the clock was stepped by 2 s or more since the last time that was found.
+    // Returns true if the clock has been stepped by 2 s or more since the last step that this
+    // function has reported.
     bool is_time_changed();
     void quarn_md_time_sync_handle_thread();
 
@@ -39,18 +41,20 @@ class QUARN_MD_TIME_SYNC_HANDLE : public QUARN_HANDLE {
     void wake_thread();
     void join_thread();
 
-    // Held for the whole of `start` and `stop`, joining included; the thread never takes it.
+    // Held during the whole of `start` and `stop`, also while the thread is joined. The thread
+    // never takes it.
     std::mutex lifecycle_mutex;
     std::atomic<bool> running{false};  // cleared under `pause_mutex`
     std::thread sync_thread;
-    std::atomic<int32_t> timer_fd{-1};  // made by the thread, closed once that is joined
+    // Created by the thread. Closed after the thread has been joined.
+    std::atomic<int32_t> timer_fd{-1};
 
-    std::mutex baseline_mutex;  // guards the two
+    std::mutex baseline_mutex;  // guards `baseline_valid` and `baseline_diff`
     bool baseline_valid = false;
     int64_t baseline_diff = 0;  // seconds
 
     std::mutex pause_mutex;
-    std::condition_variable pause_cond;  // `running` was cleared
+    std::condition_variable pause_cond;  // notified when `running` is cleared
 };
 
 extern QUARN_MD_TIME_SYNC_HANDLE g_md_time_sync;

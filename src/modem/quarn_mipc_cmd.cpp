@@ -23,7 +23,7 @@ constexpr int kResultTlv = 0;  // in every confirmation: 0 is success
 constexpr int kValueTlv = 0x100;
 constexpr int kDisableTlv = 0x101;
 constexpr int kAtTextTlv = 0x8100;
-// Most bytes in which the NUL of a text is looked for when the library does not tell its length.
+// If the library stores no length of a text, its NUL is searched in this many bytes at most.
 constexpr size_t kMostUntoldText = 64 << 10;
 
 constexpr int32_t kFailed = 1;
@@ -31,8 +31,8 @@ constexpr int32_t kTimedOut = 2;
 
 struct Command {
     int msg_id;
-    const char* name;              // as messages call it
-    const char* answer = nullptr;  // and what it asks for
+    const char* name;              // the command's name in messages
+    const char* answer = nullptr;  // the answer's name in messages
 };
 
 constexpr Command kSetLogMode = {39, "set log mode"};
@@ -47,16 +47,17 @@ constexpr Command kGetFlushStatus = {139, "get flush status", "flush status"};
 constexpr Command kSetCustomFilter = {161, "set filter", "(set filter)"};
 constexpr int kAtCommandId = 3;
 
-// Held from a successful `quarn_mipcInit` to `quarn_mipcDeinit`: keeps a second opening waiting.
-// Commands do not take it.
+// Held from a successful `quarn_mipcInit` to `quarn_mipcDeinit`, so that a second `quarn_mipcInit`
+// waits. Exchanges do not take it.
 std::mutex channel_lock;
-// Whether the channel is open, and how many use it. Both are in one word, so that a caller is
-// counted only while the channel is open: the count of a channel that is being closed falls and
-// never rises.
+// Bit 30 is set while the channel is open. The other bits count the users of the channel. Both are
+// in one word, so that a user is counted only if the channel is open. So the count can only fall
+// once the channel is being closed.
 constexpr int kChannelOpen = 1 << 30;
-std::atomic<int> channel_state{0};  // kChannelOpen, or nothing, plus the number of users
+std::atomic<int> channel_state{0};
 
-// Keeps the channel open while it lives, if it was.
+// While a ChannelUse exists, an open channel stays open. True if the channel was open when the
+// ChannelUse was made.
 class ChannelUse {
   public:
     ChannelUse() {
@@ -82,9 +83,10 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<mipc_msg_t, MessageDeleter>;
 
-constexpr int kUntold = -1;  // of a length that the library leaves alone
+constexpr int kUntold = -1;  // a length that the library has not stored
 
-// Values lie in a message as they came, aligned or not, and may be too short to be one.
+// Returns the number of this type, or none if there is none or it has too few bytes. A value in a
+// message may not be aligned.
 std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
     int length = kUntold;
     const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
@@ -95,7 +97,8 @@ std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
     return number;
 }
 
-// Up to the text's NUL. A told length ends it too; without one there must be a NUL.
+// Returns the text of this type up to its NUL or its length. If the library stores no length, the
+// text must have a NUL.
 std::optional<std::string> read_text(mipc_msg_t* msg, int type) {
     int length = kUntold;
     const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
@@ -107,14 +110,15 @@ std::optional<std::string> read_text(mipc_msg_t* msg, int type) {
     return std::string(chars, size);
 }
 
-// One request and its confirmation. Both are freed, and the channel is let go, when it ends.
+// One request and its confirmation. Owns both messages, and keeps the channel open.
 class Exchange {
   public:
     explicit Exchange(int msg_id)
         : request(use ? mipc_msg_init(msg_id, kSelector) : nullptr), complete(request != nullptr) {}
 
     bool is_channel_open() const { return static_cast<bool>(use); }
-    // Whether the request was made and has taken every value so far. One that is not is never sent.
+    // Returns true if the request exists and every value so far was added. A request that is not
+    // complete is never sent.
     bool is_complete() const { return complete; }
 
     void add(int type, int length, const void* value) {
@@ -122,7 +126,7 @@ class Exchange {
     }
     void add(int type, int32_t value) { add(type, sizeof(value), &value); }
 
-    // Sends the request; once.
+    // Sends the request. Called once.
     int32_t send() {
         if (!complete) return kFailed;
         mipc_msg_t* cnf = nullptr;
@@ -137,7 +141,7 @@ class Exchange {
         }
         return status;
     }
-    // Sends a request that asks for a number; `*answer` is written on success only.
+    // Sends a request whose answer is a number. Writes `*answer` only on success.
     int32_t ask(const Command& command, int* answer) {
         const int32_t status = send(command);
         if (status != 0) return status;
@@ -150,11 +154,12 @@ class Exchange {
         return 0;
     }
 
-    // After a send that succeeded; none when there is no such value.
+    // Returns a text of the confirmation, or none if it has no such text. REQUIRES: `send` has
+    // succeeded.
     std::optional<std::string> text(int type) { return read_text(confirmation.get(), type); }
 
   private:
-    ChannelUse use;  // outlives the messages
+    ChannelUse use;  // destroyed after the messages
     Message request;
     Message confirmation;
     bool complete;
@@ -194,7 +199,7 @@ int32_t quarn_mipcInit(const char* port) {
     }
     QUARN_LOGI("mipcInit: mipc init success\n");
     channel_state = kChannelOpen;
-    lock.release();  // stays locked: the open channel holds it
+    lock.release();  // `channel_lock` stays locked until `quarn_mipcDeinit`
     return 0;
 }
 
@@ -338,7 +343,8 @@ bool GetAtCommandExecStatus(const std::string& response) {
         return false;
     }
     const std::string text = response.substr(0, last + 1);
-    // Behind the last line end, or, without one, the whole text: npos + 1 is 0.
+    // The last line begins behind the last line end. Without a line end it is the whole text, since
+    // npos + 1 is 0.
     return text.substr(text.find_last_of(kLineEnds) + 1) == "OK";
 }
 

@@ -13,11 +13,12 @@
 
 namespace {
 
-// Where the modem information record starts in a payload. Its word follows it at once.
+// Bytes from the start of a payload to the modem information record. The word `md_info_word_a`
+// follows the record directly.
 constexpr size_t kRecordInLogStart = 8;
 constexpr size_t kRecordElsewhere = 4;
 
-// What the modem expects at the log port after an exception.
+// The modem expects these bytes at the log port after an exception.
 constexpr std::array<uint8_t, 40> kSyncData = {
     0xac, 0xca, 0xef, 0x10, 0x18, 0x00, 0x00, 0x00, 0x10, 0xa0, 0x00, 0x00, 0xa4, 0x6a,
     0xef, 0x10, 0x17, 0x08, 0x00, 0x00, 0xac, 0xdb, 0xcf, 0xe5, 0x16, 0x10, 0x00, 0x00,
@@ -36,14 +37,14 @@ void update_md_info(const void* payload, size_t record_offset) {
            sizeof(g_quarn.md_info_word_a));
 }
 
-// A notification and its request share their number.
+// A notification and its request have the same number.
 void forward(MCL_NTFY_CODE code, void* payload, std::initializer_list<QUARN_HANDLE_ID> handles) {
     for (const QUARN_HANDLE_ID handle : handles) {
         quarn_runHandleExec(handle, static_cast<QUARN_EXEC_ID>(code), payload);
     }
 }
 
-// Up to 2 s, while the port refuses.
+// Blocks for up to 2 s if the port refuses the bytes.
 void write_sync_data() {
     if (g_quarn.transfer_type != SAVE_MODE_STORAGE) return;
     const auto write = [] { return mcl_writeToLogPort(kSyncData.data(), kSyncData.size()) >= 0; };

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The channel as a socket channel, null when it is of another kind.
+// Returns the channel as a socket channel, or null if it is of another kind.
 QUARN_SOCKET_IO* as_socket(QUARN_IO* channel) {
     return channel->io_type == IO_TYPE_SOCKET ? static_cast<QUARN_SOCKET_IO*>(channel) : nullptr;
 }
@@ -63,7 +63,7 @@ int32_t QUARN_TOOL_HANDLE::start() {
         QUARN_LOGI("tool_handler: already start");
         return 0;
     }
-    if (started) shut_down();  // its threads have given up
+    if (started) shut_down();  // the threads have given up
     if (tool_io->io_open() != 0) {
         QUARN_LOGE("tool_handler: open io port fail");
         return 1;
@@ -104,7 +104,7 @@ void QUARN_TOOL_HANDLE::stop_locked() {
     QUARN_LOGI("tool_handler: stop success");
 }
 
-// Ends listening, then the threads, then closes the channel. Whatever was not there does no harm.
+// Ends listening, then the threads, then closes the channel. Also works if only a part was started.
 void QUARN_TOOL_HANDLE::shut_down() {
     {
         std::lock_guard lock(tool_mutex);
@@ -119,7 +119,7 @@ void QUARN_TOOL_HANDLE::shut_down() {
 }
 
 void QUARN_TOOL_HANDLE::end_threads() {
-    // In this order: the first one may make the second.
+    // In this order, because the first thread may create the second one.
     join_thread(wait_connect_thread);
     join_thread(host_port_error_thread);
 }
@@ -152,16 +152,17 @@ bool QUARN_TOOL_HANDLE::create_thread(Thread& thread, const char* name, Thread::
     return false;
 }
 
-// With a host there: makes the thread that recovers the port, and listens. False when that thread
-// could not be made. Without effect once `stop` has come.
+// Creates the thread that recovers the port, and begins to listen. Returns false if the thread
+// could not be created. Does nothing after `stop`. Called when a USB port is open or a host has
+// connected.
 bool QUARN_TOOL_HANDLE::begin_serving() {
     {
         std::lock_guard lock(tool_mutex);
         if (!started) return true;
         running = true;
-        port_error = false;  // of before
+        port_error = false;  // an error from before does not count
     }
-    // Held until the library listens: a port error that comes at once is handled after that.
+    // Held until the library listens. So a port error that comes at once is handled afterwards.
     std::lock_guard lock(listen_mutex);
     if (!create_thread(host_port_error_thread, "quarn_tool_port", [](void* self) {
             static_cast<QUARN_TOOL_HANDLE*>(self)->host_port_error_handle_thread();
@@ -173,7 +174,7 @@ bool QUARN_TOOL_HANDLE::begin_serving() {
     return true;
 }
 
-// Call with `listen_mutex` held.
+// REQUIRES: listen_mutex is held.
 void QUARN_TOOL_HANDLE::start_listening() {
     if (running) tcl_listenToHostStart(tool_io->fd, mcl_writeToLogPort);
 }
@@ -203,7 +204,7 @@ void QUARN_TOOL_HANDLE::host_port_error_handle_thread() {
     QUARN_LOGI("tool_handler: host_port_error_handle_thread terminate");
 }
 
-// False when the thread shall end.
+// Returns false if the thread must end.
 bool QUARN_TOOL_HANDLE::wait_for_port_error() {
     std::unique_lock lock(tool_mutex);
     tool_cond.wait(lock, [this] { return port_error || !running; });
@@ -211,7 +212,8 @@ bool QUARN_TOOL_HANDLE::wait_for_port_error() {
     return running;
 }
 
-// Errors that are told meanwhile are one more error afterwards.
+// Recovers the port. All errors that are reported during the recovery count as one more error after
+// it. Returns false if the thread must end.
 bool QUARN_TOOL_HANDLE::recover() {
     QUARN_LOGI("tool_handler: start handle host port error");
     stop_listening();

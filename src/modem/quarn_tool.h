@@ -1,5 +1,5 @@
-// Host tool port: serves a logging tool on a host computer that is connected to the phone, and
-// recovers the port after an error.
+// The host tool port. It serves a logging tool on a host computer that is connected to the phone,
+// and recovers the port after an error.
 #pragma once
 
 #include <atomic>
@@ -13,27 +13,27 @@
 #include "platform/tcl.h"
 
 // Does nothing while the output channel is the storage channel. Otherwise it opens the channel and
-// lets the tool library hand to the modem what the host sends, as soon as there is a host.
+// waits for a host. Then the tool library passes the host's messages to the modem.
 //
-// `start` and `stop` may be called from any thread; `exec` runs on the caller's thread. `stop` is
-// bounded: by the channel's own open, and on a socket channel by a wait for a host, which it ends
-// within 5 s.
+// `start` and `stop` may be called from any thread. `exec` runs on the thread of its caller. `stop`
+// takes at most as long as opening the channel takes. On a socket channel it also ends a wait for a
+// host, which takes up to 5 s.
 class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_TOOL_HANDLE() : QUARN_HANDLE(HANDLE_TOOL) {}
     ~QUARN_TOOL_HANDLE() override;
 
-    // Takes the channel of the current transfer type.
+    // Selects the channel of the current transfer type.
     int32_t init() override;
-    // 0 when there is nothing to do, or the port is served or waits for its host; else 1. A port
-    // whose recovery failed is closed and opened afresh.
+    // Returns 0 if there is nothing to do, or if the port is served or waits for a host. Otherwise
+    // returns 1. If the last recovery of the port failed, closes the port and opens it again.
     int32_t start() override;
     int32_t stop() override;
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
   protected:
-    // The current output channel, not owned; null after the switch to a mode that has none. Guarded
-    // by `lifecycle_mutex`; does not change while a thread of ours runs.
+    // The current output channel. Not owned. Null after a switch to a mode without a channel.
+    // Guarded by `lifecycle_mutex`. Does not change while one of the two threads below runs.
     QUARN_IO* tool_io = nullptr;
 
   private:
@@ -57,28 +57,38 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     bool recover();
     bool reach_host_again();
 
-    // Held for the whole of `start` and `stop`, joining included; the threads never take it.
+    // Held during the whole of `start` and `stop`, also while threads are joined. The threads never
+    // take it.
     std::mutex lifecycle_mutex;
-    Thread wait_connect_thread;     // socket channel only
-    Thread host_port_error_thread;  // recovers the port; made by `start` or by the other
+    // Waits for the first host. Exists on a socket channel only.
+    Thread wait_connect_thread;
+    // Recovers the port after an error. Created by `start` or by `wait_connect_thread`.
+    Thread host_port_error_thread;
 
-    // Held for one call of the tool library, the first time also while the thread is made that ends
-    // listening after a port error: it must not come before. A start of listening looks at
-    // `running` under it, so that none comes behind the end of listening in `stop`.
+    // Held during each call of the tool library. Also held from the creation of
+    // `host_port_error_thread` until listening has begun, so that this thread cannot end listening
+    // too early. Before listening begins, `running` is checked under this mutex, so that listening
+    // cannot begin after `stop` has ended it.
     std::mutex listen_mutex;
 
-    // Guards what follows, for an instant only: a recovery does not hold it, for it may wait for a
-    // host for ever, and who brings a wake-up meanwhile holds `exec_mutex`.
+    // Guards the fields below. Held for a moment only. A recovery does not hold it, because a
+    // recovery may wait for a host without a limit, and the thread that reports a port error
+    // meanwhile holds `exec_mutex`.
     std::mutex tool_mutex;
-    std::condition_variable tool_cond;  // `port_error` was set or `running` cleared
-    bool started = false;               // the channel is open: there is something to shut down
-    bool gave_up = false;               // a thread ended by itself: the next start begins afresh
-    bool port_error = false;            // one is still to be handled
-    // The host is served. Changes under `tool_mutex`.
+    // Notified when `port_error` is set or `running` is cleared.
+    std::condition_variable tool_cond;
+    // The channel is open and must be shut down.
+    bool started = false;
+    // A thread has ended by itself. The next `start` shuts everything down first.
+    bool gave_up = false;
+    // A port error has not been handled yet.
+    bool port_error = false;
+    // The host is served. Written under `tool_mutex`.
     std::atomic<bool> running{false};
 };
 
 extern QUARN_TOOL_HANDLE g_tool;
 
-// The tool library's callback, on its own thread; holds `exec_mutex` throughout. Always 0.
+// The callback of the tool library. Runs on a thread of that library and holds `exec_mutex` until
+// its end. Always returns 0.
 int quarn_tclCallback(void* user, TCL_MSG msg);

@@ -1,7 +1,7 @@
-// The Android log, as the whole daemon writes it: one tag, four priorities.
+// Writing to the Android log. The whole daemon uses one tag and four priorities.
 //
-// The macros take a printf format and its arguments; the compiler checks them. Safe on any thread.
-// They leave errno as it was only as far as liblog does: read errno before logging.
+// The macros take a printf format and its arguments, which the compiler checks. Thread-safe.
+// Logging may change errno: read errno before.
 #pragma once
 
 #include <android/log.h>

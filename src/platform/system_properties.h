@@ -1,4 +1,5 @@
-// The two property functions of a phone's C library, for C libraries that do not declare them.
+// The two property functions of a phone's C library. Declared here for C libraries that do not
+// declare them.
 #pragma once
 
 #if __has_include(<sys/system_properties.h>)
@@ -7,9 +8,10 @@
 #define PROP_VALUE_MAX 92
 
 extern "C" {
-// 0 on success.
+// Returns 0 on success.
 int __system_property_set(const char* name, const char* value);
-// Length of the value, which with its NUL fits PROP_VALUE_MAX bytes; 0 for an unknown property.
+// Stores the value, at most PROP_VALUE_MAX bytes with its NUL. Returns the length of the value, or
+// 0 if there is no such property.
 int __system_property_get(const char* name, char* value);
 }
 #endif

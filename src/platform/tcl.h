@@ -1,4 +1,5 @@
-// Tool communication layer: the closed library that listens to a logging tool on a host computer.
+// The tool communication layer: the closed library that listens to a logging tool on a host
+// computer.
 #pragma once
 
 enum TCL_MSG : int {
@@ -10,19 +11,19 @@ enum TCL_MSG : int {
 
 extern "C" {
 
-// Called on the library's own thread.
+// Called on a thread of the library.
 typedef int (*tcl_msg_callback)(void* user, TCL_MSG msg);
-// Gets every message from the host; `mcl_writeToLogPort` has this shape.
+// Gets every message from the host. `mcl_writeToLogPort` has this signature.
 typedef int (*tcl_host_data_callback)(const void* buf, unsigned int len);
 
-// The three may be called from any thread; the daemon never calls two of them at a time. None of
-// them may wait for a `tcl_msg_callback` that runs, nor run one itself: that callback waits for a
+// The daemon calls these three functions from any thread, but never two of them at the same time.
+// They must neither run a `tcl_msg_callback` nor wait for one that runs: that callback waits for a
 // lock that the caller may hold.
 int tcl_registerCallback(tcl_msg_callback callback, void* user);
-// The descriptor stays the caller's.
+// `fd` is not owned.
 int tcl_listenToHostStart(int fd, tcl_host_data_callback to_modem);
-// Once this returns, the descriptor is not used any more, and nothing is handed to the data
-// callback. Without a start before it does nothing.
+// After this function has returned, the library neither uses the descriptor nor calls the data
+// callback. Does nothing if listening was not started.
 int tcl_listenToHostStop(void);
 
 }  // extern "C"
