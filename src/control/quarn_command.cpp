@@ -296,7 +296,8 @@ constexpr std::array<QUARN_COMMAND_INFO, 15> kCommandTable = {{
     {"flush_log_buffer", 0, 0, 0, HandleCommandFlushLogBuffer, {}},
 }};
 
-// Returns true if a request can select every row, that is, no earlier row's name is a prefix of it.
+// Returns true if no row's name begins with the name of an earlier row. Otherwise no request could
+// select the later row.
 constexpr bool is_every_row_reached() {
     for (size_t row = 0; row < kCommandTable.size(); ++row) {
         for (size_t earlier = 0; earlier < row; ++earlier) {

@@ -31,8 +31,8 @@ constexpr std::string_view kStateReady = "state=6";
 
 // Bytes. A message of this size may have been cut, so it is dropped.
 constexpr size_t kMaxMessage = 2048;
-// Bytes. The device manager of a phone requests the same size. Without a capability, the kernel
-// grants it up to the limit for every process, and doubles it.
+// Bytes. The device manager of a phone requests the same size. A process without capabilities gets
+// at most the kernel's general limit; the kernel doubles the size.
 constexpr int kReceiveBuffer = 256 * 1024;
 constexpr int kWaitTimeoutMs = 5000;
 constexpr std::chrono::seconds kErrorPause(1);
