@@ -1,5 +1,6 @@
-// What clients cost: the round-trip time of a query at 1 and at 10 clients, and the capture's
-// throughput while 10 clients query without pause against the undisturbed one, in turn.
+// Measures what clients cost: the round-trip time of a query with 1 client and with 10 clients, and
+// the throughput of a capture while 10 clients query without a pause. Each round first measures a
+// capture without clients for comparison.
 //
 // Use: control_bench [--size MIB] [--rounds N]     (in a box)
 #include <android/log.h>
@@ -33,9 +34,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kClients = 10;  // as many as the daemon serves
+constexpr int kClients = 10;  // the maximum that the daemon serves
 
-// The same generated records over and over.
+// Repeats the same generated records until it has delivered `size` bytes.
 class LoopSource : public sim::LogSource {
   public:
     LoopSource(const std::vector<uint8_t>& stream, size_t size) : bytes(stream), left(size) {}
@@ -53,7 +54,7 @@ class LoopSource : public sim::LogSource {
     size_t left;
 };
 
-// One query and its reply.
+// Sends one query and waits for the reply.
 void Query(int fd) {
     constexpr char kRequest[] = "file_size";
     char reply[quarn::protocol::kReplySize];
@@ -65,14 +66,15 @@ void Query(int fd) {
     }
 }
 
-// Clients that query with a pause in between, or without, while it lives.
+// Clients that send queries from construction until Stop. Each client has its own thread and pauses
+// between two queries, if the pause is not 0.
 class Clients {
   public:
     Clients(int count, std::chrono::milliseconds pause_between)
         : pause(pause_between), times(static_cast<size_t>(count)) {
         for (auto& own_times : times) threads.emplace_back([&] { Run(own_times); });
     }
-    // Microseconds of every round trip, sorted.
+    // Ends the clients. Returns the times of all round trips in microseconds, sorted.
     std::vector<double> Stop() {
         done = true;
         for (std::thread& thread : threads) thread.join();
@@ -112,7 +114,8 @@ void PrintRoundTrips(const char* what, const std::vector<double>& times, double 
            what, static_cast<double>(times.size()) / elapsed, at(0.5), at(0.99), at(1));
 }
 
-// A thousand queries a second in all: more than some thousand the daemon slows down.
+// The clients send a thousand queries per second in total. If clients send several thousand, the
+// daemon delays them.
 void MeasureIdle(int count) {
     const auto start = Clock::now();
     Clients clients(count, std::chrono::milliseconds(count));
@@ -123,7 +126,7 @@ void MeasureIdle(int count) {
                     elapsed.count());
 }
 
-// Seconds from the start of the stream until its last byte has left the ring.
+// Returns the seconds from the start of the stream until its last byte has left the ring.
 double Capture(const std::vector<uint8_t>& bytes, size_t size) {
     sim::Modem& modem = sim::Modem::Instance();
     const uint64_t before = modem.bytes_delivered();

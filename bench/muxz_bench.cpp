@@ -1,11 +1,12 @@
-// muxz against its limit: the same blocks through bare snappy_uncompress, and bare write, on one
+// Measures muxz against its limit: bare snappy_uncompress and bare write of the same blocks on one
 // core.
 //
 // Use: muxz_bench [--muxz PROGRAM] [--folder FOLDER] [--size MIB] [--block KIB] [--rounds N]
 //
-// Makes a log tree of a stream of that size in the folder, which should be in memory. All sides run
-// in turn, each in a process of its own; the limit has the packed blocks in its memory before it is
-// measured. Prints the median of each side and the ratio of the limit's time to that of muxz.
+// Makes a log tree with SIZE MiB of raw bytes in FOLDER, which should be in memory. Each round runs
+// all sides one after the other, each in its own process. The limit has the packed blocks in memory
+// before its measurement begins. Prints the median of each side, and the time of the limit divided
+// by the time of muxz.
 #include <fcntl.h>
 #include <sched.h>
 #include <snappy-c.h>
@@ -35,7 +36,7 @@ namespace {
 namespace fs = std::filesystem;
 using quarn::log_file::kBlockHeaderSize;
 
-constexpr size_t kFileSize = size_t{50} * 1024 * 1024;  // bytes, about
+constexpr size_t kFileSize = size_t{50} * 1024 * 1024;  // bytes; approximate
 constexpr const char* kCapture = "QRXMDLog_0_2026_1123_120000";
 
 [[noreturn]] void Fail(const std::string& what) {
@@ -94,7 +95,7 @@ std::vector<LogFile> MakeTree(const fs::path& tree, size_t size, size_t block) {
     return files;
 }
 
-// All blocks, one behind the other as they lie in the files.
+// Returns all blocks of the files, one behind the other.
 std::vector<char> Blocks(const std::vector<LogFile>& files) {
     std::vector<char> blocks;
     for (const LogFile& file : files) {
@@ -105,7 +106,7 @@ std::vector<char> Blocks(const std::vector<LogFile>& files) {
     return blocks;
 }
 
-// The limit. To `output` unless that is -1.
+// The limit: unpacks all blocks. Writes the raw bytes to the descriptor `output`, unless it is -1.
 void Unpack(const std::vector<char>& blocks, int output) {
     std::vector<char> raw(size_t{1} << 24);
     for (size_t at = 0; at < blocks.size();) {
@@ -131,7 +132,7 @@ double CpuSeconds(const rusage& usage) {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// Of `run` in a process of its own, on one core if so.
+// Runs `run` in a new process and returns its cost. With `one_core` the process uses only core 0.
 Cost Measure(bool one_core, const std::function<void()>& run) {
     const auto start = std::chrono::steady_clock::now();
     const pid_t child = fork();
@@ -169,7 +170,7 @@ double Median(std::vector<double> values) {
 
 struct Side {
     const char* name;
-    int limit;  // which side is its limit; -1: it is one, or has none
+    int limit;  // position of the side that is its limit; -1 if it is a limit itself or has none
     bool one_core;
     std::function<void()> run;
     std::vector<double> wall{}, cpu{};

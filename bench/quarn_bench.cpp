@@ -1,4 +1,4 @@
-// Pieces of the road, each alone: ring, blocks, recycler.
+// Measures parts of the data path, each on its own: ring, blocks, recycler.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 #include <snappy-c.h>
@@ -22,10 +22,10 @@ namespace fs = std::filesystem;
 namespace {
 
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
-constexpr size_t kBlockSize = 256 * 1024;  // what the writer takes at once
+constexpr size_t kBlockSize = 256 * 1024;  // bytes that the writer takes from the ring at once
 
-// A producer that copies 64 KiB in at a time, as the reader does, against a consumer that copies up
-// to 256 KiB out, as the writer does.
+// A producer copies 64 KiB at a time into the ring, as the reader does. A consumer copies up to 256
+// KiB at a time out of it, as the writer does.
 void Ring(benchmark::State& state) {
     constexpr uint64_t kTotal = uint64_t{4} << 30;
     QUARN_RING ring;
@@ -74,7 +74,7 @@ std::vector<uint8_t> Records(size_t size) {
     return bytes;
 }
 
-// Blocks that the storage channel's buffer holds for certain without a flush.
+// Number of blocks that always fit into the storage channel's buffer without a flush.
 constexpr size_t kBlocks = 3;
 
 void BareSnappy(benchmark::State& state) {
@@ -92,8 +92,8 @@ void BareSnappy(benchmark::State& state) {
 }
 BENCHMARK(BareSnappy);
 
-// The storage channel on the same blocks: lock, framing and compression. The write that empties the
-// buffer is left out.
+// The storage channel with the same blocks: lock, framing and compression. The write that empties
+// the buffer is not measured.
 void ChannelBlocks(benchmark::State& state) {
     const auto bytes = Records(kBlocks * kBlockSize);
     g_file_io.create_top_folder();
@@ -113,8 +113,8 @@ void ChannelBlocks(benchmark::State& state) {
 }
 BENCHMARK(ChannelBlocks);
 
-// A tree of `files` sparse files in captures of 100, measured without anything to delete ("within")
-// and with one file too many each time ("over").
+// Makes a tree with `files` sparse files, 100 in each capture. The recycler is measured with
+// nothing to delete ("within") and with one file too many each time ("over").
 void MakeTree(int64_t files) {
     fs::remove_all(kLogs);
     for (int64_t i = 0; i < files; ++i) {

@@ -3,20 +3,19 @@
 //
 // Use: road_bench [--input FILE] [--size MIB] [--rounds N] [--file-size MIB]     (in a box)
 //
-// Each round measures both sides; which side goes first alternates. A round that is not counted
-// comes first: on a virtual machine, memory that no file has used before costs about twice as much,
-// and the files lie in memory. For the same reason the stream should be small against the machine's
-// memory.
+// Each round measures both sides. The side that goes first alternates. The first round only warms
+// the memory and does not count: the files lie in memory, and on a virtual machine memory that no
+// file has used before costs about twice as much. For the same reason the stream should be much
+// smaller than the machine's memory.
 //
-// With --syncs: the data path with its syncs against the data path whose syncs return at once,
-// which shows what they cost. This needs a real file system (a box with a folder on a disk) and an
-// idle machine:
+// With --syncs, compares the data path with one whose syncs return at once. This shows what syncs
+// cost. It needs a real file system (a box with a folder on a disk) and an idle machine:
 //
 //     sim/box --folder build/road build/release/bench/road_bench --syncs --passes 10
 //     sim/box --folder build/road build/release/bench/road_bench --syncs --rate 20
 //
-//   --passes N   each measurement takes the stream N times (1)
-//   --rate MB    MB of the stream in a second (0: as fast as it is read)
+//   --passes N   repeats the stream N times in each measurement (default: 1)
+//   --rate MB    rate of the stream in MB/s (default: 0, as fast as the daemon reads it)
 #include <android/log.h>
 #include <fcntl.h>
 #include <snappy-c.h>
@@ -44,7 +43,8 @@
 
 namespace fs = std::filesystem;
 
-// Allocations of the process. The compressor's own one for each block is large, and not counted.
+// Number of allocations of the process. The compressor's own allocation for each block is larger
+// than kCompressors bytes and does not count.
 static std::atomic<uint64_t> allocations{0};
 
 void* operator new(size_t size) {
@@ -83,8 +83,8 @@ ssize_t write(int fd, const void* buf, size_t len) {
 
 namespace {
 
-constexpr size_t kBlockSize = 256 * 1024;    // what the writer takes at once
-constexpr size_t kBufferSize = 1024 * 1024;  // what the storage channel writes at once
+constexpr size_t kBlockSize = 256 * 1024;    // bytes that the writer takes from the ring at once
+constexpr size_t kBufferSize = 1024 * 1024;  // bytes that the storage channel writes at once
 constexpr size_t kPortRead = 64 * 1024;
 
 // Gives the port the same bytes several times, from memory.
@@ -105,7 +105,7 @@ class MemorySource : public sim::LogSource {
     size_t at = 0;
 };
 
-// What one run of a side took. CPU times are in seconds; `cpu` is that of all threads.
+// The cost of one run of a side. Times are in seconds. `cpu` is the CPU time of all threads.
 struct Cost {
     double wall = 0, cpu = 0, reader_cpu = 0, writer_cpu = 0;
     uint64_t allocations = 0;
@@ -130,7 +130,7 @@ double MachineCpuSeconds() {
     return (user + nice + system + irq + softirq) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// Returns the CPU time in seconds of this process' thread of that name; 0 if there is none.
+// Returns the CPU time in seconds of the thread `name` of this process, or 0 if there is none.
 double ThreadCpuSeconds(const std::string& name) {
     for (const auto& task : fs::directory_iterator("/proc/self/task")) {
         std::string comm;
@@ -141,7 +141,7 @@ double ThreadCpuSeconds(const std::string& name) {
     return 0;
 }
 
-// Returns what `run`, which returns the CPU time of the writer thread, took.
+// Returns the cost of `run`. `run` returns the CPU time of the writer thread.
 template <typename Run>
 Cost Measure(const Run& run) {
     Cost cost;
@@ -249,7 +249,8 @@ void Print(const char* what, const Cost& cost, size_t size) {
         static_cast<double>(size) / 1e6 / cost.wall, static_cast<unsigned long>(cost.allocations));
 }
 
-// The data path against its limit, in `rounds` rounds behind one that only warms the memory.
+// Compares the data path with its limit in `rounds` rounds, after one round that only warms the
+// memory.
 void CompareBare(const std::vector<uint8_t>& bytes, int rounds) {
     std::vector<double> wall_ratios, cpu_ratios, writer_ratios;
     for (int round = 0; round <= rounds; ++round) {
@@ -272,9 +273,9 @@ void CompareBare(const std::vector<uint8_t>& bytes, int rounds) {
         rounds, Median(wall_ratios), Median(cpu_ratios), Median(writer_ratios));
 }
 
-// Compares the data path without and with syncs, alternating which goes first, and prints what
-// syncs add in the median. The machine's CPU time includes the kernel's own threads, until every
-// byte is on the disk.
+// Compares the data path without and with syncs. The side that goes first alternates. Prints the
+// median of what syncs add. The CPU time of the machine includes the kernel's own threads, until
+// every byte is on the disk.
 void CompareSyncs(const std::vector<uint8_t>& bytes, int passes, int rounds) {
     enum Figure { kWall, kCpu, kWriterCpu, kWriterWrites, kMachineCpu, kFigures };
     const char* const names[] = {"wall", "cpu", "writer's cpu", "writer's writes", "machine's cpu"};
@@ -321,7 +322,7 @@ std::vector<uint8_t> Stream(const std::string& input, size_t size) {
         if (n == 0) break;
         filled += n;
     }
-    // Whole reads of the port, so that no chunk waits for a time-out at the end.
+    // Only complete reads of the port, so that no chunk waits for a time-out at the end.
     bytes.resize(filled / kPortRead * kPortRead);
     return bytes;
 }
