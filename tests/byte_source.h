@@ -1,4 +1,4 @@
-// A log source out of memory.
+// A log source that reads from memory.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,7 @@ class ByteSource : public sim::LogSource {
     size_t at = 0;
 };
 
-// Hands the bytes to the simulated modem, whose stream runs from then on.
+// Gives the bytes to the simulated modem and starts its stream.
 inline void Feed(std::string bytes) {
     sim::Modem::Instance().SetSource(std::make_unique<ByteSource>(std::move(bytes)));
     sim::Modem::Instance().StartStream();

@@ -24,7 +24,7 @@ namespace {
 const std::string kPath = kConfigPath;
 const std::string kDefault = "/vendor/etc/quarn_default.cfg";
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
-constexpr int kGetLogMode = 41;  // messages of modem IPC
+constexpr int kGetLogMode = 41;  // message ids of modem IPC
 constexpr int kSetFlushInterval = 119;
 
 class Config : public testing::Test {
@@ -43,7 +43,7 @@ class Config : public testing::Test {
         mcl_deinit();
     }
 
-    // Loads a file of this text.
+    // Writes `text` to the configuration file and loads it.
     int32_t Load(const std::string& text, int32_t log_mode_only = 0) {
         test::WriteFile(kPath, text);
         log.Clear();
@@ -54,7 +54,7 @@ class Config : public testing::Test {
         EXPECT_EQ(g_file_io.get_recycle_option(opt, &value), 0);
         return value;
     }
-    // Has the log filter manager send what it keeps for the time after the power-on phase.
+    // Ends the power-on phase, so that the log filter manager sends the pending level or filter.
     static void EndPowerOnPhase() {
         std::lock_guard lock(g_quarn.exec_mutex);
         quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
@@ -133,7 +133,7 @@ TEST_F(Config, AMissingFileIsMadeFromTheDefault) {
     EXPECT_EQ(fs::status(kPath).permissions(), fs::perms{0774});
     EXPECT_EQ(g_file_io.get_file_size(), 9);
     EXPECT_EQ(modem.settings().log_mode, 2);
-    // The default is for a missing file only.
+    // The factory default is copied only if the file does not exist.
     fs::remove(kPath);
     fs::create_directory(kPath);
     EXPECT_EQ(quarn_loadConfig(kConfigPath, 0), -1);
@@ -158,9 +158,9 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
     EXPECT_EQ(modem.settings().flush_interval, 1234);
     EndPowerOnPhase();
     EXPECT_EQ(modem.settings().log_level, 4);
-    EXPECT_EQ(log.Count("Fail to set ..."), 0u);  // the filter, which is not there, is not tried
+    EXPECT_EQ(log.Count("Fail to set ..."), 0u);  // the missing filter file is not opened
 
-    // A modem that streams already is told the interval, and nobody the mode.
+    // A modem that is already streaming gets the flush interval, but not the log mode.
     const size_t requests = modem.ipc_requests().size();
     ASSERT_EQ(Load("log_mode 1\nflush_interval abc\n"), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "The value of config flush_interval is invalid"));
@@ -170,7 +170,7 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
     ASSERT_EQ(all.size(), requests + 2);
     EXPECT_EQ(all[requests].message.id(), kGetLogMode);
     EXPECT_EQ(all[requests + 1].message.id(), kSetFlushInterval);
-    // What is missing goes back to its default; the folder stays.
+    // A missing setting gets its default value. The log folder stays as it is.
     EXPECT_EQ(g_file_io.get_file_size(), 50);
     EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 2500u);
     EXPECT_EQ(Recycle(RECYCLE_OPT_EE), 1u);
@@ -179,18 +179,18 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
 
     ASSERT_EQ(Load("file_size 8\nlog_mode 2\n", 1), 0);
     EXPECT_EQ(g_file_io.get_file_size(), 50);
-    EXPECT_EQ(g_quarn.flush_interval, 0u);  // to a streaming modem
+    EXPECT_EQ(g_quarn.flush_interval, 0u);  // sent to the streaming modem
     EXPECT_EQ(modem.settings().log_mode, 2);
 
-    // Behind byte 1023 nothing counts.
+    // Bytes behind the first 1023 are ignored.
     const std::string filler = "x " + std::string(1023 - 1 - 3 - 11, 'x') + "\n";
     ASSERT_EQ(Load("\n" + filler + "file_size 12\nrecycle_size 77\n"), 0);
-    EXPECT_EQ(g_file_io.get_file_size(), 1);  // the cut falls into the number
+    EXPECT_EQ(g_file_io.get_file_size(), 1);  // the limit lies within the number
     EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), 2500u);
 }
 
 TEST_F(Config, WhatIsRefusedEndsTheLoadOrIsPassedOver) {
-    // Each is refused behind settings that were applied and stay so.
+    // Each text is refused. The settings before the wrong one were applied and stay in force.
     const struct {
         std::string text;
         std::string message;
@@ -220,7 +220,7 @@ TEST_F(Config, WhatIsRefusedEndsTheLoadOrIsPassedOver) {
         EXPECT_EQ(Recycle(RECYCLE_OPT_SIZE), c.recycle_size);
         EXPECT_EQ(modem.settings().log_mode, c.mode);
     }
-    // Without the modem's own mode nothing is applied at all.
+    // If the modem does not return its log mode, no setting is applied.
     g_file_io.set_file_size(50);
     modem.FailIpc(kGetLogMode, sim::IpcFault::kResult, 1, 1);
     EXPECT_EQ(Load("file_size 5\n"), -1);
@@ -229,9 +229,9 @@ TEST_F(Config, WhatIsRefusedEndsTheLoadOrIsPassedOver) {
 }
 
 TEST_F(Config, SavedLines) {
-    const std::string longest(509, 'x');  // with its newline a line of 510
+    const std::string longest(509, 'x');  // with its newline, a line of 510 bytes
     const struct {
-        std::string before;  // "": no file
+        std::string before;  // empty: there is no file
         const char* key;
         std::string value;
         std::vector<const char*> displaced;
@@ -247,7 +247,7 @@ TEST_F(Config, SavedLines) {
         {"log_filter /data/log_mode\n", "log_mode", "1", {}, "log_mode 1\n"},
         {"log_folder /a", "log_mode", "1", {}, "log_folder /a\nlog_mode 1\n"},
         {longest + "\na 1\n", "a", "2", {}, longest + "\na 2\n"},
-        // Cut into pieces of 510 bytes, of which the second holds the key.
+        // The line is read in pieces of 510 bytes. The second piece contains the key.
         {longest + "x" + "key 1\n", "key", "2", {}, longest + "xkey 2\n"},
         {longest + "\n" + std::string(501, 'x') + "\n",
          "log_mode",
@@ -268,8 +268,8 @@ TEST_F(Config, SavedLines) {
                   c.before.empty());
     }
     EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
-    // The file keeps its mode, whatever the umask; a link in its place is replaced, what it points
-    // to stays.
+    // The file keeps its mode, whatever the umask is. A link in its place is replaced by a file,
+    // and the file that it points to stays unchanged.
     umask(077);
     fs::permissions(kPath, fs::perms{0640});
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
@@ -283,13 +283,13 @@ TEST_F(Config, SavedLines) {
     EXPECT_NE(test::ReadFile(kPath), linked);
 }
 
-// What the next load would not read as it was set.
+// A value is not saved if the next load would not read it as it was set.
 TEST_F(Config, ValuesThatAreNotSaved) {
     const std::string before = "log_level 5\n" + std::string(490, 'x') + "\n";
     const struct {
         const char* key;
         std::string value;
-        std::string reason;  // "": is saved
+        std::string reason;  // empty: the value is saved
     } cases[] = {
         {"transfer_type", "1 file_size 5", "holds the key file_size"},
         {"log_filter", "/data/log_filter", "holds the key log_filter"},
@@ -326,7 +326,7 @@ TEST_F(Config, ValuesThatAreNotSaved) {
     EXPECT_EQ(quarn_command_saveConfig("log_level", nullptr, {}), 0);  // a query
 }
 
-// What takes no end, or waits for somebody, in the place of the file.
+// In place of the configuration file lies something endless, or something whose reading blocks.
 TEST_F(Config, NoFileHoldsTheDaemonUp) {
     fs::remove(kPath);
     ASSERT_EQ(mkfifo(kPath.c_str(), 0600), 0);
@@ -340,7 +340,7 @@ TEST_F(Config, NoFileHoldsTheDaemonUp) {
     fs::resize_file(kPath, uintmax_t{1} << 40);
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
     EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 5\n");
-    // In the place of the new file.
+    // The same in place of the new file.
     const std::string next = kPath + ".new";
     ASSERT_EQ(mkfifo(next.c_str(), 0600), 0);
     EXPECT_EQ(quarn_command_saveConfig("log_level", "4", {}), 0);

@@ -10,7 +10,7 @@
 TEST(Core, TheRouterReachesEveryHandleAndNoOther) {
     test::LogCapture log;
     for (int id = HANDLE_WRITER; id < HANDLE_MAX; ++id) {
-        // The log filter manager alone tells that it does not know a request.
+        // Only the log filter manager reports an unknown request.
         EXPECT_EQ(quarn_runHandleExec(static_cast<QUARN_HANDLE_ID>(id), EXEC_RESERVED_14, nullptr),
                   id == HANDLE_LOG_FILTER_MANAGER ? 1 : 0);
     }
@@ -27,7 +27,7 @@ TEST(Core, TheReportPrintsWhatHappenedAndStartsAfresh) {
     g_quarn.read_bytes = 5 << 13;
     g_quarn.write_bytes = 3 << 13;
     g_quarn.stall_count = 7;
-    g_quarn.stats = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};  // as they are declared
+    g_quarn.stats = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};  // in the order of the declaration
     quarn_report_statistics();
     const char* const lines[] = {
         "read rate: 5 KB/s, write rate: 3 KB/s",
@@ -41,7 +41,8 @@ TEST(Core, TheReportPrintsWhatHappenedAndStartsAfresh) {
 
     log.Clear();
     quarn_report_statistics();
-    EXPECT_EQ(log.messages().size(), 3u);  // no failures, no stalls: no lines for them
+    // No lines about failures and stalls, since there were none.
+    EXPECT_EQ(log.messages().size(), 3u);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "read rate: 0 KB/s, write rate: 0 KB/s"));
 }
 

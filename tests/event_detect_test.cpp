@@ -36,7 +36,7 @@ constexpr const char* kRestart = "event_detect_handle: restart quarn";
 constexpr const char* kRecovered = "event_detect_handle: wwanD0MIPC0 is recover\n";
 constexpr const char* kReady = "event_detect_handle: md ready";
 
-// The descriptor on which the started handle hears of device events.
+// Returns the descriptor on which the started handle receives device events.
 int SocketOf(const test::LogCapture& log) {
     const std::string told = "event_detect_handle: uevent_socket_server = ";
     EXPECT_TRUE(log.WaitFor(told + "..."));
@@ -46,7 +46,7 @@ int SocketOf(const test::LogCapture& log) {
     return -1;
 }
 
-// Enough for it to look at the state file once: it does so every 5 s.
+// Waits until the handle has read the state file once. It reads the file every 5 s.
 void AwaitALook() { std::this_thread::sleep_for(5500ms); }
 
 std::string RestartProperty() {
@@ -93,7 +93,7 @@ TEST(ParseUevent, TakesExactlyTwoEvents) {
         for (const std::string& text : c.texts) message += text + '\0';
         SCOPED_TRACE(message);
         message += '\0';
-        // Of exactly its size, so that a look behind the end is seen.
+        // A buffer of exactly this size, so that the sanitizer sees a read behind its end.
         const std::vector<char> exact(message.begin(), message.end());
         event_info info;
         EXPECT_EQ(QUARN_EVENT_DETECT_HANDLE::parse_uevent(exact.data(), &info), c.event);
@@ -112,7 +112,8 @@ TEST_F(EventDetect, ARemovalClosesTheCaptureAndAsksForTheRestart) {
     quarn_property_set("vendor.quarn.qrx.restart", "0");
     ASSERT_EQ(g_event_detect.start(), 0);
 
-    // A removal of as many bytes as one read takes may be cut, one byte less is whole.
+    // A message that fills the buffer of one read may be cut. A message with one byte less is
+    // complete.
     const auto removal = [](size_t size) {
         std::string message = sim::DeviceEvent("remove", "vqmi", "wwanD0MDLog");
         message += "PAD=" + std::string(size - message.size() - 5, 'x') + '\0';
@@ -147,8 +148,8 @@ bool HasWaiter(std::mutex& mutex) {
     return __atomic_load_n(&mutex.native_handle()->__data.__lock, __ATOMIC_RELAXED) == 2;
 }
 
-// The restart holds up the queue, not the thread that reads the socket. All removals that came
-// until it was done are answered by it, and a stop waits for it.
+// The restart blocks the queue, but not the thread that reads the socket. One restart is enough for
+// all removals that arrive until it is done. A stop waits for it.
 TEST_F(EventDetect, OneRestartAnswersABurstOfRemovalsAndAStopWaitsForIt) {
     for (const bool stops_meanwhile : {false, true}) {
         SCOPED_TRACE(stops_meanwhile);
@@ -193,7 +194,8 @@ TEST_F(EventDetect, StartsOnceAndStops) {
         EXPECT_EQ(log.Count("event_process: already start"), 1u);
         EXPECT_EQ(log.Count("event_detect_handle: already start"), 1u);
         if (run == 0) {
-            // This process's port is taken: another one does.
+            // The netlink port with the id of this process is taken, so the handle uses another
+            // one.
             QUARN_EVENT_DETECT_HANDLE second;
             EXPECT_EQ(second.start(), 0);
             ASSERT_TRUE(sim::SendDeviceEvent("add", "vqmi", "wwanD0MIPC0"));
@@ -238,9 +240,9 @@ TEST_F(EventDetect, WaitsForNobodyBehindAStateFileThatIsAPipe) {
     close(writer);
 }
 
-// A driver that makes its reader wait, whatever it was asked for, holds up the events. More of them
-// than the receive buffer holds are told once, and it goes on with what is left; a stop ends the
-// wait.
+// A driver may block a read of its state file, even a non-blocking one. The handle then reads no
+// events. If more events come than the receive buffer holds, the handle logs this once and goes on
+// with the rest. A stop ends the blocked read.
 TEST_F(EventDetect, OutlivesADriverThatWaitsAndAnOverflow) {
     test::WriteFile(kStateFile, "state=5");
     ASSERT_EQ(g_event_detect.start(), 0);

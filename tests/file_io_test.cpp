@@ -1,4 +1,4 @@
-// The storage channel: folders, files, their names, and what is in them.
+// The storage channel: folders, files, their names and their content.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -34,15 +34,15 @@ class FileIo : public testing::Test {
   protected:
     FileIo() { fs::create_directories("/data/vendor/radio"); }
 
-    // What a restart of the daemon does to the channel.
+    // Does to the channel what a restart of the daemon does.
     void Restart() {
         io = std::make_unique<QUARN_FILE_IO>(kBase);
         io->create_top_folder();
     }
     void SetUp() override { Restart(); }
 
-    // Writes `bytes` as the writer does, 256 KiB at a time, into a capture that it opens again when
-    // the channel closed it; false at the first refusal.
+    // Writes `bytes` as the writer does: 256 KiB at a time, and opens a new capture if the channel
+    // closed the old one. Returns false if the channel refuses a write.
     bool Write(const std::string& bytes) {
         for (size_t at = 0; at < bytes.size(); at += kChunk) {
             const auto len = static_cast<int>(std::min(kChunk, bytes.size() - at));
@@ -93,7 +93,7 @@ TEST_F(FileIo, ACaptureHoldsWhatWasWritten) {
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "file_io: already close"));
     ASSERT_EQ(io->io_open(), 0);
     EXPECT_TRUE(io->check_io_open());
-    ASSERT_EQ(io->io_open(), 0);  // an open capture goes on
+    ASSERT_EQ(io->io_open(), 0);  // the capture is already open and stays open
     ExpectName(fs::path(OnlyFolder()).filename(), "QRXMDLog_0_" + kTime + "t");
     EXPECT_EQ(Mode(OnlyFolder()), 0775u);
     EXPECT_TRUE(List(OnlyFolder()).empty());  // the first flushed block opens the file
@@ -111,7 +111,7 @@ TEST_F(FileIo, ACaptureHoldsWhatWasWritten) {
     ExpectName(files[0], "QRXMDLog_0_" + kTime + R"(\.muxz\.tmp)");
     EXPECT_EQ(Mode(OnlyFolder() + "/" + files[0]), 0775u);
     EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
-    // The history has the name that the folder will bear once finished.
+    // The history has the final name of the folder.
     const std::string folder = OnlyFolder();
     EXPECT_EQ(test::ReadFile(kBase + "log_folder_history"),
               kLogs + "/" +
@@ -119,8 +119,8 @@ TEST_F(FileIo, ACaptureHoldsWhatWasWritten) {
                   "\n");
 }
 
-// What stands in the tree when a capture opens, what the folder before is called afterwards, and
-// the new capture's index.
+// Rows: the folders in the tree when a capture opens, the name of the previous folder afterwards,
+// and the index of the new capture.
 TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
     struct {
         std::vector<std::string> left;
@@ -128,7 +128,7 @@ TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
         int next_idx;
     } const cases[] = {
         {{"QRXMDLog_7_2024_0101_000000t_EE"}, "QRXMDLog_7_2024_0101_000000_EE", 8},
-        // Unfinished folders win over higher indexes.
+        // An unfinished folder counts before a finished one with a higher index.
         {{"QRXMDLog_3_2024_0101_000000t", "QRXMDLog_9_2024_0101_000000"},
          "QRXMDLog_3_2024_0101_000000",
          4},
@@ -158,8 +158,8 @@ TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
     }
 }
 
-// The exception comes before the new capture has a file: the one that waits for its final name
-// still lies in the capture before.
+// The exception comes before the new capture has a file. The file that waits for its final name
+// still lies in the previous capture.
 TEST_F(FileIo, MarksAreSoughtInTheLastPathComponentOnly) {
     ASSERT_EQ(io->set_log_folder(kLogs + "a_EE.tmpt"), 0);
     for (int capture = 0; capture < 3; ++capture) {
@@ -191,14 +191,14 @@ TEST_F(FileIo, FilesRotateBySizeAndAnExceptionMarksThemAndTheFolder) {
     const std::string bytes = test::StreamBytes(30 * kChunk);
     ASSERT_TRUE(Write(bytes.substr(0, 14 * kChunk)));
     const std::string before = OnlyFolder();
-    io->rename_folder_ee();  // without the suffix: nothing
+    io->rename_folder_ee();  // does nothing without the suffix
     EXPECT_EQ(OnlyFolder(), before);
     io->set_file_suffix("_EE");
     io->rename_folder_ee();
     EXPECT_EQ(OnlyFolder(), before + "_EE");
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: rename log folder to " + kLogs + "/" +
                                               fs::path(before).filename().string() + "_EE"));
-    io->rename_folder_ee();  // once only
+    io->rename_folder_ee();  // the second call does nothing
     EXPECT_EQ(OnlyFolder(), before + "_EE");
     ASSERT_TRUE(Write(bytes.substr(14 * kChunk)));
     io->io_close();
@@ -208,15 +208,15 @@ TEST_F(FileIo, FilesRotateBySizeAndAnExceptionMarksThemAndTheFolder) {
     for (size_t i = 0; i < files.size(); ++i) {
         const std::string ending = i + 1 == files.size() ? R"(_EE\.muxz\.tmp)" : R"((_EE)?\.muxz)";
         ExpectName(files[i], "QRXMDLog_" + std::to_string(i) + "_" + kTime + ending);
-        // A file passes the limit by at most one flush of the 1 MiB buffer (and its header).
+        // A file exceeds its size limit by at most one flush of the 1 MiB buffer and its header.
         EXPECT_LE(fs::file_size(before + "_EE/" + files[i]), 2u * 1024 * 1024 + 1024);
     }
     EXPECT_TRUE(files[0].find("_EE") == std::string::npos);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "file_io: file_size exceed 1048576"));
 }
 
-// Each file begins with what the channel knows of it, what the modem told last, and the phone's own
-// entries.
+// The header of each file has the data of the channel about this file, the latest modem
+// information, and the phone's custom entries.
 TEST_F(FileIo, EveryFileHasAHeaderOfItsOwn) {
     quarn::zorvex::CustomHeaderInfoInit();
     ASSERT_EQ(io->set_file_size(1), 0);
@@ -224,7 +224,8 @@ TEST_F(FileIo, EveryFileHasAHeaderOfItsOwn) {
     ASSERT_EQ(io->io_open(), 0);
     const time_t opened = io->get_cur_folder_time();
     EXPECT_GE(opened, before);
-    ASSERT_TRUE(Write(test::StreamBytes(14 * kChunk)));  // the modem told nothing yet
+    // The modem has not sent its information yet.
+    ASSERT_TRUE(Write(test::StreamBytes(14 * kChunk)));
     QUARN_MD_INFO told = {};
     for (size_t i = 0; i < sizeof(told.md_info); ++i) told.md_info[i] = static_cast<uint8_t>(i);
     told.md_info_word_b = 0x0b0b0b0b;
@@ -279,8 +280,10 @@ TEST_F(FileIo, AFlushedCloseAddsOneByteAndKeepsTheCapture) {
     ASSERT_TRUE(Write("two "));
     EXPECT_EQ(io->close_log_file_with_flush(), 0);
     const auto block_size = fs::file_size(first) - flushed_size - 1;
-    EXPECT_EQ(block_size, 6u + 1 + 1 + 4);  // lengths, Snappy's length and literal mark, the text
-    EXPECT_EQ(io->close_log_file_with_flush(), 0);  // nothing buffered, no file: nothing to do
+    // Lengths, Snappy's varint, the tag of the literal, the text.
+    EXPECT_EQ(block_size, 6u + 1 + 1 + 4);
+    // Does nothing: no bytes are buffered and no file is open.
+    EXPECT_EQ(io->close_log_file_with_flush(), 0);
     ASSERT_TRUE(Write("three"));
     io->io_close();
     EXPECT_EQ(List(OnlyFolder()).size(), 2u);
@@ -307,13 +310,13 @@ TEST_F(FileIo, AVanishedTreeIsMadeAgain) {
     EXPECT_EQ(test::DecodeTree(kLogs), "again");
 }
 
-// Whatever is deleted, and whatever writes next: the deleted file gets no byte more, the loss is
-// told, and the rest of the stream is in the tree.
+// Tries each kind of deletion with each operation that writes next. The deleted file gets no more
+// bytes, the channel logs the loss, and the rest of the stream is in the tree.
 TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
     struct {
         const char* what;
         std::function<void(const fs::path& file)> act;
-        size_t folders;  // with what the capture left and the one that goes on
+        size_t folders;  // number of capture folders in the tree afterwards
     } const deletions[] = {
         {"file", [](const fs::path& file) { fs::remove(file); }, 1},
         {"folder", [](const fs::path& file) { fs::remove_all(file.parent_path()); }, 1},
@@ -344,7 +347,7 @@ TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
             fs::remove_all(kBase);
             Restart();
             ASSERT_EQ(io->io_open(), 0);
-            ASSERT_TRUE(Write(first));  // the file has some of it, the buffer the rest
+            ASSERT_TRUE(Write(first));  // one part is in the file, the rest is in the buffer
             const fs::path file = OnlyFolder() + "/" + List(OnlyFolder()).at(0);
             const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
             const auto size = fs::file_size(file);
@@ -362,7 +365,7 @@ TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
                                 " bytes went with it..."),
                       1u);
             EXPECT_EQ(List(kLogs).size(), deletion.folders);
-            // What is gone is not sought for its final name.
+            // The channel does not try to rename a deleted file.
             for (const auto& message : log.messages()) {
                 EXPECT_FALSE(message.text.starts_with("file_io: rename log file")) << message.text;
             }
@@ -370,7 +373,7 @@ TEST_F(FileIo, NothingIsWrittenToAFileThatNobodyCanFind) {
     }
 }
 
-// Behind the cut there would be no header, or half a block.
+// Writing on after a truncation would leave a file without a header, or with half a block.
 TEST_F(FileIo, ACutFileIsLeftAsItIs) {
     const std::string bytes = test::StreamBytes(32 * kChunk);
     for (const off_t length : {off_t{0}, off_t{100 << 10}}) {
@@ -378,7 +381,7 @@ TEST_F(FileIo, ACutFileIsLeftAsItIs) {
         ASSERT_EQ(io->io_open(), 0);
         ASSERT_TRUE(Write(bytes.substr(0, bytes.size() / 2)));
         io->set_file_suffix("_EE");
-        io->rename_folder_ee();  // the loss is told under the folder's new name
+        io->rename_folder_ee();  // the message about the loss has the folder's new name
         const std::string file =
             io->get_latest_folder_path() + "/" + List(io->get_latest_folder_path()).at(0);
         const std::string had = test::DecodeFile(file).bytes;
@@ -397,8 +400,8 @@ TEST_F(FileIo, ACutFileIsLeftAsItIs) {
     }
 }
 
-// The exception whose mark the vanished folder could not take is in the capture that goes on; so is
-// what a capture without a file had buffered.
+// The folder vanished before it got the mark of an exception, so the next capture gets it. The next
+// capture also gets the bytes that a capture without a file had buffered.
 TEST_F(FileIo, ACaptureWithoutFolderGoesOnInAnother) {
     ASSERT_EQ(io->io_open(), 0);
     const std::string bytes = test::StreamBytes(16 * kChunk);
@@ -413,7 +416,7 @@ TEST_F(FileIo, ACaptureWithoutFolderGoesOnInAnother) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
 }
 
-// Names carry the second, so that what stands under the next ones is met one after the other.
+// Names contain the time in seconds. So the channel meets the prepared entries one after the other.
 TEST_F(FileIo, WhatStandsUnderTheNextFilesNameIsLeftAlone) {
     ASSERT_EQ(io->io_open(), 0);
     const std::string target = "/data/somebody's";
@@ -433,7 +436,7 @@ TEST_F(FileIo, WhatStandsUnderTheNextFilesNameIsLeftAlone) {
     ASSERT_TRUE(Write("kept"));
     io->flush_ringBuf();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "fail, errno=File exists..."));
-    io->flush_ringBuf();  // when all three attempts met one of them
+    io->flush_ringBuf();  // all three attempts met a prepared entry
     io->io_close();
     EXPECT_EQ(test::ReadFile(target), "own");
     size_t kept = 0;
@@ -480,13 +483,14 @@ TEST_F(FileIo, SettingsKeepTheirBounds) {
     EXPECT_EQ(io->set_log_folder("/data/vendor/radio/quarn//logs//run1/"), 0);
     EXPECT_EQ(io->get_log_folder(), "/data/vendor/radio/quarn//logs//run1/");
     EXPECT_TRUE(fs::is_directory(kLogs + "run1"));
-    // Nothing that would be taken for something else in the tree, or split the folder history.
+    // Refused: names that look like something else in the tree, or that break a line of the
+    // history.
     for (const char* name : {"QRXMDLog_1_23", "/QRXMDLog_1_2024_0101_000000t_EE//",
                              "a QRXMDLog_7_t", "a\nb", "a\x7f", "power_on_log.muxz/"}) {
         EXPECT_EQ(io->set_log_folder(kLogs + name), -1) << name;
     }
     EXPECT_EQ(test::List(kLogs), std::vector<std::string>{"run1"});
-    // Clients can have folders made, but not without end: captures count as well.
+    // Clients may create log folders, but only up to a limit. Captures count too.
     for (int i = 0; i < 4000; ++i) {
         fs::create_directory(kLogs + "QRXMDLog_" + std::to_string(i) + "_2024_0101_000000");
     }
@@ -499,7 +503,7 @@ TEST_F(FileIo, SettingsKeepTheirBounds) {
     EXPECT_EQ(io->set_log_folder(kLogs + "run1"), 0);
 }
 
-// Requests come from other threads while the writer writes.
+// Other threads send requests while the writer writes.
 TEST_F(FileIo, RequestsFromOtherThreadsLoseNothing) {
     ASSERT_EQ(io->set_file_size(1), 0);
     ASSERT_EQ(io->io_open(), 0);

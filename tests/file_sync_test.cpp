@@ -1,5 +1,5 @@
-// What brings the storage channel's files to the disk: when, and that nobody waits for it. What a
-// power cut leaves is looked at by crash_safety.
+// Syncs of the storage channel's files: when they happen, and that no thread waits for them.
+// power_cut.cpp checks what a power cut leaves.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -35,7 +35,7 @@ class FileSync : public testing::Test {
         EXPECT_GT(io->io_write(bytes.data(), static_cast<int>(bytes.size())), 0);
         io->flush_ringBuf();
     }
-    // Descriptors of log files, whoever has them.
+    // Returns the number of descriptors of log files in this process.
     static size_t OpenFiles() {
         size_t count = 0;
         for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -61,17 +61,18 @@ TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
     };
     Store("1");
     clock.Shift(CLOCK_MONOTONIC, seconds(3));
-    Store("2");  // postpones nothing
+    Store("2");  // does not postpone the sync
     clock.Shift(CLOCK_MONOTONIC, seconds(2));
     EXPECT_TRUE(synced(1));
 
-    // A write that lasts longer than that.
+    // A write that takes longer than that.
     fault =
         std::make_unique<FailCalls>(Fault{.call = Call::kWrite, .where = ".muxz", .hang = true});
     std::thread writer([&] { Store("3"); });
     EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
     clock.Shift(CLOCK_MONOTONIC, seconds(6));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // for a sync that comes too early
+    // Long enough to see a sync that comes too early.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(syncs.failed(), 1);
     fault.reset();
     writer.join();
@@ -79,12 +80,14 @@ TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
     EXPECT_TRUE(synced(2));
 
     Store("4");
-    io->close_log_file_with_flush();  // without a wait
+    io->close_log_file_with_flush();  // the sync follows at once
     EXPECT_TRUE(synced(3));
-    EXPECT_EQ(log.Count("file_sync: sync log_file=..."), 1u);  // of three failures of the file
+    // The three failures of a file give one message.
+    EXPECT_EQ(log.Count("file_sync: sync log_file=..."), 1u);
 }
 
-// Files go on, two descriptors are held, and the end of the channel does not wait for ever.
+// The channel goes on writing files, the sync thread holds at most two descriptors, and the end of
+// the channel does not wait for ever.
 TEST_F(FileSync, ASyncThatHangsHoldsNobodyUp) {
     const auto hang = [&] {
         fault =
@@ -97,7 +100,8 @@ TEST_F(FileSync, ASyncThatHangsHoldsNobodyUp) {
         EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
         EXPECT_EQ(OpenFiles(), file == 0 ? 1u : 2u);
     }
-    // Two had no place.
+    // The sync thread had no place for two of the files, so one syncfs takes the place of their
+    // syncs.
     FailCalls whole_file_system({.call = Call::kSyncAll, .error = EIO});
     fault.reset();
     EXPECT_TRUE(test::WaitUntil([] { return OpenFiles() == 0; }));

@@ -148,7 +148,7 @@ TEST(SocketIo, ConnectsAndDisconnects) {
     close(host);
 }
 
-// The waits last as long as one look at the socket, so they run side by side.
+// Each wait lasts for one poll of the socket, so the waits run side by side.
 TEST(SocketIo, GivesUpWaiting) {
     test::LogCapture log;
     SocketChannel not_open, stopped, closed_later;
@@ -164,9 +164,9 @@ TEST(SocketIo, GivesUpWaiting) {
             ++ended;
         });
     }
-    std::this_thread::sleep_for(milliseconds(20));  // into the waits
+    std::this_thread::sleep_for(milliseconds(20));  // until the waits have begun
     closed_later.is_closed = true;
-    // A stop counts only for a wait that has begun.
+    // A stop has no effect before the wait has begun.
     EXPECT_TRUE(test::WaitUntil([&] {
         stopped.stop_wait_connect();
         return ended == 2;

@@ -1,4 +1,4 @@
-// What a capture is made of, in memory: the buffer of blocks, and names.
+// The block buffer and the names of folders and files, in memory.
 #include <gtest/gtest.h>
 #include <snappy-c.h>
 
@@ -17,7 +17,7 @@ using quarn::zorvex::BlockBuffer;
 
 TEST(BlockBuffer, DropsTheBlocksThatAreWholeWithinABound) {
     const std::vector<std::string> raw = {"a", std::string(5000, 'b'), "", test::StreamBytes(300)};
-    std::vector<size_t> ends = {0};  // of the blocks
+    std::vector<size_t> ends = {0};  // offsets of the ends of the blocks
     const auto fill = [&](BlockBuffer& buffer) {
         buffer.Clear();
         ends.resize(1);
@@ -42,7 +42,7 @@ TEST(BlockBuffer, DropsTheBlocksThatAreWholeWithinABound) {
     }
 }
 
-// Its room is counted for bytes that do not compress, with a place for the stray byte.
+// The buffer reserves space for bytes that do not compress, and for the stray byte.
 TEST(BlockBuffer, TakesNoMoreThanFits) {
     constexpr size_t kSize = 1024 * 1024;
     const auto buffer = std::make_unique<BlockBuffer>();
@@ -75,11 +75,11 @@ TEST(LogNames, AreMadeAndFinished) {
         {"/l/Q_7_0t", "/l/Q_7_0", "/l/Q_7_0t", false},
         {"/l/Q_7_0", "/l/Q_7_0", "/l/Q_7_0", false},
         {"/l/Q_7_0t_EE", "/l/Q_7_0_EE", "/l/Q_7_0t_EE", true},
-        // The character before the mark always goes, but never a part of the path above.
+        // The character before the mark is always removed, but never a part of the path above.
         {"/l/Q_7_0_EE", "/l/Q_7__EE", "/l/Q_7_0_EE", true},
         {"/l/_EE", "/l/_EE", "/l/_EE", true},
         {"/l/Q_EE_0t_EE", "/l/Q_EE_0_EE", "/l/Q_EE_0t_EE", true},
-        // Marks in other components are none.
+        // Marks in other components of the path do not count.
         {"/a_EE.tmpt/Q_7_0", "/a_EE.tmpt/Q_7_0", "/a_EE.tmpt/Q_7_0", false},
         {"/a_EE.tmp/Q_7.muxz.tmp", "/a_EE.tmp/Q_7.muxz.tmp", "/a_EE.tmp/Q_7.muxz", false},
         {"Q.tmp.tmp", "Q.tmp.tmp", "Q.tmp", false},

@@ -43,7 +43,7 @@ class LogFilters : public testing::Test {
     int32_t Exec(QUARN_EXEC_ID id, const void* arg = nullptr) {
         return manager.exec(id, const_cast<void*>(arg));
     }
-    // What went to the modem since the state was entered: levels and filters only.
+    // Returns the levels and filters that the modem got since the manager entered its state.
     std::string Reached() const {
         std::string text;
         const auto requests = modem.ipc_requests();
@@ -72,7 +72,7 @@ struct Row {
     int32_t result;
     std::string message;  // one of the messages
     const char* reached;
-    const char* reached_once_normal = nullptr;  // by the request that ends the power-on phase
+    const char* reached_once_normal = nullptr;  // after the request that ends the power-on phase
 };
 
 constexpr int32_t kThree = 3, kSix = 6, kSeven = 7, kMinusOne = -1;
@@ -152,7 +152,7 @@ TEST_F(LogFilters, NothingIsSentWhileTheModemIsNotLogging) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(400));
     EXPECT_EQ(log.Count("SendSetCommand: Error unexpected logging mode"), 3u);
     EXPECT_EQ(log.Count(kGaveUp), 1u);
-    g_quarn.is_close = true;  // which waits for this
+    g_quarn.is_close = true;  // the daemon is ending, and waits for this call
     EXPECT_FALSE(manager.SendSetCommand());
     EXPECT_EQ(log.Count("SendSetCommand: Error unexpected logging mode"), 4u);
     g_quarn.is_close = false;
@@ -178,12 +178,12 @@ TEST_F(LogFilters, AFilterGoesOutAsItIs) {
     }
 }
 
-// --- paths that are no filters, when chosen or by the time they are read ---
+// --- paths that are no filters, either when they are chosen or when they are read ---
 
 const struct {
     const char* name;
     std::function<void(const char* path)> make;
-    const char* message;  // when it is read
+    const char* message;  // message when the file is read
 } kOddFiles[] = {
     {"Fifo", [](auto path) { mkfifo(path, 0600); }, "using"},
     {"Device", [](auto path) { std::filesystem::create_symlink("/dev/zero", path); }, "using"},
@@ -206,7 +206,7 @@ TEST_F(LogFilters, OddPathsAreRefusedAndNeverBlock) {
         EXPECT_EQ(Exec(kSetFilter, odd.c_str()), 1);
         EXPECT_EQ(log.Count("SetLogFilter: Error ..."), 1u);
         EXPECT_EQ(Exec(kNormal), 0);
-        EXPECT_EQ(Reached(), "level 2;");  // the one before stayed
+        EXPECT_EQ(Reached(), "level 2;");  // the previous level stays
 
         manager.init();
         Enter(0x11);

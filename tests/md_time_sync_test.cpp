@@ -23,7 +23,8 @@ constexpr char kStopped[] = "md_time_sync_handle: stop success";
 class MdTimeSync : public testing::Test {
   protected:
     MdTimeSync() {
-        // Both clocks begin their seconds together, so that whole seconds tell a step exactly.
+        // The seconds of both clocks begin at the same moment, so that whole seconds show a step
+        // exactly.
         timespec real_time, boot_time;
         clock_gettime(CLOCK_BOOTTIME, &boot_time);
         clock_gettime(CLOCK_REALTIME, &real_time);
@@ -39,7 +40,8 @@ class MdTimeSync : public testing::Test {
         ASSERT_EQ(handle.start(), 0);
         ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_reads() > before; }));
     }
-    // Boot time first: whoever sees the real one moved sees both.
+    // Moves the boot time first, so that a thread that sees the new real time also sees the new
+    // boot time.
     void Step(std::chrono::seconds real_time, std::chrono::seconds boot_time = 0s) {
         clock.Shift(CLOCK_BOOTTIME, boot_time);
         clock.Shift(CLOCK_REALTIME, real_time);
@@ -54,17 +56,17 @@ class MdTimeSync : public testing::Test {
 TEST_F(MdTimeSync, EachStepOfTwoSecondsIsToldOnce) {
     static constexpr struct {
         std::chrono::seconds real_time, boot_time;
-        uint64_t sets;  // so far
+        uint64_t sets;  // how often the modem's clock has been set so far
     } kSteps[] = {
         {1s, 0s, 0},        // too small
-        {1s, 0s, 1},        // but not forgotten
+        {1s, 0s, 1},        // both together are large enough
         {2s, 0s, 2},        //
         {-2s, 0s, 3},       //
         {3600s, 3600s, 3},  // the phone was asleep
         {-1s, 0s, 3},       //
-        {1s, 0s, 3},        // and back
+        {1s, 0s, 3},        // both together are 0
         {-86400s, 0s, 4},   //
-        {86402s, 2s, 5},    // stepped while it was asleep
+        {86402s, 2s, 5},    // the clock was set while the phone was asleep
     };
     quarn_setCtrlPortReady();
     Start();
@@ -74,7 +76,7 @@ TEST_F(MdTimeSync, EachStepOfTwoSecondsIsToldOnce) {
         ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_reads() > reads; }));
         EXPECT_EQ(modem.ipc_status().clock_sets, step.sets) << (&step - kSteps);
     }
-    // To the minute; the next one may have begun meanwhile.
+    // Compared to the minute. The next minute may have begun in between.
     const time_t now = time(nullptr);
     char texts[2][32];
     for (const int back : {0, 1}) {
@@ -94,7 +96,7 @@ TEST_F(MdTimeSync, EachStepOfTwoSecondsIsToldOnce) {
 }
 
 TEST_F(MdTimeSync, StepsAreHeldBackUntilTheModemIsReady) {
-    // Time stands still for a pause that has begun, so that only a stop can end it.
+    // The clock stands still, so only a stop can end a pause that has begun.
     Start();
     Step(5s);
     ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_cancels() == 1; }));
@@ -106,7 +108,7 @@ TEST_F(MdTimeSync, StepsAreHeldBackUntilTheModemIsReady) {
     const int reads = clock.timer_reads();
     Step(5s);
     ASSERT_TRUE(test::WaitUntil([&] { return clock.timer_cancels() == 2; }));
-    Step(-1s);  // judged together with the first
+    Step(-1s);  // the handle adds it to the first step
     clock.Shift(CLOCK_MONOTONIC, 3s);
     EXPECT_EQ(modem.ipc_status().clock_sets, 0u);
     EXPECT_EQ(clock.timer_reads(), reads);
@@ -122,7 +124,7 @@ TEST_F(MdTimeSync, NothingIsLeftAfterManyStarts) {
         return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
     };
     quarn_setCtrlPortReady();
-    handle.start();  // a sanitizer makes a thread of its own with the first one
+    handle.start();  // a sanitizer starts a thread of its own with the first thread
     handle.stop();
     const auto before = left();
     for (int i = 0; i < 300; ++i) {

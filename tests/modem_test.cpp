@@ -48,9 +48,9 @@ long noon = 1709208000;  // 2024-02-29 12:00:00 UTC
 struct Command {
     int id;
     const char* name;
-    const char* asks_for;  // null: for nothing
+    const char* asks_for;  // null if the command returns no value
     int32_t (*run)(int* answer);
-    std::vector<std::string> values;  // of the types 256, 257, ...
+    std::vector<std::string> values;  // values of the types 256, 257, ...
 };
 
 template <auto kSetter, int kNumber>
@@ -81,7 +81,7 @@ const Command kCommands[] = {
     {161, "set filter", "(set filter)", SetFilter, {std::string("a\0\n\xff", 4)}},
 };
 
-// With a library that tells how long values are, and with one that leaves lengths alone.
+// Runs each test with a library that returns the lengths of values, and with one that does not.
 class MipcLibrary : public Mipc, public testing::WithParamInterface<bool> {
   protected:
     MipcLibrary() {
@@ -137,7 +137,7 @@ TEST_P(MipcLibrary, CommandsSendTheirValuesAndReportEachFailureOnce) {
             modem.FailIpc(id, fault.kind, fault.value, 1);
             fails(fault.status, sending + std::to_string(fault.status) + "\n", fault.reason);
         }
-        if (!values.empty()) {  // half a request is not sent
+        if (!values.empty()) {  // an incomplete request is not sent
             exchanges = modem.ipc_status().exchanges;
             modem.FailIpc(id, IpcFault::kValue, 0, 1);
             fails(1, sending + "1\n", nullptr);
@@ -163,12 +163,12 @@ TEST(MipcChannel, OpensOnceAtATime) {
     test::LogCapture log;
     sim::Modem& modem = sim::Modem::Instance();
     std::string response;
-    quarn_mipcDeinit();  // was never open
+    quarn_mipcDeinit();  // the channel was never open
     EXPECT_FALSE(SendAtCommandByMipc("AT", response));
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "AT command: Send mipc cmd failed: 1"));
     mipc_msg_t* confirmation = nullptr;
     EXPECT_EQ(quarn_mipcSendCmd(nullptr, &confirmation), 1);
-    EXPECT_EQ(log.Count("send mipc cmd fail, ..."), 0u);  // the library was left alone
+    EXPECT_EQ(log.Count("send mipc cmd fail, ..."), 0u);  // the library was not called
 
     modem.FailIpcInit(-3, 1);
     EXPECT_EQ(quarn_mipcInit(kPort), 1);
@@ -215,7 +215,7 @@ TEST_F(Mipc, ClosingLetsExchangesEndAndRefusesLaterOnes) {
     quarn_mipcDeinit();
     closed = true;
     for (std::thread& thread : threads) thread.join();
-    EXPECT_GE(answered, kThreads);  // those under way ended well
+    EXPECT_GE(answered, kThreads);  // exchanges that had begun ended well
     EXPECT_EQ(log.Count("send mipc cmd fail, ..."), 0u);
 }
 
@@ -267,10 +267,10 @@ TEST_P(MipcLibrary, AtCommandsGiveWhateverTextCameBack) {
     const auto text = request.message.Bytes(33024);
     EXPECT_EQ(std::string(text.begin(), text.end()), std::string("AT+X\0", 5));
     modem.AnswerAt("OK", 1);
-    modem.FailIpc(3, IpcFault::kShort, 1, 1);  // without its NUL, if that can be told
+    modem.FailIpc(3, IpcFault::kShort, 1, 1);  // without its NUL, if the library returns lengths
     EXPECT_TRUE(SendAtCommandByMipc("AT", response));
     EXPECT_EQ(response, "OK");
-    constexpr size_t kNearestNul = 65535;  // the last place where one is looked for
+    constexpr size_t kNearestNul = 65535;  // offset of the last byte in which a NUL is searched
     for (const size_t size : {kNearestNul, kNearestNul + 1}) {
         const bool ends = size == kNearestNul || tells_lengths;
         modem.AnswerAt(std::string(size, 'x'), 1);
@@ -309,7 +309,7 @@ TEST_F(Mipc, FlushingShortensTheIntervalThenDrainsTheRing) {
     const std::string drain = "writer_handler: handle exec_id=18";
     const struct {
         int configured;
-        std::vector<int> results;  // of the modem's answers
+        std::vector<int> results;  // result codes of the modem's answers
         std::vector<std::string> lines;
     } rows[] = {
         {51, {0, 0}, {shorter, "Set flush interval to 51 by MIPC command", drain}},
@@ -350,7 +350,7 @@ class Notify : public testing::Test {
                      payload.size());
         modem.WaitForNotifications();
     }
-    // Who got requests, in order: r, w, L.
+    // Returns which handles got requests, in order: r (reader), w (writer), L (log filter manager).
     std::string Requests(int code) const {
         std::string who;
         for (const auto& [priority, text] : log.messages()) {
@@ -369,7 +369,7 @@ TEST_F(Notify, KeepTheModemInformationAndAskTheHandlesUntilTheEnd) {
     const struct {
         int code;
         const char* requests;
-        size_t record;  // where the modem information starts; 0: there is none
+        size_t record;  // offset of the modem information; 0 if there is none
     } rows[] = {{1, "rwL", 8}, {2, "wL", 0}, {3, "rw", 4}, {4, "w", 0}, {5, "rw", 0},
                 {6, "rw", 4},  {7, "w", 0},  {9, "", 4},   {0, "", 0},  {10, "", 0}};
     for (const auto& [code, requests, record] : rows) {
@@ -394,7 +394,7 @@ TEST_F(Notify, KeepTheModemInformationAndAskTheHandlesUntilTheEnd) {
     }
     log.Clear();
     g_quarn.md_info_time = 0;
-    // The one that runs is waited for.
+    // quarn_endCallbacks waits for a callback that is running.
     std::unique_lock running(g_quarn.exec_mutex);
     std::thread end(quarn_endCallbacks);
     EXPECT_FALSE(test::WaitUntil([] { return g_quarn.callbacks_ended.load(); }, 100ms));
@@ -405,7 +405,7 @@ TEST_F(Notify, KeepTheModemInformationAndAskTheHandlesUntilTheEnd) {
         EXPECT_EQ(Requests(code), "");
     }
     EXPECT_EQ(g_quarn.md_info_time, 0);
-    EXPECT_EQ(modem.calls().write, 2u);  // for the two exceptions before
+    EXPECT_EQ(modem.calls().write, 2u);  // for the two exceptions above
 }
 
 TEST_F(Notify, TheStorageQueryIsAnsweredInPlace) {

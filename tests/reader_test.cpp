@@ -47,8 +47,8 @@ TEST_F(Reader, FaultsOfThePortAreCountedAndSurvived) {
         std::function<void(sim::Modem&)> arrange;
         uint64_t Counts::*counter;
         uint64_t count, closes, opens;
-        const char* message = nullptr;  // null: none of the reader's error messages
-        size_t before = 0;              // bytes that the port gives before it fails
+        const char* message = nullptr;  // null: the reader logs no error
+        size_t before = 0;              // bytes that the port delivers before it fails
     } rows[] = {
         {"zero", [](auto& m) { m.FailReads(0, 3); }, &Counts::read_len_zero, 3, 0, 0},
         {"again", [](auto& m) { m.FailReads(EAGAIN, 3); }, &Counts::read_eagain, 3, 0, 0},
@@ -60,7 +60,7 @@ TEST_F(Reader, FaultsOfThePortAreCountedAndSurvived) {
          [](auto& m) {
              m.FailReads(EBADF, 9);
              m.FailReads(EINTR, 1);
-             m.FailPolls(1, 1);  // the chunk's attempts are used up without a time-out
+             m.FailPolls(1, 1);  // uses up the attempts of the chunk without a time-out
          },
          &Counts::read_eintr, 1, 0, 0},
         {"other, and reopening fails",
@@ -114,12 +114,14 @@ TEST_F(Reader, FaultsOfThePortAreCountedAndSurvived) {
         EXPECT_EQ(s.read_fail,
                   s.read_eagain + s.read_eintr + s.read_enodev + s.read_ebadf + s.read_eother);
         EXPECT_EQ(s.tot_poll_cnt, s.poll_success + s.poll_timeout + s.poll_fail);
-        // These ask the port again at once, the others do not.
+        // After these results the reader polls the port again at once. After the others it does
+        // not.
         EXPECT_EQ(s.tot_poll_cnt, s.read_len_zero + s.read_eagain + s.read_eintr + s.read_enodev);
     }
 }
 
-// Main logs the counters under their lock: the reader's pauses must leave it free.
+// The main thread logs the counters under their mutex, so the reader must not hold it in its
+// pauses.
 TEST_F(Reader, ThePauseAfterABadPortLeavesTheCountersFree) {
     constexpr uint64_t kFaults = 6;
     modem.FailReads(EBADF, kFaults);
@@ -132,7 +134,7 @@ TEST_F(Reader, ThePauseAfterABadPortLeavesTheCountersFree) {
         if (count > 0 && (seen.empty() || seen.back() != count)) seen.push_back(count);
         return count == kFaults;
     }));
-    EXPECT_GE(seen.size(), kFaults / 2);  // in a pause each; some may pass unseen on a busy machine
+    EXPECT_GE(seen.size(), kFaults / 2);  // one in each pause; on a busy machine some are not seen
 }
 
 // --- chunks ---
@@ -168,7 +170,8 @@ TEST_F(Reader, FullRingStallsWithoutReading) {
     const std::string bytes = test::StreamBytes(2 * kChunk);
     test::Feed(bytes);
     stalled.start();
-    // One chunk fits; the byte that stays free leaves too little room for a second one.
+    // One chunk fits. One byte of the ring always stays free, so there is too little space for a
+    // second.
     ASSERT_TRUE(test::WaitUntil([&] { return g_quarn.stall_count >= 3; }));
     EXPECT_EQ(modem.calls().read, 1u);
     EXPECT_EQ(small.current_size(), kChunk);
@@ -210,16 +213,16 @@ TEST_F(Reader, ServesItsRequests) {
         g_quarn.stats.tot_read_cnt = 7;
     };
 
-    exec(EXEC_MD_LOG_STOP);  // not served
+    exec(EXEC_MD_LOG_STOP);  // the reader ignores it
     EXPECT_EQ(started(), 0u);
     exec(EXEC_START);
     EXPECT_EQ(started(), 1u);
-    exec(EXEC_MD_LOG_START);  // moves over to the global ring
+    exec(EXEC_MD_LOG_START);  // the reader changes to the global ring
     EXPECT_EQ(stopped(), 1u);
     EXPECT_EQ(started(), 2u);
     test::Feed("bytes");
     EXPECT_TRUE(test::WaitUntil([] { return g_ring.current_size() == 5; }));
-    exec(EXEC_MD_LOG_REOPEN);  // is there already
+    exec(EXEC_MD_LOG_REOPEN);  // it already uses the global ring
     EXPECT_EQ(started(), 2u);
     exec(EXEC_SET_SAVE_MODE);
     EXPECT_EQ(stopped(), 2u);

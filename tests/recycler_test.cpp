@@ -1,4 +1,4 @@
-// The recycler over real trees of sparse files.
+// The recycler, on real trees of sparse files.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -19,13 +19,13 @@ namespace {
 const std::string kBase = "/data/vendor/radio/quarn/";
 const std::string kLogs = kBase + "logs/";
 
-// Makes a file of `kb` KiB that takes no room.
+// Makes a sparse file of `kb` KiB.
 void MakeFile(const std::string& path, uintmax_t kb) {
     test::WriteFile(path, "");
     fs::resize_file(path, kb * 1024);
 }
 
-// "link>folder link>folder"
+// Makes links from a text like "link>folder link>folder".
 void MakeLinks(const std::string& links) {
     std::istringstream words(links);
     for (std::string link; words >> link;) {
@@ -36,8 +36,8 @@ void MakeLinks(const std::string& links) {
     }
 }
 
-// One line a tree: "folder: index=MB index=MB; folder: ...". The links come first or last, and with
-// them their order in the folder.
+// Makes a tree from one line of text: "folder: index=MB index=MB; folder: ...". Makes the links
+// first or last, which determines their order in a listing of the folder.
 void MakeTree(const std::string& tree, const std::string& links = "", bool links_first = false) {
     fs::remove_all(kBase);
     fs::create_directories(kLogs);
@@ -60,7 +60,7 @@ void MakeTree(const std::string& tree, const std::string& links = "", bool links
     if (!links_first) MakeLinks(links);
 }
 
-// What is left, in the same notation, sorted and without sizes.
+// Returns the files that are left, in the same notation, sorted and without sizes.
 std::string Left() {
     std::string left;
     std::vector<std::string> folders;
@@ -80,7 +80,7 @@ std::string Left() {
     return left;
 }
 
-// Folder names of one day; the letter tells the hour.
+// Replaces "<A>" to "<D>" by folder names of one day. The letter determines the hour.
 std::string Expand(std::string text) {
     for (const char c : {'A', 'B', 'C', 'D'}) {
         const std::string name = std::string("QRXMDLog_") + static_cast<char>(c - 'A' + '1') +
@@ -172,14 +172,15 @@ TEST_F(Recycler, DeletesOldestFirstAndNoMoreThanNeeded) {
         config.recycle_size = c.recycle_size;
         config.keep_ee_size = c.keep_ee_size;
         config.clear_ee = c.clear_ee;
-        // It reads the history again when the latest capture is another one.
+        // The recycler reads the history again if the latest capture has changed.
         EXPECT_EQ(Recycle("/latest" + std::to_string(i)), c.rc);
         EXPECT_EQ(Left(), Expand(c.left));
-        EXPECT_EQ(log.Count("BuildLogFileList: Error opening ..."), 0u);  // none is listed twice
+        // No folder is listed twice.
+        EXPECT_EQ(log.Count("BuildLogFileList: Error opening ..."), 0u);
     }
 }
 
-// A capture whose history record could not be written sorts as the oldest of all.
+// A capture without a history record counts as the oldest one.
 TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     MakeTree(Expand("<B>: 0=4"));
     quarn::zorvex::UpdateFolderHistory(kLogs + "/" + Expand("<B>"));
@@ -202,7 +203,8 @@ TEST_F(Recycler, TheCaptureBeingWrittenKeepsItsNewestFileWhereverItSorts) {
     EXPECT_FALSE(fs::exists(kLogs + Expand("<B>")));
 }
 
-// A log folder may be kept elsewhere. Nothing but captures counts behind links, and each once.
+// A log folder may be a link to another place. Behind links only captures count, and each counts
+// once.
 TEST_F(Recycler, FoldersBehindLinksCountOnce) {
     const std::string elsewhere = "/data/elsewhere/", file = "/QRXMDLog_7_2024_0101_000000.muxz";
     const std::string capture = elsewhere + Expand("run/<A>"), plain = elsewhere + "plain";
@@ -215,7 +217,7 @@ TEST_F(Recycler, FoldersBehindLinksCountOnce) {
         for (const auto& folder : {capture, plain, loose}) MakeFile(folder + file, 4096);
         fs::create_directory(elsewhere + "nest");
         fs::create_directory_symlink(plain, elsewhere + Expand("nest/<B>"));
-        // Two ways round in circles are ever so many ways down.
+        // With two circular links, the number of paths grows without limit.
         std::string links = Expand("run>../../../../elsewhere/run <D>>run/<A> here>. up>..");
         for (const char* name : {"plain", "loose", "nest"}) {
             links += std::string(" ") + name + ">../../../../elsewhere/" + name;
@@ -255,7 +257,7 @@ TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
     config.recycle_size = 4;
     EXPECT_EQ(Recycle(), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "BuildLogFileList: Unexpected entry in log folder ..."));
-    // The stray entries keep the emptied folder.
+    // The other entries in the folder prevent its removal.
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "RecycleFolder: Error removing folder ..."));
     EXPECT_EQ(test::List(kLogs + Expand("<A>")).size(), 2u);
     EXPECT_TRUE(fs::exists(kLogs + "power_on_log.muxz"));

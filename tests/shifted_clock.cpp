@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kSlice = 5'000'000;  // ns between two looks at a clock that may be moved
+constexpr int64_t kSlice = 5'000'000;  // ns between two reads of a clock that a test may move
 
 std::atomic<bool> in_use{false};
 std::array<std::atomic<int64_t>, CLOCK_BOOTTIME + 1> shifts;  // ns, by clock
@@ -38,9 +38,9 @@ int real_settime(int fd, int flags, const itimerspec* when, itimerspec* old) {
     return function(fd, flags, when, old);
 }
 
-// The kernel's own timer, which a cancellation makes expire early.
+// A timer of the kernel. To cancel it, this code makes it expire early.
 struct Timer {
-    std::mutex mutex;  // guards the three below
+    std::mutex mutex;  // guards the members below
     itimerspec armed = {};
     int flags = 0;
     bool cancelled = false;
@@ -93,7 +93,7 @@ std::optional<ssize_t> ReadShiftedTimer(int fd, void* buf, size_t len) {
 
 }  // namespace test
 
-// These stand before the C library's own.
+// These functions replace those of the C library.
 extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
@@ -133,7 +133,7 @@ int timerfd_settime(int fd, int flags, const itimerspec* when, itimerspec* old) 
     return rc;
 }
 
-// Sleeps in slices, each of which ends like a spurious wake-up.
+// Sleeps in short slices. The end of a slice looks like a spurious wake-up.
 int pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex, clockid_t clock,
                            const timespec* limit) {
     static const auto function =

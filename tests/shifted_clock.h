@@ -1,4 +1,4 @@
-// Clocks of this process that a test can move, in place of minutes of waiting.
+// Clocks of this process that a test can move, so that it does not wait for minutes.
 #pragma once
 
 #include <sys/types.h>
@@ -9,9 +9,10 @@
 
 namespace test {
 
-// While it lives, a clock that was moved by `Shift` runs on from there, for every reader in this
-// process, and who waits on a condition variable with a time limit on the steady clock wakes when
-// the limit has passed on the moved one. One at a time; waits should begin after its construction.
+// While an object exists, all threads of the process see the clocks that `Shift` moved. A thread
+// that waits on a condition variable with a time limit on the steady clock wakes when the moved
+// clock passes the limit. Only one object may exist at a time. Waits should begin after its
+// construction.
 class ShiftedClock {
   public:
     ShiftedClock();
@@ -19,18 +20,18 @@ class ShiftedClock {
     ShiftedClock(const ShiftedClock&) = delete;
     ShiftedClock& operator=(const ShiftedClock&) = delete;
 
-    // CLOCK_REALTIME (which `time` follows), CLOCK_MONOTONIC or CLOCK_BOOTTIME; may go backwards. A
-    // shift of CLOCK_REALTIME cancels the timer that was made last while this lived, if it was
-    // armed to be cancelled when the clock is set.
+    // Moves CLOCK_REALTIME, CLOCK_MONOTONIC or CLOCK_BOOTTIME, also backwards. `time` follows
+    // CLOCK_REALTIME. A shift of CLOCK_REALTIME cancels the last timer that was made while this
+    // object existed, if it was armed with TFD_TIMER_CANCEL_ON_SET.
     void Shift(clockid_t clock, std::chrono::nanoseconds by);
 
-    // Reads of that timer that have begun, and that were cancelled.
+    // Number of reads of that timer that have begun, and number of those that were cancelled.
     int timer_reads() const;
     int timer_cancels() const;
 };
 
-// A read of the timer that the clock's steps cancel; none for any other descriptor. For the one
-// place that stands before the C library's `read`.
+// Reads the timer that a step of the clock cancels. Returns no value for any other descriptor.
+// Called by the function that replaces the C library's `read`.
 std::optional<ssize_t> ReadShiftedTimer(int fd, void* buf, size_t len);
 
 }  // namespace test

@@ -1,4 +1,4 @@
-// The small records beside the log files: folder history and custom header.
+// The folder history and the custom header.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -47,7 +47,7 @@ TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
     ASSERT_EQ(stat(kHistory.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0644u);
 
-    // Exactly at the limit nothing is cut; one byte more and only the last 20 stay.
+    // At exactly the limit nothing is cut. With one byte more, only the last 20 records stay.
     std::string full = Lines(1, 5000);
     full = full.substr(full.size() - 102400);
     test::WriteFile(kHistory, full);
@@ -62,10 +62,10 @@ TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
     ASSERT_EQ(records.size(), 3u);
     EXPECT_EQ(records.front(), "/logs/QRXMDLog_5000_x");
 
-    // However large the file is, only what can be records is read.
+    // Of a very large file, only the end is read.
     fs::resize_file(kHistory, uintmax_t{1} << 40);
     EXPECT_LE(GetLatestHistoryRecord(20).size(), 1u);
-    // Nobody at the other end of a pipe is waited for.
+    // Opening a pipe does not block.
     fs::remove(kHistory);
     ASSERT_EQ(mkfifo(kHistory.c_str(), 0600), 0);
     EXPECT_TRUE(GetLatestHistoryRecord(20).empty());
@@ -90,7 +90,7 @@ TEST_F(StorageRecords, TheCustomHeaderHoldsWhatTheDeviceTells) {
     EXPECT_EQ(CustomBlock(), tag + std::string("\1\x0b\0", 3) + "radio-1.2.3" +
                                  std::string("\2\x06\0", 3) + "BOARD7");
 
-    // Up to the last byte, and not one more.
+    // An entry may fill the block to the last byte. One byte more does not fit.
     const size_t left = 1024 - CustomBlock().size();
     const auto type = static_cast<CustomHeaderInfoType>(9);
     AppendInfoToBuffer(type, std::string(left - 3 + 1, 'x'));

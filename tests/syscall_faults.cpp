@@ -34,13 +34,13 @@ using test::Call;
 using test::FailCalls;
 using test::Fault;
 
-// Nothing but this is looked at while no fault lives.
+// Without a fault, a call checks only this counter.
 std::atomic<int> armed_count{0};
 std::mutex armed_mutex;
 std::vector<FailCalls*> armed;
 std::condition_variable disarmed;
 
-// What a descriptor stands for: a path, or the name of a socket.
+// Returns the path of the file or the name of the socket that `fd` refers to.
 std::string NameOf(int fd) {
     sockaddr_un address = {};
     socklen_t length = sizeof(address);
@@ -55,7 +55,7 @@ std::string NameOf(int fd) {
 }
 std::string NameOf(const char* path) { return quarn::zorvex::NormalizePathSlash(path); }
 
-// The fault that this call meets.
+// Returns the fault that applies to this call, if any.
 template <typename Target>
 std::optional<Fault> Meets(Call call, Target target) {
     if (armed_count == 0) return {};
@@ -81,7 +81,7 @@ void WaitWhileItHangs(Call call) {
     });
 }
 
-// Sets errno when the call is to fail.
+// Returns true and sets errno if the call must fail.
 template <typename Target>
 bool Fails(Call call, Target target) {
     const auto fault = Meets(call, target);
@@ -93,7 +93,7 @@ bool Fails(Call call, Target target) {
     return fault.has_value();
 }
 
-// The function of that name which this file's own stands before.
+// Returns the function of that name that the function in this file replaces.
 template <auto* kOwn>
 decltype(kOwn) Real(const char* name) {
     static const auto real = reinterpret_cast<decltype(kOwn)>(dlsym(RTLD_NEXT, name));
@@ -124,7 +124,7 @@ int FailCalls::failed() const {
 
 }  // namespace test
 
-// These stand before the C library's own, and before those that a sanitizer puts there.
+// These functions replace those of the C library, and those of a sanitizer.
 extern "C" {
 
 int open(const char* path, int flags, ...) {

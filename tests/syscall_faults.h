@@ -1,4 +1,4 @@
-// System calls of this process that fail, from outside the code that makes them.
+// Makes system calls of this process fail, without a change of the code that makes them.
 #pragma once
 
 #include <climits>
@@ -9,12 +9,12 @@ namespace test {
 enum class Call {
     kOpen,  // also fopen
     kOpenFolder,
-    kRead,  // with EINTR: waits until a signal comes or the fault is over
+    kRead,  // with EINTR: blocks until a signal arrives or the fault ends
     kWrite,
     kSeek,
     kTruncate,
     kSync,
-    kClose,  // the descriptor is gone all the same, as on Linux; also fclose
+    kClose,  // also fclose; closes the descriptor even if it fails, as on Linux
     kSendFile,
     kCopyRange,
     kMakeFolder,
@@ -32,18 +32,18 @@ constexpr int kEndsProcess = -1;
 
 struct Fault {
     Call call;
-    // errno; 0: a write is made, but takes no more than `limit` bytes; kEndsProcess: the process
-    // ends before the call as by kill -9.
+    // The errno. With 0, a write succeeds, but writes at most `limit` bytes. With kEndsProcess, the
+    // process ends before the call, as after kill -9.
     int error = 0;
-    const char* where = "";  // in the path, or in the name that the socket is bound to
-    int count = INT_MAX;     // calls that fail
-    int after = 0;           // calls that still go well before
-    size_t limit = 0;
-    bool hang = false;  // the calls, of those that take a descriptor, wait until the fault is gone
+    const char* where = "";  // a part of the path, or of the name that the socket is bound to
+    int count = INT_MAX;     // number of calls that fail
+    int after = 0;           // number of calls before them that succeed
+    size_t limit = 0;        // bytes
+    bool hang = false;       // calls with a descriptor block until the fault ends
 };
 
-// While it lives, the calls that its fault names fail. Several may live at once: the newest one
-// that fits counts. Calls that the C library makes for itself are not seen.
+// While an object exists, the calls that its fault describes fail. If several objects match a call,
+// the newest one counts. Calls that the C library makes internally are not affected.
 class FailCalls {
   public:
     explicit FailCalls(Fault what);
@@ -51,10 +51,11 @@ class FailCalls {
     FailCalls(const FailCalls&) = delete;
     FailCalls& operator=(const FailCalls&) = delete;
 
-    int failed() const;  // calls so far
+    // Returns the number of calls that have failed so far.
+    int failed() const;
 
     const Fault fault;
-    int seen = 0;  // calls that fit
+    int seen = 0;  // number of calls that matched
 };
 
 }  // namespace test

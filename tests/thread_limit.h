@@ -7,7 +7,7 @@
 
 namespace test {
 
-// While it lives, no thread can be created.
+// While an object exists, no thread can be created.
 struct NoNewThreads : FailCalls {
     NoNewThreads() : FailCalls({.call = Call::kThread, .error = EAGAIN}) {}
 };

@@ -1,4 +1,4 @@
-// The host tool port, with a simulated host behind a USB and behind a socket channel.
+// The host tool port, with a simulated host behind a USB channel and behind a socket channel.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -24,8 +24,8 @@ std::atomic<bool> short_waits{false};
 
 }  // namespace
 
-// Stands before the C library's own: a wait for a host then looks at its flag every 20 ms, in place
-// of every 5 s.
+// Replaces the function of the C library. A wait for a host then checks its flag every 20 ms
+// instead of every 5 s.
 extern "C" int poll(pollfd* fds, nfds_t count, int timeout_ms) {
     if (short_waits && timeout_ms == 5000) timeout_ms = 20;
     const timespec limit = {timeout_ms / 1000, timeout_ms % 1000 * 1'000'000L};
@@ -53,7 +53,7 @@ sockaddr_in Loopback(in_port_t port) {
     return address;
 }
 
-// Both stand for a port whose host is a socket of the test's.
+// Each of the two channels is a port whose host is a socket of the test.
 struct UsbChannel : QUARN_USB_IO {
     int io_open() override {
         std::lock_guard lock(cable);
@@ -69,7 +69,7 @@ struct UsbChannel : QUARN_USB_IO {
         Close(host);
         return 0;
     }
-    std::mutex cable;  // opening takes as long as a test holds it
+    std::mutex cable;  // opening blocks as long as the test holds this mutex
     std::atomic<bool> broken{false};
     std::atomic<int32_t> host{-1};
 };
@@ -123,7 +123,7 @@ class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
         const sockaddr_in address = Loopback(socket.port);
         connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
-    // With a channel that waits for its host.
+    // Connects a host, if the channel waits for one.
     void ConnectAndBeTaken() {
         if (is_usb) return;
         constexpr char kTaken[] = "socket_io: wait socket connect success";
@@ -131,7 +131,7 @@ class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
         Connect();
         EXPECT_TRUE(log.WaitFor(kTaken, before + 1));
     }
-    // Whether bytes get through that the host sends down the line.
+    // Returns true if bytes that the host sends reach the modem.
     bool Arrives() {
         if (!test::WaitUntil([&] { return host.status().listening; })) return false;
         const std::string text = "message " + std::to_string(++sent) + ";";
@@ -140,7 +140,8 @@ class ToolPort : public testing::TestWithParam<QUARN_IO_TYPE> {
             return false;
         return test::WaitUntil([&] { return modem.written().find(text) != std::string::npos; });
     }
-    // Returns with the recovery begun, and on a socket channel waiting for a host.
+    // Breaks the port. Returns when the recovery has begun; on a socket channel it then waits for a
+    // host.
     void BreakPort() {
         const size_t before = log.Count(kRecovery);
         host.Deliver(TCL_MSG_HOST_PORT_ERROR);
@@ -186,7 +187,7 @@ TEST_P(ToolPort, EveryPortErrorIsRecovered) {
     ConnectAndBeTaken();
     EXPECT_TRUE(Arrives());
 
-    // An error during a recovery holds nobody up, and is recovered afterwards.
+    // An error during a recovery blocks no thread. It is recovered afterwards.
     std::unique_lock unplugged(usb.cable);
     BreakPort();
     host.Deliver(TCL_MSG_HOST_PORT_ERROR);
@@ -201,7 +202,7 @@ TEST_P(ToolPort, EveryPortErrorIsRecovered) {
     EXPECT_TRUE(test::WaitUntil([&] { return host.status().listen_calls == 4; }));
     EXPECT_TRUE(Arrives());
 
-    // Stopped in the middle of a recovery, which then must not listen again.
+    // Stop during a recovery. The recovery must not listen again afterwards.
     unplugged.lock();
     const uint64_t stops = host.status().stop_calls;
     BreakPort();
@@ -237,7 +238,7 @@ TEST_P(ToolPort, AfterAFailureTheNextStartBeginsAfresh) {
 }
 
 TEST_P(ToolPort, ErrorsHostsStartsAndStopsInAnyOrder) {
-    host.Deliver(TCL_MSG_RESERVED_2);  // the library's own thread is there from now on
+    host.Deliver(TCL_MSG_RESERVED_2);  // starts the library's own thread, if it does not run yet
     host.WaitForMessages();
     const auto left = [] {
         return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
@@ -258,7 +259,7 @@ TEST_P(ToolPort, ErrorsHostsStartsAndStopsInAnyOrder) {
         one.join();
         other.join();
         host.WaitForMessages();
-        if (seed % 2 == 0) Close(client);  // nobody there when it stops
+        if (seed % 2 == 0) Close(client);  // no host is connected when the port stops
         g_tool.stop();
         Close(client);
         EXPECT_FALSE(host.status().listening);

@@ -24,7 +24,7 @@ using std::chrono::milliseconds;
 
 constexpr const char* kLogFolder = "/data/vendor/radio/quarn/logs";
 
-// A channel that keeps what it takes and answers the first calls as it was told to.
+// A channel that keeps the bytes it gets. The first calls return the results that the test sets.
 template <class Base>
 struct Channel : Base {
     int io_open() override { return 0; }
@@ -62,7 +62,7 @@ struct TestWriter : QUARN_WRITER_HANDLER {
     using QUARN_WRITER_HANDLER::io;
 };
 
-// Puts bytes behind the write index, as the reader does.
+// Puts bytes into the ring as the reader does.
 void Put(QUARN_RING& ring, const std::string& bytes) {
     const uint64_t size = ring.capacity() + 1;
     const uint64_t at = ring.get_buf_write_idx();
@@ -91,7 +91,7 @@ TEST_F(Writer, DrainsWhateverTheChannelTakes) {
         uint64_t ring_size, read_idx;
         size_t held;
         std::vector<int> answers;
-        std::vector<int> lengths;  // of the writes that are expected
+        std::vector<int> lengths;  // expected lengths of the writes
     };
     const Row rows[] = {
         {"up to the very end", 1024, 24, 1000, {}, {1000}},
@@ -148,10 +148,10 @@ TEST_F(Writer, StartsAndStopsOnce) {
     EXPECT_EQ(log.Count("writer_handler: stop success"), 2u);
     EXPECT_EQ(log.Count("writer_handler: quarn_writer_thread start"),
               log.Count("writer_handler: quarn_writer_thread terminate"));
-    writer.start();  // and is destroyed while it runs
+    writer.start();  // it is destroyed while it runs
 }
 
-// Stops a writer whose channel hangs in a write. The request to stop comes before `hang` begins.
+// Stops a writer whose channel blocks in a write. The request to stop comes before `hang` begins.
 template <class Base>
 void StopDuringWrite(Channel<Base>& channel, const std::function<void()>& hang) {
     QUARN_RING ring(1024);
@@ -173,10 +173,10 @@ void StopDuringWrite(Channel<Base>& channel, const std::function<void()>& hang) 
     EXPECT_EQ(ring.current_size(), 1u);
 }
 
-// The first signal or request may come too early: only a later one gets it out.
+// The first signal or request may come too early. Then a later one ends the blocked call.
 TEST_F(Writer, StopBreaksABlockedUsbWriteAndTheWaitForAHost) {
     int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);  // nobody ever writes, and nobody knocks
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);  // no thread ever writes, and no host connects
     UsbChannel usb;
     StopDuringWrite(usb, [&] {
         char byte;
@@ -193,7 +193,8 @@ TEST_F(Writer, StopBreaksABlockedUsbWriteAndTheWaitForAHost) {
 
 // --- waiting for an empty ring ---
 
-// A ring that nobody drains is waited for to the limit, but not when no host takes anything.
+// If nothing drains the ring, the wait lasts up to its limit. If no host takes the bytes, it ends
+// at once.
 TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
     using Clock = std::chrono::steady_clock;
     QUARN_RING full(1024);
@@ -221,7 +222,7 @@ TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
             writer.exec(EXEC_FLUSH_RING, nullptr);
             const auto passed = Clock::now() - begun;
             EXPECT_GE(passed, row.least) << row.name;
-            // Those that have a reason to end at once do so before the one that waits.
+            // The cases that end at once come before the case that waits.
             if (row.least > milliseconds(1500)) {
                 ++long_waits;
             } else {
@@ -247,7 +248,7 @@ TEST_F(Writer, MakesWayForTheHostTool) {
     EXPECT_EQ(log.Count("writer_handler: stop success"), 1u);
     writer.exec(EXEC_TOOL_DISCONNECTED, nullptr);
     EXPECT_EQ(log.Count("writer_handler: start success"), 2u);
-    // An exit in between is final.
+    // An exit in between cannot be undone.
     writer.exec(EXEC_TOOL_CONNECTED, nullptr);
     QUARN_SAVE_MODE mode = SAVE_MODE_STORAGE;
     writer.exec(EXEC_SET_SAVE_MODE, &mode);
@@ -279,18 +280,18 @@ TEST_F(Writer, SwitchesTheChannel) {
     EXPECT_EQ(writer.io, nullptr);
     EXPECT_EQ(log.Count("write_handler: drop ..."), 1u);
     Put(ring, "x");
-    EXPECT_EQ(writer.start(), 0);  // has nowhere to put it
+    EXPECT_EQ(writer.start(), 0);  // there is no channel for the bytes
     EXPECT_EQ(writer.stop(), 0);
     EXPECT_EQ(ring.current_size(), 1u);
 }
 
-// Nothing can have it begin again between its stop and the change of the channel.
+// No request can start the writer between its stop and the change of its channel.
 TEST_F(Writer, NobodyStartsItInTheMiddleOfASwitch) {
     static QUARN_RING ring(1024);
     static TestWriter writer(&ring);
     static std::atomic<bool> started{false};
     static std::thread starting;
-    // The line that comes in between.
+    // The writer logs this line between its stop and the change.
     __android_log_set_logger([](const __android_logger_data*, const char* text) {
         if (!std::string(text).starts_with("write_handler: drop ")) return;
         starting = std::thread([] { started = writer.start() == 0; });
@@ -304,11 +305,11 @@ TEST_F(Writer, NobodyStartsItInTheMiddleOfASwitch) {
     writer.stop();
 }
 
-// A writer that has not been started yet is waited for. One that was stopped is not, nor any longer
-// one that is stopped meanwhile.
+// The wait for an empty ring goes on if the writer has not been started yet. It ends if the writer
+// was stopped before or is stopped during the wait.
 TEST_F(Writer, AStopEndsTheWaitForTheRing) {
     QUARN_RING ring(1024);
-    TestWriter unstarted(&ring), writer(&ring);  // have no channel to drain into
+    TestWriter unstarted(&ring), writer(&ring);  // have no channel for the bytes
     Put(ring, "x");
     const auto begin = std::chrono::steady_clock::now();
     std::atomic<bool> given_up{false};
@@ -367,7 +368,7 @@ TEST_F(Writer, SteersTheStorageChannel) {
         EXPECT_EQ(folders().size(), id == EXEC_MD_LOG_STOP ? before : before + 1);
     }
 
-    // What comes for a closed channel opens it again; stopping closes it.
+    // Bytes for a closed channel open it again. A stop closes it.
     Put(ring, test::StreamBytes(5000));
     EXPECT_TRUE(WaitForEmpty(ring));
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "writer_handler: file_io is closed, try reopen"));
