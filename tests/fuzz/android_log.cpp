@@ -1,4 +1,4 @@
-// Android log text of any bytes: what is read of it, and the report page that shows it.
+// Fuzz target: reads any bytes as Android log text, and makes the report page from it.
 #include <sstream>
 #include <string>
 

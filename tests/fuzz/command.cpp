@@ -1,5 +1,5 @@
-// One request of a client: whatever it holds, the daemon serves it or refuses it, and replies with
-// one whole block.
+// Fuzz target: one request of a client. Whatever the request contains, the daemon carries it out or
+// refuses it, and sends one complete reply.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,7 +18,7 @@ namespace {
 
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
 
-// What requests leave behind would slow down the ones that follow.
+// Removes what requests left behind, because it would slow down later requests.
 void TidyUp() {
     g_file_io.set_log_folder(kLogs);
     for (const char* folder : {"/data/vendor/radio/quarn/logs", "/data/copies"}) {
@@ -32,7 +32,8 @@ void TidyUp() {
 
 void fuzz::SetUp() {
     StartPhone();
-    mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    mcl_closeLogPort();  // no thread reads it here; a modem that stops logging would wait for a
+                         // reader
     fs::create_directories("/data/copies");
     fs::current_path("/data/copies");
     quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_MD_LOG_START, nullptr);
@@ -50,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::Check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0, "a pair of sockets");
     const auto [client, daemon] = ends;
     fuzz::Check(send(client, data, size, 0) == static_cast<ssize_t>(size), "the request fits");
-    shutdown(client, SHUT_WR);  // so that nobody waits for the rest of it
+    shutdown(client, SHUT_WR);  // so that the daemon does not wait for more bytes
     const int rc = quarn_ctrlConnCallback(daemon);
     close(daemon);
 
@@ -66,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::Check(received <= 0, "a request that is not served gets no reply");
     }
 
-    g_quarn.is_close = false;  // some ask for the end
+    g_quarn.is_close = false;  // some requests end the daemon
     static int runs = 0;
     if (++runs % 256 == 0) TidyUp();
     return 0;

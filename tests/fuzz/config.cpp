@@ -1,5 +1,5 @@
-// The configuration file: any text is loaded, and whatever sequence of requests the daemon serves,
-// the file that it leaves is loaded as it was meant.
+// Fuzz target: the configuration file. The daemon loads any text. After any sequence of requests, a
+// load of the saved file gives the settings that the requests made.
 //
 //   input = text of the file "%%" newline (request NUL)*
 #include <android/log.h>
@@ -53,7 +53,7 @@ unsigned int RecycleOption(QUARN_RECYCLE_OPT option) {
     return value;
 }
 
-// Whatever was loaded, and whether or not it was refused.
+// Loads the configuration file and checks the settings, whether or not the load refused the file.
 int Load(int log_mode_only) {
     const int rc = quarn_loadConfig(kConfigPath, log_mode_only);
     const int file_size = g_file_io.get_file_size();
@@ -71,7 +71,7 @@ int Load(int log_mode_only) {
 
 // --- requests ---
 
-// The reply; nothing when there was none.
+// Sends a request and returns the reply. Returns an empty string if there is no reply.
 std::string Ask(const std::string& request) {
     std::array<int, 2> ends;
     fuzz::Check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) == 0, "a pair of sockets");
@@ -86,10 +86,11 @@ std::string Ask(const std::string& request) {
     return reply.data();
 }
 
-// What was kept of each key, as the client sent it.
+// The saved value of each key, as the client sent it.
 using Kept = std::map<std::string, std::string>;
 
-// Values that nothing is wrong with. Every key has a "_" in it.
+// Returns true if the daemon must save the value. A value with "_" may contain a key, since every
+// key has a "_".
 bool IsPlain(const std::string& key, const std::string& value) {
     if (key == "log_folder" || key == "log_filter") {
         return std::all_of(value.begin(), value.end(),
@@ -116,7 +117,7 @@ void Note(const std::string& request, const std::string& reply, Kept& kept) {
     if (key == "log_filter") kept.erase("log_level");
 }
 
-// The file has a line of each key that was kept, and a load puts each value in force.
+// Checks that the file has a line for each saved key, and that a load puts each value in force.
 void CheckFile(const Kept& kept) {
     const std::string text = ReadConfig();
     std::istringstream lines(text);
@@ -165,11 +166,12 @@ void CheckFile(const Kept& kept) {
 void fuzz::SetUp() {
     StartPhone();
     __android_log_set_logger(HearOfFailedSaves);
-    mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    mcl_closeLogPort();  // no thread reads it here; a modem that stops logging would wait for a
+                         // reader
     std::ofstream("/data/filter") << "filter";
     fs::create_directories("/data/copies");
     fs::current_path("/data/copies");
-    std::ofstream(" f") << "filter";  // a load skips the blank
+    std::ofstream(" f") << "filter";  // a load skips the space
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -186,17 +188,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view requests = input.substr(std::min(mark, input.size()));
     requests.remove_prefix(std::min(kMark.size(), requests.size()));
     while (!requests.empty()) {
-        // As much as the daemon takes at once.
+        // The daemon reads at most kMaxRequest bytes at once.
         const size_t end =
             std::min({requests.find('\0'), requests.size(), quarn::protocol::kMaxRequest});
         const std::string request(requests.substr(0, end));
         requests.remove_prefix(std::min(end + 1, requests.size()));
-        // A modem that does not log takes neither level nor filter.
+        // The modem accepts a level or filter only while it logs.
         quarn_mipcSetLogMode(1);
         quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_MD_LOG_START, nullptr);
         save_failed = false;
         Note(request, Ask(request), kept);
-        g_quarn.is_close = false;  // some ask for the end
+        g_quarn.is_close = false;  // some requests end the daemon
         CheckFile(kept);
     }
     g_file_io.set_log_folder(kLogs);

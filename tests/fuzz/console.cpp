@@ -1,4 +1,5 @@
-// Lines for the simulated phone, whose notifications reach the daemon's handler.
+// Fuzz target: commands for the console of the simulated phone. Its notifications reach the
+// daemon's handler.
 #include "sim/console.h"
 
 #include <filesystem>
@@ -14,7 +15,8 @@ void fuzz::SetUp() {
     g_quarn.is_started = true;
 }
 
-// What waits for a daemon's socket, comes at a later time, or takes up the box's memory.
+// Returns true for a command that waits for a socket of the daemon, runs at a later time, or fills
+// the memory of the box.
 static bool WaitsOrFills(std::string_view line) {
     for (const char* command : {"client", "after", "free_space"}) {
         if (line.find(command) != std::string_view::npos) return true;
@@ -27,7 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const sim::Console console("/box/modem");
     sim::Modem& modem = sim::Modem::Instance();
     mcl_init();
-    mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    mcl_closeLogPort();  // no thread reads it here; a modem that stops logging would wait for a
+                         // reader
     std::string_view lines = fuzz::Text(data, size);
     for (int i = 0; i < kMaxLines && !lines.empty(); ++i) {
         const std::string line = fuzz::TakeLine(lines);

@@ -12,7 +12,7 @@
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 
-// The one that `std::this_thread` sleeps by.
+// `std::this_thread` calls this function to sleep.
 extern "C" int nanosleep(const timespec*, timespec*) { return 0; }
 
 extern "C" int LLVMFuzzerInitialize(int*, char*** argv) {

@@ -1,7 +1,8 @@
-// What the fuzz targets share. A target is one file: `SetUp`, and one input at a time to
-// `LLVMFuzzerTestOneInput`. It runs in a box (sim/box), whose folders it may fill and empty.
+// Functions that the fuzz targets share. A target is one file with `SetUp` and
+// `LLVMFuzzerTestOneInput`, which gets one input at a time. A target runs in a box (an isolated
+// sandbox, sim/box), and may fill and empty the folders of the box.
 //
-// Texts of the Android log are formatted and dropped, and pauses of the program end at once.
+// Messages of the Android log are formatted and then dropped. Sleeps of the program end at once.
 #pragma once
 
 #include <cstddef>
@@ -14,21 +15,22 @@
 
 namespace fuzz {
 
-// Each target's own; called once.
+// Defined by each target. Called once.
 void SetUp();
 
-// What the daemon's `main` makes before it serves anybody: folders, modem layer, modem IPC.
+// Creates what the daemon's `main` creates before it serves clients: folders, modem layer, modem
+// IPC.
 void StartPhone();
 
-// Whether a path in this text may lead out of the box's own folders to those of the machine, of
-// which /tmp can be written to.
+// Returns true if a path in `text` may lead out of the folders of the box. Of the machine's own
+// folders, a program in the box can write to /tmp.
 bool LeavesBox(std::string_view text);
 
 inline std::string_view Text(const uint8_t* data, size_t size) {
     return {reinterpret_cast<const char*>(data), size};
 }
 
-// The text up to the next newline or the end, which are taken off its front.
+// Removes the first line from `text` and returns it without its newline.
 inline std::string TakeLine(std::string_view& text) {
     const size_t end = text.find('\n');
     std::string line(text.substr(0, end));
@@ -36,7 +38,7 @@ inline std::string TakeLine(std::string_view& text) {
     return line;
 }
 
-// What must hold for every input.
+// Ends the program with the message `what` unless `holds`.
 inline void Check(bool holds, const char* what) {
     if (holds) return;
     fprintf(stderr, "does not hold: %s\n", what);

@@ -1,11 +1,14 @@
-// Names in the log tree, the folder history, and recycling a tree of any names and sizes. Each line
-// of the input is an entry of the tree, below the log folder, or something else about it:
+// Fuzz target: names in the log tree, the folder history, and recycling a tree with any names and
+// sizes. Each line of the input is one of these. Paths are relative to the log folder.
 //
-//   PATH/         a folder          PATH > [FOLDER]        a link to a folder of the tree, or to it
-//   PATH KIB      a file, sparse    * RECYCLE KEEP CLEAR   the settings: MB, MB, 0 or 1
-//   !             a capture begins  ^ COUNT RECORD         so often in the history; 0: it is lost
+//   PATH/                  a folder
+//   PATH KIB               a sparse file
+//   PATH > [FOLDER]        a link to a folder of the tree, or to the tree itself
+//   * RECYCLE KEEP CLEAR   the recycle settings: MB, MB, 0 or 1
+//   !                      a capture begins
+//   ^ COUNT RECORD         adds a record to the history COUNT times; 0 deletes the history
 //
-// The clock stands still, so that an input can foresee the name of its capture.
+// The clock stands still, so that an input can contain the name of its capture.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,11 +38,11 @@ const std::string kBase = "/data/vendor/radio/quarn/";
 const std::string kLogs = kBase + "logs/";
 const std::string kHistory = kBase + "log_folder_history";
 constexpr int64_t kMaxKib = int64_t{8} << 20;
-constexpr uintmax_t kMaxHistory = 200 * 1024;  // bytes; the daemon cuts a shorter one
-constexpr size_t kMaxDepth = 16;               // of a folder that recycling enters
+constexpr uintmax_t kMaxHistory = 200 * 1024;  // bytes; the daemon cuts the history earlier
+constexpr size_t kMaxDepth = 16;               // levels of folders that recycling enters
 constexpr time_t kNow = 1704067200;            // 2024-01-01 00:00:00
 
-// The names as they are defined.
+// Compares the parsed names with the patterns that define them.
 void CheckNames(const std::string& name) {
     static const std::regex folder("QRXMDLog_(\\d+)_([_\\d]+\\d+)(t|t_EE|_EE)?");
     static const std::regex file("QRXMDLog_(\\d+)_([_\\d]+\\d+)(_EE)?(\\.muxz|\\.muxz\\.tmp)");
@@ -61,7 +64,7 @@ bool IsWithinTree(const fs::path& path) {
            std::find(path.begin(), path.end(), "..") == path.end();
 }
 
-// What the lines say beside the entries themselves.
+// The parts of the input that are no entries of the tree.
 struct Made {
     unsigned int recycle = 0, keep = 0;
     bool clear = true;
@@ -80,7 +83,7 @@ void CheckHistory() {
 }
 
 void BeginCapture() {
-    // One goes on already, or its name is taken.
+    // A capture is already open, or its name is taken.
     if (g_file_io.check_io_open() || g_file_io.io_open() != 0) return;
     const std::string capture = g_file_io.get_latest_folder_path();
     fuzz::Check(fs::is_directory(capture), "a capture has its folder");
@@ -116,8 +119,8 @@ void MakeFile(const fs::path& own, int64_t kib) {
 void MakeEntry(const fs::path& path, const std::string& what) {
     if (!IsWithinTree(path)) return;
     for (const fs::path& part : path) CheckNames(part);
-    std::error_code refused;  // too long, or already there as something else
-    // As it is behind the links that earlier lines made.
+    std::error_code refused;  // the path is too long, or another kind of entry has this path
+    // Earlier lines may have made links, so resolve them.
     const fs::path own = fs::weakly_canonical(kLogs / path, refused);
     if (own.string().find(kLogs) != 0) return;
     const fs::path below = own.string().substr(kLogs.size());
@@ -152,7 +155,7 @@ void TakeLine(const std::string& line, Made& made) {
     }
 }
 
-// What the recycler is about: KiB of log files, and everything else.
+// What the recycler handles: KiB of log files, and everything else.
 struct Tree {
     int64_t log_kib = 0;
     std::set<std::string> foreign;
@@ -170,10 +173,12 @@ Tree Look() {
     return tree;
 }
 
-// The newest file of a capture by its number; none when the numbers do not tell.
+// Returns the number of the newest file of a capture. Returns no value if the numbers do not show
+// it.
 std::optional<uint32_t> NewestFile(const std::string& capture) {
     std::set<uint32_t> numbers;
-    std::error_code gone;  // without a file it may go, with the last folder that was recycled in it
+    std::error_code
+        gone;  // a capture without files may be removed, with the last folder recycled in it
     for (const auto& entry : fs::directory_iterator(capture, gone)) {
         const std::string name = entry.path().filename();
         const auto parsed = names::ParseFile(name);
@@ -183,12 +188,12 @@ std::optional<uint32_t> NewestFile(const std::string& capture) {
     }
     if (numbers.empty()) return std::nullopt;
     if (!numbers.contains(0) || !numbers.contains(UINT32_MAX)) return *numbers.rbegin();
-    uint32_t newest = 0;  // they wrapped
+    uint32_t newest = 0;  // the numbers wrapped
     while (numbers.contains(newest + 1)) ++newest;
     return newest;
 }
 
-// `capture`: the one being written, empty when there is none.
+// `capture` is the capture that is being written. It is empty if there is none.
 void Recycle(const Made& made, unsigned int recycle, const std::string& capture) {
     const Tree before = Look();
     const auto newest = capture.empty() ? std::nullopt : NewestFile(capture);
@@ -208,7 +213,7 @@ void Recycle(const Made& made, unsigned int recycle, const std::string& capture)
                 "of the capture being written the newest file stays");
 }
 
-// As a daemon finds it that has just started.
+// Makes the tree as a daemon finds it at its first start.
 void EmptyTree() {
     g_file_io.io_close();
     fs::remove_all(kBase);
@@ -218,7 +223,7 @@ void EmptyTree() {
 
 }  // namespace
 
-// The captures' clock.
+// Replaces the clock that captures use.
 extern "C" time_t time(time_t* result) {
     if (result != nullptr) *result = kNow;
     return kNow;
@@ -252,7 +257,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return g_file_io.check_io_open() ? g_file_io.get_latest_folder_path() : "";
     };
     Recycle(made, made.recycle, capture());
-    // Once more, without any room, when the capture has an exception.
+    // Recycle again with a size limit of 0 and an exception in the capture.
     g_file_io.set_file_suffix(std::string(names::kException));
     g_file_io.rename_folder_ee();
     Recycle(made, 0, capture());

@@ -1,7 +1,8 @@
-// What the modem answers over modem IPC: texts of AT commands, numbers and result codes, each of
-// them left out at times, and the lengths of values told or not.
+// Fuzz target: answers of the modem over modem IPC, that is texts of AT commands, numbers and
+// result codes. Each of them may be missing, and the library may or may not return the lengths of
+// values.
 //
-//   input = faults 1 + number 4 + text of an AT reply
+//   input = faults 1 byte + number 4 bytes + text of an AT reply
 #include <algorithm>
 #include <cstring>
 
@@ -18,7 +19,7 @@ namespace {
 
 constexpr int kAnyMessage = 0;
 
-// The last line that is not empty is OK, told in another way than the program does.
+// Returns true if the last line that is not empty is OK. Finds this in another way than the daemon.
 bool EndsInOk(std::string text) {
     while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.pop_back();
     if (text.size() < 2 || text.substr(text.size() - 2) != "OK") return false;
@@ -49,7 +50,7 @@ void AskForNumbers(int number, bool expected) {
     quarn_mipcSetLogMode(number);
     quarn_mipcSetLogLevel(number);
     quarn_mipcSetFlushInterval(number);
-    long seconds = int64_t{number} * 1'000'000'000;  // far from any date, too
+    long seconds = int64_t{number} * 1'000'000'000;  // may be far from any valid date
     quarn_mipcSetTime(&seconds);
     int result = 0;
     std::array<char, 3> filter = {'a', 'b', 'c'};
@@ -60,7 +61,8 @@ void AskForNumbers(int number, bool expected) {
 
 void fuzz::SetUp() {
     StartPhone();
-    mcl_closeLogPort();  // nobody reads it here, and a modem that stops logging would wait for one
+    mcl_closeLogPort();  // no thread reads it here; a modem that stops logging would wait for a
+                         // reader
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -77,12 +79,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     modem.FailIpc(kAnyMessage, IpcFault::kAnswer, number, kMany);
 
-    // A request that is not sent gets no confirmation, whatever the cause is called.
+    // A request that is not sent gets no confirmation, whatever cause the library returns.
     const bool refused = (data[0] & 0b00100) != 0 && number != 0;
-    const bool is_short = (data[0] & 0b110000) == 0b010000 && number > 0;  // as the length tells
+    const bool is_short =
+        (data[0] & 0b110000) == 0b010000 && number > 0;  // according to the length
     AskForNumbers(number, (data[0] & 0b01011) == 0 && !is_short && !refused);
     AskForText(std::string(fuzz::Text(data, size).substr(1 + sizeof(number))));
-    modem.FailIpc(kAnyMessage, IpcFault::kAnswer, 0, 0);  // takes all back
+    modem.FailIpc(kAnyMessage, IpcFault::kAnswer, 0, 0);  // removes all faults
     modem.AnswerAt("", 0);
     return 0;
 }

@@ -1,5 +1,5 @@
-// Log files of any bytes: the header, the walk over the blocks, recovery, which must find what the
-// walk finds, and the scan, which must account for every byte.
+// Fuzz target: log files with any bytes. Reads the header and the blocks. Recovery must find the
+// same blocks as the reader. The scan must account for every byte.
 #include <algorithm>
 #include <map>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Offsets of the blocks that unpack, and the bytes of each as a hash.
+// Returns the offsets of the blocks that unpack, each with a hash of its bytes.
 std::map<uint64_t, size_t> Walk(muxz::Bytes file, uint64_t first) {
     std::map<uint64_t, size_t> blocks;
     muxz::MemorySource source(file);
@@ -30,7 +30,7 @@ std::map<uint64_t, size_t> Walk(muxz::Bytes file, uint64_t first) {
     return blocks;
 }
 
-// As statistics do, which look at the lengths only.
+// Counts the blocks by their lengths only, as the statistics do.
 size_t CountBlocks(muxz::Bytes file, uint64_t first) {
     muxz::MemorySource source(file);
     muxz::BlockReader reader(source, first, muxz::BlockReader::Mode::kLengths);
@@ -61,7 +61,7 @@ void Recover(muxz::Bytes file, std::map<uint64_t, size_t> expected) {
     fuzz::Check(expected.empty(), "recovery finds every block that the walk finds");
 }
 
-// Header, blocks and damage are all of the file up to its end.
+// Checks that header, blocks and damage together are the whole file up to its end.
 muxz::FileFacts Scan(muxz::Bytes bytes, muxz::Depth depth, muxz::FoundFile& found) {
     found.path = "/heap/QRXMDLog_1_2024_0101_000000.muxz";
     found.size = bytes.size();

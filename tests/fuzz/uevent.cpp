@@ -1,4 +1,5 @@
-// A device event: any bytes of a datagram, closed by two NULs as its receiver does.
+// Fuzz target: a device event. The datagram has any bytes, and ends with the two NULs that the
+// receiver adds.
 #include <cstring>
 
 #include "fuzz.h"
@@ -8,7 +9,7 @@ void fuzz::SetUp() {}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string message = std::string(fuzz::Text(data, size)) + std::string(2, '\0');
-    // Exactly as large, so that one byte too many is seen.
+    // A buffer of exactly this size, so that the sanitizer sees a read behind its end.
     const std::vector<char> buffer(message.begin(), message.end());
     event_info info;
     const QUARN_EVENT event = QUARN_EVENT_DETECT_HANDLE::parse_uevent(buffer.data(), &info);
