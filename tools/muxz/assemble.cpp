@@ -153,7 +153,7 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
     model.history = listing.history;
     Append(model.findings, listing.findings);
     std::vector<CaptureFacts> captures;
-    std::vector<FileFacts> heap, power_on;
+    std::vector<FileFacts> unsorted, power_on;
     std::vector<uint32_t> others;
     bool whole = true;
     for (size_t i = 0; i < listing.groups.size(); ++i) {
@@ -164,12 +164,12 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
         } else if (group.kind == FoundGroup::Kind::kPowerOn) {
             std::move(files.begin(), files.end(), std::back_inserter(power_on));
         } else {
-            std::move(files.begin(), files.end(), std::back_inserter(heap));
+            std::move(files.begin(), files.end(), std::back_inserter(unsorted));
             others.insert(others.end(), group.others.begin(), group.others.end());
             whole = whole && group.whole;
         }
     }
-    std::vector<CaptureFacts> grouped = GroupHeap(std::move(heap));
+    std::vector<CaptureFacts> grouped = GroupUnsorted(std::move(unsorted));
     for (CaptureFacts& capture : grouped) {
         capture.whole = whole;
         capture.others = others;

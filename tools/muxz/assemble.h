@@ -12,11 +12,11 @@ namespace muxz {
 // Returns a note that has no offset in a file.
 Finding NoteOn(const std::string& path, Finding::What what, std::string text);
 
-// heap.cpp: sorts files without capture folders into captures. Files whose headers contain the
+// unsorted.cpp: sorts files without capture folders into captures. Files whose headers contain the
 // folder time belong together if folder time and custom header are equal. Other files are grouped
 // by their names, as far as possible: a file number that is not greater than the one before begins
 // another capture.
-std::vector<CaptureFacts> GroupHeap(std::vector<FileFacts> files);
+std::vector<CaptureFacts> GroupUnsorted(std::vector<FileFacts> files);
 
 // order.cpp: orders the files of a capture by number, and captures by the rules in
 // docs/log-file-format.md, "Capture order".

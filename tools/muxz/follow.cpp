@@ -90,7 +90,7 @@ class Growing {
     }
 
     bool PassOver(BlockReader& reader, Messages& messages) {
-        if (std::exchange(told, offset) == offset) return false;
+        if (std::exchange(reported, offset) == offset) return false;
         const std::string reason = reader.reason();
         Loss loss{};
         const bool more = reader.GoOn(loss);
@@ -103,9 +103,9 @@ class Growing {
     const FoundFile found;
     std::optional<uint64_t> likely_header;
     std::unique_ptr<Source> source;
-    uint64_t offset = 0;         // of the next block
-    uint64_t told = UINT64_MAX;  // offset of the last damage that was reported
-    bool failed = false;         // a system error was reported
+    uint64_t offset = 0;             // of the next block
+    uint64_t reported = UINT64_MAX;  // offset of the last damage that was reported
+    bool failed = false;             // a system error was reported
     End end = End::kWhole;
 };
 

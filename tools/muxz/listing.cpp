@@ -149,7 +149,7 @@ class Collector {
                      std::optional<uint64_t> size);
     void TakeMembers(const std::string& path, std::vector<Member> members);
     void TakeList(const std::string& path, Bytes bytes);
-    void TakeHeap(const std::string& folder);
+    void TakeUnsorted(const std::string& folder);
     void TakeHistory(const std::string& folder);
     void AddCapture(Capture capture);
     void AddPowerOnLog(const std::string& path, uint64_t size, bool given);
@@ -253,13 +253,13 @@ void Collector::TakeTree(const std::string& path) {
     std::vector<Complaint> complaints;
     if (!WalkTree(path, own, complaints)) return Refuse(path, strerror(errno));
     TakeComplaints(complaints);
-    if (own.captures.empty() && own.power_on_logs.empty() && own.heaps.empty())
+    if (own.captures.empty() && own.power_on_logs.empty() && own.unsorted.empty())
         return Refuse(path, "holds no log files");
-    for (const std::string& heap : own.heaps) {
+    for (const std::string& folder : own.unsorted) {
         if (own.captures.empty()) {
-            TakeHeap(heap);
+            TakeUnsorted(folder);
         } else {
-            Tell(Finding::Kind::kNote, Finding::What::kLeftOut, heap,
+            Tell(Finding::Kind::kNote, Finding::What::kLeftOut, folder,
                  "log files outside a capture are left out");
         }
     }
@@ -278,7 +278,7 @@ void Collector::TakeTree(const std::string& path) {
     std::move(own.captures.begin(), own.captures.end(), std::back_inserter(tree.captures));
 }
 
-void Collector::TakeHeap(const std::string& folder) {
+void Collector::TakeUnsorted(const std::string& folder) {
     FoundGroup group;
     group.path = folder;
     std::vector<LogFile> files;

@@ -44,11 +44,11 @@ OpenedFile Reopen(const FileFacts& file);
 // Files that belong together because of the folder in which they lie.
 struct FoundGroup {
     enum class Kind {
-        kCapture,  // a capture folder, or some of its files
-        kHeap,     // unsorted files: files of any captures, without their capture folders
-        kPowerOn,  // power-on logs
+        kCapture,   // a capture folder, or some of its files
+        kUnsorted,  // unsorted files: files of any captures, without their capture folders
+        kPowerOn,   // power-on logs
     };
-    Kind kind = Kind::kHeap;
+    Kind kind = Kind::kUnsorted;
     std::string path;    // of the folder; empty for unsorted files that were given one by one
     bool given = false;  // for kCapture: the user gave the path of this folder
     bool whole = true;   // `files` has all files of the folder

@@ -48,11 +48,11 @@ std::optional<std::string> Conflict(const CaptureFacts& a, const CaptureFacts& b
         if (*a.index != *b.index) return std::nullopt;
         return "one capture number, " + std::to_string(*a.index) + ", for " + both;
     }
-    const bool heap = !a.index && !b.index;
-    if (heap && a.folder_time && a.folder_time == b.folder_time)
+    const bool unsorted = !a.index && !b.index;
+    if (unsorted && a.folder_time && a.folder_time == b.folder_time)
         return "captures of one second, in " + both;
     if (LiesWithin(a, b) || LiesWithin(b, a)) {
-        const bool guess = heap && (!a.folder_time || !b.folder_time);
+        const bool guess = unsorted && (!a.folder_time || !b.folder_time);
         return "captures at the same time, " + both +
                (guess ? " (which file is whose is a guess by names)" : "");
     }

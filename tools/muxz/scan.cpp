@@ -211,17 +211,17 @@ void Scanner::TakeFingerprint() {
 }
 
 void Scanner::TakeBlocks() {
-    uint64_t told = 0;
+    uint64_t reported = 0;
     const bool unpacks = options.depth == Depth::kBlocks;
     WalkBlocks(*source, unpacks ? BlockReader::Mode::kBytes : BlockReader::Mode::kLengths, facts,
                [&](BlockReader& reader, const Block& block) {
-                   if (options.progress && block.offset >= told + kProgressStep) {
-                       options.progress(block.offset - told);
-                       told = block.offset;
+                   if (options.progress && block.offset >= reported + kProgressStep) {
+                       options.progress(block.offset - reported);
+                       reported = block.offset;
                    }
                    return !unpacks || reader.Check(block);
                });
-    if (options.progress && facts.size > told) options.progress(facts.size - told);
+    if (options.progress && facts.size > reported) options.progress(facts.size - reported);
 }
 
 }  // namespace

@@ -105,7 +105,7 @@ void BlockSearch::Earn(uint64_t bytes) {
 }
 
 bool BlockSearch::Find(uint64_t& offset, uint64_t limit) {
-    uint64_t told = offset;
+    uint64_t reported = offset;
     while (offset <= limit) {
         const Bytes bytes = window.At(offset, kLookAhead);
         if (bytes.size() < kLeastBlock) {
@@ -119,8 +119,8 @@ bool BlockSearch::Find(uint64_t& offset, uint64_t limit) {
             if (offset <= limit && IsTrusted(offset)) return true;
             ++offset;
         }
-        if (progress && offset - told >= kPiece) {
-            told = offset;
+        if (progress && offset - reported >= kPiece) {
+            reported = offset;
             progress(offset);
         }
     }

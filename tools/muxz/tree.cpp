@@ -247,7 +247,7 @@ class TreeWalk {
                 loose = loose || names::ParseFile(entry.name);
             }
         }
-        if (loose) tree.heaps.push_back(path);
+        if (loose) tree.unsorted.push_back(path);
         return true;
     }
 
@@ -342,9 +342,9 @@ void SettleCaptures(std::vector<Capture>& captures) {
 
 bool ListTree(const std::string& root, Tree& tree, std::vector<Complaint>& complaints) {
     if (!WalkTree(root, tree, complaints)) return false;
-    for (const std::string& heap : tree.heaps) {
+    for (const std::string& folder : tree.unsorted) {
         complaints.push_back(
-            {Complaint::Kind::kLeftOut, heap, "log files outside a capture are left out"});
+            {Complaint::Kind::kLeftOut, folder, "log files outside a capture are left out"});
     }
     SettleCaptures(tree.captures);
     return true;

@@ -96,7 +96,7 @@ struct Complaint {
 struct Tree {
     std::vector<Capture> captures;           // in capture order, including copies
     std::vector<std::string> power_on_logs;  // paths; those beside copies are left out
-    std::vector<std::string> heaps;          // folders with unsorted files
+    std::vector<std::string> unsorted;       // folders with unsorted files
 };
 
 // Sets `capture` from the name of the folder at `path`. Returns false if this is not the name of a

@@ -107,7 +107,7 @@ Captures GroupByName(std::vector<FileFacts> files) {
 
 }  // namespace
 
-std::vector<CaptureFacts> GroupHeap(std::vector<FileFacts> files) {
+std::vector<CaptureFacts> GroupUnsorted(std::vector<FileFacts> files) {
     std::map<std::pair<UtcTime, std::string>, Captures> by_header;
     std::vector<FileFacts> by_name;
     Captures alone;
