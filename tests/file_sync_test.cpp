@@ -1,5 +1,5 @@
-// Syncs of the storage channel's files: when they happen, and that no thread waits for them.
-// power_cut.cpp checks what a power cut leaves.
+// What brings the storage channel's files to the disk: when, and that nobody waits for it. What a
+// power cut leaves is looked at by crash_safety.
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-// The whole data path of a log block, from the port to the files.
+// The whole road of a log block, from the port to the files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -86,23 +86,23 @@ TEST_F(Road, AFullDiskLosesNothingThatTheReaderTook) {
     test::WriteFile(kLogs + "ballast", std::string(4 * kMb, 'b'));
     const std::string bytes = test::StreamBytes(48 * kMb);
     Start(bytes);
-    // The disk is full, so the ring fills up and the reader waits.
+    // The ring fills up behind the disk, and the reader waits.
     ASSERT_TRUE(log.WaitFor("io: common_write fail, ..."));
     ASSERT_TRUE(test::WaitUntil([] { return g_quarn.stall_count > 0; }));
-    // The writer may be retrying its write, so the newest file may end anywhere.
+    // The writer may just be trying again, so the newest file may end anywhere.
     EXPECT_TRUE(bytes.starts_with(test::Decode(kLogs).bytes));
 
     fs::remove(kLogs + "ballast");
     ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", MS_REMOUNT, "size=64m"), 0);
     Finish(bytes.size());
     EXPECT_TRUE(test::DecodeTree(kLogs) == bytes);
-    // There is no file without its header either.
+    // No file without its header was left behind either.
     for (const auto& entry : fs::recursive_directory_iterator(kLogs)) {
         EXPECT_TRUE(entry.is_directory() || entry.file_size() > 260) << entry.path();
     }
 }
 
-// A size limit of 3 MB for about 15 MB of files, in captures with and without an exception.
+// A budget of 3 MB for some 15 MB of files, of captures with and without an exception.
 TEST_F(Road, TheTreeKeepsItsBudgetAndTheNewestFile) {
     constexpr unsigned int kBudgetMb = 3;
     ASSERT_EQ(g_file_io.set_recycle_option(RECYCLE_OPT_SIZE, kBudgetMb), 0);
@@ -143,16 +143,16 @@ TEST_F(Road, TheTreeKeepsItsBudgetAndTheNewestFile) {
     EXPECT_TRUE(bytes.ends_with(last));
 }
 
-// The test deletes the file or the folder of the running capture again and again. It reads the
-// deleted files through descriptors. Deleted files and tree together contain each byte once.
+// Somebody deletes the running capture's file, or its folder, again and again. The deleted files
+// are read through descriptors: together with what is in the tree they hold each byte once.
 TEST_F(Road, DeletingTheRunningCaptureCostsWhatWasInIt) {
     g_file_io.set_file_size(50);
-    constexpr size_t kPart = 12 * kMb;  // more than one write, when packed
+    constexpr size_t kPart = 12 * kMb;  // more than one write's worth, packed
     constexpr size_t kParts = 8;
     const std::string bytes = test::StreamBytes(kParts * kPart);
     struct Deleted {
         muxz::Fd fd;
-        off_t size;  // bytes, when it was deleted
+        off_t size;  // when it was
     };
     std::vector<Deleted> deleted;
     for (size_t i = 0; i < kParts; ++i) {
@@ -175,19 +175,18 @@ TEST_F(Road, DeletingTheRunningCaptureCostsWhatWasInIt) {
     Finish(bytes.size());
     EXPECT_GE(deleted.size(), kParts);
 
-    std::map<size_t, size_t> pieces;  // lengths by offset in the stream
+    std::map<size_t, size_t> pieces;  // lengths by place in the stream
     const auto place = [&](const fs::path& path) {
         const std::string piece = test::DecodeFile(path).bytes;
         if (piece.empty()) return;
-        // All records differ, so the first 100 bytes are enough. A search for the whole piece would
-        // take minutes under a sanitizer.
+        // No two records are alike. A search for all of it would take minutes under a sanitizer.
         const size_t at = bytes.find(piece.substr(0, 100));
         ASSERT_NE(at, std::string::npos) << path;
         EXPECT_TRUE(bytes.compare(at, piece.size(), piece) == 0) << path;
         EXPECT_TRUE(pieces.emplace(at, piece.size()).second) << path;
     };
     for (const Deleted& file : deleted) {
-        // One write may have been in progress at the deletion.
+        // One write may have been under way.
         EXPECT_LE(lseek(file.fd.get(), 0, SEEK_END), file.size + static_cast<off_t>(kMb));
         place("/proc/self/fd/" + std::to_string(file.fd.get()));
     }

@@ -238,7 +238,7 @@ TEST_P(ToolPort, AfterAFailureTheNextStartBeginsAfresh) {
 }
 
 TEST_P(ToolPort, ErrorsHostsStartsAndStopsInAnyOrder) {
-    host.Deliver(TCL_MSG_RESERVED_2);  // starts the library's own thread, if it does not run yet
+    host.Deliver(TCL_MSG_RESERVED_2);  // the library's own thread is there from now on
     host.WaitForMessages();
     const auto left = [] {
         return std::pair(test::List("/proc/self/fd").size(), test::List("/proc/self/task").size());
@@ -259,7 +259,7 @@ TEST_P(ToolPort, ErrorsHostsStartsAndStopsInAnyOrder) {
         one.join();
         other.join();
         host.WaitForMessages();
-        if (seed % 2 == 0) Close(client);  // no host is connected when the port stops
+        if (seed % 2 == 0) Close(client);  // nobody there when it stops
         g_tool.stop();
         Close(client);
         EXPECT_FALSE(host.status().listening);
