@@ -136,6 +136,18 @@ void Choose(const PhoneChoice& choice, Model& model) {
     model.phones = std::move(chosen);
 }
 
+// Gives the last capture of a phone its state.
+void MarkNewest(Phone& phone) {
+    const auto newest = std::find_if(phone.captures.rbegin(), phone.captures.rend(),
+                                     [](const CaptureFacts& c) { return !c.copy; });
+    if (newest == phone.captures.rend()) return;
+    // If the user gave only this folder of a tree, later captures may exist that muxz does not
+    // see. Then the folder name alone says whether it is the newest.
+    const bool is_alone = !newest->name.empty() && (newest->given || !newest->whole);
+    if (!is_alone || newest->state != CaptureFacts::State::kFinished)
+        newest->state = CaptureFacts::State::kNewest;
+}
+
 bool IsReordered(const Model& model) {
     std::pair<size_t, size_t> last;
     for (const FileFacts* file : model.Files()) {
@@ -193,15 +205,7 @@ Model Assemble(const Listing& listing, ScannedFiles scanned, const BuildOptions&
             ++model.totals.power_on_logs;
             model.totals.power_on_blocks.Add(log.blocks);
         }
-        const auto newest = std::find_if(phone.captures.rbegin(), phone.captures.rend(),
-                                         [](const CaptureFacts& c) { return !c.copy; });
-        // If the user gave only this folder of a tree, later captures may exist that muxz does not
-        // see. Then the folder name alone says whether it is the newest.
-        const bool told = newest != phone.captures.rend() && !newest->name.empty() &&
-                          (newest->given || !newest->whole);
-        if (newest != phone.captures.rend() &&
-            !(told && newest->state == CaptureFacts::State::kFinished))
-            newest->state = CaptureFacts::State::kNewest;
+        MarkNewest(phone);
         for (CaptureFacts& capture : phone.captures) {
             FindFileGaps(capture);
             FindStrangers(capture);

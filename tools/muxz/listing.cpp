@@ -148,6 +148,7 @@ class Collector {
     void TakeArchive(const std::string& path, const std::shared_ptr<Source>& source,
                      std::optional<uint64_t> size);
     void TakeMembers(const std::string& path, std::vector<Member> members);
+    std::set<std::string> TakeMemberLists(const std::vector<Member>& members);
     void TakeList(const std::string& path, Bytes bytes);
     void TakeUnsorted(const std::string& folder);
     void TakeHistory(const std::string& folder);
@@ -384,11 +385,10 @@ void Collector::TakeArchive(const std::string& path, const std::shared_ptr<Sourc
     if (archive.faults.empty()) Refuse(path, "holds no log files");
 }
 
-// Does for the files of an archive what TakeTree does for the files of a tree.
-void Collector::TakeMembers(const std::string& path, std::vector<Member> members) {
+// Reads the lists of captures in an archive. Returns the folders with a list of copied captures.
+std::set<std::string> Collector::TakeMemberLists(const std::vector<Member>& members) {
     const std::string root = CommonFolder(members);
-    std::set<std::string> copied;  // folders with a list of copied captures
-    std::map<std::string, std::vector<HeldFile>> folders;
+    std::set<std::string> copied;
     for (const Member& member : members) {
         const std::string folder = FolderAround(member.path);
         const std::string name(LastComponent(member.path));
@@ -398,6 +398,13 @@ void Collector::TakeMembers(const std::string& path, std::vector<Member> members
         Window window(*source, kMostHistory);
         TakeList(member.path, window.At(0, kMostHistory));
     }
+    return copied;
+}
+
+// Does for the files of an archive what TakeTree does for the files of a tree.
+void Collector::TakeMembers(const std::string& path, std::vector<Member> members) {
+    const std::set<std::string> copied = TakeMemberLists(members);
+    std::map<std::string, std::vector<HeldFile>> folders;
     for (Member& member : members) {
         const std::string folder = FolderAround(member.path);
         const std::string name(LastComponent(member.path));
