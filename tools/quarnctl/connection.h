@@ -60,6 +60,8 @@ class Client {
     // kUnreachable and sets `why`.
     ExitStatus Ask(const Command& command, const std::string& request, std::string& reply,
                    std::string& why);
+    // Returns true if the daemon has closed the connection, or none has been made.
+    bool HasHungUp() const;
 
   private:
     ExitStatus Receive(std::chrono::seconds patience, std::string& reply, std::string& why);

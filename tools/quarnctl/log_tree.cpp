@@ -1,0 +1,96 @@
+#include "log_tree.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "storage/log_names.h"
+
+namespace quarnctl {
+
+namespace log_names = quarn::log_names;
+
+namespace {
+
+constexpr int kKbShift = 10;
+// As deep as the recycler goes.
+constexpr int kMaxDepth = 16;
+
+class Walk {
+  public:
+    explicit Walk(LogTree& found) : tree(found) {}
+
+    void Take(const std::string& folder, int depth) {
+        const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
+        if (!dir) {
+            // A folder that the recycler has removed meanwhile is no trouble.
+            if (errno != ENOENT || depth == 0) tree.why = strerror(errno);
+            return;
+        }
+        tree.readable = true;
+        while (const dirent* entry = readdir(dir.get())) {
+            const std::string_view name = entry->d_name;
+            if (name == "." || name == "..") continue;
+            const std::string path = folder + "/" + entry->d_name;
+            struct stat status;
+            if (lstat(path.c_str(), &status) != 0) continue;
+            if (S_ISDIR(status.st_mode) && depth < kMaxDepth) {
+                Take(path, depth + 1);
+            } else if (S_ISREG(status.st_mode) && log_names::ParseFile(name)) {
+                TakeFile(folder, path, status);
+            }
+        }
+    }
+
+  private:
+    void TakeFile(const std::string& folder, const std::string& path, const struct stat& status) {
+        const auto size = static_cast<uint64_t>(status.st_size);
+        tree.bytes += size >> kKbShift << kKbShift;
+        ++tree.files;
+        // A crash may leave other files with that ending: the one that was written last counts.
+        const bool is_open = path.ends_with(log_names::kOpenEnding) &&
+                             log_names::IsUnfinished(log_names::LastComponent(folder));
+        const timespec& changed = status.st_mtim;
+        if (!is_open || (!tree.file.empty() && !IsLater(changed))) return;
+        newest = changed;
+        tree.capture = folder;
+        tree.file = path;
+        tree.file_bytes = size;
+        tree.file_changed = changed.tv_sec;
+    }
+
+    bool IsLater(const timespec& time) const {
+        return time.tv_sec != newest.tv_sec ? time.tv_sec > newest.tv_sec
+                                            : time.tv_nsec > newest.tv_nsec;
+    }
+
+    LogTree& tree;
+    timespec newest = {};
+};
+
+}  // namespace
+
+LogTree ReadLogTree(const std::string& root) {
+    LogTree tree;
+    Walk(tree).Take(root, 0);
+    return tree;
+}
+
+Storage ReadStorage(std::string path) {
+    struct statvfs status;
+    // A folder above it lies on the same file system, and may be open to more users.
+    while (statvfs(path.c_str(), &status) != 0) {
+        const size_t slash = path.rfind('/');
+        if (slash == 0 || slash == std::string::npos) return {};
+        path.resize(slash);
+    }
+    return {true, uint64_t{status.f_bavail} * status.f_frsize,
+            uint64_t{status.f_blocks} * status.f_frsize};
+}
+
+}  // namespace quarnctl
