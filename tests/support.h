@@ -37,6 +37,13 @@ class LogCapture {
 bool WaitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
+// What a shell command prints, on standard output and error together, and its exit status.
+struct Result {
+    int status;
+    std::string text;
+};
+Result Run(const std::string& command);
+
 // Lets the signal that stops a thread get it out of a call, as the daemon does.
 void HandleStopSignal();
 

@@ -72,6 +72,10 @@ void Pace::TakeEvent(const LogEvent& event) {
             break;
         case LogEvent::Kind::kOpened:
             opened_file = event.text;
+            // The daemon's log folder ends in a slash of its own.
+            for (size_t at; (at = opened_file.find("//")) != std::string::npos;) {
+                opened_file.erase(at, 1);
+            }
             break;
         default:
             break;
