@@ -1,5 +1,5 @@
-// quarnctl top, against a real daemon whose Android log is kept in the box, where the stand-in for
-// logcat finds it.
+// Tests quarnctl top against a real daemon. Its Android log is kept in the box, where sim/logcat
+// finds it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -50,7 +50,7 @@ std::string Report(int stalls = 0, int rate = 100) {
            Line("fail_read_cnt: 5 (eagain=2, eintr=3, enodev=0, ebadf=0, eother=0)");
 }
 
-// A daemon that answers, and whose log the stand-in for logcat shows.
+// A daemon that answers requests. sim/logcat prints its log.
 struct RunningDaemon : Daemon {
     explicit RunningDaemon(const std::string& scenario = "")
         : Daemon("top", scenario, {{"QUARN_SIM_LOG", kKept}}) {
@@ -63,7 +63,7 @@ struct RunningDaemon : Daemon {
     }
 };
 
-// `quarnctl top` that runs until a signal ends it, with its output on a descriptor or in a file.
+// A `quarnctl top` that runs until a signal ends it.
 class Running {
   public:
     Running(const std::string& options, int out) {
@@ -75,7 +75,7 @@ class Running {
         _exit(127);
     }
     ~Running() { End(SIGKILL); }
-    // Returns the signal that ended it, 0 for none.
+    // Sends `signal`. Returns the signal that ended the process, or 0.
     int End(int signal) {
         if (pid <= 0) return 0;
         kill(pid, signal);
@@ -157,7 +157,7 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
             }
         }
     }
-    // What cannot be read, or was wrongly called.
+    // Logs that cannot be read, and wrong arguments.
     test::WriteFile("/data/bin/logcat", "#!/bin/sh\necho logcat: Permission denied\nexit 1\n");
     fs::permissions("/data/bin/logcat", fs::perms::all);
     const struct {
@@ -168,6 +168,7 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
         {"--once --log /data/none", 3, "cannot open /data/none: No such file"},
         {"--once --log - --timeout 1 <>/dev/null", 0, "no report yet"},
         {"--once --interval 0", 2, "from 1 on"},
+        {"--timeout 5", 2, "goes with --once"},
         {"now", 2, "takes no argument"},
     };
     for (const auto& c : others) {

@@ -37,7 +37,7 @@ class LogCapture {
 bool WaitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
-// What a shell command prints, on standard output and error together, and its exit status.
+// The exit status of a shell command, and its standard output and error together.
 struct Result {
     int status;
     std::string text;

@@ -26,7 +26,7 @@ constexpr seconds kNoticeable{2};
 }  // namespace
 
 struct Asker::Shared {
-    std::mutex mutex;  // guards all below
+    std::mutex mutex;  // guards all members below
     std::condition_variable changed;
     bool again = false;
     View view;
@@ -42,7 +42,7 @@ struct Asker::Shared {
         }
     }
 
-    // Returns true if the daemon has answered.
+    // Returns true if the daemon answered.
     bool Ask(Client& client) {
         std::unique_lock lock(mutex);
         again = false;

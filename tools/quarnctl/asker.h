@@ -1,4 +1,4 @@
-// Asks the daemon for its settings beside a program that has other things to do.
+// Queries the daemon's settings in the background.
 #pragma once
 
 #include <memory>
@@ -9,23 +9,23 @@
 
 namespace quarnctl {
 
-// A thread of its own asks: while the daemon serves another client's copy, a reply takes minutes.
-// There is one connection, and one request at a time.
+// A thread sends the queries, because a reply may take minutes while the daemon copies files for
+// another client. It uses one connection, and has one request open at a time.
 //
-// The daemon's log has some lines for each request, and a request may need the modem. So the thread
-// asks when the connection is new, on `AskAgain`, and else once a minute.
+// The daemon logs several lines for each request, and some requests need the modem. So the thread
+// asks only when the connection is new, after `AskAgain`, and once a minute.
 class Asker {
   public:
-    // The thread goes on until the process ends.
+    // Starts the thread, which runs until the process ends.
     Asker();
 
     struct View {
-        bool asked = false;           // there is an outcome
-        std::vector<Answer> answers;  // empty: the daemon cannot be reached
-        std::string why;              // it cannot be reached
-        bool waits = false;           // the daemon has not answered for some time
+        bool asked = false;           // false before the first result
+        std::vector<Answer> answers;  // empty if the daemon cannot be reached
+        std::string why;              // the reason if the daemon cannot be reached
+        bool waits = false;           // the daemon has not answered for 2 s
     };
-    // Thread-safe, and so is `AskAgain`.
+    // Thread-safe, like `AskAgain`.
     View Look() const;
     void AskAgain();
 

@@ -118,7 +118,7 @@ ExitStatus Client::Receive(seconds patience, std::string& reply, std::string& wh
 
 bool Client::HasHungUp() const {
     pollfd poll_fd = {fd.get(), POLLIN, 0};
-    return fd.get() < 0 || poll(&poll_fd, 1, 0) > 0;  // it sends nothing that was not asked for
+    return fd.get() < 0 || poll(&poll_fd, 1, 0) > 0;  // the daemon sends nothing but replies
 }
 
 bool IsOk(const std::string& reply) { return reply == "ok" || reply.starts_with("ok,"); }

@@ -60,7 +60,7 @@ class Client {
     // kUnreachable and sets `why`.
     ExitStatus Ask(const Command& command, const std::string& request, std::string& reply,
                    std::string& why);
-    // Returns true if the daemon has closed the connection, or none has been made.
+    // Returns true if the daemon closed the connection, or if there is no connection yet.
     bool HasHungUp() const;
 
   private:

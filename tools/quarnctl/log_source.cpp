@@ -12,12 +12,14 @@
 #include <cstring>
 #include <utility>
 
+#include "screen.h"
+
 namespace quarnctl {
 
 namespace {
 
 constexpr size_t kLongestLine = 64 << 10;  // bytes; the Android log's own limit is below 5 KiB
-// As a shell tells it of a program that it cannot run.
+// Exit statuses of a shell that cannot run a program.
 constexpr int kNotFound = 127;
 constexpr int kNotAllowed = 126;
 
@@ -33,7 +35,7 @@ constexpr const char* kWhoMay = "; may this user read it? root and the shell of 
     dup2(nothing, STDIN_FILENO);
     dup2(out, STDOUT_FILENO);
     dup2(out, STDERR_FILENO);
-    // Its own words, since it takes them as changeable.
+    // exec wants arguments that are not const.
     char name[] = "logcat", format[] = "-v", threadtime[] = "threadtime", only[] = "-s",
          tag[] = "QUARN:I", dump[] = "-d";
     char* arguments[] = {name,
@@ -74,7 +76,7 @@ void LogSource::StartLogcat() {
     logcat = fork();
     if (logcat == 0) BecomeLogcat(out.get(), follows);
     if (logcat < 0) trouble = std::string("cannot run logcat: ") + strerror(errno);
-    // Here too: it must be a group before it can be ended as one.
+    // The child does this, too. Either may come first, and EndLogcat needs the group.
     if (logcat > 0) setpgid(logcat, logcat);
 }
 
@@ -88,7 +90,7 @@ void LogSource::EndLogcat() {
 }
 
 void LogSource::OpenFile() {
-    // Without a writer, opening a named pipe would block.
+    // Opening a named pipe without O_NONBLOCK waits for a writer.
     Descriptor file(open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0) {
         trouble = "cannot open " + from + ": " + strerror(errno);
@@ -173,7 +175,7 @@ void LogSource::AtEnd(const std::function<void(std::string_view)>& take) {
     } else if (code == kNotAllowed) {
         trouble = std::string("logcat may not be run") + kWhoMay;
     } else if (status != 0) {
-        trouble = "logcat cannot read the log: " + last_line + kWhoMay;
+        trouble = "logcat cannot read the log: " + Printable(last_line) + kWhoMay;
     } else if (follows) {
         trouble = "logcat has ended";
     }

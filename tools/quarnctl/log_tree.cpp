@@ -28,7 +28,7 @@ class Walk {
     void Take(const std::string& folder, int depth) {
         const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
         if (!dir) {
-            // A folder that the recycler has removed meanwhile is no trouble.
+            // The recycler may have removed the folder meanwhile.
             if (errno != ENOENT || depth == 0) tree.why = strerror(errno);
             return;
         }
@@ -52,7 +52,7 @@ class Walk {
         const auto size = static_cast<uint64_t>(status.st_size);
         tree.bytes += size >> kKbShift << kKbShift;
         ++tree.files;
-        // A crash may leave other files with that ending: the one that was written last counts.
+        // A crash may leave several files with this ending. The newest one is the current one.
         const bool is_open = path.ends_with(log_names::kOpenEnding) &&
                              log_names::IsUnfinished(log_names::LastComponent(folder));
         const timespec& changed = status.st_mtim;
@@ -83,7 +83,7 @@ LogTree ReadLogTree(const std::string& root) {
 
 Storage ReadStorage(std::string path) {
     struct statvfs status;
-    // A folder above it lies on the same file system, and may be open to more users.
+    // More users may reach the folders above.
     while (statvfs(path.c_str(), &status) != 0) {
         const size_t slash = path.rfind('/');
         if (slash == 0 || slash == std::string::npos) return {};

@@ -1,4 +1,4 @@
-// The daemon's log tree as it lies on the storage.
+// Measures the daemon's log tree and its file system.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +9,15 @@ namespace quarnctl {
 constexpr const char* kLogTree = "/data/vendor/radio/quarn/logs";
 
 struct LogTree {
-    std::string why;  // it cannot be read, in whole or in part; empty: it can
-    bool readable = false;
-    // Of all log files, counted as the recycler does: each one in whole KiB. Captures that lie
-    // behind links are left out.
+    std::string why;        // the reason if the tree, or a part of it, cannot be read
+    bool readable = false;  // at least in part
+    // The size of all log files, counted as the recycler does: whole KiB of each file. Unlike the
+    // recycler, this leaves out captures behind links.
     uint64_t bytes = 0;
     uint64_t files = 0;
 
-    // The file that is written, or was last, with the path of its folder; empty: none.
+    // The paths of the file that is being written, or was written last, and of its folder. Empty if
+    // there is none.
     std::string capture;
     std::string file;
     uint64_t file_bytes = 0;
@@ -24,7 +25,8 @@ struct LogTree {
 };
 LogTree ReadLogTree(const std::string& root);
 
-// The file system that `path` lies on, or would.
+// The file system that `path` is on. If the path cannot be reached, the file system of the nearest
+// folder above it.
 struct Storage {
     bool known = false;
     uint64_t free_bytes = 0;  // for programs that are not root

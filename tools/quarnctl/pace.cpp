@@ -21,7 +21,7 @@ void Add(Pace::Sums& sums, const RateReport& report) {
     sums.poll_faults += report.poll_faults;
 }
 
-// The clock of this phone. A log has no year: it is of the past year.
+// The clock of this phone.
 tools::LogClock Clock() {
     const time_t now = time(nullptr);
     tm local = {};
@@ -29,7 +29,7 @@ tools::LogClock Clock() {
     return {now, static_cast<int32_t>(local.tm_gmtoff)};
 }
 
-// Returns true if the daemon's message tells of a request that carries an argument.
+// Returns true if the daemon's message is about a request with an argument.
 bool IsSet(std::string_view message) {
     constexpr std::string_view kRequest = "command_handler: receive req=";
     if (!message.starts_with(kRequest)) return false;
@@ -72,7 +72,7 @@ void Pace::TakeEvent(const LogEvent& event) {
             break;
         case LogEvent::Kind::kOpened:
             opened_file = event.text;
-            // The daemon's log folder ends in a slash of its own.
+            // The daemon's log folder already ends in a slash.
             for (size_t at; (at = opened_file.find("//")) != std::string::npos;) {
                 opened_file.erase(at, 1);
             }
@@ -82,7 +82,7 @@ void Pace::TakeEvent(const LogEvent& event) {
     }
 }
 
-// Later lines may still belong to the last report, so that one stays.
+// Keeps the last report, because later lines may still belong to it.
 void Pace::FoldReports() {
     auto& reports = reader.log.reports;
     while (reports.size() > 1) {

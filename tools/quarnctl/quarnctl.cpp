@@ -39,7 +39,7 @@ constexpr const char* kUse =
 Options stand before or behind the command; what follows "--" is no option.
   --timeout SECONDS   how long to wait for a reply, 0: for ever (default: 30, for transfer_type
                       120, for copy_log_file for ever); with wait and watch: for their end
-                      (default: for ever)
+                      (default: for ever); with top --once also for the end of a piped log
   --json              status, watch, top: JSON instead of text; watch and top print one object
                       a line
   --count N           watch: ends after N notifications
@@ -268,6 +268,9 @@ int Run(const Arguments& arguments) {
         if (name == "status") return PrintStatus(client, arguments.json);
         if (name == "wait") return Wait(arguments.timeout);
         if (tops) {
+            if (!arguments.top.once && arguments.timeout.count() >= 0) {
+                return Complain(kUsage, "with top, --timeout goes with --once");
+            }
             TopOptions options = arguments.top;
             options.json = arguments.json;
             options.timeout = arguments.timeout;

@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -16,7 +17,7 @@ namespace {
 constexpr size_t kWidthWithout = 80;
 constexpr size_t kHeightWithout = 24;
 
-// The second screen of a terminal, without a cursor; and back.
+// Switch to the terminal's second screen and hide the cursor; and back.
 constexpr const char* kEnter = "\x1b[?1049h\x1b[?25l";
 constexpr const char* kLeave = "\x1b[?25h\x1b[?1049l";
 constexpr const char* kHome = "\x1b[H";
@@ -32,7 +33,7 @@ void Note(int signal) {
     errno = error;
 }
 
-// A signal that the caller has this program ignore, as nohup does, stays ignored.
+// A signal that is ignored already stays ignored: nohup relies on it.
 void Catch(int signal) {
     struct sigaction action = {};
     if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_IGN) return;
@@ -50,7 +51,7 @@ winsize Size() {
     return size;
 }
 
-// At most `width` characters of a UTF-8 text, without control characters.
+// Returns the first `width` characters of a UTF-8 text.
 std::string Fit(const std::string& text, size_t width) {
     std::string fitting;
     size_t columns = 0;
@@ -58,12 +59,23 @@ std::string Fit(const std::string& text, size_t width) {
         const auto byte = static_cast<unsigned char>(c);
         const bool continues = (byte & 0xC0) == 0x80;
         if (!continues && ++columns > width) break;
-        fitting += byte < 0x20 || byte == 0x7F ? '?' : c;
+        fitting += c;
     }
     return fitting;
 }
 
 }  // namespace
+
+std::string Printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(),
+        [](char c) {
+            const auto byte = static_cast<unsigned char>(c);
+            return byte < 0x20 || byte == 0x7F;
+        },
+        '?');
+    return text;
+}
 
 Screen::Screen(bool wanted) : terminal(wanted && isatty(STDOUT_FILENO) == 1) {
     int ends[2];

@@ -1,4 +1,5 @@
-// The terminal as one screen, and the signals that end or stop a program that has it.
+// Shows a screen on the terminal, and restores the terminal when a signal ends or stops the
+// program.
 #pragma once
 
 #include <string>
@@ -8,27 +9,31 @@
 
 namespace quarnctl {
 
-// Only one at a time: signals belong to the process.
+// Returns `text` with "?" in the place of each control character. Names and log lines may come from
+// anywhere, and a terminal obeys such characters.
+std::string Printable(std::string text);
+
+// Only one object at a time, because signals belong to the process.
 class Screen {
   public:
-    // Takes the terminal on standard output if there is one and it is `wanted`. Else only signals
-    // are caught.
+    // Takes over the terminal on standard output if there is one and it is `wanted`. Catches the
+    // signals in any case.
     explicit Screen(bool wanted);
-    // The terminal is as it was.
+    // Restores the terminal.
     ~Screen();
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
     bool IsTerminal() const { return terminal; }
-    // Columns; 80 without a terminal.
+    // Returns the number of columns, 80 without a terminal.
     size_t Width() const;
-    // Shows the lines from the top of the screen on; what does not fit is left out.
+    // Shows the lines from the top of the screen on. Leaves out what does not fit.
     void Draw(const std::vector<std::string>& lines) const;
 
     // Becomes readable when a signal has come.
     int SignalFd() const { return signals.get(); }
-    // Handles the signals that have come: a stop (Ctrl-Z) stops the process and goes on with it.
-    // Returns the signal that is to end the process, else 0.
+    // Handles the signals that have come. Ctrl-Z stops the process; the call returns when it goes
+    // on. Returns the signal that is to end the process, or 0.
     int TakeSignals();
 
   private:

@@ -36,13 +36,13 @@ using std::chrono::seconds;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint64_t kMb = uint64_t{1} << 20;
-// Without a report for so long the daemon does not work as it should.
-constexpr int64_t kLateReport = 2 * tools::kReportPeriod + 4;  // seconds
+// Seconds without a report after which something is wrong.
+constexpr int64_t kLateReport = 2 * tools::kReportPeriod + 4;
 
 // All that one screen shows.
 struct Picture {
     const Pace& pace;
-    std::string log_trouble;  // why the log cannot be read; empty: it can
+    std::string log_trouble;  // the reason if the log cannot be read
     LogTree tree;
     Storage storage;
     Asker::View daemon;
@@ -51,7 +51,8 @@ struct Picture {
 
 // --- what the picture means ---
 
-// Seconds since a time of the log; none when it has none, or the clock has been set back.
+// Returns the seconds since `time`. Returns no value if there is no time, or if the clock was set
+// back.
 std::optional<int64_t> Age(const Picture& picture, std::optional<int64_t> time) {
     if (!time || *time > picture.now) return std::nullopt;
     return picture.now - *time;
@@ -93,7 +94,8 @@ std::optional<int32_t> Setting(const Picture& picture, std::string_view name) {
     return std::nullopt;
 }
 
-// The file that is written, from the tree, else from the log.
+// Returns the file that is being written: from the tree, or from the log if the tree is not
+// readable.
 const std::string& CurrentFile(const Picture& picture) {
     return picture.tree.readable ? picture.tree.file : picture.pace.file();
 }
@@ -123,7 +125,7 @@ std::string Size(uint64_t bytes) {
                   is_large ? "GB" : "MB");
 }
 
-// The phone's clock, with the day if it is another one.
+// Returns the local time, with the day unless it is today.
 std::string ShowTime(int64_t utc, int64_t now) {
     const auto local = [](int64_t time) {
         const auto seconds_of = static_cast<time_t>(time);
@@ -170,6 +172,7 @@ class Text {
                         ? "unknown"
                         : Size(picture.storage.free_bytes) + " of " + Size(picture.storage.bytes));
         Daemon();
+        for (std::string& line : lines) line = Printable(std::move(line));
         return std::move(lines);
     }
 
@@ -219,7 +222,7 @@ class Text {
         lines.emplace_back();
     }
 
-    // A path below the log tree, or all of one elsewhere.
+    // Returns `path` without the log tree in front of it.
     static std::string Inside(const std::string& path) {
         const std::string root = std::string(kLogTree) + "/";
         return path.starts_with(root) ? path.substr(root.size()) : path;
@@ -428,7 +431,7 @@ int Once(const TopOptions& options) {
     Picture picture{pace, LogTrouble(source, pace), ReadLogTree(kLogTree), ReadStorage(kLogTree),
                     std::move(daemon)};
     Print(picture, options.json);
-    // Whether it keeps up is not known then.
+    // Without the log nobody knows whether the daemon keeps up.
     if (!picture.log_trouble.empty()) return Complain(kUnreachable, picture.log_trouble);
     return pace.FallsBehind() ? kFallsBehind : kOk;
 }
@@ -450,15 +453,15 @@ class Show {
     }
 
   private:
-    // A log of hours takes some time to come, and the daemon some to answer.
+    // The first picture waits this long for the daemon's answers and for the lines that the log
+    // already has: until no line comes for kQuiet.
     static constexpr seconds kMostStart{3};
     static constexpr milliseconds kQuiet{300};
-    // A logcat that has ended is started anew, which reads the log from its beginning.
+    // Time between two starts of logcat, if it ends.
     static constexpr seconds kLogcatPause{8};
 
-    // Takes what the log has to tell until `end`, or a picture is due for another reason. With
-    // `first` that is when no more lines come and the daemon has been asked. Returns the signal
-    // that ends the process, else 0.
+    // Reads the log until `end`, or until the terminal changes. With `first`, also returns as
+    // kMostStart describes. Returns the signal that ends the process, or 0.
     int Wait(Clock::time_point end, bool first) {
         Clock::time_point quiet_since = Clock::now();
         while (true) {
@@ -474,7 +477,7 @@ class Show {
             if (ready[1].revents != 0 && ReadLog()) quiet_since = Clock::now();
         }
         if (source->HasEnded() && source->IsLogcat() && Clock::now() - opened >= kLogcatPause) {
-            pace = Pace();
+            pace = Pace();  // logcat prints the log from its beginning
             source.emplace(options.log, true);
             opened = Clock::now();
         }
@@ -494,7 +497,7 @@ class Show {
     }
 
     void ShowOnce() {
-        // A tree of many files takes its time: most of the time is left to others.
+        // Reading a large tree costs time: rest 20 times as long.
         constexpr int kRest = 20;
         if (const auto now = Clock::now(); now >= next_tree) {
             tree = ReadLogTree(kLogTree);
@@ -512,7 +515,7 @@ class Show {
 
     const TopOptions& options;
     Pace pace;
-    // Before the thread of `asker`: it forks.
+    // Constructed before `asker` starts a thread, because it forks.
     std::optional<LogSource> source{std::in_place, options.log, true};
     Clock::time_point opened = Clock::now();
     Asker asker;
@@ -527,7 +530,7 @@ class Show {
 int Top(const TopOptions& options) {
     if (options.once) return Once(options);
     const int ending = Show(options).Run();
-    // As if it had not been caught: whoever waits for this process is told of the signal.
+    // The parent process sees that the signal ended this process.
     signal(ending, SIG_DFL);
     raise(ending);
     return kOk;

@@ -1,4 +1,4 @@
-// quarnctl top: whether the daemon keeps up, on one screen.
+// quarnctl top: shows on one screen whether the daemon keeps up.
 #pragma once
 
 #include <chrono>
@@ -7,16 +7,16 @@
 namespace quarnctl {
 
 struct TopOptions {
-    std::string log;  // a file, "-": standard input, empty: logcat
+    std::string log;  // a file; "-" for standard input; empty for logcat
     bool once = false;
     bool json = false;
     std::chrono::seconds interval{1};
-    // With `once`: for each reply, and for the end of a log that comes through a pipe. Negative:
-    // none given.
+    // With `once`: the time limit for each reply, and for the end of a piped log. Negative if none
+    // was given.
     std::chrono::seconds timeout{-1};
 };
 
-// Returns the exit status with `once`. Else shows until a signal ends the process.
+// With `once`, returns the exit status. Else runs until a signal ends the process.
 int Top(const TopOptions& options);
 
 }  // namespace quarnctl
