@@ -8,6 +8,8 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "storage/log_names.h"
 
@@ -25,29 +27,43 @@ class Walk {
   public:
     explicit Walk(LogTree& found) : tree(found) {}
 
-    void Take(const std::string& folder, int depth) {
-        const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
+    void Run(const std::string& root) {
+        folders.push_back({root, 0});
+        while (!folders.empty()) {
+            const Folder folder = std::move(folders.back());
+            folders.pop_back();
+            TakeFolder(folder);
+        }
+    }
+
+  private:
+    struct Folder {
+        std::string path;
+        int depth;
+    };
+
+    void TakeFolder(const Folder& folder) {
+        const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.path.c_str()), closedir);
         if (!dir) {
             // The recycler may have removed the folder meanwhile.
-            if (errno != ENOENT || depth == 0) tree.why = strerror(errno);
+            if (errno != ENOENT || folder.depth == 0) tree.why = strerror(errno);
             return;
         }
         tree.readable = true;
         while (const dirent* entry = readdir(dir.get())) {
             const std::string_view name = entry->d_name;
             if (name == "." || name == "..") continue;
-            const std::string path = folder + "/" + entry->d_name;
+            const std::string path = folder.path + "/" + entry->d_name;
             struct stat status;
             if (lstat(path.c_str(), &status) != 0) continue;
-            if (S_ISDIR(status.st_mode) && depth < kMaxDepth) {
-                Take(path, depth + 1);
+            if (S_ISDIR(status.st_mode) && folder.depth < kMaxDepth) {
+                folders.push_back({path, folder.depth + 1});
             } else if (S_ISREG(status.st_mode) && log_names::ParseFile(name)) {
-                TakeFile(folder, path, status);
+                TakeFile(folder.path, path, status);
             }
         }
     }
 
-  private:
     void TakeFile(const std::string& folder, const std::string& path, const struct stat& status) {
         const auto size = static_cast<uint64_t>(status.st_size);
         tree.bytes += size >> kKbShift << kKbShift;
@@ -70,6 +86,7 @@ class Walk {
     }
 
     LogTree& tree;
+    std::vector<Folder> folders;  // those that wait
     timespec newest = {};
 };
 
@@ -77,7 +94,7 @@ class Walk {
 
 LogTree ReadLogTree(const std::string& root) {
     LogTree tree;
-    Walk(tree).Take(root, 0);
+    Walk(tree).Run(root);
     return tree;
 }
 

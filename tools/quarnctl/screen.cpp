@@ -122,10 +122,10 @@ void Screen::Draw(const std::vector<std::string>& lines) const {
 
 int Screen::TakeSignals() {
     int ending = 0;
-    for (char byte; read(signals.get(), &byte, 1) == 1;) {
+    for (unsigned char byte; read(signals.get(), &byte, 1) == 1;) {
         if (byte == SIGTSTP) {
             Leave();
-            raise(SIGSTOP);
+            kill(getpid(), SIGSTOP);
             Enter();
         } else if (byte != SIGWINCH) {
             ending = byte;

@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
 #include <csignal>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -106,23 +104,22 @@ std::string CurrentCapture(const Picture& picture) {
 
 // --- as text ---
 
-std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string Format(const char* format, ...) {
-    std::array<char, 512> text;
-    va_list values;
-    va_start(values, format);
-    vsnprintf(text.data(), text.size(), format, values);
-    va_end(values);
-    return text.data();
+// Fills up to `width` columns, on the side where there is no text.
+std::string Left(std::string text, size_t width) {
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
+}
+std::string Right(const std::string& text, size_t width) {
+    return std::string(width - std::min(width, text.size()), ' ') + text;
 }
 
 // "12.3 MB"; a MB is 1,048,576 bytes.
 std::string Size(uint64_t bytes) {
     constexpr uint64_t kMostMb = 10'000;
     const bool is_large = bytes >= kMostMb * kMb;
-    return Format("%.1f %s",
-                  static_cast<double>(bytes) / static_cast<double>(is_large ? kMb << 10 : kMb),
-                  is_large ? "GB" : "MB");
+    const uint64_t tenths = bytes * 10 / (is_large ? kMb << 10 : kMb);
+    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) +
+           (is_large ? " GB" : " MB");
 }
 
 // Returns the local time, with the day unless it is today.
@@ -178,7 +175,7 @@ class Text {
 
   private:
     void Row(const char* name, const std::string& text) {
-        lines.push_back(Format("%-*s", kNameWidth, name) + (text.empty() ? "none" : text));
+        lines.push_back(Left(name, kNameWidth) + (text.empty() ? "none" : text));
     }
 
     void Head() {
@@ -200,8 +197,7 @@ class Text {
         };
         const auto row = [&](const char* name, const std::string& recent, const std::string& whole,
                              const std::string& more = "") {
-            std::string line =
-                Format("%-*s%10s  %12s", kNameWidth, name, recent.c_str(), whole.c_str());
+            const std::string line = Left(name, kNameWidth) + Right(recent, 10) + Right(whole, 14);
             lines.push_back(more.empty() ? line : line + "  " + more);
         };
         const auto rate = [&](const char* name, uint64_t recent, uint64_t sum) {
@@ -213,9 +209,10 @@ class Text {
         rate("write rate", report == nullptr ? 0 : report->written, all.written);
         row("stalls", std::to_string(pace.RecentStalls()), std::to_string(all.stalls));
         row("dropped bytes", std::to_string(pace.RecentDrops()), std::to_string(all.dropped));
-        row("read faults", number(report != nullptr, report ? FaultCount(report->faults) : 0),
+        row("read faults",
+            number(report != nullptr, report != nullptr ? FaultCount(report->faults) : 0),
             std::to_string(FaultCount(all.faults)), FaultNames(all.faults));
-        row("poll faults", number(report != nullptr, report ? report->poll_faults : 0),
+        row("poll faults", number(report != nullptr, report != nullptr ? report->poll_faults : 0),
             std::to_string(all.poll_faults));
         row("starts", "", std::to_string(pace.starts()),
             pace.started() ? "last " + ShowTime(*pace.started(), picture.now) : "");
@@ -255,11 +252,11 @@ class Text {
         if (limit) {
             text += Of(*limit);
             if (*limit > 0) {
-                text += Format(" (%" PRIu64 " %%)",
-                               tree.bytes * 100 / (static_cast<uint64_t>(*limit) * kMb));
+                const uint64_t limit_bytes = static_cast<uint64_t>(*limit) * kMb;
+                text += " (" + std::to_string(tree.bytes * 100 / limit_bytes) + " %)";
             }
         }
-        text += Format(", %" PRIu64 " %s", tree.files, tree.files == 1 ? "file" : "files");
+        text += ", " + std::to_string(tree.files) + (tree.files == 1 ? " file" : " files");
         if (!tree.why.empty()) text += ", not all readable: " + tree.why;
         Row("tree", text);
     }
@@ -293,7 +290,7 @@ class Text {
         }
     }
 
-    static constexpr int kNameWidth = 15;
+    static constexpr size_t kNameWidth = 15;
     const Picture& picture;
     const size_t width;
     std::vector<std::string> lines;
