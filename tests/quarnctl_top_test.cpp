@@ -125,18 +125,18 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
         int status;
         std::vector<std::string> parts;  // of what is printed, in this order
     } cases[] = {
-        {"", 0, {"no report yet", "read rate               -             -"}},
+        {"", 0, {"no report yet", "read rate               -               -"}},
         {start + Report(),
          0,
-         {"keeps up", "100           100  KB/s", "3  EINTR 3, nothing to read 2"}},
+         {"keeps up", "100             100  KB/s", "3  EINTR 3, nothing to read 2"}},
         {Report() + Report(7, 300),
          1,
-         {"falls behind: 7 stalls", "300           200", "7             7"}},
-        {Report(7) + Report(), 0, {"keeps up", "stalls                  0             7"}},
+         {"falls behind: 7 stalls", "300             200", "7               7"}},
+        {Report(7) + Report(), 0, {"keeps up", "stalls                  0               7"}},
         {Report(1) + drop, 1, {"falls behind: 1 stall, 9 bytes dropped"}},
         {Report() + drop + end + start + Report(), 1, {"falls behind: 9 bytes", "starts"}},
-        {Report() + drop + Report() + Report(), 0, {"dropped bytes           0             9"}},
-        {Report() + end + start, 0, {"no report yet", "-           100"}},
+        {Report() + drop + Report() + Report(), 0, {"dropped bytes           0               9"}},
+        {Report() + end + start, 0, {"no report yet", "-             100"}},
         {Line("read rate: 1 KB/s, write rate: 1 KB/s", 100),
          0,
          {"reports no more; last report 1 min 4"}},
@@ -300,7 +300,7 @@ TEST(QuarnctlTop, TheTerminalIsAsBeforeAtTheEnd) {
     };
     EXPECT_TRUE(comes("\x1b[J"));
     EXPECT_TRUE(text.starts_with("\x1b[?1049h\x1b[?25l\x1b[H")) << text;
-    EXPECT_NE(text.find("stalls                  5             5\x1b[J"), std::string::npos)
+    EXPECT_NE(text.find("stalls                  5               5\x1b[J"), std::string::npos)
         << "the screen ends with its sixth row: " << text;
     text.clear();
     size.ws_col = 20;

@@ -197,7 +197,7 @@ class Text {
         };
         const auto row = [&](const char* name, const std::string& recent, const std::string& whole,
                              const std::string& more = "") {
-            const std::string line = Left(name, kNameWidth) + Right(recent, 10) + Right(whole, 14);
+            const std::string line = Left(name, kNameWidth) + Right(recent, 10) + Right(whole, 16);
             lines.push_back(more.empty() ? line : line + "  " + more);
         };
         const auto rate = [&](const char* name, uint64_t recent, uint64_t sum) {
