@@ -264,7 +264,7 @@ TEST(QuarnctlTop, FollowsALogThatIsCutAndReplaced) {
     EXPECT_TRUE(reports(0)) << output.last;  // it is not there yet
     append(Report() + Report().substr(0, 50));
     EXPECT_TRUE(reports(1)) << output.last;
-    append(Report().substr(50));
+    append(Report().substr(50) + Report().substr(0, 30));
     EXPECT_TRUE(reports(2)) << output.last;
     fs::resize_file(kLog, 0);
     append(Report());
