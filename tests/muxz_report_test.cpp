@@ -9,7 +9,7 @@
 
 #include "storage/log_file_format.h"
 #include "support.h"
-#include "tools/muxz/android_log.h"
+#include "tools/common/android_log.h"
 #include "tools/muxz/chart.h"
 #include "tools/muxz/page.h"
 #include "tools/muxz/stretch.h"

@@ -79,18 +79,8 @@ class FakeDaemon {
     std::thread thread;
 };
 
-// Standard output and error of one run together, and its exit status.
-struct Result {
-    int status;
-    std::string text;
-};
-Result Quarnctl(const std::string& arguments) {
-    FILE* const out = popen((QUARNCTL_PROGRAM " " + arguments + " 2>&1").c_str(), "re");
-    Result run;
-    char buf[4096];
-    while (const size_t n = fread(buf, 1, sizeof(buf), out)) run.text.append(buf, n);
-    run.status = WEXITSTATUS(pclose(out));
-    return run;
+test::Result Quarnctl(const std::string& arguments) {
+    return test::Run(QUARNCTL_PROGRAM " " + arguments);
 }
 
 }  // namespace
@@ -141,7 +131,7 @@ TEST(Quarnctl, CommandsAndTheirStatus) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.arguments);
-        const Result run = Quarnctl(c.arguments);
+        const test::Result run = Quarnctl(c.arguments);
         EXPECT_EQ(run.status, c.status);
         EXPECT_NE(run.text.find(c.text), std::string::npos) << run.text;
         EXPECT_EQ(daemon.Requests(), c.request);
@@ -165,7 +155,7 @@ TEST(Quarnctl, StatusNamesValuesAndWarns) {
     const auto expect = [&](int status, const std::vector<std::string>& parts,
                             const std::string& option = "") {
         FakeDaemon daemon(replies);
-        const Result run = Quarnctl("status " + option);
+        const test::Result run = Quarnctl("status " + option);
         EXPECT_EQ(run.status, status);
         for (const std::string& part : parts) {
             EXPECT_NE(run.text.find(part), std::string::npos) << part << " not in\n" << run.text;
@@ -231,7 +221,7 @@ TEST(Quarnctl, WatchEndsAsAsked) {
             recv(subscriber, &until_it_leaves, 1, 0);
             close(subscriber);
         });
-        const Result run = Quarnctl("watch " + c.options);
+        const test::Result run = Quarnctl("watch " + c.options);
         daemon.join();
         EXPECT_EQ(run.status, c.status);
         size_t at = 0;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <csignal>
@@ -77,6 +78,15 @@ bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+Result Run(const std::string& command) {
+    FILE* const out = popen(("{ " + command + "; } 2>&1").c_str(), "re");
+    Result run;
+    char buf[4096];
+    while (const size_t n = fread(buf, 1, sizeof(buf), out)) run.text.append(buf, n);
+    run.status = WEXITSTATUS(pclose(out));
+    return run;
 }
 
 void HandleStopSignal() {

@@ -37,6 +37,13 @@ class LogCapture {
 bool WaitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
+// The exit status of a shell command, and its standard output and error together.
+struct Result {
+    int status;
+    std::string text;
+};
+Result Run(const std::string& command);
+
 // Lets the signal that stops a thread get it out of a call, as the daemon does.
 void HandleStopSignal();
 

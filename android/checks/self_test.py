@@ -118,7 +118,7 @@ def run(root):
     failed = []
     with tempfile.TemporaryDirectory() as folder:
         copy = pathlib.Path(folder)
-        for part in ("src", "android", "tools/quarnctl"):
+        for part in ("src", "android", "tools/quarnctl", "tools/common"):
             shutil.copytree(root / part, copy / part)
         for mutation in MUTATIONS:
             failed += mutate(copy, *mutation)

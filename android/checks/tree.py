@@ -8,6 +8,7 @@ from .report import compare, complain
 BUILD = "android/Android.bp"
 LIBRARY = "src/Android.bp"
 TOOL = "tools/quarnctl/Android.bp"
+COMMON = "tools/common/Android.bp"
 SERVICE = "android/quarn.rc"
 NODES = "android/ueventd.quarn.rc"
 DEFAULTS = "android/quarn_default.cfg"
@@ -80,13 +81,14 @@ TYPE_ATTRIBUTES = {
 
 def check_modules(root):
     """Checks the build files. Returns the paths of the installed programs and of the files in /vendor/etc."""
-    build, library, tool = (Blueprint(root, name) for name in (BUILD, LIBRARY, TOOL))
+    build, library, tool, common = (Blueprint(root, name) for name in (BUILD, LIBRARY, TOOL, COMMON))
     sources = cpp_sources(root / "src")
     present = {str(f.relative_to(root / "src")) for f in sources if f.suffix == ".cpp"}
     closed = {h.stem for h in (root / "src/platform").glob("*.h") if h.name not in ANDROID_HEADERS}
     shipped = {f.name for f in (root / "android").iterdir() if f.suffix in (".rc", ".cfg")}
     to_etc = shipped - {"quarn.rc"}
     tool_sources = sorted((root / "tools/quarnctl").glob("*.cpp"))
+    common_sources = {f.name for f in (root / "tools/common").glob("*.cpp")}
     public = {"//visibility:public"}
     wanted = [
         (library, "quarn_main", "srcs", {"core/main.cpp"}),
@@ -102,6 +104,14 @@ def check_modules(root):
         (library, "quarn_headers", "visibility", public),
         (tool, "quarnctl_source", "srcs", {f.name for f in tool_sources}),
         (tool, "quarnctl_source", "visibility", public),
+        (library, "quarn_log_names", "srcs", {"storage/log_names.cpp"}),
+        (library, "quarn_log_names", "visibility", public),
+        (common, "libquarn_tools_common", "kind", {"cc_library_static"}),
+        (common, "libquarn_tools_common", "srcs", common_sources),
+        (common, "libquarn_tools_common", "export_include_dirs", {"."}),
+        (common, "libquarn_tools_common", "vendor", {"true"}),
+        (common, "libquarn_tools_common", "cpp_std", {"c++20"}),
+        (common, "libquarn_tools_common", "visibility", public),
         (build, "quarn_platform_libraries", "shared_libs", {"lib" + name for name in closed}),
         (build, "quarn_defaults", "shared_libs", included_libraries(sources)),
         (build, "quarn_defaults", "cpp_std", {"c++20"}),
@@ -115,7 +125,8 @@ def check_modules(root):
         (build, "quarn", "init_rc", {"quarn.rc"}),
         (build, "quarn", "required", to_etc),
         (build, "quarnctl", "kind", {"cc_binary"}),
-        (build, "quarnctl", "srcs", {":quarnctl_source"}),
+        (build, "quarnctl", "srcs", {":quarnctl_source", ":quarn_log_names"}),
+        (build, "quarnctl", "static_libs", {"libquarn_tools_common"}),
         (build, "quarnctl", "shared_libs", included_libraries(tool_sources)),
         (build, "quarnctl", "header_libs", {"quarn_headers"}),
         (build, "quarnctl", "cpp_std", {"c++20"}),

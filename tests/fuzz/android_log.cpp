@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fuzz.h"
-#include "tools/muxz/android_log.h"
+#include "tools/common/android_log.h"
 #include "tools/muxz/page.h"
 
 namespace {

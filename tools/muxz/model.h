@@ -33,11 +33,19 @@
 #include <utility>
 #include <vector>
 
-#include "tools/muxz/android_log.h"
+#include "tools/common/android_log.h"
 #include "tools/muxz/reader.h"
 #include "tools/muxz/times.h"
 
 namespace muxz {
+
+using tools::AndroidLog;
+using tools::kFaultNames;
+using tools::kReportPeriod;
+using tools::LogClock;
+using tools::LogEvent;
+using tools::RateReport;
+using tools::ReadAndroidLog;
 
 struct FoundFile;
 struct Listing;

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/muxz/android_log.h"
+#include "tools/common/android_log.h"
 #include "tools/muxz/listing.h"
 #include "tools/muxz/messages.h"
 #include "tools/muxz/model.h"

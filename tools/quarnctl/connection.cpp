@@ -116,6 +116,11 @@ ExitStatus Client::Receive(seconds patience, std::string& reply, std::string& wh
     return kOk;
 }
 
+bool Client::HasHungUp() const {
+    pollfd poll_fd = {fd.get(), POLLIN, 0};
+    return fd.get() < 0 || poll(&poll_fd, 1, 0) > 0;  // the daemon sends nothing but replies
+}
+
 bool IsOk(const std::string& reply) { return reply == "ok" || reply.starts_with("ok,"); }
 
 bool HasValue(const std::string& reply, std::string& value) {

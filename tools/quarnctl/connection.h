@@ -60,6 +60,8 @@ class Client {
     // kUnreachable and sets `why`.
     ExitStatus Ask(const Command& command, const std::string& request, std::string& reply,
                    std::string& why);
+    // Returns true if the daemon closed the connection, or if there is no connection yet.
+    bool HasHungUp() const;
 
   private:
     ExitStatus Receive(std::chrono::seconds patience, std::string& reply, std::string& why);

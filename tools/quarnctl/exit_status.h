@@ -8,6 +8,7 @@ namespace quarnctl {
 enum ExitStatus : int {
     kOk = 0,
     kRefused = 1,      // the daemon answered "error"
+    kFallsBehind = 1,  // top --once: the daemon stalled or dropped bytes
     kUsage = 2,        // wrong command line; nothing was sent
     kUnreachable = 3,  // no daemon, or no reply in time
 };

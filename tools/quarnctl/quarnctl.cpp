@@ -14,6 +14,7 @@
 #include "core/version.h"
 #include "exit_status.h"
 #include "status.h"
+#include "top.h"
 #include "watch.h"
 
 namespace quarnctl {
@@ -31,25 +32,32 @@ constexpr const char* kUse =
   quarnctl get COMMAND       asks the daemon; prints the bare value
   quarnctl status            everything that can be asked, and settings that fight each other
   quarnctl watch             prints what changes until it is stopped; outlives the daemon
+  quarnctl top               whether the daemon keeps up: rates, stalls, drops, files, settings
   quarnctl wait              waits until the daemon answers
   quarnctl help              this
 
 Options stand before or behind the command; what follows "--" is no option.
   --timeout SECONDS   how long to wait for a reply, 0: for ever (default: 30, for transfer_type
                       120, for copy_log_file for ever); with wait and watch: for their end
-                      (default: for ever)
-  --json              status, watch: JSON instead of text; watch prints one object a line
+                      (default: for ever); with top --once also for the end of a piped log
+  --json              status, watch, top: JSON instead of text; watch and top print one object
+                      a line
   --count N           watch: ends after N notifications
   --until TEXT        watch: ends after a notification that holds TEXT
+  --once              top: prints what it has to show and ends
+  --interval SECONDS  top: how often it shows that (default: 1)
+  --log FILE          top: the Android log, a file or a pipe that is read as it grows; -: standard
+                      input (default: what logcat prints)
   --version           prints the version
 )";
 
 constexpr const char* kEnd = R"(
 Exit status:
   0  done
-  1  the daemon answered "error"
+  1  the daemon answered "error"; top --once: it falls behind, which means that the log tells of
+     stalls or dropped bytes after the last report but one
   2  wrongly called: nothing was sent
-  3  the daemon cannot be reached or does not answer in time
+  3  the daemon cannot be reached or does not answer in time; top --once: or its log cannot be read
 )";
 
 void PrintHelp() {
@@ -71,7 +79,9 @@ void PrintHelp() {
 struct Arguments {
     std::vector<std::string> words;
     WatchOptions watch;
-    seconds timeout{-1};  // negative if none was given
+    TopOptions top;
+    bool top_only = false;  // an option was given that is for top only
+    seconds timeout{-1};    // negative if none was given
     bool json = false;
     bool help = false;
     bool version = false;
@@ -113,6 +123,20 @@ class Parser {
         if (name == "--help") return flag(arguments.help);
         if (name == "--version") return flag(arguments.version);
         if (name == "--json") return flag(arguments.json);
+        if (name == "--once") return arguments.top_only = flag(arguments.top.once);
+        if (name == "--log") {
+            arguments.top_only = true;
+            return TakeValue(name, equals, "a file, or -", arguments.top.log, why);
+        }
+        if (name == "--interval") {
+            int32_t number = 0;
+            arguments.top_only = true;
+            if (!TakeNumber(name, equals, 1, "a number of seconds from 1 on", number, why)) {
+                return false;
+            }
+            arguments.top.interval = seconds(number);
+            return true;
+        }
         if (name == "--timeout") {
             int32_t number = 0;
             if (!TakeNumber(name, equals, 0, "a number of seconds", number, why)) return false;
@@ -227,19 +251,31 @@ int Run(const Arguments& arguments) {
     }
     const std::string name = words[0];
     words.erase(words.begin());
-    const bool watches = name == "watch";
-    if (arguments.json && !watches && name != "status") {
-        return Complain(kUsage, "--json goes with status and watch");
+    const bool watches = name == "watch", tops = name == "top";
+    if (arguments.json && !watches && !tops && name != "status") {
+        return Complain(kUsage, "--json goes with status, watch and top");
+    }
+    if (arguments.top_only && !tops) {
+        return Complain(kUsage, "--once, --interval and --log go with top");
     }
     if (!watches && (arguments.watch.count != 0 || !arguments.watch.until.empty())) {
         return Complain(kUsage, "--count and --until go with watch");
     }
     Client client(arguments.timeout);
     if (name == "get") return Get(client, words);
-    if (name == "status" || watches || name == "wait") {
+    if (name == "status" || watches || tops || name == "wait") {
         if (!words.empty()) return Complain(kUsage, name + " takes no argument");
         if (name == "status") return PrintStatus(client, arguments.json);
         if (name == "wait") return Wait(arguments.timeout);
+        if (tops) {
+            if (!arguments.top.once && arguments.timeout.count() >= 0) {
+                return Complain(kUsage, "with top, --timeout goes with --once");
+            }
+            TopOptions options = arguments.top;
+            options.json = arguments.json;
+            options.timeout = arguments.timeout;
+            return Top(options);
+        }
         WatchOptions options = arguments.watch;
         options.json = arguments.json;
         options.limit = arguments.timeout;

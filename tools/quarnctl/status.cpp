@@ -52,22 +52,9 @@ void PrintText(const std::vector<Answer>& answers) {
 }
 
 void PrintJson(const std::vector<Answer>& answers) {
-    JsonObject settings;
-    for (const auto& [command, value] : answers) {
-        JsonObject setting;
-        setting.Add("value", value ? JsonValue(*value) : "null");
-        const std::string name = value ? NameOf(*command, *value) : "";
-        if (!name.empty()) setting.Add("name", JsonString(name));
-        if (*command->unit != '\0') setting.Add("unit", JsonString(command->unit));
-        settings.Add(command->name, setting.Text());
-    }
-    std::string warnings;
-    for (const std::string& conflict : Conflicts(answers)) {
-        warnings += (warnings.empty() ? "" : ", ") + JsonString(conflict);
-    }
     puts(JsonObject()
-             .Add("settings", settings.Text())
-             .Add("warnings", '[' + warnings + ']')
+             .Add("settings", AnswersAsJson(answers))
+             .Add("warnings", ConflictsAsJson(answers))
              .Text()
              .c_str());
 }
@@ -111,6 +98,27 @@ std::vector<std::string> Conflicts(const std::vector<Answer>& answers) {
                             ", but log_level is 0 (all_off): nothing is logged");
     }
     return conflicts;
+}
+
+std::string AnswersAsJson(const std::vector<Answer>& answers) {
+    JsonObject settings;
+    for (const auto& [command, value] : answers) {
+        JsonObject setting;
+        setting.Add("value", value ? JsonValue(*value) : "null");
+        const std::string name = value ? NameOf(*command, *value) : "";
+        if (!name.empty()) setting.Add("name", JsonString(name));
+        if (*command->unit != '\0') setting.Add("unit", JsonString(command->unit));
+        settings.Add(command->name, setting.Text());
+    }
+    return settings.Text();
+}
+
+std::string ConflictsAsJson(const std::vector<Answer>& answers) {
+    std::string texts;
+    for (const std::string& conflict : Conflicts(answers)) {
+        texts += (texts.empty() ? "" : ", ") + JsonString(conflict);
+    }
+    return '[' + texts + ']';
 }
 
 int PrintStatus(Client& client, bool json) {

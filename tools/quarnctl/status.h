@@ -22,6 +22,10 @@ ExitStatus AskAll(Client& client, std::vector<Answer>& answers, std::string& why
 // Returns the settings that contradict each other, in one sentence each.
 std::vector<std::string> Conflicts(const std::vector<Answer>& answers);
 
+// Return the values as a JSON object, and the contradictions as a JSON array of texts.
+std::string AnswersAsJson(const std::vector<Answer>& answers);
+std::string ConflictsAsJson(const std::vector<Answer>& answers);
+
 // Prints the values and the contradictions, as text or as one JSON object. Returns the exit status.
 int PrintStatus(Client& client, bool json);
 

@@ -7,7 +7,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
 #include <thread>
 
 #include "commands.h"
@@ -15,6 +14,7 @@
 #include "control/protocol.h"
 #include "exit_status.h"
 #include "json.h"
+#include "now.h"
 
 namespace quarnctl {
 
@@ -23,22 +23,6 @@ namespace {
 namespace protocol = quarn::protocol;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-// Returns the phone's local time with milliseconds, and with its UTC offset if `with_offset`.
-std::string Now(bool with_offset) {
-    const auto now = std::chrono::system_clock::now();
-    const time_t whole = std::chrono::system_clock::to_time_t(now);
-    const auto ms = std::chrono::duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
-    tm local = {};
-    localtime_r(&whole, &local);
-    char day[32], offset[16] = "+0000", text[64];
-    strftime(day, sizeof(day), with_offset ? "%Y-%m-%dT%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &local);
-    strftime(offset, sizeof(offset), "%z", &local);  // "+hhmm"; readers of JSON expect "+hh:mm"
-    const std::string zone = std::string(offset, 3) + ':' + std::string(offset + 3, 2);
-    snprintf(text, sizeof(text), "%s.%03d%s", day, static_cast<int>(ms),
-             with_offset ? zone.c_str() : "");
-    return text;
-}
 
 class Watcher {
   public:

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace muxz {
+namespace tools {
 
 // Fills in what a log without years and time zones leaves open.
 struct LogClock {
@@ -67,6 +67,25 @@ struct AndroidLog {
     std::optional<uint64_t> budget;
 };
 
+// Reads a log line by line, for callers that follow a growing log.
+class AndroidLogReader {
+  public:
+    explicit AndroidLogReader(const LogClock& log_clock) : clock(log_clock) {}
+
+    // Takes one line, with or without its line end. Returns the daemon's message, which points
+    // into `text`. Returns no value if the line is not the daemon's.
+    std::optional<std::string_view> Take(std::string_view text);
+
+    // The log so far. The caller may remove events, and all reports but the last one: later lines
+    // may still belong to the last report.
+    AndroidLog log;
+    // The caller may change the clock between two lines.
+    LogClock clock;
+
+  private:
+    bool runs = false;  // the daemon has started and not ended, according to the log
+};
+
 AndroidLog ReadAndroidLog(std::istream& text, const LogClock& clock);
 
-}  // namespace muxz
+}  // namespace tools

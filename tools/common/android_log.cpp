@@ -1,12 +1,12 @@
-#include "tools/muxz/android_log.h"
+#include "android_log.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <initializer_list>
 
-#include "tools/muxz/time_argument.h"
+#include "calendar.h"
 
-namespace muxz {
+namespace tools {
 
 namespace {
 
@@ -73,10 +73,11 @@ std::optional<int64_t> TakeTime(Cursor& line, const LogClock& clock) {
     const std::string_view first = ahead.Word();
     const auto whole = [](std::string_view text) { return text.substr(0, text.find('.')); };
     if (first.find('.') != std::string_view::npos) {  // the format epoch: seconds with a fraction
-        const auto utc = ParseTime(whole(first));
-        if (!utc || utc->kind != TimeArgument::Kind::kUtc) return std::nullopt;
+        const auto utc = ParseDigits(whole(first));
+        // What a phone's clock can show: to the year 9999.
+        if (!utc || *utc > *WallDay(9999, 12, 31)) return std::nullopt;
         line = ahead;
-        return utc->seconds;
+        return *utc;
     }
     const auto day = Day(first, clock.near + clock.utc_offset);
     const auto time = ParseClock(whole(ahead.Word()));
@@ -176,99 +177,71 @@ constexpr struct {
     {"LogFileRecycler: remove folder *", LogEvent::Kind::kRecycled},
 };
 
-class LogReader {
-  public:
-    explicit LogReader(const LogClock& from) : clock(from) {}
-
-    void Take(std::string_view text) {
-        while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.remove_suffix(1);
-        const auto line = ParseLine(text, clock);
-        if (!line) return;
-        ++log.lines;
-        if (line->priority == 'W') ++log.warnings;
-        if (line->priority == 'E' || line->priority == 'F') ++log.errors;
-        if (line->time) {
-            log.from = std::min(log.from.value_or(*line->time), *line->time);
-            log.to = std::max(log.to.value_or(*line->time), *line->time);
-        } else {
-            ++log.untimed;
-        }
-        if (!TakeReport(*line) && !TakeBudget(*line)) TakeEvent(*line);
-    }
-
-    AndroidLog log;
-
-  private:
-    // A report has up to five messages. The first one has the rates.
-    bool TakeReport(const Line& line) {
-        RateReport fresh;
-        fresh.time = line.time;
-        if (Matches(line.message, "read rate: # KB/s, write rate: # KB/s",
-                    {&fresh.read, &fresh.written})) {
-            log.reports.push_back(fresh);
-            return true;
-        }
-        if (log.reports.empty()) return false;
-        RateReport& last = log.reports.back();
-        uint64_t fails;
-        auto& faults = last.faults;
-        return Matches(line.message, "log buffer stall count: #", {&last.stalls}) ||
-               Matches(line.message, "tot_read_cnt: # (*", {&last.reads}) ||
-               Matches(line.message,
-                       "fail_read_cnt: # (eagain=#, eintr=#, enodev=#, ebadf=#, eother=#)",
-                       {&fails, faults.data(), &faults[1], &faults[2], &faults[3], &faults[4]}) ||
-               Matches(line.message, "tot_poll_cnt: # (success=#, timeout=#, fail=#)",
-                       {&fails, &fails, &fails, &last.poll_faults});
-    }
-
-    bool TakeBudget(const Line& line) {
-        constexpr int kBytesPerMbShift = 20;
-        uint64_t size, budget;
-        if (!Matches(line.message,
-                     "LogFileRecycler: total log file size=#MB, skip recycle (recycle=#MB*",
-                     {&size, &budget}) &&
-            !Matches(line.message,
-                     "LogFileRecycler: total log file size=#MB, do recycle (recycle=#MB*",
-                     {&size, &budget}))
-            return false;
-        log.budget = budget << kBytesPerMbShift;
+// A report has up to five messages. The first one has the rates.
+bool TakeReport(const Line& line, AndroidLog& log) {
+    RateReport fresh;
+    fresh.time = line.time;
+    if (Matches(line.message, "read rate: # KB/s, write rate: # KB/s",
+                {&fresh.read, &fresh.written})) {
+        log.reports.push_back(fresh);
         return true;
     }
+    if (log.reports.empty()) return false;
+    RateReport& last = log.reports.back();
+    uint64_t fails;
+    auto& faults = last.faults;
+    return Matches(line.message, "log buffer stall count: #", {&last.stalls}) ||
+           Matches(line.message, "tot_read_cnt: # (*", {&last.reads}) ||
+           Matches(line.message,
+                   "fail_read_cnt: # (eagain=#, eintr=#, enodev=#, ebadf=#, eother=#)",
+                   {&fails, faults.data(), &faults[1], &faults[2], &faults[3], &faults[4]}) ||
+           Matches(line.message, "tot_poll_cnt: # (success=#, timeout=#, fail=#)",
+                   {&fails, &fails, &fails, &last.poll_faults});
+}
 
-    void TakeEvent(const Line& line) {
-        for (const auto& [pattern, kind] : kEvents) {
-            LogEvent event{kind, line.time, 0, ""};
-            std::string_view rest;
-            if (!Matches(line.message, pattern, {&event.number}, &rest)) continue;
-            event.text = rest;
-            switch (kind) {
-                case LogEvent::Kind::kStart:
-                    event.text = !runs ? "" : "the one before did not end in order";
-                    runs = true;
-                    break;
-                case LogEvent::Kind::kEnd:
-                    runs = false;
-                    break;
-                case LogEvent::Kind::kNotification:
-                    event.text = NotificationText(event.number);
-                    break;
-                case LogEvent::Kind::kOpened:
-                    event.text = event.text.substr(0, event.text.rfind(" (fd="));
-                    break;
-                default:
-                    break;
-            }
-            log.events.push_back(std::move(event));
-            return;
+bool TakeBudget(const Line& line, AndroidLog& log) {
+    constexpr int kBytesPerMbShift = 20;
+    uint64_t size, budget;
+    if (!Matches(line.message,
+                 "LogFileRecycler: total log file size=#MB, skip recycle (recycle=#MB*",
+                 {&size, &budget}) &&
+        !Matches(line.message, "LogFileRecycler: total log file size=#MB, do recycle (recycle=#MB*",
+                 {&size, &budget}))
+        return false;
+    log.budget = budget << kBytesPerMbShift;
+    return true;
+}
+
+// `runs`: the daemon has started and not ended, according to the log.
+void TakeEvent(const Line& line, AndroidLog& log, bool& runs) {
+    for (const auto& [pattern, kind] : kEvents) {
+        LogEvent event{kind, line.time, 0, ""};
+        std::string_view rest;
+        if (!Matches(line.message, pattern, {&event.number}, &rest)) continue;
+        event.text = rest;
+        switch (kind) {
+            case LogEvent::Kind::kStart:
+                event.text = !runs ? "" : "the one before did not end in order";
+                runs = true;
+                break;
+            case LogEvent::Kind::kEnd:
+                runs = false;
+                break;
+            case LogEvent::Kind::kNotification:
+                event.text = NotificationText(event.number);
+                break;
+            case LogEvent::Kind::kOpened:
+                event.text = event.text.substr(0, event.text.rfind(" (fd="));
+                break;
+            default:
+                break;
         }
-        if (line.message.find("vanished") != std::string_view::npos)
-            log.events.push_back(
-                {LogEvent::Kind::kVanished, line.time, 0, std::string(line.message)});
+        log.events.push_back(std::move(event));
+        return;
     }
-
-    const LogClock clock;
-    bool runs = false;  // the daemon has started and not ended, according to the log
-};
+    if (line.message.find("vanished") != std::string_view::npos)
+        log.events.push_back({LogEvent::Kind::kVanished, line.time, 0, std::string(line.message)});
+}
 
 }  // namespace
 
@@ -294,10 +267,27 @@ const char* Text(LogEvent::Kind kind) {
     return "";
 }
 
+std::optional<std::string_view> AndroidLogReader::Take(std::string_view text) {
+    while (!text.empty() && (text.back() == '\r' || text.back() == '\n')) text.remove_suffix(1);
+    const auto line = ParseLine(text, clock);
+    if (!line) return std::nullopt;
+    ++log.lines;
+    if (line->priority == 'W') ++log.warnings;
+    if (line->priority == 'E' || line->priority == 'F') ++log.errors;
+    if (line->time) {
+        log.from = std::min(log.from.value_or(*line->time), *line->time);
+        log.to = std::max(log.to.value_or(*line->time), *line->time);
+    } else {
+        ++log.untimed;
+    }
+    if (!TakeReport(*line, log) && !TakeBudget(*line, log)) TakeEvent(*line, log, runs);
+    return line->message;
+}
+
 AndroidLog ReadAndroidLog(std::istream& text, const LogClock& clock) {
-    LogReader reader(clock);
+    AndroidLogReader reader(clock);
     for (std::string line; std::getline(text, line);) reader.Take(line);
     return reader.log;
 }
 
-}  // namespace muxz
+}  // namespace tools
