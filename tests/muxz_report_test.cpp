@@ -130,7 +130,8 @@ TEST(MuxzAndroidLog, TellsReportsAndEvents) {
              "event_detect_handle: restart quarn\n" + at + "start init quarn\n" + at +
              "quarn: drop 9 bytes that came behind the writer's stop\n" + at +
              "stop all handler done\n" + at + "start init quarn\nQUARN W 11-23 10:00:00 1 1 " +
-             "file_io: log_file=/data/b vanished\nQUARN E 11-23 10:00:00 1 1 x\n");
+             "file_io: log_file=/data/b was deleted, 7 bytes went with it\nQUARN E 11-23 10:00:00 "
+             "1 1 x\n");
     ASSERT_EQ(log.reports.size(), 1u);
     EXPECT_EQ(log.reports[0].stalls, 7u);
     EXPECT_EQ(log.reports[0].reads, 555u);
@@ -148,7 +149,7 @@ TEST(MuxzAndroidLog, TellsReportsAndEvents) {
               "recycled 0 /data/a_EE.muxz\nfile opened 0 /data/b.muxz.tmp\n"
               "restart asked for 0 \nstart 0 the one before did not end in order\n"
               "drop 9  that came behind the writer's stop\nend 0 \nstart 0 \n"
-              "vanished 0 file_io: log_file=/data/b vanished\n");
+              "deleted or cut 0 /data/b was deleted, 7 bytes went with it\n");
 }
 
 // Two captures of an evening, 22:00:00 to 22:03:20 and 22:10:00 to 22:13:20, four files of 50 s

@@ -239,8 +239,12 @@ void TakeEvent(const Line& line, AndroidLog& log, bool& runs) {
         log.events.push_back(std::move(event));
         return;
     }
-    if (line.message.find("vanished") != std::string_view::npos)
-        log.events.push_back({LogEvent::Kind::kVanished, line.time, 0, std::string(line.message)});
+    // "file_io: log_file=PATH was deleted, 12 bytes went with it", or "was cut"
+    constexpr std::string_view kFile = "file_io: log_file=";
+    if (line.message.starts_with(kFile) && line.message.ends_with(" bytes went with it")) {
+        const std::string_view what = line.message.substr(kFile.size());
+        log.events.push_back({LogEvent::Kind::kDeleted, line.time, 0, std::string(what)});
+    }
 }
 
 }  // namespace
@@ -261,8 +265,8 @@ const char* Text(LogEvent::Kind kind) {
             return "file opened";
         case LogEvent::Kind::kRecycled:
             return "recycled";
-        case LogEvent::Kind::kVanished:
-            return "vanished";
+        case LogEvent::Kind::kDeleted:
+            return "deleted or cut";
     }
     return "";
 }

@@ -45,8 +45,9 @@ struct LogEvent {
         kDrop,      // `number` bytes were dropped
         kOpened,    // `text` is the log file
         kRecycled,  // `text` is the file or folder that the recycler removed
-        // Another program removed a file of the daemon. `text` is the message.
-        kVanished,
+        // Another program deleted or cut the log file that was being written. `text` is the file and
+        // the number of bytes that are lost.
+        kDeleted,
     };
     Kind kind;
     std::optional<int64_t> time;  // UTC

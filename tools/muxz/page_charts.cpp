@@ -317,11 +317,11 @@ class Timeline {
                       {"modem", {Kind::kNotification}},
                       {"drops", {Kind::kDrop}},
                       {"recycled", {Kind::kRecycled}},
-                      {"vanished", {Kind::kVanished}}};
+                      {"deleted", {Kind::kDeleted}}};
         TimeChart chart{
             "Events in the Android log",
             "Starts, ends and restarts of the daemon; notifications from the modem; bytes dropped; "
-            "files recycled, or removed by somebody else.",
+            "files recycled, or deleted or cut by another program.",
             "",
             {},
             {},
