@@ -17,9 +17,9 @@ typedef int (*quarn_command_handler)(const char* arg, char* ack);
 struct QUARN_COMMAND_INFO {
     // A request selects the first row whose name is a prefix of the request.
     const char* name;
-    // 1: the value is saved without the check for the request to exit.
+    // 1: the value is saved without a check. 0: a request to exit (transfer_type 3) is not saved.
     uint32_t save_unfiltered;
-    // 1: the value is never saved.
+    // 1: the value is never saved. No command uses it today.
     uint32_t handle_only;
     // 1: the value is saved if the handler returned 0.
     uint32_t save_on_success;

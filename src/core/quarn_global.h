@@ -19,24 +19,27 @@ enum QUARN_SAVE_MODE : int32_t {
     SAVE_MODE_EXIT = 3,
 };
 
-// The reader's counters since the last report.
+// The reader's counters since the last report. `main` logs a report every eight seconds. A read
+// that returns no bytes or fails is followed by a poll, unless the error is EBADF or one that is
+// not listed here.
 struct QUARN_READER_STATS {
-    uint64_t tot_read_cnt;
+    uint64_t tot_read_cnt;  // reads of the log port: the sum of the next three
     uint64_t read_len_greater_zero;
     uint64_t read_len_zero;
-    uint64_t read_fail;
+    uint64_t read_fail;  // the sum of the next five
     uint64_t read_eagain;
     uint64_t read_eintr;
     uint64_t read_enodev;
     uint64_t read_ebadf;
     uint64_t read_eother;
-    uint64_t tot_poll_cnt;
+    uint64_t tot_poll_cnt;  // polls of the log port: the sum of the next three
     uint64_t poll_success;
     uint64_t poll_fail;
     uint64_t poll_timeout;
 };
 
-// The modem information record: 204 bytes without gaps. The last word is also used alone.
+// The modem information record: 204 bytes without gaps. The modem defines its contents. A log file
+// header holds the whole record and, in another place, its last word.
 struct QUARN_MD_INFO {
     uint8_t md_info[200];
     uint32_t md_info_word_b;
@@ -48,9 +51,9 @@ struct QUARN_GLOBAL {
     QUARN_GLOBAL(const QUARN_GLOBAL&) = delete;
     QUARN_GLOBAL& operator=(const QUARN_GLOBAL&) = delete;
 
-    // The latest information about the modem. Notifications of the modem write it, and every log
-    // file header holds a copy. `md_info_mutex` guards the three fields. No other lock is taken
-    // while it is held.
+    // The latest information about the modem, from the modem's notifications. Every log file header
+    // holds a copy. `md_info_mutex` guards these three fields: the record, the word that follows
+    // the record in a notification, and the time. No other lock is taken while it is held.
     uint32_t md_info_word_a = 0;
     time_t md_info_time = 0;  // wall-clock time of the last update; 0: no update yet
     QUARN_MD_INFO md_info = {};

@@ -25,12 +25,13 @@ class QUARN_READER_HANDLE : public QUARN_HANDLE {
     int32_t start() override;
     // Returns 0.
     int32_t stop() override;
-    // Runs on the caller's thread and returns 0. REQUIRES: one call at a time.
+    // Serves the request on the caller's thread. Returns 0. REQUIRES: one call at a time;
+    // `exec_mutex` ensures this.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
   private:
     void read_loop();
-    // If the handle has another ring, replaces it by `g_ring` and restarts the thread.
+    // Makes the thread use `g_ring`. If it uses another ring, as in tests, restarts the thread.
     void reattach();
 
     std::thread thread;

@@ -12,8 +12,8 @@ class QUARN_SOCKET_IO : public QUARN_IO {
 
     // Returns true if a host is connected. Takes no lock.
     bool is_connected() const;
-    // Blocks until a host is connected, `stop_wait_connect` is called or the channel is closed. It
-    // notices the last two within 6 s. Returns at once if the listening socket is not open. Holds
+    // Blocks until a host is connected. Also returns, within 6 s, after `stop_wait_connect` was
+    // called or the channel was closed. Returns at once if the listening socket is not open. Holds
     // `wait_mutex` during the whole wait, so a second caller waits for the first one.
     void wait_connect();
     // Ends a running `wait_connect`. Has no effect on a wait that begins later. Takes no lock.

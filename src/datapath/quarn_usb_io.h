@@ -3,15 +3,16 @@
 
 #include "datapath/quarn_io.h"
 
-// The operations that the writer and the tool port call. They are thread-safe and take no lock. A
-// derived class opens, writes and closes the port.
+// Has the operations that only USB channels have. They are thread-safe and take no lock. A derived
+// class opens, writes and closes the port.
 class QUARN_USB_IO : public QUARN_IO {
   public:
     QUARN_USB_IO() : QUARN_IO(IO_TYPE_USB) {}
 
-    // To stop its thread, the writer pauses the channel and then interrupts a blocked write with
-    // SIGUSR1. The derived class must give up the write when it finds the channel paused. The
-    // writer resumes the channel before it starts its thread. Both return 0.
+    // Pause and resume the channel. Both return 0. To stop its thread, the writer pauses the
+    // channel and then interrupts a blocked write with SIGUSR1. When a write finds that the channel
+    // is paused, the derived class must return from it. The writer resumes the channel before it
+    // starts its thread.
     int io_pause();
     int io_resume();
     // Does nothing. Returns 0.

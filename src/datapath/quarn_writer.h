@@ -17,8 +17,9 @@ class QUARN_FILE_IO;
 // accept stay in the ring, and the thread writes them again after 200 ms.
 //
 // `start` and `stop` are thread-safe. `stop` joins the writer thread, which first finishes its
-// current write. `exec` runs on the caller's thread. Its callers hold `exec_mutex`, except for the
-// switch to "exit", which may run at the same time as another request.
+// current write. `exec` runs on the caller's thread. Its callers hold `exec_mutex`. There is one
+// exception: the exit of the daemon sends EXEC_SET_SAVE_MODE without `exec_mutex`, so this request
+// may run at the same time as another one.
 class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
   public:
     // `log_ring` is not owned and must outlive the handle.
@@ -34,14 +35,16 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     // Returns 0.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
-    // Waits 1.5 s, then up to `timeout_ms` milliseconds until the ring is empty. Returns after the
-    // 1.5 s if the USB host has read nothing meanwhile, or if no socket host is connected. Returns
-    // at once if the writer has been stopped or is stopped during the wait, since nothing drains
-    // the ring then. A writer that has never been started does not end the wait.
+    // Waits until the ring is empty: first 1.5 s in any case, then up to `timeout_ms` milliseconds.
+    // Returns early in these cases, in which nothing drains the ring:
+    // - The writer thread has ended, or ends during the wait. (A thread that was never started does
+    //   not count.)
+    // - After the 1.5 s: the channel is USB and the host has read nothing in this time, or the
+    //   channel is a socket and no host is connected.
     void wait_buffer_clean(unsigned int timeout_ms);
 
   protected:
-    // The current channel. Null before `init` and after a switch to "exit". Not owned.
+    // The current channel. Null before `init`, and if the transfer type has no channel. Not owned.
     std::atomic<QUARN_IO*> io{nullptr};
 
   private:

@@ -76,7 +76,7 @@ class LogFilterManagerHandle : public QUARN_HANDLE {
     void ReplacePending(std::unique_ptr<LogSetCommand> command);
 
     // Bits 0 to 3: the modem's logging, 0x00 stopped, 0x01 started. Bits 4 to 7: 0x10 power-on
-    // phase, 0x00 normal phase.
+    // phase (the daemon's first minute), 0x00 normal phase. -1 before `init`.
     std::atomic<int32_t> logging_state{-1};
     // Held during each change of the state. Never held together with `command_mutex`.
     std::mutex state_mutex;

@@ -15,7 +15,7 @@
 enum QUARN_EVENT : int32_t {
     EVENT_NONE = 0,
     EVENT_MD_LOG_PORT_REMOVED = 1,
-    EVENT_MIPC_PORT_ADDED = 2,
+    EVENT_MIPC_PORT_ADDED = 2,  // is queued, but has no effect today
 };
 
 // The fields of a device event. The pointers point into the parsed message. A field that the
@@ -26,6 +26,9 @@ struct event_info {
     const char* subsystem = nullptr;
 };
 
+// Owns two threads. The detect thread (`quarn_uevent`) receives the kernel's events and queues
+// those that matter. The process thread (`quarn_event`) takes them from the queue and handles them:
+// when the modem's log device is removed, it restarts the daemon.
 class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_EVENT_DETECT_HANDLE() : QUARN_HANDLE(HANDLE_EVENT_DETECT) {}
@@ -78,7 +81,8 @@ class QUARN_EVENT_DETECT_HANDLE : public QUARN_HANDLE {
     std::deque<QUARN_EVENT> event_queue;
     // Events are being dropped, and this has been logged.
     bool queue_overflows = false;
-    // Guards `event_queue` and `queue_overflows`. No other lock is taken while it is held.
+    // Guards `event_queue`, `queue_overflows` and the change of `process_running`. No other lock is
+    // taken while it is held.
     std::mutex queue_mutex;
     std::condition_variable queue_cond;
 };

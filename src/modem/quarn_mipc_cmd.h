@@ -1,9 +1,9 @@
 // Requests to the modem over modem IPC. No other module uses the IPC library.
 //
 // Every function is one synchronous exchange with the modem, which takes up to 5 s. Thread-safe.
-// Functions with a number as their result return 0 on success, 1 on failure and 2 if no
-// confirmation came. They log a failure and do not try again. While the channel is closed they
-// return 1 without calling the library. Getters store their answer only on success.
+// The functions that return a number return 0 on success, 1 on failure, and 2 if the modem did not
+// confirm the request. They log a failure and do not try again. While the channel is closed they
+// return 1 without calling the library. Functions that query a value store it only on success.
 #pragma once
 
 #include <cstdint>

@@ -46,8 +46,8 @@ class CaptureTree {
     // Appends `suffix` to the name of the folder if `suffix` contains the exception mark and the
     // name does not. Returns true if the folder was renamed.
     bool MarkException(const std::string& suffix);
-    // Returns true if the folder of the capture still exists. Another folder that was given its
-    // name does not count.
+    // Returns true if the folder of the capture still exists. If it was deleted and another folder
+    // has its path now, returns false.
     bool HasItsFolder() const;
     // Returns true if a file can be created in the folder, else logs the reason.
     bool IsReadyForFile() const;
@@ -72,7 +72,7 @@ class CaptureTree {
     // or an empty string if no capture is known.
     const std::string& latest_folder() const { return latest_folder_path; }
 
-    // Thread-safe. No capture folder is renamed between the two calls.
+    // Thread-safe. While the folder names are locked, no capture folder is renamed.
     void LockFolderNames();
     void UnlockFolderNames();
 

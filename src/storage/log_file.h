@@ -42,13 +42,14 @@ class LogFile {
     struct Appended {
         // All bytes are in the file.
         bool whole = false;
-        // Only some bytes were written and they could not be removed. The caller must close the
-        // file.
+        // The write failed, and the bytes that it had written could not be removed. The caller must
+        // close the file.
         bool partly_written = false;
-        // The number of those bytes.
+        // If `partly_written`: the number of new bytes in the file. Otherwise 0.
         size_t stayed = 0;
     };
-    // Appends `bytes`. If neither `whole` nor `partly_written` is set, the file is unchanged.
+    // Appends `bytes`. If the write fails, cuts the file back to its previous end. If neither
+    // `whole` nor `partly_written` is set, this succeeded and the file is unchanged.
     Appended Append(std::string_view bytes);
 
     // Returns true if the open file was deleted or cut. The caller must not write to it any more:

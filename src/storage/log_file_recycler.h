@@ -20,12 +20,12 @@ namespace quarn::zorvex {
 // A capture folder of the tree.
 struct LogFolderInfo {
     std::string name;
-    // The name of the folder that contains this one. Empty if that is the root, or if this folder
-    // is the target of a link or lies directly in the target.
+    // The name of the folder that contains this one. Empty if this folder lies directly in the root
+    // of the tree, is the target of a link, or lies directly in such a target.
     std::string parent;
-    std::string time;
-    bool is_ee;      // the name has an exception mark
-    uint64_t index;  // position in the folder history, 1 is the oldest; 0 if not in the history
+    std::string time;  // from the name, as text
+    bool is_ee;        // the name has an exception mark
+    uint64_t index;    // position in the last 20 records of the history, 1 is the oldest; else 0
     std::string path;
 };
 
@@ -37,15 +37,17 @@ struct LogFileInfo {
 };
 
 // The size of the tree is the sum of the log file sizes, each rounded down to whole KiB. The age of
-// a folder is its position in the folder history, not a file time. Files of ordinary folders are
-// deleted before files of exception folders. The newest file of the current capture is never
-// deleted.
+// a folder is its position among the last 20 records of the folder history, not a file time.
+// Folders without such a record count as older, in the order of the times in their names. Files of
+// ordinary folders are deleted before files of exception folders. The newest file of the current
+// capture is never deleted.
 //
 // Symbolic links in the tree:
 // - The recycler follows links to folders. It visits and lists each folder once, under the folder's
 //   own path, no matter how many links lead to it. Age and marks come from the folder's own name.
 //   If that is not the name of a capture, they come from the link's name.
-// - Outside the tree, only log files in listed folders count, since only these are ever deleted.
+// - A folder is "listed" if its name, or that of the link, is the name of a capture. Only the files
+//   of listed folders are ever deleted. So outside the tree only their sizes count.
 // - A link to a file does not count and is not deleted.
 // - The recycler deletes no links. It deletes the target folder of a link only if that folder is
 //   listed as a capture.
@@ -75,8 +77,8 @@ class LogFileRecycler {
     // folders are only put into `links`, so that all folders of the tree are known before the first
     // link is followed. Returns false if the folder cannot be opened.
     bool TraverseAndBuildFolderList(const std::string& path, const Place& place);
-    // Lists the folder if `name` is that of a capture and the folder is not listed yet. Traverses
-    // the folder if it was not visited before.
+    // Puts the folder into `folder_list` if `name` is that of a capture and the folder is not in
+    // the list yet. Traverses the folder if it was not visited before.
     void TakeFolder(const std::string& path, const std::string& name, const struct stat& status,
                     int depth, bool in_tree);
     void FollowLinks();
@@ -111,7 +113,7 @@ class LogFileRecycler {
     std::deque<std::string> links;                             // links to folders, not yet followed
     int64_t recycle_kb = 0;
     int64_t keep_ee_kb = 0;
-    int32_t clear_ee = 0;
+    int32_t clear_ee = 0;  // 1: exception folders may be deleted, too
     std::string latest_folder;
     std::unordered_map<std::string, uint64_t> history_index;
 };

@@ -7,14 +7,15 @@
 // - 1, initialised. `PowerOnLogStart` creates the file and changes the state to 2.
 // - 2, writing. At 50 MiB, or after a failed write, the state changes to 3. If the file was deleted
 //   or cut, the next write closes it without the zero byte and changes the state to 3.
-// - 3, stopped. States 1 and 2 change to 3 at the end of the first minute, or at a stop. The file
-//   is still open: the next `PowerOnLogWrite`, or `PowerOnLogDeInit`, appends the zero byte and
-//   closes it.
+// - 3, stopped. States 1 and 2 change to 3 at the end of the first minute, or at a stop. The next
+//   `PowerOnLogWrite`, or `PowerOnLogDeInit`, then appends the zero byte and closes the file, if it
+//   is still open.
 //
-// The power-on mutex guards the state and the file. PowerOnLogStop joins the event thread while
-// holding this mutex. To avoid a deadlock, once a stop has begun every other caller fails to lock
-// the mutex and behaves as if the log were stopped. Only another stop waits for the mutex. A thread
-// that holds it locks only `md_info_mutex` and the mutex on which the event thread waits.
+// The power-on mutex guards the state and the file. PowerOnLogStop joins the event thread while it
+// holds this mutex, although the event thread locks the mutex at its end. To avoid a deadlock, once
+// a stop has begun, every other caller fails to lock the mutex and behaves as if the log were
+// stopped. Only another stop waits for the mutex. A thread that holds the mutex locks at most two
+// others: `md_info_mutex`, and the mutex on which the event thread waits.
 #pragma once
 
 #include <ctime>
@@ -23,7 +24,8 @@ namespace quarn::zorvex {
 
 constexpr const char* kPowerOnLogPath = "/data/vendor/radio/quarn/logs/power_on_log.muxz";
 
-// Starts the event thread, which waits for the end of the first minute. Called once at start-up.
+// Enters state 1 and starts the event thread (`quarn_power_on`), which waits for the end of the
+// first minute. Called once at start-up.
 void PowerOnLogInit();
 // Creates the file in state 1, if the transfer type is storage. Called for each new capture folder.
 // `folder_time` is the folder's creation time, or 0 if not known.

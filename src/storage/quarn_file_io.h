@@ -57,10 +57,11 @@ class QUARN_FILE_IO : public QUARN_IO {
     // only if the channel is closed.
     int flush_ringBuf();
 
-    // Appends the file suffix to the current folder's name if the suffix is "_EE" and the name has
-    // no exception mark. Returns 0.
+    // Marks the folder of the open capture: appends "_EE" to its name, unless the name has it
+    // already. Does nothing if the suffix below is not "_EE". Returns 0.
     int rename_folder_ee();
-    // Sets the suffix for new folders and files: "" or "_EE". `io_close` resets it to "".
+    // Sets the suffix for the names of new folders and files. "_EE" marks an exception of the modem
+    // (a crash), "" is no mark. `io_close` resets the suffix to "".
     void set_file_suffix(std::string suffix);
 
     // The rotation size, 1 to 4095 MB (of 1,048,576 bytes). `get_file_size` takes no lock.
@@ -82,7 +83,8 @@ class QUARN_FILE_IO : public QUARN_IO {
     // REQUIRES: as above.
     std::string get_latest_folder_path() const { return capture.latest_folder(); }
 
-    // No capture folder is renamed between the two calls.
+    // Lock and unlock `folder_name_mutex` of the capture tree. While it is locked, no capture
+    // folder is renamed.
     void acquire_folder_name_lock();
     void release_folder_name_lock();
 
@@ -114,10 +116,12 @@ class QUARN_FILE_IO : public QUARN_IO {
     int ready_file();
     // Closes the channel if the folder of the capture no longer exists.
     void give_up_vanished_capture();
+    // Both call `make_room`, and fail if the log tree stays above its size limit. `rotate` then
+    // closes the file. They take `recycle_mutex`.
     int recycle();
     int rotate();
-    // Deletes old log files. Returns 0 if the log tree is within its size limit. REQUIRES:
-    // recycle_mutex is held.
+    // Deletes old log files if the log tree is above its size limit. Returns 0 if it is within its
+    // limit afterwards. REQUIRES: recycle_mutex is held.
     int make_room();
     int open_new_log_file();
     void close_log_file();
