@@ -21,37 +21,38 @@ constexpr seconds kSwitchPatience{120};  // the daemon waits for its writer to e
 
 constexpr Command kCommands[] = {
     {"log_mode", true, Argument::kNumber, "0 disable, 1 streaming, 2 wrapping",
-     "the modem's log mode; saved", kPatience, protocol::kLogModes},
+     "the log mode of the modem; saved", kPatience, protocol::kLogModes},
     {"log_level", true, Argument::kNumber,
      "0 all_off, 1 moderate, 2 standard, 3 slim, 4 ultra slim, 5 pls_ps_only, 6 low_power; "
      "only while the modem logs",
-     "how much the modem logs; saved in place of log_filter", kPatience, protocol::kLogLevels},
+     "how much the modem logs; saved, and replaces log_filter", kPatience, protocol::kLogLevels},
     {"log_filter", false, Argument::kPath,
-     "path of a filter file that the daemon can read; only while the modem logs",
-     "a filter of your own; saved in place of log_level", kPatience},
+     "the path of a filter file that the daemon can read; only while the modem logs",
+     "sends your own log filter to the modem; saved, and replaces log_level", kPatience},
     {"flush_interval",
      true,
      Argument::kNumber,
-     "milliseconds; the modem decides what it takes",
-     "how long the modem may hold log data back; saved",
+     "milliseconds; the modem decides which values it accepts",
+     "how long the modem may hold back log data; saved",
      kPatience,
      {},
      "ms"},
-    {"flush_status", true, Argument::kNone, "", "the modem's flush status", kPatience},
-    {"trigger_flush", false, Argument::kNone, "", "the modem hands over what it holds", kPatience},
+    {"flush_status", true, Argument::kNone, "", "the flush status of the modem", kPatience},
+    {"trigger_flush", false, Argument::kNone, "", "the modem sends the log data that it holds back",
+     kPatience},
     {"flush_ring_buf", false, Argument::kNone, "",
-     "what is compressed but not yet in the log file is written to it", kPatience},
+     "the daemon writes all compressed blocks in memory to the log file", kPatience},
     {"flush_log_buffer", false, Argument::kNone, "",
-     "both: all that the modem and the daemon hold goes to the log file", kPatience},
+     "writes all log data that the modem and the daemon hold to the log file", kPatience},
     {"transfer_type", true, Argument::kNumber,
-     "1 storage, 3 exit; 0 usb and 2 socket exist but are refused",
-     "where the log stream goes; exit ends the daemon and is not saved, storage is",
+     "1 storage, 3 exit; the daemon refuses 0 usb and 2 socket",
+     "where the log stream goes. exit ends the daemon; exit is not saved, storage is saved",
      kSwitchPatience, protocol::kTransferTypes},
     {"file_size",
      true,
      Argument::kNumber,
      "1 to 4095 MB",
-     "size of one log file; saved",
+     "the size of one log file; saved",
      kPatience,
      {},
      "MB"},
@@ -59,26 +60,26 @@ constexpr Command kCommands[] = {
      true,
      Argument::kNumber,
      "1 to 4194303 MB",
-     "how much all log files together may hold; saved",
+     "the size limit of all log files together; saved",
      kPatience,
      {},
      "MB"},
     {"recycle_ee", true, Argument::kNumber, "0 no, 1 yes",
-     "whether exception folders may be emptied too; saved", kPatience, kNoYes},
+     "whether captures with a modem exception may be deleted, too; saved", kPatience, kNoYes},
     {"recycle_keep_ee_size",
      true,
      Argument::kNumber,
-     "0 to 4194303 MB; 0: no trimming",
-     "how much of each exception folder is kept when it is trimmed; saved",
+     "0 to 4194303 MB; 0 means that they are not trimmed",
+     "how much of each capture with an exception is kept when captures are trimmed; saved",
      kPatience,
      {},
      "MB"},
     {"log_folder", true, Argument::kPath,
-     "/data/vendor/radio/quarn/logs or one folder directly in it",
-     "where captures go, from the next one on; saved", kPatience},
+     "/data/vendor/radio/quarn/logs or a folder directly in it",
+     "the folder of the captures, from the next capture on; saved", kPatience},
     {"copy_log_file", false, Argument::kCopy,
-     "DIRECTORY MB FLUSH: 1 to 2047 MB, flush first 0 or 1",
-     "copies the newest log files; the reply has the bytes copied", kForEver},
+     "DIRECTORY MB FLUSH: an existing directory, at most 1 to 2047 MB, and 1 to flush first or 0",
+     "copies the newest log files; the reply contains the number of bytes copied", kForEver},
 };
 
 }  // namespace
@@ -133,30 +134,30 @@ std::string CheckArgument(const Command& command, bool has_argument, std::string
     const std::string name = command.name;
     if (!has_argument) {
         const bool needed = !command.has_query && command.argument != Argument::kNone;
-        return needed ? name + " wants an argument: " + command.range : "";
+        return needed ? name + " needs an argument: " + command.range : "";
     }
     switch (command.argument) {
         case Argument::kNone:
             return name + " takes no argument";
         case Argument::kNumber:
             if (!NumberArgument(command, argument)) {
-                return name + " does not know \"" + argument + "\", it takes " + command.range;
+                return name + " does not know \"" + argument + "\"; it takes " + command.range;
             }
             break;
         case Argument::kPath:
         case Argument::kCopy:
             // The daemon's working directory differs from that of quarnctl.
-            if (!argument.starts_with('/')) return name + " wants a path that begins with /";
+            if (!argument.starts_with('/')) return name + " needs a path that begins with /";
             break;
     }
     const auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
     if (std::any_of(argument.begin(), argument.end(), is_control)) {
-        return "an argument cannot hold a control character";
+        return "an argument must not contain a control character";
     }
     const size_t size = name.size() + 1 + argument.size() + 1;
     if (size <= protocol::kMaxRequest) return "";
     return "the request is too long by " + std::to_string(size - protocol::kMaxRequest) +
-           " bytes: the argument of " + name + " may have " +
+           " bytes: the argument of " + name + " may have at most " +
            std::to_string(protocol::kMaxRequest - name.size() - 2);
 }
 

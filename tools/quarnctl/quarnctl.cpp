@@ -13,6 +13,7 @@
 #include "connection.h"
 #include "core/version.h"
 #include "exit_status.h"
+#include "help.h"
 #include "status.h"
 #include "top.h"
 #include "watch.h"
@@ -23,56 +24,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-constexpr const char* kUse =
-    R"(Use: quarnctl [OPTION...] COMMAND [ARGUMENT...]
-
-  quarnctl COMMAND           asks the daemon, or has it do something; prints its reply
-  quarnctl COMMAND ARGUMENT  sets something; a value can be given by its number or its name
-  quarnctl get COMMAND       asks the daemon; prints the bare value
-  quarnctl status            everything that can be asked, and settings that fight each other
-  quarnctl watch             prints what changes until it is stopped; outlives the daemon
-  quarnctl top               whether the daemon keeps up: rates, stalls, drops, files, settings
-  quarnctl wait              waits until the daemon answers
-  quarnctl help              this
-
-Options stand before or behind the command; what follows "--" is no option.
-  --timeout SECONDS   how long to wait for a reply, 0: for ever (default: 30, for transfer_type
-                      120, for copy_log_file for ever); with wait and watch: for their end
-                      (default: for ever); with top --once also for the end of a piped log
-  --json              status, watch, top: JSON instead of text; watch and top print one object
-                      a line
-  --count N           watch: ends after N notifications
-  --until TEXT        watch: ends after a notification that holds TEXT
-  --once              top: prints what it has to show and ends
-  --interval SECONDS  top: how often it shows that (default: 1)
-  --log FILE          top: the Android log, a file or a pipe that is read as it grows; -: standard
-                      input (default: what logcat prints)
-  --version           prints the version
-)";
-
-constexpr const char* kEnd = R"(
-Exit status:
-  0  done
-  1  the daemon answered "error"; top --once: it falls behind, which means that the log tells of
-     stalls or dropped bytes after the last report but one
-  2  wrongly called: nothing was sent
-  3  the daemon cannot be reached or does not answer in time; top --once: or its log cannot be read
-)";
-
-void PrintHelp() {
-    printf("%s\nCommands:\n", kUse);
-    for (const Command& command : Commands()) {
-        const bool only_asks = command.has_query && command.argument == Argument::kNone;
-        printf("\n  %-22s %s\n", command.name, command.meaning);
-        if (command.argument != Argument::kNone) printf("  %-22s   takes %s\n", "", command.range);
-        if (only_asks) printf("  %-22s   can only be asked\n", "");
-        if (!command.has_query && command.argument != Argument::kNone) {
-            printf("  %-22s   cannot be asked\n", "");
-        }
-    }
-    fputs(kEnd, stdout);
-}
 
 // --- arguments ---
 
@@ -131,7 +82,7 @@ class Parser {
         if (name == "--interval") {
             int32_t number = 0;
             arguments.top_only = true;
-            if (!TakeNumber(name, equals, 1, "a number of seconds from 1 on", number, why)) {
+            if (!TakeNumber(name, equals, 1, "a number of seconds of at least 1", number, why)) {
                 return false;
             }
             arguments.top.interval = seconds(number);
@@ -144,7 +95,8 @@ class Parser {
             return true;
         }
         if (name == "--count") {
-            return TakeNumber(name, equals, 1, "a number from 1 on", arguments.watch.count, why);
+            return TakeNumber(name, equals, 1, "a number of at least 1", arguments.watch.count,
+                              why);
         }
         if (name == "--until") {
             return TakeValue(name, equals, "a text", arguments.watch.until, why);
@@ -161,7 +113,7 @@ class Parser {
         } else if (at + 1 < given.size()) {
             value = given[++at];
         }
-        if (value.empty()) why = name + " wants " + wanted;
+        if (value.empty()) why = name + " needs " + wanted;
         return !value.empty();
     }
 
@@ -170,7 +122,7 @@ class Parser {
         std::string value;
         if (!TakeValue(name, equals, wanted, value, why)) return false;
         if (ToNumber(value, number) && number >= least) return true;
-        why = name + " wants " + wanted + ", not " + value;
+        why = name + " needs " + wanted + ", not " + value;
         return false;
     }
 
@@ -188,16 +140,17 @@ void WarnOfKeysIn(const Command& command, const std::vector<std::string>& words)
         const bool is_key =
             other.argument == Argument::kNumber || other.argument == Argument::kPath;
         if (!is_key || words[0].find(other.name) == std::string::npos) continue;
-        Complain(kOk, std::string("warning: the path holds the word ") + other.name +
-                          ", so it is in force now but not kept over a restart");
+        Complain(kOk, std::string("warning: the path contains the word ") + other.name +
+                          ", so it is in force now but is lost when the daemon restarts");
         return;
     }
 }
 
 int Refused(const Command& command, bool with_argument) {
-    std::string hint = std::string("the daemon refused or could not do it: ") + command.name;
+    std::string hint =
+        std::string("the daemon refused the request or could not carry it out: ") + command.name;
     if (with_argument) hint += std::string(" takes ") + command.range;
-    return Complain(kRefused, hint + "; the reason stands in its log: logcat -s QUARN");
+    return Complain(kRefused, hint + "; its log has the reason: logcat -s QUARN");
 }
 
 int RunCommand(Client& client, const Command& command, const std::vector<std::string>& words) {
@@ -214,9 +167,9 @@ int RunCommand(Client& client, const Command& command, const std::vector<std::st
 
 int Get(Client& client, const std::vector<std::string>& words) {
     const Command* const command = words.size() == 1 ? FindCommand(words[0]) : nullptr;
-    if (words.size() != 1) return Complain(kUsage, "get wants one command to ask");
+    if (words.size() != 1) return Complain(kUsage, "get needs the name of one setting");
     if (command == nullptr) return Complain(kUsage, "no such command: " + words[0]);
-    if (!command->has_query) return Complain(kUsage, words[0] + " cannot be asked");
+    if (!command->has_query) return Complain(kUsage, words[0] + " cannot be queried");
     std::string reply, why, value;
     if (const ExitStatus status = client.Ask(*command, command->name, reply, why); status != kOk) {
         return Complain(status, why);
@@ -246,20 +199,20 @@ int Wait(seconds limit) {
 int Run(const Arguments& arguments) {
     std::vector<std::string> words = arguments.words;
     if (words.empty()) {
-        fputs(kUse, stderr);
+        PrintUsage(stderr);
         return kUsage;
     }
     const std::string name = words[0];
     words.erase(words.begin());
     const bool watches = name == "watch", tops = name == "top";
     if (arguments.json && !watches && !tops && name != "status") {
-        return Complain(kUsage, "--json goes with status, watch and top");
+        return Complain(kUsage, "--json goes with status, watch and top only");
     }
     if (arguments.top_only && !tops) {
-        return Complain(kUsage, "--once, --interval and --log go with top");
+        return Complain(kUsage, "--once, --interval and --log go with top only");
     }
     if (!watches && (arguments.watch.count != 0 || !arguments.watch.until.empty())) {
-        return Complain(kUsage, "--count and --until go with watch");
+        return Complain(kUsage, "--count and --until go with watch only");
     }
     Client client(arguments.timeout);
     if (name == "get") return Get(client, words);
@@ -288,6 +241,10 @@ int Run(const Arguments& arguments) {
 }
 
 int Main(int argc, char** argv) {
+    if (argc > 1 && argv[1] == std::string_view("--complete")) {  // for completions/
+        PrintCompletions({argv + 2, argv + argc});
+        return kOk;
+    }
     Arguments arguments;
     std::string why;
     if (!Parser(argc, argv).Parse(arguments, why)) return Complain(kUsage, why);
