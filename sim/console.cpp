@@ -119,7 +119,7 @@ void Console::RunScenario(const std::string& path) const {
             LogFailure(where, later.order.refusal);
         } else if (later.delay > gone || gone == milliseconds(0)) {
             if (!Schedule::Instance().Add(later.delay - gone, where, later.order.act)) {
-                LogFailure(where, "too much waits already");
+                LogFailure(where, "too many commands are waiting already");
             }
         } else if (later.kind == Command::kSetting) {
             const Reply reply = later.order.act();

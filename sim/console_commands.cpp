@@ -154,7 +154,7 @@ Order Fail(const Console&, Words words) {
         if (what == "write") return tell([times](Modem& modem) { modem.FailWrites(times); });
     } else if (what == "read") {
         const auto error = ErrorNumber(words[2]);
-        if (!error) return Refuse("no error number or name that is known here: " + words[2]);
+        if (!error) return Refuse("not a known error name or number: " + words[2]);
         return tell([error, times](Modem& modem) { modem.FailReads(*error, times); });
     } else if (what == "poll") {
         if (words[2] != "timeout" && words[2] != "failure") {
@@ -196,8 +196,9 @@ Order FailIpc(Words words) {
         });
     }
     return Refuse(
-        "what can go wrong is message, value, no_result, no_answer or no_length, and with a VALUE "
-        "cause, silence, delay, result, answer or short");
+        "FAULT is message, value, no_result, no_answer or no_length, or with a VALUE cause, "
+        "silence, "
+        "delay, result, answer or short");
 }
 
 Order Ipc(const Console&, Words words) {
@@ -336,7 +337,8 @@ Order HostSend(Words words) {
     }
     return Do([bytes] {
         if (HostTool::Instance().Send(bytes)) return Ok();
-        return Failed("nobody listens to the host, or the modem took nothing");
+        return Failed(
+            "the daemon does not listen to the host, or the modem did not accept the bytes");
     });
 }
 
@@ -358,7 +360,7 @@ Order Host(const Console&, Words words) {
     if (words.size() == 3 && (words[1] == "send" || words[1] == "hex")) return HostSend(words);
     if (words.size() != 3 || words[1] != "message") {
         return Refuse(
-            "a host does connect, disconnect, error, message CODE, send TEXT or hex BYTES");
+            "a host can connect, disconnect, error, message CODE, send TEXT or hex BYTES");
     }
     const auto code = Number(words[2], INT_MAX);
     if (!code) return BadNumber("CODE", words[2], INT_MAX);
@@ -426,94 +428,109 @@ Order Help(const Console&, Words words);
 
 constexpr Command kCommands[] = {
     {"source", 2, 4, Command::kSetting, "generated SEED | replay FILE [OFFSET] | none",
-     "where the log stream comes from; a replay of the file that was replayed last goes on where "
-     "it stopped, a restart of the process included, unless OFFSET says otherwise",
+     "sets the source of the log stream. A replay continues where the last replay of the same file "
+     "stopped, also after a restart of the process, unless OFFSET is given",
      Source},
-    {"stream", 2, 2, Command::kEvent, "start | stop", "lets the log stream flow or stand still",
-     Stream},
+    {"stream", 2, 2, Command::kEvent, "start | stop", "starts or stops the log stream", Stream},
     {"rate", 2, 2, Command::kSetting, "BYTES",
-     "bytes a second (4M, 512k, 1Gi, ...); 0: as fast as they are read", Rate},
+     "sets the rate in bytes per second (4M, 512k, 1Gi, ...); 0 means as fast as the daemon reads",
+     Rate},
     {"limit", 2, 2, Command::kSetting, "BYTES",
-     "most bytes one read of the port gives; 0: what it asks for", Limit},
+     "sets the most bytes that one read of the port returns; 0 means no limit", Limit},
     {"tap", 2, 2, Command::kSetting, "FILE | off",
-     "appends all that is handed over at the port to a file", Tap},
+     "appends everything that the daemon reads from the port to a file", Tap},
     {"fail", 3, 4, Command::kEvent,
      "init COUNT | open COUNT | write COUNT | read ERROR COUNT | poll timeout|failure COUNT",
-     "makes the next COUNT calls fail; ERROR: EAGAIN, EBADF, EINTR, EIO, ENODEV, ENXIO, a number, "
-     "or zero for reads of zero bytes; a COUNT of 0 takes it back",
+     "makes the next COUNT calls fail; a COUNT of 0 cancels this. ERROR is EAGAIN, EBADF, EINTR, "
+     "EIO, ENODEV, ENXIO, a number, or zero for reads of zero bytes",
      Fail},
     {"sprinkle", 2, 3, Command::kSetting, "PER_MILLE [SEED]",
-     "makes so many of all reads and polls fail; 0: none", Sprinkle},
+     "makes PER_MILLE of 1000 reads and polls fail, chosen at random; 0 means none", Sprinkle},
     {"ipc", 4, 5, Command::kEvent, "init CODE COUNT | MESSAGE|any FAULT [VALUE] COUNT",
-     "makes modem IPC fail: its opening with a code, or what has to do with a message by number. "
-     "FAULT: message (none can be made), value (none can be added), cause VALUE (not sent), "
-     "silence VALUE (lost; so many ms, 0 for the whole time-out), delay VALUE (ms), result VALUE "
-     "(refused), no_result, no_answer, answer VALUE (this number), short VALUE (so many bytes "
-     "of the answer are missing), no_length (the library does not tell how long values are); a "
-     "COUNT of 0 takes all back",
+     "makes modem IPC fail COUNT times: opening the channel, with the result CODE, or the messages "
+     "with the number MESSAGE. A COUNT of 0 cancels all faults. FAULT is message (the message "
+     "cannot be created), value (no value can be added), cause VALUE (it is not sent, for this "
+     "cause), silence VALUE (it is lost, and its call fails after VALUE ms; 0 means the whole "
+     "time-out), delay VALUE (the reply comes VALUE ms later), result VALUE (the modem refuses "
+     "with "
+     "this result), no_result (the reply has no result), no_answer (the reply has no value), "
+     "answer VALUE (the reply has this number), short VALUE (VALUE bytes of the reply's last value "
+     "are missing) or no_length (the library does not report the length of values)",
      Ipc},
     {"at", 3, 3, Command::kEvent, "TEXT COUNT",
-     "answers the next COUNT AT commands with this text, with \\r and \\n in it", At},
+     "answers the next COUNT AT commands with TEXT, in which \\r and \\n are line ends", At},
     {"log_mode", 2, 2, Command::kEvent, "0 | 1 | 2",
-     "sets the log mode (off, streaming, wrapping) as another client of the modem would, its "
-     "notification included; ends once the daemon has handled that",
+     "sets the log mode (0 off, 1 streaming, 2 wrapping) as another client of the modem would, "
+     "with "
+     "the notification; returns when the daemon has handled the notification",
      LogMode},
     {"watermark", 2, 2, Command::kSetting, "BYTES",
-     "held-back bytes at which the modem hands them over before the flush interval has passed",
+     "sets how many bytes the modem holds back before it sends them without waiting for the flush "
+     "interval",
      Watermark},
     {"exception", 1, 1, Command::kEvent, "",
-     "the modem crashes: notification 6, and once it is handled, notification 3 and the stream "
-     "again",
+     "crashes the modem: notification 6; when the daemon has handled it, notification 3 and the "
+     "stream starts again",
      Exception},
     {"notify", 2, 3, Command::kEvent, "CODE [PAYLOAD | null]",
-     "raises a notification, with the payload a modem would send, or this one in hexadecimal",
+     "sends a notification to the daemon, with the payload that a modem would send, or with "
+     "PAYLOAD "
+     "in hexadecimal, or with none",
      Notify},
     {"uevent", 3, kMaxWords, Command::kEvent,
      "ACTION SUBSYSTEM DEVNAME [KEY=VALUE...] | noise BYTES [SEED]",
-     "sends a device event as the kernel would, or so many random bytes in its place. With remove "
-     "vqmi wwanD0MDLog the log device goes: its port is closed until it is opened after the same "
-     "with add, or until the process starts anew",
+     "sends a device event as the kernel would, or BYTES random bytes. \"uevent remove vqmi "
+     "wwanD0MDLog\" removes the log device: its port stays closed until it is opened after the "
+     "same "
+     "event with add, or until the process restarts",
      Uevent},
     {"md_state", 2, 2, Command::kSetting, "STATE | none",
-     "what the modem's state file shows, 6 when it is ready; or that there is none", MdState},
+     "sets the number in the state file of the modem (6 means ready), or removes the file",
+     MdState},
     {"host", 2, 3, Command::kEvent,
      "connect | disconnect | error | message CODE | send TEXT | hex BYTES",
-     "a logging tool on a host computer connects, leaves, finds its port broken, or makes the tool "
-     "library tell something else; or sends bytes to the modem, with \\r and \\n in the text",
+     "plays a logging tool on a host computer: it connects, disconnects, reports a port error or "
+     "another message, or sends bytes to the modem, as TEXT in which \\r and \\n are line ends or "
+     "in hexadecimal",
      Host},
-    {"property", 2, 3, Command::kSetting, "NAME [VALUE]", "sets a system property, or shows it",
+    {"property", 2, 3, Command::kSetting, "NAME [VALUE]", "prints or sets a system property",
      Property},
     {"log", 2, 2, Command::kSetting, "debug | info | warning | error",
-     "lowest priority of the Android log that is shown", Log},
+     "sets the lowest priority that is written to the Android log", Log},
     {"after", 3, kMaxWords, Command::kEvent, "TIME COMMAND [ARGUMENT...]",
-     "does this later: a line of a scenario so long (500ms, 5s, 2m) after the phone's start, which "
-     "a restart of the daemon does not move; any other so long from now",
+     "executes COMMAND later: in a scenario, TIME (500ms, 5s, 2m) after the start of the phone, "
+     "which a restart of the daemon does not change; otherwise TIME from now",
      AfterOrder},
     {"client", 2, kMaxWords, Command::kEvent, "REQUEST [ARGUMENT...]",
-     "a program on the phone sends the daemon a request of the control protocol, with numbers for "
-     "names, and gets \"ok\"; waits up to 10 s for a daemon that starts",
+     "sends the daemon a request of the control protocol, with numbers and not names as values; "
+     "fails if the reply is not \"ok\". Waits up to 10 s for a daemon that is starting",
      ClientOrder},
     {"clock", 2, 2, Command::kEvent, "+TIME | -TIME",
-     "steps the phone's clock, forward or back: +1d, -2h, +90s", ClockOrder},
+     "moves the clock of the phone forward or back: +1d, -2h, +90s", ClockOrder},
     {"free_space", 2, 2, Command::kEvent, "BYTES | all",
-     "another program fills /data until so many bytes are free; or gives all back. Only where "
-     "/data has a size of its own (storage)",
+     "fills /data until only BYTES are free, or frees everything again. Works only where /data has "
+     "a size of its own (see storage)",
      FreeSpaceOrder},
     {"storage", 2, 2, Command::kEvent, "BYTES",
-     "in a scenario, for ./run: /data has this size, is in memory and empty at the start",
+     "in a scenario, for ./run: /data has this size, is in memory, and is empty at the start",
      StorageOrder},
     {"end", 1, 1, Command::kEvent, "",
-     "in a scenario, for ./run: the run ends here, as with Ctrl-C", EndOrder},
+     "in a scenario, for ./run: ends the run here, as Ctrl-C does", EndOrder},
     {"expect", 4, 5, Command::kEvent, "FIGURE OPERATOR NUMBER | log TEXT OPERATOR NUMBER",
-     "in a scenario, for ./run: what must hold when the run has ended, or its status is 1. FIGURE: "
-     "delivered (bytes that the modem handed over), decoded (bytes in the log files), missing or "
-     "drops (bytes), files, captures, marked (captures with an exception), recycled (files), "
-     "exceptions, restarts or stalls; or the number of lines of the Android log with this text in "
-     "them. OPERATOR: = != < <= > >=",
+     "in a scenario, for ./run: the run ends with status 1 if this is not true at its end. FIGURE "
+     "is "
+     "delivered (bytes sent by the modem), decoded (bytes in the log files), missing (bytes), "
+     "drops "
+     "(bytes), files, captures, marked (captures with an exception), recycled (files), exceptions, "
+     "restarts or stalls. \"log TEXT\" is the number of lines of the Android log that contain "
+     "TEXT. "
+     "OPERATOR is = != < <= > or >=",
      ExpectOrder},
-    {"state", 1, 1, Command::kEvent, "", "shows how the modem stands, a value a line", State},
-    {"get", 2, 2, Command::kEvent, "KEY", "shows one of these values alone", Get},
-    {"help", 1, 2, Command::kEvent, "[COMMAND]", "shows this", Help},
+    {"state", 1, 1, Command::kEvent, "", "prints the state of the phone, one value per line",
+     State},
+    {"get", 2, 2, Command::kEvent, "KEY", "prints one of these values alone", Get},
+    {"help", 1, 2, Command::kEvent, "[COMMAND]", "prints this help, or the help of one command",
+     Help},
 };
 
 std::string Usage(const Command& command) {
@@ -522,17 +539,33 @@ std::string Usage(const Command& command) {
     return usage;
 }
 
+// With line ends that keep lines short enough for a terminal, each line indented.
+std::string Wrapped(std::string_view text) {
+    constexpr std::string_view kIndent = "    ";
+    constexpr size_t kWidth = 100;
+    std::string wrapped;
+    while (!text.empty()) {
+        const size_t most = kWidth - kIndent.size();
+        const size_t end = text.size() <= most ? text.size() : text.rfind(' ', most);
+        wrapped.append(kIndent).append(text.substr(0, end)).append("\n");
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return wrapped;
+}
+
 Order Help(const Console&, Words words) {
     std::string text;
     for (const Command& command : kCommands) {
         if (words.size() > 1 && words[1] != command.name) continue;
-        text += Usage(command) + "\n    " + std::string(command.help) + "\n";
+        text += Usage(command) + "\n" + Wrapped(command.help);
     }
     if (text.empty()) return Refuse("no such command: " + words[1]);
     return Do([text] { return Ok(text); });
 }
 
 }  // namespace
+
+std::span<const Command> Commands() { return kCommands; }
 
 const Command* FindCommand(std::string_view name) {
     const auto* const found = std::find_if(std::begin(kCommands), std::end(kCommands),

@@ -65,6 +65,9 @@ struct Command {
     Order (*order)(const Console&, Words);
 };
 
+std::span<const Command> Commands();
+// The figures that a line "expect" of a scenario can name.
+std::span<const std::string_view> Figures();
 // Returns null if there is no command of that name.
 const Command* FindCommand(std::string_view name);
 // Makes the order for the words of a line. Its refusal, and the text of a failed reply, begin with

@@ -57,7 +57,7 @@ Reply Ask(const std::string& request) {
                           recv(fd, text.data(), quarn::protocol::kReplySize, MSG_WAITALL) ==
                               static_cast<ssize_t>(quarn::protocol::kReplySize);
     close(fd);
-    if (!answered) return Failed("the daemon gave no answer to \"" + request + '"');
+    if (!answered) return Failed("the daemon did not answer \"" + request + '"');
     const std::string answer = text.data();
     if (!answer.starts_with("ok")) {
         return Failed("the daemon answers \"" + answer + "\" to \"" + request + '"');
@@ -109,12 +109,18 @@ Reply FreeAll() {
     return Failed(std::string("cannot remove ") + kBallast + ": " + strerror(errno));
 }
 
+constexpr std::array<std::string_view, 11> kFigures = {
+    "delivered", "decoded",    "missing",  "files",  "captures", "marked",
+    "recycled",  "exceptions", "restarts", "stalls", "drops"};
+
 bool IsOperator(std::string_view word) {
     constexpr std::array<std::string_view, 6> kOperators = {"=", "!=", "<", "<=", ">", ">="};
     return std::find(kOperators.begin(), kOperators.end(), word) != kOperators.end();
 }
 
 }  // namespace
+
+std::span<const std::string_view> Figures() { return kFigures; }
 
 Later MakeLater(const Console& console, Words words) {
     Later later = {0ms, Command::kEvent, Refuse("")};
@@ -128,7 +134,7 @@ Later MakeLater(const Console& console, Words words) {
         return later;
     }
     if (words[2] == "after" || words[2] == "expect" || words[2] == "storage") {
-        later.order = Refuse(words[2] + " is nothing that happens at a time");
+        later.order = Refuse(words[2] + " cannot stand after a time");
         return later;
     }
     later.delay = *delay;
@@ -142,7 +148,7 @@ Order AfterOrder(const Console& console, Words words) {
     if (!later.order.ok()) return Refuse(later.order.refusal);
     return Do([delay = later.delay, act = std::move(later.order.act)] {
         if (Schedule::Instance().Add(delay, "after", act)) return Ok();
-        return Failed("too much waits already");
+        return Failed("too many commands are waiting already");
     });
 }
 
@@ -189,9 +195,6 @@ Order EndOrder(const Console&, Words) {
 }
 
 Order ExpectOrder(const Console&, Words words) {
-    constexpr std::array<std::string_view, 11> kFigures = {
-        "delivered", "decoded",    "missing",  "files",  "captures", "marked",
-        "recycled",  "exceptions", "restarts", "stalls", "drops"};
     const bool log = words[1] == "log";
     if (words.size() != (log ? 5u : 4u)) {
         return Refuse("use: expect FIGURE OPERATOR NUMBER | expect log TEXT OPERATOR NUMBER");

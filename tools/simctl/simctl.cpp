@@ -14,6 +14,7 @@
 #include "core/version.h"
 #include "sim/console.h"
 #include "sim/socket_address.h"
+#include "tools/simctl/completions.h"
 
 namespace {
 
@@ -22,21 +23,27 @@ enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
 constexpr int kPatience = 30;                        // seconds, for the whole reply
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; lines of the phone are far shorter
 
-constexpr const char* kHelp =
-    "Use: simctl [--box DIR] COMMAND [ARGUMENT...]\n"
-    "Sends one command to the simulated phone that runs in a box, and prints its reply.\n"
-    "\n"
-    "  --box DIR   the folder of the box; without it \"box\" in this folder, else in the checkout\n"
-    "              that simctl was built in\n"
-    "\n"
-    "  --version   prints the version\n"
-    "\n"
-    "\"simctl help\" lists the commands, without a phone too. \"simctl check FILE\" tells which "
-    "lines\n"
-    "of a scenario are wrong; it wants no phone either. \"simctl get KEY\" prints one value of "
-    "\"simctl\n"
-    "state\" alone, for scripts.\n"
-    "Exit status: 0 done, 1 the phone refused, 2 wrongly called, 3 the phone cannot be reached.\n";
+constexpr const char* kHelp = R"(Usage: simctl [--box DIR] COMMAND [ARGUMENT...]
+
+Sends one command to the simulated phone that runs in a box, and prints the reply.
+
+Commands:
+  help [COMMAND]  lists the commands of the phone, or explains one; needs no running phone
+  check FILE      prints the lines of a scenario that are wrong; needs no running phone
+  get KEY         prints one value of "simctl state" alone, for scripts
+
+Options:
+  --box DIR       the folder of the box. The default is the folder "box" in the current folder, or
+                  else in the checkout in which simctl was built
+  --version       prints the version
+  --help          prints this help
+
+Exit status:
+  0  success
+  1  the phone refused the command
+  2  wrong usage
+  3  the phone cannot be reached
+)";
 
 int Complain(int status, const std::string& why) {
     fprintf(stderr, "simctl: %s\n", why.c_str());
@@ -96,7 +103,7 @@ ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::tim
 
 // Prints the wrong lines of a scenario on standard output, one message in each line.
 int CheckScenario(const std::vector<std::string>& words) {
-    if (words.size() != 2) return Complain(kUsage, "check wants one file");
+    if (words.size() != 2) return Complain(kUsage, "check needs one file");
     if (!std::ifstream(words[1])) return Complain(kUsage, "cannot read " + words[1]);
     const auto faults = sim::Console("").CheckScenario(words[1]);
     for (const auto& [line, why] : faults) {
@@ -123,7 +130,8 @@ int PrintReply(int fd) {
     while (true) {
         const ssize_t got = Receive(fd, piece, sizeof(piece), deadline);
         if (got < 0) return Complain(kUnreachable, std::string("no answer: ") + strerror(errno));
-        if (got == 0) return Complain(kUnreachable, "the phone went away without an answer");
+        if (got == 0)
+            return Complain(kUnreachable, "the phone closed the connection without an answer");
         pending.append(piece, static_cast<size_t>(got));
         for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n')) {
             const std::string line = pending.substr(0, end);
@@ -135,7 +143,7 @@ int PrintReply(int fd) {
             puts(line.c_str());
         }
         if (pending.size() > kMaxReplyLine) {
-            return Complain(kUnreachable, "the answer has a line without an end");
+            return Complain(kUnreachable, "a line of the answer is too long");
         }
     }
 }
@@ -145,11 +153,15 @@ int PrintReply(int fd) {
 int main(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
     std::string box;
+    if (!words.empty() && words[0] == "--complete") {  // for completions/
+        sim::PrintCompletions({words.begin() + 1, words.end()});
+        return kOk;
+    }
     if (!words.empty() && words[0].starts_with("--box=")) {
         box = words[0].substr(words[0].find('=') + 1);
         words.erase(words.begin());
     } else if (!words.empty() && words[0] == "--box") {
-        if (words.size() < 2) return Complain(kUsage, "--box wants a folder");
+        if (words.size() < 2) return Complain(kUsage, "--box needs a folder");
         box = words[1];
         words.erase(words.begin(), words.begin() + 2);
     }
@@ -170,7 +182,8 @@ int main(int argc, char** argv) {
     if (box.empty()) box = DefaultBox();
 
     std::string line;
-    if (!JoinWords(words, &line)) return Complain(kUsage, "quotes and newlines cannot be sent");
+    if (!JoinWords(words, &line))
+        return Complain(kUsage, "a word must not contain a double quote or a newline");
     const int fd = Connect(box);
     if (fd == -1) {
         return Complain(kUnreachable,
