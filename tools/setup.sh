@@ -5,7 +5,7 @@ run_packages=(g++ cmake ninja-build bubblewrap libsnappy-dev libarchive-dev nloh
               android-liblog-dev android-libcutils-dev android-libbase-dev)
 test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-dev libc++abi-dev python3)
 # Packages that only single steps of ./test need.
-lint_packages=(clang-tidy cppcheck)
+lint_packages=(clang-tidy cppcheck mandoc man-db zsh)
 page_packages=(chromium)
 fuzz_packages=(libclang-rt-dev)
 arm64_packages=(g++-aarch64-linux-gnu qemu-user)
