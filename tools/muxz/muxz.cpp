@@ -85,7 +85,8 @@ std::string TakeStretch(int letter, const char* value, StretchRequest& stretch) 
     }
 }
 
-Arguments Parse(int argc, char** argv, const std::string& allowed) {
+// The long options of all commands, as getopt_long takes them.
+std::vector<option> LongForms() {
     std::vector<option> long_forms;
     for (const Option& row : Options()) {
         int takes = no_argument;
@@ -93,6 +94,11 @@ Arguments Parse(int argc, char** argv, const std::string& allowed) {
         long_forms.push_back({row.name, takes, nullptr, row.letter});
     }
     long_forms.push_back({});
+    return long_forms;
+}
+
+Arguments Parse(int argc, char** argv, const std::string& allowed) {
+    const std::vector<option> long_forms = LongForms();
     Arguments arguments;
     opterr = 0;
     // With a colon in front, getopt_long returns ':' for a missing value.

@@ -165,13 +165,11 @@ void PrintCompletions(const std::vector<std::string>& before) {
         }
     }
     std::vector<std::string> words;
-    for (auto word = before.begin(); word != before.end(); ++word) {
-        const Row* const option = FindOption(*word);
-        if (option != nullptr && !option->argument.empty()) {
-            ++word;  // its value; not the last word, which is no option with a value
-        } else if (!word->starts_with('-')) {
-            words.push_back(*word);
-        }
+    bool is_value = false;  // of the option in front
+    for (const std::string& word : before) {
+        const Row* const option = FindOption(word);
+        if (!is_value && !word.starts_with('-')) words.push_back(word);
+        is_value = !is_value && option != nullptr && !option->argument.empty();
     }
     if (words.empty()) {
         for (const Row& row : kOwnCommands) PrintWord(row.name, row.meaning);

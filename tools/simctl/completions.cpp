@@ -59,7 +59,7 @@ void PrintToken(std::string_view token) {
 }
 
 void PrintArguments(std::span<const std::string> words) {
-    if (words[0] == "after" && words.size() > 2) return PrintArguments(words.subspan(2));
+    while (words[0] == "after" && words.size() > 2) words = words.subspan(2);
     if (words[0] == "check" && words.size() == 1) return PrintWord("@files");
     const Command* const command = FindCommand(words[0]);
     if (command == nullptr) return;
