@@ -167,7 +167,7 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
     } others[] = {
         {"--once --log /data/none", 3, "cannot open /data/none: No such file"},
         {"--once --log - --timeout 1 <>/dev/null", 0, "no report yet"},
-        {"--once --interval 0", 2, "from 1 on"},
+        {"--once --interval 0", 2, "at least 1"},
         {"--timeout 5", 2, "goes with --once"},
         {"now", 2, "takes no argument"},
     };
