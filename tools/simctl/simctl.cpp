@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -27,7 +28,8 @@ constexpr const char* kHelp =
     "Sends one command to the simulated phone that runs in a box, and prints its reply.\n"
     "\n"
     "  --box DIR   the folder of the box; without it \"box\" in this folder, else in the checkout\n"
-    "              that simctl was built in\n"
+    "              that simctl was built in; for an installed simctl, else the box of quarn-run:\n"
+    "              \"quarn/box\" in $XDG_STATE_HOME or ~/.local/state\n"
     "\n"
     "  --version   prints the version\n"
     "\n"
@@ -48,7 +50,14 @@ std::string DefaultBox() {
     if (std::filesystem::is_directory("box/modem", error)) return "box";
     // CHECKOUT/build/PRESET/tools/simctl
     const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    return self.parent_path() / "../../../box";
+    const auto checkout = self.parent_path() / "../../..";
+    if (std::filesystem::is_regular_file(checkout / "run", error)) return checkout / "box";
+    // The same rule as in packaging/layout.sh.
+    const char* state = getenv("XDG_STATE_HOME");
+    if (state != nullptr && *state == '/') return std::string(state) + "/quarn/box";
+    const char* home = getenv("HOME");
+    if (home != nullptr && *home != '\0') return std::string(home) + "/.local/state/quarn/box";
+    return "box";
 }
 
 // Makes a line that the phone splits into the same words. Returns false if a word cannot be sent.
