@@ -21,7 +21,7 @@ summarise() {
     restarts=$(cat "$box/modem/restarts" 2>/dev/null)
     if [ ${#files[@]} -gt 0 ]; then
         decoded=$("$tools/muxz" cat "${files[@]}" 2>/dev/null | wc -c; exit "${PIPESTATUS[0]}") || {
-            complain "not all of it decodes: $tools/muxz verify $logs"
+            complain "not all of it decodes: $(shown muxz) verify $logs"
             wrong+=(decoding)
         }
     fi

@@ -8,6 +8,8 @@ test_packages=("${run_packages[@]}" libgtest-dev libbenchmark-dev clang libc++-d
 lint_packages=(clang-tidy cppcheck mandoc man-db zsh)
 page_packages=(chromium)
 fuzz_packages=(libclang-rt-dev)
+build_packages_packages=(dpkg-dev)
+packages_packages=("${build_packages_packages[@]}" lintian debootstrap)
 arm64_packages=(g++-aarch64-linux-gnu qemu-user)
 arm64_root_packages=(libsnappy-dev libarchive-dev nlohmann-json3-dev android-liblog-dev android-libcutils-dev android-libbase-dev libgtest-dev)
 

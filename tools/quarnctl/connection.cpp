@@ -30,7 +30,8 @@ constexpr const char* kNotAllowed =
     "build is)?";
 #else
 constexpr const char* kNobodyListens =
-    "beside ./run, call it in the box: sim/inbox [--box DIR] build/release/tools/quarnctl ...";
+    "beside ./run, call it in the box: sim/inbox [--box DIR] build/release/tools/quarnctl ...; "
+    "beside quarn-run: quarn-inbox [--box DIR] quarnctl ...";
 constexpr const char* kNotAllowed = kNobodyListens;
 #endif
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -33,8 +34,10 @@ Commands:
   get KEY         prints one value of "simctl state" alone, for scripts
 
 Options:
-  --box DIR       the folder of the box. The default is the folder "box" in the current folder, or
-                  else in the checkout in which simctl was built
+  --box DIR       the folder of the box. The default is the first of these that exists: the folder
+                  "box" in the current folder; "box" in the checkout in which simctl was built; for
+                  an installed simctl, the box of quarn-run, which is "quarn/box" in
+                  $XDG_STATE_HOME or in ~/.local/state
   --version       prints the version
   --help          prints this help
 
@@ -55,7 +58,14 @@ std::string DefaultBox() {
     if (std::filesystem::is_directory("box/modem", error)) return "box";
     // CHECKOUT/build/PRESET/tools/simctl
     const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-    return self.parent_path() / "../../../box";
+    const auto checkout = self.parent_path() / "../../..";
+    if (std::filesystem::is_regular_file(checkout / "run", error)) return checkout / "box";
+    // The same rule as in packaging/layout.sh.
+    const char* state = getenv("XDG_STATE_HOME");
+    if (state != nullptr && *state == '/') return std::string(state) + "/quarn/box";
+    const char* home = getenv("HOME");
+    if (home != nullptr && *home != '\0') return std::string(home) + "/.local/state/quarn/box";
+    return "box";
 }
 
 // Makes a line that the phone splits into the same words. Returns false if a word cannot be sent.

@@ -1,0 +1,35 @@
+# Where an installed quarn-run and quarn-inbox find their programs and keep their boxes. In a checkout
+# sim/layout.sh is in the place of this file. Sourced with $home, which is PREFIX/lib/quarn.
+# shellcheck shell=bash disable=SC2034,SC2154 # what the sourcing script reads, and what it sets
+
+run_command=quarn-run
+inbox_command=quarn-inbox
+what_run_does='Runs the daemon'
+tools=$(realpath "$home/../../bin")
+daemon_program=$home/quarn
+default_config=$home/quarn_default.cfg
+version=@PROJECT_VERSION@
+
+# simctl has the same rule. A relative $XDG_STATE_HOME is invalid, as its specification says.
+default_box='' scenario_boxes=''
+state=${XDG_STATE_HOME-}
+[[ $state = /* ]] || state=${HOME:+$HOME/.local/state}
+if [ -n "$state" ]; then
+    default_box=$state/quarn/box
+    scenario_boxes=$state/quarn/scenarios
+fi
+# shellcheck disable=SC2016 # the variable is for the reader
+default_box_text='"quarn/box" in $XDG_STATE_HOME, or in ~/.local/state'
+
+tool_prefix=''
+tool_prefix_text=''
+
+# Prints how a user calls a program of $tools: by its name where the shell finds this program so.
+shown() { # NAME
+    if [ "$(type -P "$1")" -ef "$tools/$1" ]; then echo "$1"
+    else echo "$tools/$1"; fi
+}
+
+shown_inbox=$(shown quarn-inbox)
+
+prepare_programs() { :; } # they are installed
