@@ -93,6 +93,11 @@ Ran Run(const std::string& line) {
     return ran;
 }
 
+Result RunMerged(const std::string& line) {
+    const Ran ran = Run("{ " + line + "; } 2>&1");
+    return {ran.status, ran.out};
+}
+
 int WaitForChild(pid_t child) {
     int status = -1;
     const auto ended = [&] { return waitpid(child, &status, WNOHANG) == child; };

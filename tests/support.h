@@ -47,6 +47,12 @@ struct Ran {
 };
 // Runs a command line in a shell.
 Ran Run(const std::string& line);
+// The same, with standard output and error in one text.
+struct Result {
+    int status;
+    std::string text;
+};
+Result RunMerged(const std::string& line);
 // Returns the status of a child process, in the form of waitpid. Kills the child if it does not end
 // within 60 s.
 int WaitForChild(pid_t child);
