@@ -1,5 +1,4 @@
 // The command socket, the command table and the state notifications, over real sockets.
-#include <cutils/sockets.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "client.h"
 #include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
@@ -36,50 +36,8 @@ namespace {
 const std::string kLogs = "/data/vendor/radio/quarn/logs/";
 const std::string kConfig = "/data/vendor/radio/quarn/config/quarn.cfg";
 
-// A connection to one of the two servers.
-class Client {
-  public:
-    explicit Client(const char* name = quarn::protocol::kCommandSocket)
-        : fd(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
-        EXPECT_GE(fd, 0) << name;
-    }
-    ~Client() { Close(); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    void Close() {
-        if (fd >= 0) close(fd);
-        fd = -1;
-    }
-    bool Send(const std::string& bytes) const {
-        return send(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
-    }
-    // Fewer than `count` bytes when the server closes the connection.
-    std::string Receive(size_t count) const {
-        std::string bytes(count, '\0');
-        bytes.resize(
-            static_cast<size_t>(std::max(recv(fd, bytes.data(), count, MSG_WAITALL), ssize_t{0})));
-        return bytes;
-    }
-    // The text of one reply block, which must be padded with zeros.
-    std::string Reply() const {
-        const std::string block = Receive(quarn::protocol::kReplySize);
-        if (block.empty()) return "<closed>";
-        const std::string text = block.c_str();
-        EXPECT_EQ(block, text + std::string(quarn::protocol::kReplySize - text.size(), '\0'));
-        return text;
-    }
-    std::string Ask(const std::string& request) const {
-        return Send(request + '\0') ? Reply() : "<closed>";
-    }
-
-  private:
-    int fd;
-};
-
-struct Subscriber : Client {
-    Subscriber() : Client(quarn::protocol::kNotifySocket) {}
-};
+using test::Client;
+using test::Subscriber;
 
 size_t OpenDescriptors() { return test::List("/proc/self/fd").size(); }
 
@@ -340,7 +298,7 @@ TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
     for (const char* name : {quarn::protocol::kCommandSocket, quarn::protocol::kNotifySocket}) {
         storms.emplace_back([&ends, name] {
             while (!ends) {
-                close(socket_local_client(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
+                const Client storming(name);
             }
         });
     }

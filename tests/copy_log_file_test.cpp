@@ -184,7 +184,7 @@ TEST_F(CopyLogFile, LeavesTheLogTreeAlone) {
     fs::create_directory_symlink("/data/other", kLogs + "away");
     ASSERT_EQ(g_file_io.set_log_folder(kLogs + "away"), 0);
     for (const std::string& directory : {kLogs, kLogs + "run/deep", kLogs + "../logs/run",
-                                        "/data/link"s, "/data/link/deep/.."s, "/data/other"s}) {
+                                         "/data/link"s, "/data/link/deep/.."s, "/data/other"s}) {
         log.Clear();
         EXPECT_EQ(Ask((directory + " 100 0").c_str(), -1), "error");
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,

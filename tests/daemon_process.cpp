@@ -1,19 +1,14 @@
 #include "daemon_process.h"
 
-#include <cutils/sockets.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
-#include "control/protocol.h"
 #include "support.h"
 
 namespace test {
@@ -56,18 +51,15 @@ void Daemon::Kill() {
 }
 
 int Daemon::Wait() {
-    if (pid > 0) waitpid(pid, &status, 0);
+    if (pid > 0) status = WaitForChild(pid);
     pid = -1;
     return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 std::string Output(const std::string& command) {
-    std::string text;
-    FILE* const out = popen(command.c_str(), "re");
-    char buf[4096];
-    while (const size_t n = fread(buf, 1, sizeof(buf), out)) text.append(buf, n);
-    EXPECT_EQ(pclose(out), 0) << command;
-    return text;
+    const Ran ran = Run(command);
+    EXPECT_EQ(ran.status, 0) << command << ": " << ran.err;
+    return ran.out;
 }
 
 std::string Console(const std::string& command) {
@@ -75,18 +67,5 @@ std::string Console(const std::string& command) {
 }
 
 std::string Quarnctl(const std::string& command) { return Output(QUARNCTL_PROGRAM " " + command); }
-
-std::optional<std::string> Request(const std::string& request) {
-    const int fd = socket_local_client(quarn::protocol::kCommandSocket,
-                                       ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    if (fd < 0) return {};
-    std::array<char, quarn::protocol::kReplySize + 1> reply = {};
-    const ssize_t length = static_cast<ssize_t>(reply.size()) - 1;
-    const bool whole = send(fd, request.c_str(), request.size() + 1, MSG_NOSIGNAL) > 0 &&
-                       recv(fd, reply.data(), static_cast<size_t>(length), MSG_WAITALL) == length;
-    close(fd);
-    if (!whole) return {};
-    return reply.data();
-}
 
 }  // namespace test

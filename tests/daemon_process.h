@@ -1,20 +1,21 @@
-// The daemon as a process of its own on the simulated phone, and what talks to it. In a box only.
+// The daemon as a process of its own on the simulated phone, and programs that talk to it. For use
+// in a box.
 #pragma once
 
 #include <sys/types.h>
 
 #include <map>
-#include <optional>
 #include <string>
 
 namespace test {
 
-// One run of the unchanged daemon; its Android log goes to a file of that name. Killed at the end.
+// One process of the unchanged daemon. Its Android log goes to the file /data/log.NAME. The
+// destructor kills it.
 class Daemon {
   public:
     using Environment = std::map<std::string, std::string>;
 
-    // `scenario`: commands of the simulated phone, one a line.
+    // `scenario`: commands of the simulated phone, one per line.
     Daemon(const std::string& name, const std::string& scenario, const Environment& more = {});
     ~Daemon() { Kill(); }
     Daemon(const Daemon&) = delete;
@@ -22,10 +23,10 @@ class Daemon {
 
     std::string Log() const;
     bool WaitFor(const std::string& text) const;
-    // Whether it has ended by itself.
+    // Returns true if the process has ended.
     bool Ended();
     void Kill();
-    // The exit status, or minus the signal.
+    // Returns the exit status, or minus the signal. Kills a daemon that does not end within 60 s.
     int Wait();
 
     const std::string log_path;
@@ -35,13 +36,10 @@ class Daemon {
     int status = 0;
 };
 
-// What a program prints that ends well; else the test fails.
+// Runs a command and returns what it printed. The test fails if its exit status is not 0.
 std::string Output(const std::string& command);
-// The same for a command on the phone's console, and for one of quarnctl.
+// The same for a command on the phone's console, and for a command of quarnctl.
 std::string Console(const std::string& command);
 std::string Quarnctl(const std::string& command);
-
-// One request over the command socket; none when there is no daemon to answer it whole.
-std::optional<std::string> Request(const std::string& request);
 
 }  // namespace test

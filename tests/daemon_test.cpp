@@ -1,16 +1,13 @@
-// The daemon's own process on the simulated phone: start-up, orderly end, restart. crash_safety.cpp
-// ends it suddenly.
-#include <cutils/sockets.h>
+// The daemon's own process on the simulated phone: start-up, orderly end, restart. quarn_soak kills
+// it.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <string>
 #include <thread>
 
-#include "control/protocol.h"
+#include "client.h"
 #include "daemon_process.h"
 #include "sim/restart.h"
 #include "support.h"
@@ -25,22 +22,6 @@ const std::string kLogs = "/data/vendor/radio/quarn/logs/";
 constexpr int kRestartAsked = 75;
 
 uint64_t Polls() { return std::stoull(Console("get calls_poll")); }
-
-int Subscribe() {
-    const int fd = socket_local_client(quarn::protocol::kNotifySocket,
-                                       ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    const timeval limit = {.tv_sec = 20, .tv_usec = 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-    return fd;
-}
-
-// At most `size` bytes, fewer at the end of the stream or when nothing comes any more.
-std::string Receive(int fd, size_t size) {
-    std::string bytes(size, '\0');
-    const ssize_t got = recv(fd, bytes.data(), size, MSG_WAITALL);
-    bytes.resize(static_cast<size_t>(std::max(got, ssize_t{0})));
-    return bytes;
-}
 
 }  // namespace
 
@@ -87,11 +68,11 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     Daemon daemon("life", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
     // Who subscribed hears of a log mode that a command changed.
-    const int subscriber = Subscribe();
+    test::Subscriber subscriber;
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
     EXPECT_EQ(test::Quarnctl("log_mode 2"), "ok\n");
-    EXPECT_EQ(Receive(subscriber, 14), std::string("cb_log_mode,2\0", 14));
-    close(subscriber);
+    EXPECT_EQ(subscriber.Receive(14), std::string("cb_log_mode,2\0", 14));
+    subscriber.Close();
     EXPECT_EQ(test::Quarnctl("file_size"), "ok,7\n");
     EXPECT_EQ(Console("get clock_sets"), "1\n");
     ASSERT_TRUE(daemon.WaitFor("tot_poll_cnt: "));
@@ -195,7 +176,7 @@ TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
                              std::to_string(test::TreeSize(folder) -
                                             fs::file_size(folder + "/copied_folder_list")) +
                              "\n");
-        EXPECT_EQ(system((MUXZ_PROGRAM " verify " + folder + "/QRX* >/dev/null").c_str()), 0);
+        test::Output(MUXZ_PROGRAM " verify " + folder + "/QRX*");
     }
     Console("log_mode 0");
     test::Quarnctl("transfer_type 3");
@@ -229,13 +210,12 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
         Daemon daemon("removal", scenario + "rate 30M\n",
                       {{sim::kRestartStatusVariable, std::to_string(kRestartAsked)}});
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
-        const int subscriber = Subscribe();
+        const test::Subscriber subscriber;
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
         ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 3'000'000; }));
         Console("uevent remove vqmi wwanD0MDLog");
         // To its end: the daemon hangs up before it restarts.
-        EXPECT_EQ(Receive(subscriber, 64), std::string("cb_reboot\0", 10));
-        close(subscriber);
+        EXPECT_EQ(subscriber.Receive(64), std::string("cb_reboot\0", 10));
         EXPECT_EQ(daemon.Wait(), kRestartAsked);
     }
     const std::string stream = test::ReadFile("/data/stream");
@@ -248,8 +228,8 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
     ASSERT_TRUE(test::WaitUntil([] { return Console("get at_its_end") == "yes\n"; }));
     EXPECT_EQ(Console("get delivered"), "60000000\n");
     EXPECT_EQ(Console("property vendor.quarn.qrx.restart"), "0\n");
-    EXPECT_EQ(system(QUARNCTL_PROGRAM " flush_log_buffer >/dev/null"), 0);
-    EXPECT_EQ(system(QUARNCTL_PROGRAM " transfer_type 3 >/dev/null"), 0);
+    test::Quarnctl("flush_log_buffer");
+    test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_EQ(test::List(kLogs).size(), 3u);  // two captures and the power-on log
     EXPECT_TRUE(test::DecodeTree(kLogs) == stream);

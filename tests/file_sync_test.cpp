@@ -1,5 +1,5 @@
 // What brings the storage channel's files to the disk: when, and that nobody waits for it. What a
-// power cut leaves is looked at by crash_safety.
+// power cut leaves is checked by quarn_soak.
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,6 +1,7 @@
-// Runs the test case that the command line names; in a box only.
+// Runs the test case that the command line names. For use in a box.
 #include <android/log.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,8 +9,8 @@
 
 namespace {
 
-// The daemon's objects are global and never made anew: a second case would find what the first
-// left.
+// The daemon's objects are global and constructed once. A second case would find the state that the
+// first one left.
 class OneCaseOnly : public testing::EmptyTestEventListener {
     void OnTestProgramStart(const testing::UnitTest& tests) override {
         if (tests.test_to_run_count() <= 1 && GTEST_FLAG_GET(repeat) == 1) return;
@@ -24,11 +25,13 @@ class OneCaseOnly : public testing::EmptyTestEventListener {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
-    // The paths are the daemon's own fixed ones: they must not be this machine's.
+    // The daemon's paths are fixed. Outside a box they would be those of this machine.
     if (!std::filesystem::exists("/box")) {
         fprintf(stderr, "run this in a box: sim/box %s\n", argv[0]);
         return 2;
     }
+    // Ends a case that hangs, also without ctest, whose limit is 120 s.
+    alarm(115);
     testing::UnitTest::GetInstance()->listeners().Append(new OneCaseOnly);
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     return RUN_ALL_TESTS();

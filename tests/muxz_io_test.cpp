@@ -4,10 +4,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <snappy-c.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,7 +19,7 @@
 #include <vector>
 
 #include "daemon_process.h"
-#include "storage/log_file_format.h"
+#include "made_log.h"
 #include "support.h"
 #include "tools/muxz/text.h"
 
@@ -69,36 +67,16 @@ std::string Pack(const std::string& kind, const std::vector<Entry>& entries) {
 
 class MuxzIo : public testing::Test {
   protected:
-    struct Run {
-        int status;
-        std::string out;
-        std::string err;
-    };
+    using Run = test::Ran;
     // A command line of a shell in which "muxz" is the program.
     static Run Shell(const std::string& line) {
-        test::WriteFile("/box/line",
-                        "muxz() { " MUXZ_PROGRAM " \"$@\"; }\ncd /box\n" + line + "\n");
-        const int status = system("sh /box/line >/box/out 2>/box/err");
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, test::ReadFile("/box/out"),
-                test::ReadFile("/box/err")};
-    }
-    static std::string Block(const std::string& raw) {
-        std::string block(quarn::log_file::kBlockHeaderSize, '\0');
-        size_t length = snappy_max_compressed_length(raw.size());
-        block.resize(block.size() + length);
-        snappy_compress(raw.data(), raw.size(), block.data() + quarn::log_file::kBlockHeaderSize,
-                        &length);
-        block.resize(quarn::log_file::kBlockHeaderSize + length);
-        quarn::log_file::PutBlockHeader(
-            reinterpret_cast<uint8_t*>(block.data()),
-            {static_cast<uint32_t>(raw.size()), static_cast<uint32_t>(length)});
-        return block;
+        return test::Run("muxz() { " MUXZ_PROGRAM " \"$@\"; }\ncd /box\n" + line + "\n");
     }
     // A log file without a header.
     static std::string Log(uint64_t seed, size_t blocks = 3) {
         std::string bytes;
         for (size_t i = 0; i < blocks; ++i)
-            bytes += Block(test::StreamBytes(5000 + i, 100 * seed + i));
+            bytes += test::BlockBytes(test::StreamBytes(5000 + i, 100 * seed + i));
         return bytes;
     }
     static std::string Damaged(std::string log) {
@@ -344,8 +322,7 @@ class Terminal {
             execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
             _exit(127);
         }
-        int status = 0;
-        waitpid(child, &status, 0);
+        const int status = test::WaitForChild(child);
         std::string text(4096, '\0');
         pollfd ready{own, POLLIN, 0};
         size_t used = 0;
@@ -425,9 +402,7 @@ TEST_F(MuxzIo, FollowsTheDaemon) {
     const std::string stream = test::DecodeTree(kTree);
     EXPECT_TRUE(test::WaitUntil([&] { return fs::file_size("/box/stream") >= stream.size(); }));
     kill(muxz, SIGINT);
-    int status = -1;
-    waitpid(muxz, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test::WaitForChild(muxz), 0);
     EXPECT_TRUE(test::ReadFile("/box/stream") == stream);
     EXPECT_GT(test::List(kTree).size(), 2u);
 }

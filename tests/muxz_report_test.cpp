@@ -316,17 +316,14 @@ TEST(MuxzStretch, IsWhatEveryCommandKeepsTo) {
     };
     for (const auto& [arguments, status, out, err] : cases) {
         const std::string command = std::string(MUXZ_PROGRAM " ") + arguments + " " + tree;
-        const int ended = system((command + " >/box/out 2>/box/err").c_str());
-        std::string told = test::ReadFile("/box/out");
+        auto [ended, told, message] = test::Run(command);
         if (std::string_view(arguments).starts_with("cat")) {
             told.erase(std::unique(told.begin(), told.end()), told.end());
             EXPECT_EQ(told, out) << arguments;
         }
-        EXPECT_EQ(WEXITSTATUS(ended), status) << arguments << test::ReadFile("/box/err");
+        EXPECT_EQ(ended, status) << arguments << message;
         EXPECT_NE(told.find(out), std::string::npos) << arguments << '\n' << told;
-        EXPECT_NE(test::ReadFile("/box/err").find(err), std::string::npos)
-            << arguments << '\n'
-            << test::ReadFile("/box/err");
+        EXPECT_NE(message.find(err), std::string::npos) << arguments << '\n' << message;
     }
 }
 

@@ -1,387 +1,29 @@
-// The reader of log files: the decoder on made and damaged bytes, the tool on trees.
+// muxz on log trees.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <snappy-c.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "sim/qrx_log_header.h"
-#include "storage/log_file_format.h"
+#include "made_log.h"
 #include "storage/log_names.h"
 #include "support.h"
-#include "tools/muxz/header.h"
-#include "tools/muxz/reader.h"
-#include "tools/muxz/recovery.h"
 #include "tools/muxz/tree.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace muxz;
-using quarn::log_file::kBlockHeaderSize;
+using namespace test;
 
 const std::string kTree = "/data/vendor/radio/quarn/logs";
 
-Bytes AsBytes(const std::string& text) {
-    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
-// What a header tells.
-struct Told {
-    uint32_t folder_time = 1706745500;
-    uint32_t file_index = 5;
-    uint32_t modem_time = 1706745599;  // 0: the modem told nothing yet
-    uint32_t opened = 1706745599;      // the file
-    std::string radio = "v1";
-    std::string hardware = "hw";
-};
-
-std::string Word(uint32_t value) { return {reinterpret_cast<const char*>(&value), sizeof(value)}; }
-
-std::string CustomBlock(const Told& told) {
-    std::string block("\0\x10\0ZORVEXHEADERINFO", 19);
-    for (const auto& [type, value] : {std::pair{'\1', told.radio}, {'\2', told.hardware}}) {
-        block += type + std::string(1, static_cast<char>(value.size())) + '\0' + value;
-    }
-    return block + std::string("\x09\x01\0\xff", 4);
-}
-
-std::string ModemRecord(const Told& told) {
-    std::string record(kMdInfoRecordSize, '\0');
-    for (size_t i = 0; told.modem_time != 0 && i < record.size(); ++i)
-        record[i] = static_cast<char>(i);
-    return record;
-}
-
-// A header as the simulated phone's library writes it.
-std::string OwnHeader(const Told& told) {
-    const std::string custom = CustomBlock(told), record = ModemRecord(told);
-    const bool any = told.modem_time != 0;
-    const QRX_LOG_FORMAT_MODEM modem{record.data(), any ? 0xcbcac9c8 : 0, any ? 0x11223344u : 0,
-                                     any ? told.modem_time : told.opened, 0};
-    QRX_LOG_FORMAT_AP phone{1048576, told.folder_time, told.file_index, 0, {}};
-    phone.custom_header = {1, 0, static_cast<uint16_t>(custom.size()), 0, custom.data()};
-    const char* path = "/box/header";
-    const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    EXPECT_EQ(qrx_log_format_writeHeader(fd, modem, phone), 0);
-    close(fd);
-    return test::ReadFile(path);
-}
-
-// How long a header of another writer is; it has the known parts from 512 bytes on.
-constexpr size_t kOwn = SIZE_MAX;
-constexpr size_t kHeaders[] = {kOwn, 0, 24, 512, 65536};
-
-std::string RandomBytes(size_t size, uint64_t seed) {
-    std::string bytes(size, '\0');
-    uint64_t state = seed;
-    for (char& c : bytes) {
-        state = state * 6364136223846793005u + 1442695040888963407u;
-        c = static_cast<char>(state >> 56);
-    }
-    return bytes;
-}
-
-std::string HeaderBytes(size_t length = kOwn, const Told& told = {}) {
-    if (length == kOwn) return OwnHeader(told);
-    std::string bytes = RandomBytes(length, length + told.file_index);
-    if (length < 512) return bytes;
-    std::string parts = Word(1048576) + Word(told.folder_time) + Word(told.file_index) +
-                        CustomBlock(told) + std::string(8, '\0');
-    if (told.modem_time != 0)
-        parts += ModemRecord(told) + Word(0xcbcac9c8) + Word(7) + Word(told.modem_time) + Word(0);
-    return bytes.replace(bytes.size() / 4, parts.size(), parts);
-}
-
-std::string Framed(uint32_t raw_length, const std::string& packed) {
-    uint8_t front[kBlockHeaderSize];
-    quarn::log_file::PutBlockHeader(front, {raw_length, static_cast<uint32_t>(packed.size())});
-    return std::string(reinterpret_cast<char*>(front), sizeof(front)) + packed;
-}
-
-std::string BlockBytes(const std::string& raw) {
-    std::string packed(snappy_max_compressed_length(raw.size()), '\0');
-    size_t length = packed.size();
-    EXPECT_EQ(snappy_compress(raw.data(), raw.size(), packed.data(), &length), SNAPPY_OK);
-    packed.resize(length);
-    return Framed(static_cast<uint32_t>(raw.size()), packed);
-}
-
-struct Recovered {
-    std::vector<std::string> raws;
-    std::vector<std::pair<uint64_t, uint64_t>> gaps;  // offset, length
-    Recovery result;
-};
-
-Recovered RecoverBytes(const std::string& bytes) {
-    Recovered recovered;
-    MemorySource source(AsBytes(bytes));
-    recovered.result = Recover(
-        source,
-        {.block = [&](uint64_t, Bytes raw) { recovered.raws.emplace_back(raw.begin(), raw.end()); },
-         .gap = [&](Gap gap) { recovered.gaps.emplace_back(gap.offset, gap.length); },
-         .progress = {}});
-    return recovered;
-}
-
-// --- names and order
-
-TEST(LogNames, AreParsedWhole) {
-    using namespace quarn::log_names;
-    // What a name is, and its parts.
-    const std::pair<const char*, const char*> cases[] = {
-        {"QRXMDLog_7_2024_0131_235959", "folder 7|2024_0131_235959|"},
-        {"QRXMDLog_007_12_EE", "folder 007|12|_EE"},
-        {"QRXMDLog_7___1t_EE", "folder 7|__1|t_EE"},
-        {"QRXMDLog_7_12__EE", ""},
-        {"QRXMDLog__12", ""},
-        {"QRXMDLog_7_12.muxz", "file 7|12.muxz"},
-        {"QRXMDLog_7_12_EE.muxz.tmp", "file 7|12_EE.muxz.tmp"},
-        {"QRXMDLog_7_12t.muxz", ""},
-        {"QRXMDLog_7_12.muxz.tmp2", ""},
-    };
-    for (const auto& [name, expected] : cases) {
-        std::ostringstream got;
-        if (const auto folder = ParseFolder(name)) {
-            got << "folder " << folder->index << '|' << folder->time << '|' << folder->suffix;
-        }
-        if (const auto file = ParseFile(name)) {
-            got << "file " << file->index << '|' << file->time << file->suffix << file->ending;
-        }
-        EXPECT_EQ(got.str(), expected) << name;
-    }
-    EXPECT_EQ(ParseIndex("000004294967295"), UINT32_MAX);
-    for (const char* bad : {"", "4294967296", "-1", "+1", " 1", "1x"})
-        EXPECT_EQ(ParseIndex(bad), std::nullopt) << bad;
-}
-
-// --- header
-
-TEST(MuxzHeader, IsRefusedWhereItLies) {
-    using namespace sim::log_header;
-    const std::string good = HeaderBytes();
-    const auto with = [&](size_t at, uint8_t byte) {
-        std::string bytes = good;
-        bytes[at] = static_cast<char>(byte);
-        return bytes;
-    };
-    Header header;
-    const auto state = [&](const std::string& bytes) {
-        MemorySource source(AsBytes(bytes));
-        return ReadHeader(source, header);
-    };
-    // A custom entry that does not fit is left over.
-    ASSERT_EQ(state(good), HeaderState::kWhole);
-    Bytes rest;
-    EXPECT_EQ(ParseCustomBlock(Bytes(header.custom).first(19 + 3), rest).size(), 1u);
-    EXPECT_EQ(rest.size(), 3u);
-
-    EXPECT_EQ(state(""), HeaderState::kEmpty);
-    for (size_t size = 1; size < good.size(); ++size)
-        ASSERT_EQ(state(good.substr(0, size)), HeaderState::kCut) << size;
-    EXPECT_EQ(state("x"), HeaderState::kUnknown);
-    EXPECT_EQ(state(with(3, 'x')), HeaderState::kUnknown);
-    EXPECT_EQ(state(with(kLengthAt, 0xff)), HeaderState::kDamaged);
-    EXPECT_EQ(state(with(kLengthAt + 3, 0xff)), HeaderState::kDamaged);
-    EXPECT_EQ(state(with(kCustomLengthAt + 1, 0xff)), HeaderState::kDamaged);
-
-    // A version of the future is skipped by its length.
-    EXPECT_EQ(state(with(kVersionAt, 9)), HeaderState::kWhole);
-    EXPECT_FALSE(header.known_version);
-    EXPECT_EQ(header.length, good.size());
-}
-
-// --- blocks
-
-TEST(MuxzBlocks, AreReadToWhereTheyEnd) {
-    const std::string raw = test::StreamBytes(5000);
-    const std::string good = BlockBytes(raw);
-    std::string damaged = good;
-    std::fill(damaged.begin() + static_cast<ptrdiff_t>(good.size() / 2), damaged.end(), '\xff');
-    const struct {
-        const char* what;
-        std::string behind;  // a good block
-        End end;
-        size_t trailing;
-    } cases[] = {
-        {"nothing", "", End::kWhole, 0},
-        {"stray byte", "\x7f", End::kStrayByte, 1},
-        {"lengths only", good.substr(0, 6), End::kCutBlock, 6},
-        {"block cut", good.substr(0, good.size() - 1), End::kCutBlock, good.size() - 1},
-        {"zeros", std::string(100, '\0'), End::kDamaged, 0},
-        {"other raw length", Framed(4999, good.substr(6)), End::kDamaged, 0},
-        {"packed length long", Framed(5000, good.substr(6) + "x"), End::kDamaged, 0},
-        {"huge number", Framed(0xffffff, "\xff\xff\xff\xff\xff\xff\xff\xff"), End::kDamaged, 0},
-        {"most that lengths say", std::string(6, '\xff') + "\xff\xff\xff\x07", End::kCutBlock, 10},
-        {"bytes changed", damaged, End::kDamaged, 0},
-    };
-    const std::string header = HeaderBytes();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        const std::string bytes = header + good + c.behind;
-        MemorySource source(AsBytes(bytes));
-        BlockReader walk(source, header.size());
-        std::string walked;
-        for (Block block; walk.Next(block);) {
-            std::string out(block.lengths.raw_length, '\0');
-            const bool checked = walk.Check(block);
-            if (!walk.Unpack(block, reinterpret_cast<uint8_t*>(out.data()))) break;
-            EXPECT_TRUE(checked);
-            walked += out;
-        }
-        EXPECT_EQ(walk.end(), c.end);
-        EXPECT_EQ(walk.trailing(), c.trailing);
-        EXPECT_EQ(walk.offset(), header.size() + good.size());
-        EXPECT_EQ(walk.reason().empty(), c.end <= End::kStrayByte);
-        EXPECT_EQ(walked, raw);
-    }
-}
-
-TEST(MuxzBlocks, OfEverySizeComeWhole) {
-    std::string raw, bytes;
-    for (const size_t size : {0u, 1u, 127u, 128u, 65536u, 262144u, 3000000u, 0xffffffu}) {
-        const std::string piece = size < 4000000 ? RandomBytes(size, 7) : test::StreamBytes(size);
-        raw += piece;
-        bytes += BlockBytes(piece);
-    }
-    test::WriteFile("/box/log", HeaderBytes() + bytes);
-    const test::DecodedFile decoded = test::DecodeFile("/box/log");
-    EXPECT_TRUE(decoded.whole && decoded.bytes == raw);
-    std::string recovered;
-    for (const std::string& piece : RecoverBytes(HeaderBytes() + bytes).raws) recovered += piece;
-    EXPECT_TRUE(recovered == raw);
-}
-
-// --- recovery
-
-std::string NameOf(const testing::TestParamInfo<size_t>& header) {
-    return header.param == kOwn ? "OwnHeader" : "HeaderOf" + std::to_string(header.param);
-}
-
-class MuxzRecovery : public testing::TestWithParam<size_t> {
-  protected:
-    MuxzRecovery() {
-        for (size_t i = 0; i < 6; ++i) raws.push_back(test::StreamBytes(700 + 37 * i, i + 1));
-        bytes = HeaderBytes(GetParam());
-        for (const std::string& raw : raws) {
-            starts.push_back(bytes.size());
-            bytes += BlockBytes(raw);
-        }
-        starts.push_back(bytes.size());
-    }
-
-    // What the blocks hold that lie within these bytes as a whole.
-    std::vector<std::string> Within(size_t from, size_t to) const {
-        std::vector<std::string> within;
-        for (size_t i = 0; i < raws.size(); ++i) {
-            if (from <= starts[i] && starts[i + 1] <= to) within.push_back(raws[i]);
-        }
-        return within;
-    }
-
-    // The next offset to try: the header has many bytes that are alike.
-    size_t After(size_t at) const { return at + (at + 300 < starts[0] ? 257 : 1); }
-
-    std::vector<std::string> raws;
-    std::vector<size_t> starts;  // of the blocks, and where the last one ends
-    std::string bytes;
-};
-INSTANTIATE_TEST_SUITE_P(, MuxzRecovery, testing::ValuesIn(kHeaders), NameOf);
-
-TEST_P(MuxzRecovery, FindsWholeBlocksOfAFileCutAnywhere) {
-    for (size_t cut = 0; cut <= bytes.size(); cut = After(cut)) {
-        ASSERT_EQ(RecoverBytes(bytes.substr(0, cut)).raws, Within(0, cut)) << cut;
-        ASSERT_EQ(RecoverBytes(bytes.substr(cut)).raws, Within(cut, bytes.size())) << cut;
-    }
-    EXPECT_TRUE(RecoverBytes(bytes.substr(0, bytes.size() - 20)).result.ends_cut);
-    const bool skips = GetParam() != kOwn && GetParam() != 0;
-    EXPECT_EQ(RecoverBytes(bytes).gaps.size(), skips ? 1u : 0u);
-
-    // Gaps between whole blocks are told.
-    const std::string garbage = RandomBytes(100000, 3);
-    const Recovered recovered =
-        RecoverBytes(garbage + bytes.substr(starts[0], starts[2] - starts[0]) + garbage +
-                     bytes.substr(starts[2]) + "xyzab");
-    const std::vector<std::pair<uint64_t, uint64_t>> gaps = {
-        {0, garbage.size()}, {garbage.size() + starts[2] - starts[0], garbage.size()}};
-    EXPECT_EQ(recovered.raws, raws);
-    EXPECT_EQ(recovered.gaps, gaps);
-    EXPECT_EQ(recovered.result.skipped, 2 * garbage.size());
-    EXPECT_EQ(recovered.result.trailing, 5u);
-}
-
-TEST_P(MuxzRecovery, LosesOnlyTheBlockThatIsDamaged) {
-    for (size_t at = 0; at < bytes.size(); at = After(at)) {
-        for (const int flip : {0x01, 0x80, 0xff}) {
-            std::string damaged = bytes;
-            damaged[at] = static_cast<char>(damaged[at] ^ flip);
-            const std::vector<std::string> recovered = RecoverBytes(damaged).raws;
-            auto found = recovered.begin();
-            for (const auto& part : {Within(0, at), Within(at + 1, bytes.size())}) {
-                for (const std::string& raw : part) {
-                    found = std::find(found, recovered.end(), raw);
-                    ASSERT_NE(found, recovered.end()) << at;
-                    ++found;
-                }
-            }
-            // A changed literal may still unpack; nothing else comes on top.
-            ASSERT_LE(recovered.size(), raws.size()) << at;
-        }
-    }
-}
-
-TEST_P(MuxzRecovery, TakesNothingForABlockThatIsNone) {
-    std::string pairs, empties, singles;
-    for (uint32_t i = 0; i < 20000; ++i) {
-        pairs += std::string("\x03\0\0\x05\0\0\x03\x08", 8) + static_cast<char>(i);
-        empties += std::string("\0\0\0\x01\0\0\0", 7);
-        // A block of one byte by its looks, and nothing behind it.
-        singles += std::string("\x01\0\0\x03\0\0\x01\0a??????", 15);
-    }
-    for (const std::string& garbage : {pairs, empties, singles, std::string(100000, '\xff'),
-                                       RandomBytes(3000000, 1), test::StreamBytes(1000000)}) {
-        EXPECT_TRUE(RecoverBytes(garbage).raws.empty());
-        EXPECT_EQ(RecoverBytes(garbage + bytes.substr(starts[0])).raws, raws);
-    }
-}
-
-// A log may carry a log, which Snappy stores as it is.
-TEST_P(MuxzRecovery, DoesNotLookIntoADamagedBlockWhoseLengthsHold) {
-    std::string outer =
-        BlockBytes(RandomBytes(200, 1) + BlockBytes(RandomBytes(5000, 2)) + RandomBytes(200, 3));
-    outer[9] = '\xff';  // the tag that says how long the literal is
-    outer[10] = '\xff';
-    const Recovered recovered =
-        RecoverBytes(bytes.substr(0, starts[1]) + outer + bytes.substr(starts[1]));
-    EXPECT_EQ(recovered.raws, raws);
-}
-
-// Each unit looks like a block of nearly 16 MB that unpacks almost to its end. Without a bound on
-// what is tried this takes hours.
-TEST_P(MuxzRecovery, IsBoundedOnContrivedBytes) {
-    const uint32_t raw_length = 15728640;
-    std::string unit = Framed(raw_length, "");
-    quarn::log_file::PutLength(reinterpret_cast<uint8_t*>(unit.data()) + 3, 15728640 / 15 * 16);
-    unit += std::string("\x80\x80\xc0\x07", 4);
-    unit += static_cast<char>((15 - 1) << 2);  // a literal up to the same place in the next unit
-    unit += "-----";
-    std::string contrived;
-    while (contrived.size() < 48u * 1024 * 1024) contrived += unit;
-    const Recovered recovered = RecoverBytes(contrived + bytes.substr(starts[0]));
-    EXPECT_LE(recovered.raws.size(), 8u);
-}
-
-// --- the tool
-
-// Seconds that the local time in a name says, as if it were UTC.
+// Returns the time in a name in seconds, as if it were UTC.
 uint32_t SecondsOf(std::string_view time) {
     tm parts{};
     EXPECT_NE(strptime(std::string(time).c_str(), "%Y_%m%d_%H%M%S", &parts), nullptr) << time;
@@ -390,29 +32,23 @@ uint32_t SecondsOf(std::string_view time) {
 
 class MuxzTool : public testing::Test {
   protected:
-    struct Run {
-        int status;
-        std::string out;
-        std::string err;
-    };
-    // Arguments as a shell takes them.
+    using Run = test::Ran;
+    // A shell splits the arguments.
     static Run Muxz(const std::string& arguments) {
-        const int status = system((MUXZ_PROGRAM " " + arguments + " >/box/out 2>/box/err").c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, test::ReadFile("/box/out"),
-                test::ReadFile("/box/err")};
+        return test::Run(MUXZ_PROGRAM " " + arguments);
     }
-    // Two blocks of it, so that it is no block by chance.
+    // Two blocks: a single one could be one by chance.
     static std::string Blocks(char letter) {
         return BlockBytes(std::string(100, letter)) + BlockBytes(std::string(60, letter));
     }
-    // The letters that cat writes.
+    // Returns a stream with equal neighbours joined to one letter.
     static std::string Letters(std::string stream) {
         stream.erase(std::unique(stream.begin(), stream.end()), stream.end());
         return stream;
     }
 
-    // The header of a file by its names, in a zone one hour east; `capture` is the time of the
-    // folder where no name tells it.
+    // Returns the header of a file for its names, in a time zone one hour east of UTC. `capture` is
+    // the time of the capture if the folder's name does not contain it.
     std::string Header(const std::string& path, const std::string& capture = "") {
         using namespace quarn::log_names;
         const fs::path whole(path);
@@ -427,13 +63,14 @@ class MuxzTool : public testing::Test {
         if (of_file) told.opened = SecondsOf(of_file->time) - 3600;
         return HeaderBytes(header, told);
     }
-    // A log file below the log folder.
+    // Writes a log file below the log folder.
     std::string Put(const std::string& path, char letter, const std::string& behind = "",
                     const std::string& capture = "") {
         test::WriteFile(kTree + "/" + path, Header(path, capture) + Blocks(letter) + behind);
         return kTree + "/" + path;
     }
-    // Files of a capture, one a minute, a letter each. In a heap when `folder` is no capture's.
+    // Writes the files of a capture: one per minute, with one letter each. `folder` may have any
+    // name.
     void PutCapture(const std::string& folder, const std::string& time, const std::string& letters,
                     size_t marked = SIZE_MAX) {
         for (size_t i = 0; i < letters.size(); ++i) {
@@ -448,7 +85,7 @@ class MuxzTool : public testing::Test {
     Told told;
 };
 
-// The same with each kind of header.
+// With each kind of header.
 class MuxzFiles : public MuxzTool, public testing::WithParamInterface<size_t> {
   protected:
     MuxzFiles() { header = GetParam(); }
@@ -460,22 +97,22 @@ const std::string kFirst = "QRXMDLog_3_2024_0101_100959", kSecond = "QRXMDLog_4_
                   kThird = "QRXMDLog_5_2024_0101_120959t";
 
 TEST_P(MuxzFiles, ComeInCaptureOrder) {
-    // Files of the same second are told by their numbers, which wrap.
+    // The numbers order files of the same second. Numbers wrap.
     const std::string first = "QRXMDLog_9_2024_0101_000000/QRXMDLog_";
     Put(first + "0_2024_0101_000000.muxz", 'c', "x");
     Put(first + "1_2024_0101_000000.muxz", 'd');
     Put(first + "4294967295_2024_0101_000000.muxz", 'b');
     Put(first + "4294967294_2024_0101_000000.muxz", 'a');
-    // The clock went back to its beginning.
+    // The clock was reset.
     Put("QRXMDLog_10_1970_0102_000000_EE/QRXMDLog_0_1970_0102_000000_EE.muxz", 'e');
     Put("run1/QRXMDLog_0_2024_0102_000000/QRXMDLog_0_2024_0102_000000.muxz", 'g');
     Put("QRXMDLog_11_2024_0101_000005/QRXMDLog_0_2024_0101_000005.muxz", 'f');
-    // Another log folder gives the same number in the same second.
+    // Two log folders have the same number in the same second.
     Put("run1/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", 'h');
     Put("run2/QRXMDLog_1_2024_0103_000000/QRXMDLog_0_2024_0103_000000.muxz", 'i');
     Put("QRXMDLog_12_2024_0104_000000t_EE/QRXMDLog_0_2024_0104_000000.muxz.tmp", 'j',
         Blocks('k').substr(0, 8));
-    // None of these belongs to the stream.
+    // These do not belong to the stream.
     Put("power_on_log.muxz", 'P', std::string(1, '\0'));
     Put("snap/QRXMDLog_8_2023_0101_000000/QRXMDLog_0_2023_0101_000000.muxz", 'Q');
     test::WriteFile(kTree + "/snap/copied_folder_list", "List from oldest to newest\n");
@@ -493,7 +130,7 @@ TEST_P(MuxzFiles, ComeInCaptureOrder) {
     EXPECT_EQ(test::ReadFile("/box/stream"), cat.out);
     const Run verify = Muxz("verify " + kTree);
     EXPECT_EQ(verify.status, 0) << verify.err;
-    // 10 files of two blocks; power-on logs count apart, copies not at all.
+    // 10 files of two blocks. Power-on logs are counted separately, copies are not counted.
     EXPECT_EQ(verify.out,
               "power-on log: 1 file, 2 blocks, 160 raw bytes\n"
               "10 files, 20 blocks, 1600 raw bytes: every block is good\n");
@@ -518,7 +155,8 @@ TEST_P(MuxzFiles, OfAHeapAreGroupedByCapture) {
     EXPECT_EQ(std::count(ls.out.begin(), ls.out.end(), '\n'), 4) << ls.out;
     EXPECT_NE(ls.out.find("      4  "), std::string::npos) << ls.out;
     EXPECT_NE(ls.out.find("newest"), std::string::npos);
-    // A hole in a heap is one as well; what was merely not asked for is none.
+    // Missing files are reported in unsorted files, too, but not files that the command does not
+    // name.
     EXPECT_EQ(Muxz("verify " + heap + "/QRXMDLog_[023]_*_11*").status, 0);
     fs::remove(heap + "/QRXMDLog_1_2024_0101_111100.muxz");
     for (const std::string& paths : {heap, heap + "/*"}) {
@@ -646,7 +284,8 @@ TEST_P(MuxzFiles, AreReadOnBehindDamage) {
     const auto damage = [&](size_t block, size_t at) {
         bytes.replace(starts[block] + at, 8, std::string(8, '\xff'));
     };
-    damage(0, 8);  // its lengths hold: neighbours of another writer's header tell where it begins
+    damage(0, 8);  // its lengths are right; without a known header, the neighbouring files show
+                   // where it begins
     damage(2, 8);
     damage(3, 8);
     damage(6, 0);
@@ -664,7 +303,7 @@ TEST_P(MuxzFiles, AreReadOnBehindDamage) {
     }
     EXPECT_NE(cat.err.find(", about "), std::string::npos) << cat.err;
 
-    // Without neighbours its lengths lead to the second block.
+    // Without neighbouring files, its lengths lead to the second block.
     EXPECT_EQ(Muxz("cat " + kTree + "/" + file).out.size(), 4 * 901u);
     EXPECT_NE(Muxz("cat " + kTree + "/" + file).err.find(at(0, "")), std::string::npos);
 
@@ -692,7 +331,7 @@ TEST_P(MuxzFiles, TellFaultsByFileAndOffset) {
         const char* ending;
         std::string bytes;
         int status;
-        std::string error;  // of verify; empty: says nothing
+        std::string error;  // of verify; empty: no message
     } cases[] = {
         {"", good + cut.substr(0, 4), 0, end + ": cut"},
         {"", good + cut, 1, end + ": the file ends within"},
@@ -755,14 +394,14 @@ TEST_P(MuxzFiles, TellTheExceptionAndThePhone) {
         EXPECT_NE(check.out.find("\n" + line), std::string::npos) << line << '\n' << check.out;
     }
 
-    // That the modem tells for the first time is no restart, and no file need be marked.
+    // The modem's first information is no restart. An exception mark of the folder is enough.
     PutCapture(kFirst + "_EE", "2024_0101_10", "ab");
     told.modem_time = 0;
     Put(kFirst + "_EE/QRXMDLog_0_2024_0101_101000.muxz", 'a');
     EXPECT_NE(Muxz("check " + kTree + "/" + kFirst + "_EE")
                   .out.find("exception   capture 3: between 2024-01-01 10:09:59 and "),
               std::string::npos);
-    // Without its folder a capture has the modem's word only, here of two restarts.
+    // Without the folder, only the modem's information shows exceptions, here two restarts.
     const char* const told_at[] = {"2024_0101_080000", "2024_0101_091050", "2024_0101_091150"};
     for (size_t i = 0; i < 3; ++i) {
         told.modem_time = SecondsOf(told_at[i]);
@@ -791,7 +430,7 @@ TEST_P(MuxzFiles, TellTheExceptionAndThePhone) {
 }
 
 TEST_P(MuxzFiles, HeaderLikeABlockIsNone) {
-    // A block of few bytes that none follows, and one that does not unpack.
+    // A short block that no block follows, and one that does not unpack.
     const std::string deceit =
         BlockBytes("tiny") + "??" + Framed(70, "\x46 what is no Snappy data");
     const std::string path = kTree + "/QRXMDLog_0_2024_0101_101000.muxz";
@@ -800,7 +439,7 @@ TEST_P(MuxzFiles, HeaderLikeABlockIsNone) {
     EXPECT_EQ(Letters(Muxz("cat " + path).out), "a");
     EXPECT_NE(Muxz("info " + path).out.find("writer, " + std::to_string(front.size()) + " bytes"),
               std::string::npos);
-    // No block yet, and a block only where none is looked for.
+    // No block at all, and a block after the range in which muxz searches for the first one.
     test::WriteFile(path, front);
     EXPECT_EQ(Muxz("verify " + path).status, 1);
     fs::rename(path, path + ".tmp");
@@ -818,8 +457,8 @@ TEST_P(MuxzFiles, AreListedFromAnywhere) {
     for (const char* path : {" .", " ./",
                              " ../"
                              "QRXMDLog_3_2024_0101_100959"}) {
-        ASSERT_EQ(system((within + path + " >/box/out").c_str()), 0);
-        const std::string out = test::ReadFile("/box/out");
+        const auto [status, out, err] = test::Run(within + path);
+        EXPECT_EQ(status, 0) << err;
         EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 4) << out;
     }
     const Run ls = Muxz("ls " + kTree);
@@ -844,7 +483,7 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
         EXPECT_TRUE(run.out.empty()) << arguments << run.out;
         EXPECT_FALSE(run.err.empty()) << arguments;
     }
-    // Nothing wrong with the input here.
+    // Only the output is wrong here.
     for (const std::string& output :
          {"cat -o /dev/full " + log, "cat -o /box/no/folder " + log, "cat -o " + log + " " + log,
           "recover -o /dev/full " + log, "cat -o " + log + " " + kTree}) {
@@ -855,7 +494,7 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
     EXPECT_EQ(Muxz("verify " + log).status, 0);  // it was not overwritten
 }
 
-// The daemon gives folders and files their final names, and recycles, while they are read.
+// The daemon renames and recycles folders and files while muxz reads them.
 TEST_F(MuxzTool, FollowsNamesThatChange) {
     const std::string folder = kTree + "/QRXMDLog_3_2024_0101_000000";
     Put("QRXMDLog_3_2024_0101_000000t/QRXMDLog_0_2024_0101_000000.muxz.tmp", 'a');

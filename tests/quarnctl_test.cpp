@@ -1,4 +1,5 @@
-// quarnctl, against a daemon of the test's own on the two sockets.
+// quarnctl, against a fake daemon on the two sockets: it shows the exact requests, and answers
+// late, in pieces or not at all, which the real daemon never does on demand.
 #include <cutils/sockets.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <map>
 #include <mutex>
@@ -26,15 +28,23 @@ struct Listener {
     explicit Listener(const char* name)
         : fd(socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM)) {
         EXPECT_GE(fd, 0);
-        fcntl(fd, F_SETFD, FD_CLOEXEC);  // the programs that are started must not keep the name
+        fcntl(fd, F_SETFD, FD_CLOEXEC);  // started programs must not inherit it
+        const timeval limit = {.tv_sec = 60, .tv_usec = 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));  // of Accept
     }
     ~Listener() { close(fd); }
-    int Accept() const { return accept4(fd, nullptr, nullptr, SOCK_CLOEXEC); }
+    int Accept() const {
+        int client;
+        do {  // a child that ends interrupts a wait that has a limit
+            client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+        } while (client < 0 && errno == EINTR);
+        return client;
+    }
     const int fd;
 };
 
-// Serves one client after the other; an unknown request gets no answer, "hang up" as an answer
-// means that.
+// Serves one client after the other. An unknown request gets no answer. The answer "hang up" closes
+// the connection.
 class FakeDaemon {
   public:
     explicit FakeDaemon(std::map<std::string, std::string> request_replies)
@@ -43,7 +53,7 @@ class FakeDaemon {
         shutdown(listener.fd, SHUT_RDWR);
         thread.join();
     }
-    // What was asked since the last look.
+    // Returns the requests since the last call.
     std::string Requests() {
         std::lock_guard lock(mutex);
         return std::exchange(requests, "");
@@ -80,13 +90,13 @@ class FakeDaemon {
 };
 
 test::Result Quarnctl(const std::string& arguments) {
-    return test::Run(QUARNCTL_PROGRAM " " + arguments);
+    return test::RunMerged(QUARNCTL_PROGRAM " " + arguments);
 }
 
 }  // namespace
 
 TEST(Quarnctl, CommandsAndTheirStatus) {
-    EXPECT_EQ(Quarnctl("log_mode").status, 3);  // nobody there
+    EXPECT_EQ(Quarnctl("log_mode").status, 3);  // no daemon
     const std::string fits(quarn::protocol::kMaxRequest - sizeof("log_filter ") - 1, 'f');
     FakeDaemon daemon({{"log_mode", "ok,1"},
                        {"log_mode 2", "ok"},
@@ -183,7 +193,7 @@ TEST(Quarnctl, StatusNamesValuesAndWarns) {
 
 TEST(Quarnctl, WaitsUntilTheDaemonAnswers) {
     EXPECT_EQ(Quarnctl("wait --timeout 1").status, 3);
-    // Somebody listens, but does not answer yet.
+    // First a listener that does not answer.
     std::optional<Listener> silent(std::in_place, quarn::protocol::kCommandSocket);
     std::optional<FakeDaemon> daemon;
     std::thread starts([&] {
@@ -195,7 +205,7 @@ TEST(Quarnctl, WaitsUntilTheDaemonAnswers) {
     starts.join();
 }
 
-// Notifications are counted and looked at one by one, however they come.
+// quarnctl counts single notifications, however they arrive.
 TEST(Quarnctl, WatchEndsAsAsked) {
     const struct {
         std::string options;
@@ -258,7 +268,5 @@ TEST(Quarnctl, WatchOutlivesTheDaemon) {
         EXPECT_TRUE(printed("the daemon went away"));
     }
     kill(pid, SIGTERM);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(WTERMSIG(status), SIGTERM);
+    EXPECT_EQ(WTERMSIG(test::WaitForChild(pid)), SIGTERM);
 }

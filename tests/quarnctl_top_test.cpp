@@ -32,7 +32,7 @@ const std::string kTree = "/data/vendor/radio/quarn/logs";
 const std::string kLog = "/data/some_log";
 
 test::Result Top(const std::string& options) {
-    return test::Run(QUARNCTL_PROGRAM " top " + options);
+    return test::RunMerged(QUARNCTL_PROGRAM " top " + options);
 }
 
 std::string Line(const std::string& message, int seconds_ago = 0) {
@@ -217,7 +217,7 @@ TEST(QuarnctlTop, ShowsADaemonWhoseStorageIsFull) {
 
     // As a user who may not read the tree: what the log and the daemon tell is left.
     fs::permissions("/data/vendor/radio/quarn", fs::perms::none);
-    const test::Result refused = test::Run(
+    const test::Result refused = test::RunMerged(
         "setpriv --bounding-set=-all --inh-caps=-all --ambient-caps=-all " QUARNCTL_PROGRAM
         " top --once");
     fs::permissions("/data/vendor/radio/quarn", fs::perms::owner_all);

@@ -1,10 +1,8 @@
 // The simulated phone: what every other test and measurement rests on.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -18,6 +16,7 @@
 #include "sim/modem.h"
 #include "sim/replay_place.h"
 #include "sim/socket_address.h"
+#include "tests/client.h"
 #include "tests/support.h"
 
 namespace {
@@ -26,19 +25,6 @@ using sim::Modem;
 
 const std::string kFolder = "/box/modem";
 const std::string kLogFile = "/box/stream";
-
-std::string ReadAll(sim::LogSource& source, size_t total, const std::vector<size_t>& sizes) {
-    std::string bytes(total, '\0');
-    size_t done = 0;
-    for (size_t i = 0; done < total; ++i) {
-        const size_t want = std::min(sizes[i % sizes.size()], total - done);
-        const size_t got = source.Read(reinterpret_cast<uint8_t*>(bytes.data()) + done, want);
-        if (got == 0) break;
-        done += got;
-    }
-    bytes.resize(done);
-    return bytes;
-}
 
 // One read of the port; nothing after an error.
 std::string ReadPort(size_t len) {
@@ -50,32 +36,13 @@ std::string ReadPort(size_t len) {
 }
 
 std::string Send(std::string_view lines) {
-    const sim::SocketAddress address(kFolder, sim::kConsoleSocketName);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(connect(fd, address.address(), address.size()), 0) << strerror(errno);
+    const test::Client console((kFolder + "/" + sim::kConsoleSocketName).c_str(),
+                               ANDROID_SOCKET_NAMESPACE_FILESYSTEM);
     // In two pieces, so that a line may come in parts.
     const size_t half = lines.size() / 2;
-    for (const std::string_view piece : {lines.substr(0, half), lines.substr(half)}) {
-        send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
-    }
-    shutdown(fd, SHUT_WR);
-    std::string reply;
-    char buffer[4096];
-    for (ssize_t got; (got = recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
-        reply.append(buffer, static_cast<size_t>(got));
-    }
-    close(fd);
-    return reply;
-}
-
-TEST(SimSource, GeneratedStreamIsTheSameForAllReadSizes) {
-    constexpr size_t kTotal = 3'000'000;
-    const std::string stream = ReadAll(*sim::MakeGeneratedSource(5), kTotal, {65536});
-    for (const std::vector<size_t>& sizes :
-         std::vector<std::vector<size_t>>{{1, 2, 3}, {1015, 1016, 1017}, {100'000, 7, 65536}}) {
-        EXPECT_TRUE(ReadAll(*sim::MakeGeneratedSource(5), kTotal, sizes) == stream) << sizes[0];
-    }
-    EXPECT_FALSE(ReadAll(*sim::MakeGeneratedSource(6), kTotal, {65536}) == stream);
+    EXPECT_TRUE(console.Send(lines.substr(0, half)) && console.Send(lines.substr(half)));
+    console.EndSending();
+    return console.Receive(1 << 20);
 }
 
 struct Seen {
@@ -361,9 +328,7 @@ TEST(SimConsole, AReplayGoesOnWhereAKilledProcessLeftIt) {
         for (int i = 0; i < 10; ++i) ReadPort(12345);
         kill(getpid(), SIGKILL);
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+    ASSERT_EQ(WTERMSIG(test::WaitForChild(child)), SIGKILL);
 
     EXPECT_EQ(sim::ReadReplayPlace(kFolder, kLogFile), 123450u);
     EXPECT_EQ(sim::ReadReplayPlace(kFolder, "/box/other"), 0u);

@@ -1,7 +1,8 @@
-// What the tests share: the captured Android log, bounded waits, files in the box.
+// Helpers of all tests: the captured Android log, waits and programs with time limits, files.
 #pragma once
 
 #include <android/log.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
@@ -13,7 +14,8 @@
 
 namespace test {
 
-// Captures every message of this process while it lives; one at a time. Any thread may log.
+// Captures every log message of this process while it lives. One object at a time. Any thread may
+// log.
 class LogCapture {
   public:
     LogCapture();
@@ -24,55 +26,69 @@ class LogCapture {
         std::string text;
     };
     std::vector<Message> messages() const;
-    // Messages that are exactly `text`, or hold it when it ends in "...".
+    // Counts the messages that are equal to `text`. If `text` ends in "...", counts those that
+    // contain the part before it.
     size_t Count(std::string_view text) const;
     bool Has(android_LogPriority priority, std::string_view text) const;
-    // Waits until `count` such messages have come; false when they did not within `limit`.
+    // Waits until `count` such messages have come. Returns false if the time limit passes first.
     bool WaitFor(std::string_view text, size_t count = 1,
                  std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
     void Clear();
 };
 
-// Waits until the predicate holds, looking every few milliseconds; its last value.
+// Waits until the predicate holds, and checks it every few milliseconds. Returns its last value.
 bool WaitUntil(const std::function<bool()>& predicate,
                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
-// The exit status of a shell command, and its standard output and error together.
+// What a program printed, and how it ended.
+struct Ran {
+    int status;  // exit status; 124: it was killed after 100 s
+    std::string out, err;
+};
+// Runs a command line in a shell.
+Ran Run(const std::string& line);
+// The same, with standard output and error in one text.
 struct Result {
     int status;
     std::string text;
 };
-Result Run(const std::string& command);
+Result RunMerged(const std::string& line);
+// Returns the status of a child process, in the form of waitpid. Kills the child if it does not end
+// within 60 s.
+int WaitForChild(pid_t child);
 
-// Lets the signal that stops a thread get it out of a call, as the daemon does.
+// Installs a handler for the signal that interrupts a thread's system call, as the daemon does.
 void HandleStopSignal();
 
-std::string ReadFile(const std::filesystem::path& path);                    // "" when there is none
-void WriteFile(const std::filesystem::path& path, std::string_view bytes);  // makes its folders
-// Names in a folder, sorted; none when it cannot be read.
+// Returns "" if there is no such file.
+std::string ReadFile(const std::filesystem::path& path);
+// Creates missing folders, too.
+void WriteFile(const std::filesystem::path& path, std::string_view bytes);
+// Returns the names in a folder, sorted; none if the folder cannot be read.
 std::vector<std::string> List(const std::filesystem::path& folder);
-// Bytes of all files below a folder, which may change meanwhile.
+// Returns the size of all files below a folder. The folder may change meanwhile.
 uintmax_t TreeSize(const std::filesystem::path& folder);
 
-// `size` bytes that look like a log stream: some repetition, no two pieces alike.
+// Returns `size` bytes that resemble a log stream: they repeat themselves, but no two lines are
+// equal.
 std::string StreamBytes(size_t size, uint64_t seed = 1);
 
 // The raw stream of one log file, and how it ends.
 struct DecodedFile {
     std::string bytes;
-    bool whole = false;       // with a whole block, or with one byte behind that
-    bool stray_byte = false;  // with such a byte
+    bool whole = false;       // ends with a whole block, or with one byte after it
+    bool stray_byte = false;  // ends with such a byte
 };
 DecodedFile DecodeFile(const std::filesystem::path& path);
 
-// The raw stream of a log tree in capture order, or of one capture folder, and the files that end
-// in the middle of a block or of their header.
+// The raw stream of a log tree in capture order, or of one capture folder. `torn` names the files
+// that end in the middle of a block or of their header.
 struct Decoded {
     std::string bytes;
     std::vector<std::string> torn;
 };
 Decoded Decode(const std::filesystem::path& tree);
-// The stream of a tree in which every file must be whole; else the test fails.
+// Returns the stream of a tree. The test fails if a file is torn.
 std::string DecodeTree(const std::filesystem::path& tree);
 
 }  // namespace test

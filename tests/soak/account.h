@@ -1,6 +1,5 @@
-// Accounts for every byte that a process of the daemon took from the modem. The modem's stream is
-// known from its seed; the daemon's own log tells which file came after which and where something
-// was given up.
+// Accounts for every byte that one process of the daemon took from the modem. The seed determines
+// the modem's stream. The daemon's log shows the order of the files, and which bytes it gave up.
 #pragma once
 
 #include <fcntl.h>
@@ -34,15 +33,18 @@ namespace fs = std::filesystem;
 namespace soak {
 
 inline constexpr uint64_t kMiB = 1 << 20;
-inline constexpr uint64_t kWrite = kMiB;  // most that a file gets at once
-// What a process may hold that no file has yet: the ring and a chunk on its way there; a full
-// buffer of blocks, and one that was being written, of a stream that packs at most so many times.
+inline constexpr uint64_t kWrite = kMiB;  // bytes of one write at most
+// Bytes of the stream that a process may hold while no file has them yet:
+//   - kRing: the ring, and one chunk that the reader is putting into it
+//   - kBuffer: a full buffer of blocks. A second one may be in the middle of a write. The stream
+//   does
+//     not compress to less than a fifth (kMostPacking).
 inline constexpr uint64_t kRing = 16 * kMiB + 64 * 1024;
 inline constexpr uint64_t kMostPacking = 5;
 inline constexpr uint64_t kBuffer = kMiB * kMostPacking;
-inline constexpr uint64_t kFile = 4 * kMiB * kMostPacking;  // none is set to be larger
+inline constexpr uint64_t kFile = 4 * kMiB * kMostPacking;  // of the largest file
 
-// What stands behind `mark` in a line, up to a blank.
+// Returns the word after `mark` in a line, if `mark` is there.
 inline std::optional<std::string> Behind(const std::string& line, std::string_view mark) {
     const size_t at = line.find(mark);
     if (at == std::string::npos) return std::nullopt;
@@ -50,19 +52,19 @@ inline std::optional<std::string> Behind(const std::string& line, std::string_vi
     return line.substr(start, line.find(' ', start) - start);
 }
 
-// What never changes in the name of a log file.
+// The part of a log file's name that never changes.
 inline std::string Stem(const fs::path& path) {
     const std::string name = path.filename();
     return name.substr(0, name.find_first_of(".E"));
 }
 
-// Folder and file by what never changes in their names.
+// The parts of a folder's and a file's name that never change.
 inline std::string Key(const fs::path& path) {
     const std::string folder = path.parent_path().filename();
     return folder.substr(0, folder.find_last_of("0123456789") + 1) + "/" + Stem(path);
 }
 
-// A log file that may have got its final names meanwhile.
+// Opens a log file, also if the daemon has renamed it or its folder.
 inline muxz::Fd OpenRenamed(const fs::path& path) {
     if (muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)); fd) return fd;
     const fs::path folder = muxz::FindRenamed(path.parent_path());
@@ -80,13 +82,18 @@ inline uint64_t SizeOf(const muxz::Fd& fd) {
     return static_cast<uint64_t>(status.st_size);
 }
 
-// The stream that a seed makes, and how far it has been met.
+struct Folder : muxz::Capture {
+    std::vector<muxz::LogFile> files;  // by index
+};
+
+// The stream of a seed, and a position in it.
 class KnownStream {
   public:
     explicit KnownStream(uint64_t seed) : source(sim::MakeGeneratedSource(seed)) {}
 
-    // Goes on behind these bytes where they come next, and tells how many were left out in front of
-    // them; goes nowhere when they are not within some 400 MB.
+    // Finds these bytes at the position or after it, and moves the position to their end. Returns
+    // the number of bytes between the position and them, or nothing if they do not come within
+    // 400 MiB.
     std::optional<uint64_t> Meet(const std::vector<uint8_t>& bytes) {
         constexpr size_t kFar = 400 * kMiB;
         const size_t needle = std::min<size_t>(bytes.size(), 2048);
@@ -119,19 +126,18 @@ class KnownStream {
     }
 
     const std::unique_ptr<sim::LogSource> source;
-    std::vector<uint8_t> ahead;  // what was made of it and not yet met
+    std::vector<uint8_t> ahead;  // read from the source, from the position on
     std::atomic<uint64_t> at = 0;
 };
 
-enum class Ending { kAtRest, kUnderLoad, kKilled };
-
-// Of one process.
+// The account of one process.
 class Account {
   public:
     Account(Report& out, uint64_t seed, const std::string& log)
         : report(out), stream_seed(seed), log_path(log), stream(seed) {}
 
-    // Takes up what the log tells and verifies one file that was closed; false when there is none.
+    // Reads the new lines of the daemon's log and verifies one closed file. Returns false if there
+    // is none.
     bool Follow() {
         ReadLog();
         const bool closed = !files.empty() && files.front().closed;
@@ -146,39 +152,69 @@ class Account {
         return closed;
     }
 
-    // After the process has ended; `delivered` is what the modem handed over to it.
-    void End(Ending how, uint64_t delivered) {
+    // Called after the process has ended. `delivered` is what the modem handed over to it.
+    void End(bool killed, uint64_t delivered) {
         ReadLog();
+        may_lack_file = killed;
         while (!files.empty()) {
-            const bool last = how == Ending::kKilled && files.size() == 1;
+            const bool last = killed && files.size() == 1;
             Verify(std::move(files.front()), stream, last ? Tail::kMayBeTorn : Tail::kWhole);
             files.pop_front();
         }
         if (!power_on.empty()) {
-            // It is what the captures hold, from the front on.
-            KnownStream front(stream_seed);
-            Verify({muxz::Fd(open(power_on.c_str(), O_RDONLY | O_CLOEXEC)), power_on, true,
-                    all_may_lack},
-                   front, how == Ending::kKilled || power_on_failed ? Tail::kAny : Tail::kZero);
+            // It holds a prefix of what the captures hold.
+            KnownStream prefix(stream_seed);
+            const bool any = killed || power_on_failed;
+            if (muxz::Fd fd(open(power_on.c_str(), O_RDONLY | O_CLOEXEC)); fd || !any) {
+                Verify({std::move(fd), power_on, true, all_may_lack}, prefix,
+                       any ? Tail::kAny : Tail::kZero);
+            }
         }
         const uint64_t met = stream.position();
         const uint64_t missing = delivered - std::min(met, delivered);
-        const uint64_t most = (how == Ending::kKilled ? kRing + 2 * kBuffer : dropped) + may_lack;
+        const uint64_t most = (killed ? kRing + 2 * kBuffer : dropped) + may_lack;
         if (met > delivered || missing < dropped || missing > most) {
             report.Fault("the modem handed over " + std::to_string(delivered) + " bytes, and " +
-                         std::to_string(met) + " are accounted for; the log tells of " +
+                         std::to_string(met) + " are accounted for; the log reports " +
                          std::to_string(dropped) + " dropped; at most " + std::to_string(most) +
                          " may be missing");
             return;
         }
         report.Add("bytes dropped by an exit, as the log counts them", dropped);
-        report.Add(how == Ending::kKilled ? "bytes lost by sudden ends"
-                                          : "bytes given up, as the log tells",
+        report.Add(killed ? "bytes lost by kills" : "bytes given up, as the log reports",
                    missing - dropped);
     }
 
-    // Deletes a log file of this process, whose bytes are accounted for all the same. Any thread
-    // may call it.
+    // Verifies what is left of the process's captures. Each file goes on where the one before it
+    // ended, unless files between them are gone. Only the newest one may end anywhere.
+    void VerifyLeft(const std::vector<Folder>& folders, uint32_t next_folder) {
+        KnownStream left(stream_seed);
+        bool complete = true;
+        for (const Folder& folder : folders) {
+            complete = complete && folder.index == next_folder;
+            uint32_t next_file = 0;
+            for (const muxz::LogFile& file : folder.files) {
+                complete = complete && file.index == next_file;
+                const bool newest = &folder == &folders.back() && &file == &folder.files.back();
+                const fs::path path = folder.path() + "/" + file.name;
+                Verify({muxz::Fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)), path, true,
+                        complete ? 0 : UINT64_MAX},
+                       left, newest ? Tail::kAny : Tail::kWhole);
+                complete = true;
+                next_file = file.index + 1;
+            }
+            // A recycled file may have been this folder's last.
+            const std::string any = Key(fs::path(folder.path()) / "");
+            const auto gone = recycled.lower_bound(any);
+            complete = gone == recycled.end() || !gone->starts_with(any);
+            next_folder = folder.index + 1;
+        }
+    }
+
+    // Returns true if the log mentions a capture of this index.
+    bool Mentions(uint32_t index) const { return mentioned.contains(index); }
+
+    // Deletes a log file of this process. The account includes its bytes. Thread-safe.
     void Delete(const fs::path& path) {
         muxz::Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         std::lock_guard lock(deleted_mutex);
@@ -189,10 +225,11 @@ class Account {
         deleted.insert_or_assign(Key(path), Deleted{std::move(fd), size});
     }
 
-    // Bytes of the stream gone by, and bytes on storage still to be verified. Any thread may ask.
+    // Bytes of the stream that are verified, and bytes of files that are not. Thread-safe.
     uint64_t position() const { return stream.position(); }
     uint64_t backlog() const { return waiting; }
-    // A closing could not write, and no file was opened since: how much that cost is not yet known.
+    // Returns true if a close failed to write its buffer and no file was opened after it. How many
+    // bytes that cost is not known yet.
     bool ends_in_a_gap() const { return open_end; }
 
   private:
@@ -200,14 +237,14 @@ class Account {
         muxz::Fd fd;
         std::string path;
         bool closed;
-        uint64_t may_lack;                  // bytes that, by the log, may be missing in front of it
-        std::optional<uint64_t> told = {};  // bytes that went with it, by the log
+        uint64_t may_lack;                  // bytes that the log allows to be missing before it
+        std::optional<uint64_t> told = {};  // its size when it was deleted, by the log
     };
     struct Deleted {
         muxz::Fd fd;
-        uint64_t size;  // when it was
+        uint64_t size;  // when it was deleted
     };
-    // How a file may end. The power-on log is closed by a zero byte.
+    // How a file may end. The power-on log ends with a zero byte.
     enum class Tail { kWhole, kMayBeTorn, kZero, kAny };
     void ReadLog() {
         std::ifstream in(log_path, std::ios::binary);
@@ -215,22 +252,25 @@ class Account {
         for (std::string piece; std::getline(in, piece);) {
             partial += piece;
             log_at += static_cast<std::streamoff>(piece.size());
-            if (in.eof()) return;  // the rest of the line is still to come
+            if (in.eof()) return;  // the daemon has not written the rest of the line yet
             ++log_at;
             TakeLine(std::exchange(partial, ""));
         }
     }
 
     void TakeLine(const std::string& line) {
-        // Requests are somebody else's text.
+        // Clients choose the text of requests.
         if (line.find("command_handler: receive req=") != std::string::npos) return;
+        if (const auto index = Behind(line, "/" + std::string(quarn::log_names::kPrefix))) {
+            mentioned.insert(static_cast<uint32_t>(strtoul(index->c_str(), nullptr, 10)));
+        }
         if (const auto opened = Behind(line, "file_io: open log_file=")) {
             if (line.find("fail, errno") != std::string::npos) return;
             files.push_back({OpenRenamed(*opened), *opened, false,
-                             // A writer that the host started again goes on behind an exit's drop.
+                             // After an exit dropped bytes, a host tool may start the writer again.
                              std::exchange(may_lack, 0) + std::exchange(dropped, 0)});
         } else if (line.find(" header fail") != std::string::npos && !files.empty()) {
-            // Taken back; its name may come again.
+            // The daemon removes the file, and may use its name again.
             may_lack += files.back().may_lack;
             files.pop_back();
         } else if (const auto lost = Behind(line, " was deleted, ");
@@ -257,41 +297,45 @@ class Account {
         }
     }
 
-    // Whether a file that was deleted got no write more, and whether the log tells its loss if it
-    // was open. Keeps it readable.
+    // Returns true if this program deleted the file, and puts its descriptor into `file`. It is a
+    // fault if the daemon wrote to it later, or if the log does not report the loss of an open
+    // file.
     bool TakeDeleted(File& file) {
         std::lock_guard lock(deleted_mutex);
         verified.insert(Key(file.path));
         auto entry = deleted.extract(Key(file.path));
         if (!entry) {
-            if (file.told) report.Fault("told as deleted, which it was not: " + file.path);
+            if (file.told) report.Fault("reported as deleted, but was not: " + file.path);
             return false;
         }
         Deleted& gone = entry.mapped();
         file.fd = std::move(gone.fd);
         const uint64_t size = SizeOf(file.fd);
-        // One write may have been under way.
+        // One write may have been in progress.
         const uint64_t most = gone.size + (file.told || !file.closed ? kWrite : 0);
         if (size > most || (file.told && *file.told != size)) {
             report.Fault("deleted with " + std::to_string(gone.size) + " bytes, it has " +
-                         std::to_string(size) + " and the log tells of " +
+                         std::to_string(size) + " and the log reports " +
                          std::to_string(file.told.value_or(0)) + ": " + file.path);
         }
-        if (file.told) report.Add("files deleted that were told");
+        if (file.told) report.Add("files deleted while they were open, as the log reports");
         return true;
     }
 
-    // For the file behind the one that is verified.
+    // Allows the file after the one that is being verified to lack these bytes, too.
     void MayLackNext(uint64_t bytes) { (files.size() > 1 ? files[1].may_lack : may_lack) += bytes; }
 
-    // Whether the file holds what `known` goes on with, and ends as it may.
+    // Checks that the file continues `known`, and that it ends as `tail` allows.
     void Verify(File&& file, KnownStream& known, Tail tail) {
         const bool in_captures = &known == &stream;
         const bool was_deleted = in_captures && TakeDeleted(file);
         if (!file.fd) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            ReadLog();  // by now it tells why there is no such file
-            if (!recycled.contains(Key(file.path))) report.Fault("no such file: " + file.path);
+            ReadLog();  // now it tells why there is no such file
+            // The kill may have come between the recycler's removal and its message.
+            if (!recycled.contains(Key(file.path)) && !std::exchange(may_lack_file, false)) {
+                report.Fault("no such file: " + file.path);
+            }
             report.Add("files recycled before they were read");
             MayLackNext(file.may_lack + kFile);
             return;
@@ -299,7 +343,10 @@ class Account {
         muxz::FileSource source(file.fd.get());
         muxz::Header header;
         if (muxz::ReadHeader(source, header) != muxz::HeaderState::kWhole) {
-            if (tail != Tail::kMayBeTorn) report.Fault("no whole header: " + file.path);
+            report.Add("files without a whole header");
+            if (tail == Tail::kWhole || tail == Tail::kZero) {
+                report.Fault("no whole header: " + file.path);
+            }
             return;
         }
         muxz::BlockReader blocks(source, header.length);
@@ -312,19 +359,19 @@ class Account {
             const uint64_t at = known.position();
             const auto gap = known.Meet(raw);
             if (!gap || *gap > most) {
-                report.Fault((gap ? "a hole of " + std::to_string(*gap)
-                                  : "damaged, doubled or out of order, and not a hole of") +
-                             " bytes, of which the log tells " + std::to_string(most) +
+                report.Fault((gap ? "a gap of " + std::to_string(*gap)
+                                  : "damaged, doubled or out of order, and not a gap of") +
+                             " bytes, where the log allows " + std::to_string(most) +
                              " at most: " + file.path + ", byte " + std::to_string(at) +
                              " of the stream of seed " + std::to_string(stream_seed));
             }
             if (!gap) break;
             report.Add(was_deleted   ? "bytes in deleted files"
                        : in_captures ? "bytes kept"
-                                     : "bytes in power-on logs",
+                                     : "bytes compared a second time",
                        raw.size());
-            if (in_captures) report.Add("bytes given up, as the log tells", *gap);
-            // Holes are in front of a file, never within one; but one power-on log has all of them.
+            if (in_captures) report.Add("bytes given up, as the log reports", *gap);
+            // Gaps are before a file, never within it. The power-on log alone has all of them.
             most = in_captures ? 0 : most - std::min(most, *gap);
         }
         if (in_captures && empty) MayLackNext(file.may_lack);
@@ -347,17 +394,19 @@ class Account {
     const uint64_t stream_seed;
     const std::string log_path;
     KnownStream stream;
-    std::string partial;  // the log's last line so far
+    std::string partial;  // of the log's last line
     std::streamoff log_at = 0;
     std::deque<File> files;  // in the order of the stream
     uint64_t may_lack = 0;   // for the next file
     uint64_t all_may_lack = 0;
+    bool may_lack_file = false;
     std::set<std::string> recycled;
+    std::set<uint32_t> mentioned;  // indices of captures
     std::mutex deleted_mutex;
     std::set<std::string> verified;
     std::map<std::string, Deleted> deleted;  // not yet verified
     uint64_t dropped = 0;
-    std::string power_on;  // the path, once it is written to
+    std::string power_on;  // the path of the power-on log, once there is one
     bool power_on_failed = false;
     std::atomic<uint64_t> waiting = 0;
     std::atomic<bool> open_end = false;

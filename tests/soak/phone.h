@@ -1,10 +1,6 @@
-// The unchanged daemon on the simulated phone, as all that talks to it and looks at it from outside
-// has it. No wait is for ever.
+// The unchanged daemon on the simulated phone, and what talks to it or observes it. Every wait has
+// a time limit.
 #pragma once
-
-#include <cutils/sockets.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -24,6 +20,7 @@
 
 #include "control/protocol.h"
 #include "sim/console.h"
+#include "tests/client.h"
 #include "tests/daemon_process.h"
 #include "tests/support.h"
 
@@ -33,8 +30,8 @@ namespace soak {
 
 namespace protocol = quarn::protocol;
 
-// What a long run tells: faults at once, sums at the end, and a journal of all that was done for
-// who looks for the cause of a fault. Any thread may write.
+// The output of a run: faults at once, sums at the end, and a journal of everything that was done,
+// for finding the cause of a fault. Thread-safe.
 class Report {
   public:
     explicit Report(const std::string& journal_path) : journal(journal_path) {}
@@ -70,7 +67,7 @@ class Report {
     std::map<std::string, uint64_t> sums;
 };
 
-// What a seed decides.
+// Random numbers from a seed.
 class Dice {
   public:
     explicit Dice(uint64_t seed) : random(seed) {}
@@ -82,17 +79,18 @@ class Dice {
 };
 
 inline const std::string kTree = "/data/vendor/radio/quarn";
-// Bytes that the modem has handed over, also once the process has ended. It goes on counting over
-// restarts unless the file is removed.
+inline const std::string kLogs = kTree + "/logs";
+// The number of bytes that the daemon took from the modem. The file stays when the process ends.
+// The next process goes on counting unless the file is removed.
 inline constexpr const char* kDelivered = "/data/modem/delivered";
 inline uint64_t Delivered() { return strtoull(test::ReadFile(kDelivered).c_str(), nullptr, 10); }
 
-// An exchange with the modem may last 5 s, a notification that comes first some seconds; several
-// of each may come before a request. A child that ends elsewhere in this program interrupts a wait
-// that has a limit.
-inline constexpr timeval kReplyPatience = {90, 0};
+// An exchange with the modem may last 5 s, and a notification that comes first may take some
+// seconds. Several of each may come before a request.
+inline constexpr std::chrono::seconds kReplyPatience(90);
 
-// Entries of a folder of /proc but for those of the power-on log: links to its file, its thread.
+// Counts the entries of a folder of /proc, without those of the power-on log: the links to its
+// file, and its thread.
 inline size_t Entries(const std::string& folder) {
     std::error_code gone;
     size_t count = 0;
@@ -110,29 +108,7 @@ inline long StatusValue(const std::string& status, const std::string& key) {
     return at == std::string::npos ? 0 : atol(status.c_str() + at + key.size());
 }
 
-// A connection to a socket.
-class Client {
-  public:
-    explicit Client(const char* name, int name_space = ANDROID_SOCKET_NAMESPACE_ABSTRACT)
-        : fd(socket_local_client(name, name_space, SOCK_STREAM | SOCK_CLOEXEC)) {
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kReplyPatience, sizeof(kReplyPatience));
-        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kReplyPatience, sizeof(kReplyPatience));
-    }
-    ~Client() {
-        if (fd != -1) close(fd);
-    }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    bool Send(std::string_view bytes) const {
-        return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(bytes.size());
-    }
-
-    const int fd;  // -1: nobody is there
-};
-
-// What a process holds, apart from what the power-on log has for a minute.
+// What a process holds, without the power-on log, which lasts for a minute.
 struct Holdings {
     size_t descriptors;
     size_t threads;
@@ -142,10 +118,11 @@ struct Holdings {
 
 class Phone : public test::Daemon {
   public:
-    Phone(Report& out, const std::string& name, const std::string& scenario)
-        : Daemon(name, scenario), report(out) {}
+    Phone(Report& out, const std::string& name, const std::string& scenario,
+          const Environment& environment)
+        : Daemon(name, scenario, environment), report(out) {}
 
-    // Waits until the daemon is up; false when it does not get there.
+    // Waits until the daemon is up. Returns false if it ends first, or takes longer than 60 s.
     bool CameUp() {
         const bool up = test::WaitUntil(
             [this] { return Ended() || Log().find("start all handler done") != std::string::npos; },
@@ -155,44 +132,43 @@ class Phone : public test::Daemon {
         return false;
     }
 
-    // A line for the phone's console and its answer, nothing when nobody answers.
+    // Returns the answer to a line for the phone's console, or "" if nobody answers.
     std::string Console(const std::string& line) {
-        const Client console("/data/modem/console.socket", ANDROID_SOCKET_NAMESPACE_FILESYSTEM);
-        std::string text;
-        char piece[4096];
-        ssize_t got = console.Send(line + "\n") ? 1 : 0;
-        while (got > 0 && ("\n" + text).find("\n= ") == std::string::npos) {
-            got = TEMP_FAILURE_RETRY(recv(console.fd, piece, sizeof(piece), 0));
-            if (got > 0) text.append(piece, static_cast<size_t>(got));
-        }
-        if (got < 0 && errno == EAGAIN)
+        const test::Client console("/data/modem/console.socket",
+                                   ANDROID_SOCKET_NAMESPACE_FILESYSTEM, kReplyPatience);
+        if (!console.Send(line + "\n")) return "";
+        std::string text, piece;
+        do {
+            piece = console.ReceiveSome(4096);
+            text += piece;
+        } while (!piece.empty() && piece != test::Client::kLate &&
+                 ("\n" + text).find("\n= ") == std::string::npos);
+        if (piece == test::Client::kLate) {
             report.Fault("the console hangs at " + line + "\n" + Stacks());
+        }
         if (text.starts_with(sim::kErrorMark))
             report.Fault("the phone refuses " + line + ": " + text);
         return text;
     }
-    // One value of the phone's state.
+    // Returns one value of the phone's state.
     std::string Get(const std::string& key) {
         const std::string text = Console("get " + key);
         return text.substr(0, text.find('\n'));
     }
 
-    // The reply to a request, which is a fault when it does not come; none when the connection
-    // ended.
-    std::optional<std::string> Ask(const std::string& request,
-                                   const Client& client = Client(protocol::kCommandSocket)) {
-        char reply[129] = "";
-        const ssize_t whole = sizeof(reply) - 1;
-        const ssize_t got = client.Send(request + '\0')
-                                ? TEMP_FAILURE_RETRY(recv(client.fd, reply, whole, MSG_WAITALL))
-                                : 0;
-        const bool hangs = got < 0 && errno == EAGAIN;
-        report.Note(request + ": " + (got == whole ? reply : "nothing"));
-        if (hangs || (got > 0 && got < whole)) {
-            report.Fault("no reply to " + request + "\n" + Stacks());
+    // Returns the reply to a request, or kClosed if there is no connection or it ended. No reply in
+    // time is a fault, and so is half a reply.
+    std::string Ask(const std::string& request, const test::Client& client) {
+        const std::string reply = client.Ask(request);
+        report.Note(request + ": " + reply);
+        if (reply.ends_with(test::Client::kLate) || reply.find('\0') != std::string::npos) {
+            report.Fault("no whole reply to " + request + ": " + reply + "\n" + Stacks());
         }
-        if (got != whole) return {};
         return reply;
+    }
+    std::string Ask(const std::string& request) {
+        return Ask(request, test::Client(protocol::kCommandSocket,
+                                         ANDROID_SOCKET_NAMESPACE_ABSTRACT, kReplyPatience));
     }
 
     Holdings Holds() const {
@@ -202,7 +178,7 @@ class Phone : public test::Daemon {
                 StatusValue(text, "VmHWM:")};
     }
 
-    // Where its threads wait, and the end of its log.
+    // Describes where the threads of the daemon wait, and shows the end of its log.
     std::string Stacks() const {
         const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
         std::string text;

@@ -1,20 +1,19 @@
-// Everything that may happen to a running daemon, at once, from threads of its own; a seed decides
-// what.
+// Makes everything that may happen to a running daemon happen at once, in threads of its own. A
+// seed decides what happens.
 #pragma once
 
 #include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <regex>
 #include <thread>
 #include <vector>
@@ -31,8 +30,8 @@ inline constexpr uint64_t kMuchBacklog = 16 << 20;
 
 inline const std::string kFiller = kTree + "/filler";
 
-// Lines, parted by ";", in which "#A-B" stands for a number from A to B, and "$A-B" for so many
-// random bytes in hexadecimal.
+// Lines, separated by ";". "#A-B" stands for a number from A to B, and "$A-B" for a number of
+// random bytes from A to B, in hexadecimal.
 inline constexpr std::string_view kPhoneLines =
     "rate 0;rate 0;rate 60M;rate 8M;rate 1M;log_mode 1;log_mode 1;log_mode 1;log_mode 1;"
     "log_mode #0-2;exception;watermark #1-2000000;limit 0;limit #1-99999;"
@@ -45,7 +44,7 @@ inline constexpr std::string_view kPhoneLines =
     "ipc any answer #0-9 1;ipc any no_length #1-9;uevent noise #0-2048 #0-1000;"
     "uevent add vqmi wwanD0MIPC0;uevent add vqmi wwanD0MDLog;uevent remove vqmi wwanD0MDLogs;"
     "uevent remove tty wwanD0MDLog;md_state #0-6";
-// Records are copied out of the payloads of 1, 3, 6 and 9: a modem never sends short ones.
+// The daemon copies records out of the payloads of 1, 3, 6 and 9. A modem never sends shorter ones.
 inline constexpr std::string_view kNotifications =
     "notify #0-12;notify #0-12;notify #10-2147483647 null;notify #10-2147483647 $300-300;"
     "notify 1 $220-600;notify 3 $220-600;notify 6 $220-600;notify 9 $220-600;"
@@ -79,7 +78,7 @@ inline std::string Filled(Dice& dice, std::string text) {
     return text;
 }
 
-// One of the lines that ";" parts, filled.
+// Returns one of the lines, with numbers and bytes filled in.
 inline std::string Drawn(Dice& dice, std::string_view lines) {
     const auto marks = std::count(lines.begin(), lines.end(), ';');
     for (auto skip = dice.Below(1 + static_cast<uint64_t>(marks)); skip > 0; --skip) {
@@ -88,8 +87,8 @@ inline std::string Drawn(Dice& dice, std::string_view lines) {
     return Filled(dice, std::string(lines.substr(0, lines.find(';'))));
 }
 
-// Summed up in the report when a subscriber hears of it.
-inline constexpr const char* kRemovalsTold = "removals of the log device that were told";
+// Counted when a subscriber gets the notification.
+inline constexpr const char* kRemovalsTold = "removals of the log device that a subscriber got";
 
 class Trouble {
   public:
@@ -110,11 +109,11 @@ class Trouble {
     Trouble(const Trouble&) = delete;
     Trouble& operator=(const Trouble&) = delete;
 
-    // From now on connections may end and the phone may be gone.
+    // From now on the daemon may close connections, and the phone may be gone.
     void ExpectTheEnd() { ending = true; }
 
   private:
-    // Never so fast that much waits to be looked at.
+    // Slows the stream down while much of it waits for verification.
     void SteerThePhone(Dice dice) {
         bool slow = false;
         bool connected = false;
@@ -127,7 +126,7 @@ class Trouble {
             } else if (slow && line.starts_with("rate")) {
                 continue;
             } else if (dice.OneIn(30)) {
-                // Some of them keep the daemon for seconds.
+                // Some of them keep the daemon busy for seconds.
                 if (phone.Get("notifications_waiting") != "0") continue;
                 line = Drawn(dice, kNotifications);
             } else if (dice.OneIn(connected ? 5 : 40)) {
@@ -164,15 +163,19 @@ class Trouble {
     }
 
     void SendRequests(Dice dice) {
-        std::unique_ptr<Client> client;
+        std::optional<test::Client> client;
         for (; !stopping; Pause(dice, 120)) {
-            if (!client) client = std::make_unique<Client>(protocol::kCommandSocket);
+            if (!client) {
+                client.emplace(protocol::kCommandSocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                               kReplyPatience);
+            }
             const std::string request = Drawn(dice, kRequests);
             if (dice.OneIn(12)) {
                 std::string bytes(1 + dice.Below(400), '\0');
                 for (char& byte : bytes) byte = static_cast<char>(dice.Below(256));
                 if (dice.OneIn(2)) bytes.insert(0, request);
-                // Neither an exit, nor a folder whose name breaks the lines of the log.
+                // Excludes an exit, and a folder whose name contains a line break: the account
+                // reads the log by lines.
                 for (const char* word : {"transfer_type", "log_folder"}) {
                     if (bytes.starts_with(word)) bytes[0] = '#';
                 }
@@ -183,12 +186,15 @@ class Trouble {
                 continue;
             }
             report.Note("ask " + request);
-            const auto text = phone.Ask(request, *client);
-            const bool ok = text && (*text == "ok" || text->starts_with("ok,"));
+            const std::string text = phone.Ask(request, *client);
+            const bool ok = text == "ok" || text.starts_with("ok,");
+            const bool closed = text == test::Client::kClosed;
             report.Add(ok ? "requests answered ok" : "requests not answered ok");
-            if (!text && !ending) report.Fault("let go without a reply to " + request);
-            if (text && !ok && *text != "error") report.Fault("reply to " + request + ": " + *text);
-            if (!text || dice.OneIn(10)) client.reset();
+            if (closed && !ending) report.Fault("closed without a reply to " + request);
+            if (!closed && !ok && text != "error") {
+                report.Fault("reply to " + request + ": " + text);
+            }
+            if (closed || dice.OneIn(10)) client.reset();
             if (ending) return;
         }
     }
@@ -198,13 +204,13 @@ class Trouble {
         for (; !stopping && !ending; Pause(dice, 1500)) {
             fs::create_directories(folder);
             const auto reply = phone.Ask(Filled(dice, "copy_log_file " + folder + " #1-12 #0-1"));
-            if (reply && reply->starts_with("ok,")) {
+            if (reply.starts_with("ok,")) {
                 report.Add("copies");
-                // Each file alone: where a client deleted one before, a hole is in order.
+                // Each file alone: ClearLogs may have deleted files between them.
                 const std::string check = "find " + folder +
                                           " -name '*.muxz*' -print0 | xargs -0 -r -n 1 " +
                                           MUXZ_PROGRAM " verify >/data/verify 2>&1";
-                // All may have been deleted that there was to copy.
+                // ClearLogs may have deleted all files.
                 std::error_code gone;
                 const bool empty =
                     test::TreeSize(folder) == fs::file_size(folder + "/copied_folder_list", gone);
@@ -218,29 +224,27 @@ class Trouble {
     }
 
     void Subscribe(Dice dice) {
-        const Client deaf(protocol::kNotifySocket);
-        const Client listener(protocol::kNotifySocket);
-        const timeval patience = {0, 100'000};
-        setsockopt(listener.fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-        std::vector<std::unique_ptr<Client>> others;
+        const test::Subscriber deaf;
+        const test::Client listener(protocol::kNotifySocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                                    milliseconds(100));
+        std::vector<std::unique_ptr<test::Subscriber>> others;
         std::string heard;
         while (!stopping) {
-            char piece[256];
-            const ssize_t got = recv(listener.fd, piece, sizeof(piece), 0);
-            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-                if (!ending) report.Fault("a subscriber was let go");
+            const std::string piece = listener.ReceiveSome(256);
+            if (piece.empty()) {
+                if (!ending) report.Fault("the daemon closed a subscriber's connection");
                 return;
             }
-            if (got > 0) heard.append(piece, static_cast<size_t>(got));
+            if (piece != test::Client::kLate) heard += piece;
             for (size_t end; (end = heard.find('\0')) != std::string::npos;
                  heard.erase(0, end + 1)) {
                 const std::string text = heard.substr(0, end);
                 report.Add(text == protocol::kReboot ? kRemovalsTold
-                                                     : "times a subscriber was told");
-                if (!text.starts_with("cb_")) report.Fault("a subscriber is told: " + text);
+                                                     : "notifications that a subscriber got");
+                if (!text.starts_with("cb_")) report.Fault("a subscriber got: " + text);
             }
             if (dice.OneIn(4) && others.size() < 6) {
-                others.push_back(std::make_unique<Client>(protocol::kNotifySocket));
+                others.push_back(std::make_unique<test::Subscriber>());
                 report.Add("subscribers");
             } else if (dice.OneIn(4) && !others.empty()) {
                 others.erase(others.begin() + static_cast<ptrdiff_t>(dice.Below(others.size())));
@@ -253,12 +257,12 @@ class Trouble {
         for (; !stopping; Pause(dice, 1500)) {
             const bool whole = dice.OneIn(2);
             std::error_code gone;
-            for (fs::recursive_directory_iterator entry(kTree + "/logs", gone), end;
-                 !gone && entry != end; entry.increment(gone)) {
+            for (fs::recursive_directory_iterator entry(kLogs, gone), end; !gone && entry != end;
+                 entry.increment(gone)) {
                 const std::string folder = entry->path().filename();
                 const auto name = quarn::log_names::ParseFolder(folder);
-                // Neither one of a process before, nor one of this second, whose name the capture
-                // that goes on would have.
+                // Leaves the folders of earlier processes alone, and a folder of this second: the
+                // next capture would get the same name.
                 if (!name || !quarn::log_names::IsUnfinished(folder) || name->time < started ||
                     name->time >= TimeText(time(nullptr) - 1)) {
                     continue;

@@ -1,9 +1,14 @@
-// Loaded into the daemon's process: notes what a power cut would have left of what is below the
-// daemon's folder.
+// Preloaded into the daemon. Records what a power cut would leave of the files below the daemon's
+// folder.
 //
-// SYNC_NOTES=FILE is for the notes, one line each: kind, steady clock in ns, inode, length. "w":
-// the file had this length after a write. "s": of the file, so much is on the disk. "e": a name of
-// this inode is. SYNC_DELAY_MS is how long each sync of a file takes.
+// Environment:
+//   SYNC_NOTES     the file for the notes
+//   SYNC_DELAY_MS  how long each sync of a file takes
+//
+// A note is one line: kind, steady clock in ns, inode, length. The kinds:
+//   w  the file had this length after a write
+//   s  this length of the file is on the disk
+//   e  a name of this inode is on the disk
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -21,7 +26,7 @@ namespace {
 
 const std::string kFolder = "/data/vendor/radio/quarn";
 
-// What stands behind the function of that name here.
+// The function that the one of this name here hides.
 #define REAL(call) reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
 std::string PathOf(int fd) {
@@ -33,7 +38,7 @@ std::string PathOf(int fd) {
 bool IsBelow(const std::string& path) { return path.starts_with(kFolder); }
 
 std::mutex notes_mutex;
-std::map<ino_t, off_t> written;  // lengths, by whole writes only
+std::map<ino_t, off_t> written;  // lengths after the last write
 
 std::string Line(char kind, ino_t inode, off_t length) {
     timespec now;
@@ -69,7 +74,7 @@ std::string Entries(const std::string& folder, bool all_below) {
     return lines;
 }
 
-// What holds at the start of a sync is on the disk at its end, and not before.
+// What was written before a sync starts is on the disk when the sync ends, and not earlier.
 int Sync(int (*real)(int), int fd, bool everything) {
     if (!IsBelow(PathOf(fd))) return real(fd);
     struct stat status;

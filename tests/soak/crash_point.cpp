@@ -1,6 +1,6 @@
-// Loaded into the daemon's process: ends it, as kill -9 would, at the N-th call that changes what
-// is below the daemon's folder, or below CRASH_FOLDER. CRASH_POINT=N says which; an odd N ends it
-// before the call, an even one behind it, and a long write is cut at a page in any case.
+// Preloaded into the daemon. Kills it with SIGKILL at the N-th call that changes something below
+// the daemon's folder, or below CRASH_FOLDER. CRASH_POINT is N. An odd N kills it before the call,
+// an even N after it. If the call is a long write, only the first half of its pages is written.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>
@@ -21,7 +21,7 @@ constexpr size_t kPage = 4096;
 
 std::atomic<int> calls{0};
 
-// What stands behind the function of that name here.
+// The function that the one of this name here hides.
 #define REAL(call) reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
 void Die() { kill(getpid(), SIGKILL); }
@@ -31,7 +31,7 @@ int Wanted() {
     return text != nullptr ? atoi(text) : 0;
 }
 
-// Whether this call is the one.
+// Returns true if this call is the N-th one.
 bool IsPoint(const char* path) {
     static const char* const wanted = getenv("CRASH_FOLDER");
     const char* const folder = wanted != nullptr ? wanted : "/data/vendor/radio/quarn";
