@@ -38,9 +38,10 @@ std::string ReadPort(size_t len) {
 std::string Send(std::string_view lines) {
     const test::Client console((kFolder + "/" + sim::kConsoleSocketName).c_str(),
                                ANDROID_SOCKET_NAMESPACE_FILESYSTEM);
-    // In two pieces, so that a line may come in parts.
+    // In two pieces, so that a line may come in parts. The phone hangs up in the middle of a line
+    // that is too long, so sending may fail; what counts is the reply.
     const size_t half = lines.size() / 2;
-    EXPECT_TRUE(console.Send(lines.substr(0, half)) && console.Send(lines.substr(half)));
+    if (console.Send(lines.substr(0, half))) console.Send(lines.substr(half));
     console.EndSending();
     return console.Receive(1 << 20);
 }
