@@ -181,6 +181,13 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
     EXPECT_EQ(g_file_io.get_file_size(), 50);
     EXPECT_EQ(g_quarn.flush_interval, 0u);  // sent to the streaming modem
     EXPECT_EQ(modem.settings().log_mode, 2);
+    // Only a modem that streams is told the interval. Any mode but 0 counts as logging.
+    const size_t before = modem.ipc_requests().size();
+    EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_STOP, nullptr), 0);
+    ASSERT_EQ(Load("log_mode 2\n"), 0);
+    EXPECT_EQ(modem.ipc_requests().size(), before + 1);
+    EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_START, nullptr), 1);  // is in that state
+    EXPECT_EQ(log.Count("Fail to set log level..."), 0u);
 
     // Bytes behind the first 1023 are ignored.
     const std::string filler = "x " + std::string(1023 - 1 - 3 - 11, 'x') + "\n";
@@ -264,6 +271,9 @@ TEST_F(Config, SavedLines) {
         log.Clear();
         EXPECT_EQ(quarn_command_saveConfig(c.key, c.value.c_str(), c.displaced), 0);
         EXPECT_EQ(test::ReadFile(kPath), c.after);
+        if (c.before.empty()) {
+            EXPECT_EQ(fs::status(kPath).permissions(), fs::perms{0774});
+        }
         EXPECT_EQ(log.Has(ANDROID_LOG_WARN, "saveConfig: open file: " + kPath + " failed, ..."),
                   c.before.empty());
     }
@@ -304,6 +314,7 @@ TEST_F(Config, ValuesThatAreNotSaved) {
         {"log_filter", " /data/f", "begins with a blank"},
         {"log_filter", "/data/" + std::string(503, 'f'), "makes the file too long"},
         {"file_size", "5" + std::string(32, ' '), "is too long"},
+        {"file_size", "5" + std::string(31, ' '), ""},
         {"file_size", " +5MB", ""},
         {"log_mode", "", ""},
         {"flush_interval", "", "is not a plain number"},

@@ -108,6 +108,7 @@ TEST_F(Control, AnswersEveryRow) {
         {"file_size 10MB", "ok", "file_size 10MB\n"},
         {"file_size 4096", "error", "file_size 10MB\n"},
         {"file_size", "ok,10"},
+        {"file_size ", "error"},  // an empty argument is no query
         {"recycle_size 4194303", "ok", "recycle_size 4194303\n"},
         {"recycle_size 4194304", "error"},
         {"recycle_ee", "ok,1"},
@@ -138,6 +139,7 @@ TEST_F(Control, AnswersEveryRow) {
                         "user build"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "command_handler: already in transfer_type=1"));
     EXPECT_EQ(log.Count("command_handler: Save configuration failed\n"), 1u);
+    EXPECT_EQ(log.Count("Flush log buffers done"), 1u);  // a refused request flushes nothing
 
     g_file_io.io_open();
     EXPECT_EQ(client.Ask("flush_ring_buf"), "ok");
@@ -239,6 +241,12 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     ASSERT_TRUE(client.Send("\0"s));
     EXPECT_EQ(client.Reply(), "ok,1");
     EXPECT_EQ(client.Ask("file_size"), "ok,7");  // no reply too many stands before it
+    // A client that leaves may end its request so.
+    {
+        const Client hasty;
+        ASSERT_TRUE(hasty.Send("file_size 9"));
+    }
+    EXPECT_TRUE(test::WaitUntil([] { return g_file_io.get_file_size() == 9; }));
 }
 
 // --- clients ---
@@ -374,6 +382,7 @@ TEST_F(Control, TellsEverySubscriber) {
         EXPECT_EQ(quarn_notifyLogModeUpdate(2), 0);
     }
     EXPECT_EQ(subscribers[9]->Receive(14), "cb_log_mode,2\0"s);
+    EXPECT_EQ(quarn_notifyLogModeUpdate(1), 0);
     EXPECT_EQ(log.Count("quarn_stateNotify: Fail to send data to fd=..."), 1u);
     {
         const test::FailCalls broken({test::Call::kSelect, EBADF});

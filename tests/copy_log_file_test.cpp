@@ -103,6 +103,7 @@ TEST_F(CopyLogFile, FindsFoldersUnderTheNamesTheyBearNow) {
     EXPECT_EQ(ReadFile(newest + "0_2024_0101_000000.muxz"), std::string(1000, 'a'));
     EXPECT_EQ(ReadFile(newest + "1_2024_0101_000000.muxz.tmp"), std::string(1000, 'b'));
     EXPECT_EQ(ReadFile(kTarget + "/power_on_log.muxz"), "power on");
+    EXPECT_EQ(log.Count("file_io: lock the change of folder name"), 6u);  // once for each record
 
     // The list takes the records, and a second run appends one more.
     std::string list = "List from oldest to newest\n";
@@ -168,6 +169,7 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     // Neither does a link make the daemon write where the client could not.
     fs::create_symlink("/data/copy", "/data/link");
     EXPECT_EQ(CopyFile("/data/source", "/data/link", copied), 0);
+    EXPECT_EQ(CopyFile("/data/link", "/data/copy", copied), 0);  // nor read
     EXPECT_EQ(CopyFile("/data", "/data/copy", copied), 1);
     EXPECT_EQ(copied, -1);
     EXPECT_EQ(ReadFile("/data/copy"), "");

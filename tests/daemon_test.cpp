@@ -1,10 +1,12 @@
 // The daemon's own process on the simulated phone: start-up, orderly end, restart. quarn_soak kills
 // it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "client.h"
@@ -88,6 +90,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
              "Power-on Log: init successfully",
              "Custom header: initialize successfully",
              "reader_handler: start success",
+             "tool_handler: not support when io is file",
              "event_detect_handle: start success",
              "md_time_sync_handle: start success",
              "mipcInit: mipc init success",
@@ -100,6 +103,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
              "quarn.is_close is set",
              "md_time_sync_handle: stop success",
              "event_detect_handle: stop success",
+             "tool_handler: not support when io is file",
              "quarn_stateNotify: join",
              "ctrlConn_listen_thread: join",
              "reader_handler: stop success",
@@ -159,8 +163,65 @@ TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
         EXPECT_EQ(daemon.Wait(), 0);
         const std::string captured = test::DecodeTree(kLogs);
         EXPECT_GT(captured.size(), 1'000'000u);
-        EXPECT_TRUE(test::ReadFile("/data/tap").starts_with(captured));
+        const std::string tap = test::ReadFile("/data/tap");
+        EXPECT_TRUE(tap.starts_with(captured));
+        // The log accounts for every byte of it.
+        size_t dropped = 0;
+        const std::string log = daemon.Log();
+        for (size_t at = 0; (at = log.find(": drop ", at)) != std::string::npos;) {
+            dropped += std::stoull(log.substr(at += 7));
+        }
+        EXPECT_EQ(captured.size() + dropped, tap.size());
     }
+}
+
+// A program that the daemon may start gets none of its files and sockets. The threads bear names.
+// A client that hangs up before its reply costs the others nothing.
+TEST(Daemon, KeepsItsDescriptorsAndOutlivesItsClients) {
+    struct Process : Daemon {
+        using Daemon::Daemon;
+        std::string folder() const { return "/proc/" + std::to_string(pid) + "/"; }
+    };
+    test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nlog_mode 1\n");
+    Process daemon("process", "source generated 3\nrate 8M\n");
+    ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 1'000'000; }));
+    const test::Subscriber subscriber;
+    ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
+    test::Client client;
+    ASSERT_TRUE(daemon.WaitFor("ctrl_connect: accept fd="));
+    // What this process was started with, the daemon has too.
+    const auto target = [](const std::string& fd) {
+        std::error_code gone;
+        return fs::read_symlink(fd, gone).string() + "\n";
+    };
+    std::string given = daemon.log_path + "\n";  // the simulated phone's own
+    for (const std::string& fd : test::List("/proc/self/fd"))
+        given += target("/proc/self/fd/" + fd);
+    std::string inherited, files;
+    for (const std::string& fd : test::List(daemon.folder() + "fd")) {
+        const std::string file = target(daemon.folder() + "fd/" + fd);
+        const std::string info = test::ReadFile(daemon.folder() + "fdinfo/" + fd);
+        const size_t flags = info.find("flags:");
+        if (flags == std::string::npos || given.find(file) != std::string::npos) continue;
+        files += file;
+        if ((std::stoul(info.substr(flags + 6), nullptr, 8) & O_CLOEXEC) == 0) inherited += file;
+    }
+    EXPECT_EQ(inherited, "");
+    EXPECT_NE(files.find("power_on_log.muxz"), std::string::npos) << files;
+    EXPECT_NE(files.find("[timerfd]"), std::string::npos) << files;
+    std::string threads = "\n";
+    for (const std::string& id : test::List(daemon.folder() + "task")) {
+        threads += test::ReadFile(daemon.folder() + "task/" + id + "/comm");
+    }
+    for (const char* name : {"quarn_reader", "quarn_writer", "quarn_ctrl", "quarn_state",
+                             "quarn_uevent", "quarn_event", "quarn_md_time", "quarn_sync"}) {
+        EXPECT_NE(threads.find("\n" + std::string(name) + "\n"), std::string::npos) << threads;
+    }
+
+    EXPECT_TRUE(client.Send(std::string("flush_log_buffer\0", 17)));
+    client.Close();
+    EXPECT_TRUE(daemon.WaitFor("command_handler: send cmd ack=ok fail, rc=-1, errno=Broken pipe"));
+    EXPECT_EQ(test::Quarnctl("log_mode 0"), "ok\n");
 }
 
 TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
@@ -217,6 +278,9 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
         // To its end: the daemon hangs up before it restarts.
         EXPECT_EQ(subscriber.Receive(64), std::string("cb_reboot\0", 10));
         EXPECT_EQ(daemon.Wait(), kRestartAsked);
+        // Nobody can subscribe between the message and the restart.
+        EXPECT_LT(daemon.Log().find("quarn_stateNotify: join"),
+                  daemon.Log().find("quarn_stateNotify: Data fully sent"));
     }
     const std::string stream = test::ReadFile("/data/stream");
     const std::string before = test::DecodeTree(kLogs);

@@ -172,6 +172,7 @@ TEST_F(EventDetect, OneRestartAnswersABurstOfRemovalsAndAStopWaitsForIt) {
         if (stops_meanwhile) {
             EXPECT_TRUE(log.WaitFor("event_process: wait quarn_event_process_thread joinable"));
         }
+        EXPECT_EQ(RestartProperty(), "0");  // init kills the daemon soon after it is set
         busy.unlock();
         stopping.join();
         EXPECT_EQ(log.Count(kRestart), 1u);

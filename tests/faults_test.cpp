@@ -214,6 +214,7 @@ TEST_F(RoadLoss, TheChannelRefusesWhileAFaultLasts) {
         {
             const FailCalls fault(row);
             EXPECT_EQ(write(), -1) << row.error;
+            EXPECT_TRUE(row.call != Call::kOpen || fault.failed() == 3) << fault.failed();
         }
         EXPECT_EQ(write(), 0) << row.error;
         EXPECT_EQ(g_file_io.io_close(), 0);

@@ -297,6 +297,9 @@ TEST_F(FileIo, TheDestructorFlushesAndMarksTheExceptionFolder) {
     io.reset();
     EXPECT_TRUE(OnlyFolder().ends_with("t_EE"));
     EXPECT_EQ(test::DecodeTree(kLogs), "last words");
+    EXPECT_TRUE(test::DecodeFile(OnlyFolder() + "/" + List(OnlyFolder()).at(0)).stray_byte);
+    // While a copy reads the folder it keeps its name.
+    EXPECT_EQ(log.Count("file_io: lock the change of folder name"), 1u);
 }
 
 TEST_F(FileIo, AVanishedTreeIsMadeAgain) {

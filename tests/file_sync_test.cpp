@@ -59,11 +59,13 @@ TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
     const auto synced = [&](int times) {
         return test::WaitUntil([&] { return syncs.failed() == times; }, seconds(10));
     };
+    const FailCalls signal({.call = Call::kSync, .error = EINTR, .where = ".muxz", .count = 1});
     Store("1");
     clock.Shift(CLOCK_MONOTONIC, seconds(3));
     Store("2");  // does not postpone the sync
     clock.Shift(CLOCK_MONOTONIC, seconds(2));
-    EXPECT_TRUE(synced(1));
+    EXPECT_TRUE(synced(1));  // also after a signal
+    EXPECT_EQ(signal.failed(), 1);
 
     // A write that takes longer than that.
     fault =
@@ -84,6 +86,20 @@ TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
     EXPECT_TRUE(synced(3));
     // The three failures of a file give one message.
     EXPECT_EQ(log.Count("file_sync: sync log_file=..."), 1u);
+}
+
+// Without these a power cut would take the name of what was synced.
+TEST_F(FileSync, TheFoldersOfACaptureAreSyncedWithItsFile) {
+    const FailCalls syncs({.call = Call::kSync, .error = EIO, .where = "/radio/quarn"});
+    const auto synced = [&](int times) {
+        clock.Shift(CLOCK_MONOTONIC, seconds(5));
+        return test::WaitUntil([&] { return syncs.failed() >= times; });
+    };
+    Store("1");
+    EXPECT_TRUE(synced(4)) << syncs.failed();  // file, capture, log folder, base folder
+    io->set_file_suffix("_EE");
+    io->rename_folder_ee();
+    EXPECT_TRUE(synced(6)) << syncs.failed();  // the capture under its new name, the log folder
 }
 
 // The channel goes on writing files, the sync thread holds at most two descriptors, and the end of

@@ -124,11 +124,15 @@ TEST(SocketIo, ConnectsAndDisconnects) {
     test::LogCapture log;
     SocketChannel channel;
     const sockaddr_in address = channel.Listen();
-    std::thread waiter([&] { channel.wait_connect(); });
+    std::thread waiter([&] {
+        const FailCalls gone({Call::kAccept, EAGAIN, "", 1});  // the host left before
+        channel.wait_connect();
+    });
     const int host = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_EQ(connect(host, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     waiter.join();
     ASSERT_TRUE(channel.is_connected());
+    EXPECT_EQ(log.Count("socket_io: wait socket connect socket fail"), 0u);
     const std::string fd = std::to_string(channel.fd);
     EXPECT_EQ(fcntl(channel.fd, F_GETFD), FD_CLOEXEC);
     EXPECT_TRUE(
@@ -151,25 +155,29 @@ TEST(SocketIo, ConnectsAndDisconnects) {
 // Each wait lasts for one poll of the socket, so the waits run side by side.
 TEST(SocketIo, GivesUpWaiting) {
     test::LogCapture log;
-    SocketChannel not_open, stopped, closed_later;
+    SocketChannel not_open, stopped, closed_later, bad;
+    bad.server_socket = 1 << 20;  // no descriptor
     not_open.wait_connect();
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "socket_io: server_socket is not open"));
     stopped.Listen();
     closed_later.Listen();
     std::atomic<int> ended{0};
+    const auto begin = steady_clock::now();
     std::vector<std::thread> waiters;
-    for (SocketChannel* channel : {&stopped, &closed_later}) {
+    for (SocketChannel* channel : {&stopped, &closed_later, &bad}) {
         waiters.emplace_back([channel, &ended] {
             channel->wait_connect();
             ++ended;
         });
     }
-    std::this_thread::sleep_for(milliseconds(20));  // until the waits have begun
+    EXPECT_TRUE(log.WaitFor("socket_io: server_socket=1048576 select failed, ...", 3));
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(2000));  // it does not spin
+    bad.is_closed = true;
     closed_later.is_closed = true;
     // A stop has no effect before the wait has begun.
     EXPECT_TRUE(test::WaitUntil([&] {
         stopped.stop_wait_connect();
-        return ended == 2;
+        return ended == 3;
     }));
     for (std::thread& waiter : waiters) waiter.join();
     EXPECT_FALSE(stopped.is_connected());

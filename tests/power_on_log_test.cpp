@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <mutex>
@@ -24,6 +25,7 @@
 #include "platform/mcl.h"
 #include "shifted_clock.h"
 #include "support.h"
+#include "syscall_faults.h"
 #include "thread_limit.h"
 
 namespace fs = std::filesystem;
@@ -105,6 +107,12 @@ TEST_F(PowerOn, HoldsTheHeadOfTheStreamAndEndsWithTheMinute) {
     clock.Shift(CLOCK_MONOTONIC, 30s);
     ASSERT_TRUE(log.WaitFor("Power-on Log: thread PowerOnEventDetectThreadEntry terminate"));
     EXPECT_EQ(modem.settings().log_level, 4);
+    std::string order;
+    for (const auto& [priority, text] : log.messages()) {
+        if (text == "Log Filter Manager: set log_level=4 successfully") order += "level ";
+        if (text == "writer_handler: handle exec_id=18") order += "flush ";
+    }
+    EXPECT_EQ(order, "level flush ");
     // The flush at the end belongs to the minute.
     EXPECT_TRUE(DecodeFile(kPowerOnLogPath).bytes == first);
     EXPECT_FALSE(DecodeFile(kPowerOnLogPath).stray_byte);
@@ -149,9 +157,25 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
         PowerOnLogInit();
         PowerOnLogStart(0);
         EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
+        // Nothing would end the minute later.
+        EXPECT_EQ(log.Count("Log Filter Manager: logging state changes to 0x0"), 1u);
         PowerOnLogStop();
     }
     PowerOnLogInit();
+    g_quarn.transfer_type = SAVE_MODE_SOCKET;
+    PowerOnLogStart(0);
+    EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
+                        "PowerOnLogStart: Error starting power-on log: transfer type 2 should be "
+                        "storage"));
+    g_quarn.transfer_type = SAVE_MODE_STORAGE;
+    {
+        const size_t descriptors = test::List("/proc/self/fd").size();
+        const test::FailCalls full({test::Call::kWrite, ENOSPC, kPowerOnLogPath});
+        PowerOnLogStart(0);
+        EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "PowerOnLogStart: Error writing log file ..."));
+        EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
+        fs::remove(kPowerOnLogPath);
+    }
     test::WriteFile(std::string(kPowerOnLogPath) + "/in the way", "x");
     PowerOnLogStart(0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, std::string("PowerOnLogStart: Error opening log file ") +

@@ -170,6 +170,7 @@ TEST_F(Reader, FullRingStallsWithoutReading) {
     const std::string bytes = test::StreamBytes(2 * kChunk);
     test::Feed(bytes);
     stalled.start();
+    ASSERT_TRUE(test::WaitUntil([&] { return small.notification_count() == 1; }));
     // One chunk fits. One byte of the ring always stays free, so there is too little space for a
     // second.
     ASSERT_TRUE(test::WaitUntil([&] { return g_quarn.stall_count >= 3; }));
@@ -179,6 +180,16 @@ TEST_F(Reader, FullRingStallsWithoutReading) {
     small.notify();
     ASSERT_TRUE(test::WaitUntil([&] { return small.get_buf_write_idx() == 0; }));
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(small.get_buf_ptr()), kSmallRing), bytes);
+    const uint64_t notified = small.notification_count();
+    stalled.stop();
+    EXPECT_GT(small.notification_count(), notified);  // so that a stall does not delay the stop
+
+    QUARN_RING exact(kSmallRing);
+    exact.set_buf_write_idx(kSmallRing - 1 - kChunk);  // room for just one chunk
+    QUARN_READER_HANDLE filling(&exact);
+    test::Feed(test::StreamBytes(kChunk));
+    filling.start();
+    EXPECT_TRUE(test::WaitUntil([&] { return exact.current_size() == kSmallRing - 1; }));
 }
 
 // --- the handle ---

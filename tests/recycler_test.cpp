@@ -10,6 +10,7 @@
 #include "storage/folder_history.h"
 #include "storage/log_file_recycler.h"
 #include "support.h"
+#include "syscall_faults.h"
 
 namespace fs = std::filesystem;
 using quarn::zorvex::LogFileRecycler;
@@ -128,6 +129,8 @@ const RecyclerCase kCases[] = {
      0, "<C>t: 0"},
     {"but only trimmed when they must stay", "<A>_EE: 0=4 1=4 2=4; <B>t_EE: 0=4 1=4", "<A> <B>", 5,
      4, false, -1, "<A>_EE: 2; <B>t_EE: 1"},
+    {"trimming leaves the folder", "<A>_EE: 0=8; <B>t: 0=4", "<A> <B>", 5, 4, true, 0,
+     "<A>_EE:; <B>t: 0"},
     {"the current exception keeps its newest file", "<A>_EE: 0=4; <B>t_EE: 0=4 1=4", "<A> <B>", 1,
      0, true, -1, "<B>t_EE: 1"},
     {"an own log folder goes with its last capture", "run/<A>: 0=4; on/<B>: 0=4; on/<C>t: 0=4",
@@ -255,6 +258,11 @@ TEST_F(Recycler, ReportsWhatItDoesNotKnowAndLeavesIt) {
         ANDROID_LOG_WARN,
         "TraverseAndBuildFolderList: Unexpected file in log folder " + kLogs + "/notes.txt"));
     config.recycle_size = 4;
+    {
+        // What cannot be deleted still counts.
+        const test::FailCalls busy({test::Call::kRemoveFile, EACCES, "QRXMDLog_"});
+        EXPECT_EQ(Recycle(), -1);
+    }
     EXPECT_EQ(Recycle(), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "BuildLogFileList: Unexpected entry in log folder ..."));
     // The other entries in the folder prevent its removal.

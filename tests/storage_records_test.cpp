@@ -41,6 +41,7 @@ std::string CustomBlock() {
 
 TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
     EXPECT_TRUE(GetLatestHistoryRecord(20).empty());
+    umask(077);
     EXPECT_EQ(UpdateFolderHistory("/logs/QRXMDLog_1_x"), 0);
     EXPECT_EQ(test::ReadFile(kHistory), Lines(1, 1));
     struct stat status;
@@ -61,6 +62,11 @@ TEST_F(StorageRecords, TheHistoryIsMadeReadAndCut) {
     const auto records = GetLatestHistoryRecord(3);
     ASSERT_EQ(records.size(), 3u);
     EXPECT_EQ(records.front(), "/logs/QRXMDLog_5000_x");
+
+    // Records may be as long as a path.
+    const std::string path(4095, 'x');
+    test::WriteFile(kHistory, path + "\n" + path + "\n" + path + "\n");
+    EXPECT_EQ(GetLatestHistoryRecord(2), std::deque<std::string>({path, path}));
 
     // Of a very large file, only the end is read.
     fs::resize_file(kHistory, uintmax_t{1} << 40);

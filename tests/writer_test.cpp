@@ -49,6 +49,7 @@ struct Channel : Base {
 
 struct UsbChannel : Channel<QUARN_USB_IO> {
     using QUARN_USB_IO::is_paused;
+    using QUARN_USB_IO::write_count;
 };
 struct SocketChannel : Channel<QUARN_SOCKET_IO> {
     using QUARN_SOCKET_IO::server_socket;
@@ -114,9 +115,15 @@ TEST_F(Writer, DrainsWhateverTheChannelTakes) {
         const std::string bytes = test::StreamBytes(row.held);
         Put(ring, bytes);
         g_quarn.write_bytes = 0;
+        const auto begin = std::chrono::steady_clock::now();
         writer.start();
         EXPECT_TRUE(WaitForEmpty(ring));
+        // The reader may wait for the room. The first notification is that of the bytes.
+        EXPECT_TRUE(test::WaitUntil([&] { return ring.notification_count() >= 2; }));
         writer.stop();
+        if (row.name == std::string("failed")) {
+            EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(400));
+        }
         EXPECT_EQ(channel.lengths, row.lengths);
         EXPECT_EQ(channel.bytes, bytes);
         EXPECT_EQ(g_quarn.write_bytes, bytes.size());
@@ -200,7 +207,7 @@ TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
     QUARN_RING full(1024);
     Put(full, "x");
     QUARN_RING empty(1024);
-    UsbChannel idle_usb;
+    UsbChannel idle_usb, busy_usb;
     SocketChannel no_host;
     const struct {
         const char* name;
@@ -208,14 +215,17 @@ TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
         QUARN_IO& channel;
         milliseconds least;
     } rows[] = {
+        {"somebody drains", full, g_file_io, milliseconds(3500)},
+        {"USB takes bytes", full, busy_usb, milliseconds(3500)},
         {"nothing held", empty, g_file_io, milliseconds(1500)},
         {"USB, nothing taken", full, idle_usb, milliseconds(1500)},
         {"no host", full, no_host, milliseconds(1500)},
-        {"somebody drains", full, g_file_io, milliseconds(3500)},
     };
     std::atomic<int> long_waits{0};
     std::vector<std::thread> waits;
     for (const auto& row : rows) {
+        // The long waits come first: another one that lasted as long would end behind them.
+        if (waits.size() == 2) std::this_thread::sleep_for(milliseconds(500));
         waits.emplace_back([&row, &long_waits] {
             TestWriter writer(&row.ring, &row.channel);
             const auto begun = Clock::now();
@@ -229,6 +239,10 @@ TEST_F(Writer, WaitsForTheRingAsLongAsSomebodyMightDrainIt) {
                 EXPECT_EQ(long_waits, 0) << row.name;
             }
         });
+    }
+    while (long_waits < 2) {
+        ++busy_usb.write_count;
+        std::this_thread::sleep_for(milliseconds(1));
     }
     for (std::thread& wait : waits) wait.join();
 }
@@ -299,7 +313,10 @@ TEST_F(Writer, NobodyStartsItInTheMiddleOfASwitch) {
     });
     Put(ring, "x");
     QUARN_SAVE_MODE mode = SAVE_MODE_EXIT;
+    const auto begin = std::chrono::steady_clock::now();
     writer.exec(EXEC_SET_SAVE_MODE, &mode);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin,
+              milliseconds(1900));  // 200 of them for a last drain
     starting.join();
     EXPECT_TRUE(started);
     writer.stop();
@@ -368,6 +385,15 @@ TEST_F(Writer, SteersTheStorageChannel) {
         EXPECT_EQ(folders().size(), id == EXEC_MD_LOG_STOP ? before : before + 1);
     }
 
+    // An exception is never without a capture. A new start ends the mark of the files.
+    exec(EXEC_MD_EXCEPTION);
+    EXPECT_TRUE(g_file_io.check_io_open());
+    EXPECT_TRUE(folders().back().ends_with("t_EE")) << folders().back();
+    exec(EXEC_MD_LOG_REOPEN);
+    Put(ring, test::StreamBytes(5000));
+    exec(EXEC_MD_LOG_STOP);
+    EXPECT_FALSE(test::List(kLogFolder + ("/" + folders().back())).at(0).ends_with("_EE.muxz.tmp"));
+
     // Bytes for a closed channel open it again. A stop closes it.
     Put(ring, test::StreamBytes(5000));
     EXPECT_TRUE(WaitForEmpty(ring));
@@ -375,8 +401,8 @@ TEST_F(Writer, SteersTheStorageChannel) {
     EXPECT_TRUE(g_file_io.check_io_open());
     writer.stop();
     EXPECT_FALSE(g_file_io.check_io_open());
-    EXPECT_EQ(test::DecodeTree(kLogFolder),
-              test::StreamBytes(5000) + test::StreamBytes(5000) + test::StreamBytes(5000));
+    EXPECT_EQ(test::DecodeTree(kLogFolder), test::StreamBytes(5000) + test::StreamBytes(5000) +
+                                                test::StreamBytes(5000) + test::StreamBytes(5000));
 }
 
 }  // namespace
