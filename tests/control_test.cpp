@@ -63,7 +63,7 @@ class Control : public testing::Test {
     }
     static sim::Modem& modem() { return sim::Modem::Instance(); }
 
-    // Waits until the server has taken so many subscribers in all.
+    // Waits until the server has accepted `count` subscribers in total.
     bool AwaitSubscribers(size_t count) const {
         return log.WaitFor("quarn_stateNotify: accept fd=...", count);
     }
@@ -80,13 +80,13 @@ TEST_F(Control, AnswersEveryRow) {
     ASSERT_EQ(handle.start(), 0);
     test::WriteFile("/data/filter", "filter bytes");
     {
-        // As the notification of the log mode does, without the data path.
+        // The same as for a notification of the log mode, but without the data path.
         std::lock_guard lock(g_quarn.exec_mutex);
         quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_MD_LOG_START, nullptr);
     }
     struct Row {
         std::string request, reply;
-        std::string saved = "";  // line of the configuration that is there afterwards
+        std::string saved = "";  // what the configuration file contains afterwards
     };
     const Row rows[] = {
         {"log_mode", "ok,0"},
@@ -104,7 +104,7 @@ TEST_F(Control, AnswersEveryRow) {
         {"flush_interval", "ok,250"},
         {"transfer_type,1", "ok", "transfer_type 1\n"},
         {"transfer_type 2", "error"},
-        {"transfer_type,1 file_size 5", "ok", "transfer_type 1\n"},  // not saved
+        {"transfer_type,1 file_size 5", "ok", "transfer_type 1\n"},  // this value is not saved
         {"file_size 10MB", "ok", "file_size 10MB\n"},
         {"file_size 4096", "error", "file_size 10MB\n"},
         {"file_size", "ok,10"},
@@ -115,7 +115,7 @@ TEST_F(Control, AnswersEveryRow) {
         {"recycle_ee 0", "ok", "recycle_ee 0\n"},
         {"recycle_keep_ee_size 4194303", "ok", "recycle_keep_ee_size 4194303\n"},
         {"recycle_keep_ee_size -1", "error"},
-        {"flush_ring_buf", "error"},  // nothing is being written
+        {"flush_ring_buf", "error"},  // no capture is being written
         {"log_folder", "ok," + kLogs},
         {"log_folder " + kLogs + "run1", "ok", "log_folder " + kLogs + "run1\n"},
         {"log_folder", "ok," + kLogs + "run1"},
@@ -184,7 +184,7 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
     EXPECT_EQ(client.Ask("transfer_type 1"), "ok");
     EXPECT_EQ(subscriber.Receive(19), "cb_transfer_type,1\0"s);
     EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
-    // Reader, writer and tool port were told, and started.
+    // The reader, the writer and the tool port got the switch and then the start.
     std::string done;
     for (const auto& [priority, text] : log.messages()) {
         const size_t id = text.find("exec_id=");
@@ -205,7 +205,8 @@ TEST_F(Control, ExitsOnRequestWithoutWaitingForOtherRequests) {
     EXPECT_TRUE(g_quarn.is_close);
     EXPECT_TRUE(log.Has(ANDROID_LOG_INFO, "writer_handler: stop success"));
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, "command_handler: Do not save transfer_type 3\n"));
-    EXPECT_EQ(client.Ask("transfer_type"), "<closed>");  // nothing is served behind it
+    EXPECT_EQ(client.Ask("transfer_type"),
+              "<closed>");  // the exit is the last request that gets a reply
     EXPECT_EQ(g_quarn.transfer_type, SAVE_MODE_STORAGE);
     EXPECT_EQ(test::ReadFile(kConfig), "");
 }
@@ -222,8 +223,8 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     } rows[] = {
         {padded(126) + '\0', {"ok"}},
         {padded(quarn::protocol::kMaxRequest) + '\0', {"ok", "error"}},
-        {"file_size\0recycle_ee\0"s, {"ok,7"}},  // of a packet the first one only
-        {"file_size", {"ok,7"}},                 // its end may be missing
+        {"file_size\0recycle_ee\0"s, {"ok,7"}},  // only the first request of a packet counts
+        {"file_size", {"ok,7"}},                 // the zero byte may be missing
         {std::string(10000, 'x'), std::vector<std::string>(79, "error")},
         {"file_size\0"s, {"ok,7"}},
     };
@@ -232,7 +233,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
         ASSERT_TRUE(client.Send(bytes));
         for (const std::string& reply : replies) EXPECT_EQ(client.Reply(), reply);
     }
-    // In ten pieces, each of them read before the next one comes.
+    // Sends a request in ten pieces. The server reads each piece before the next one arrives.
     for (const char c : "recycle_ee"s) {
         log.Clear();
         ASSERT_TRUE(client.Send(std::string(1, c)));
@@ -240,7 +241,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     }
     ASSERT_TRUE(client.Send("\0"s));
     EXPECT_EQ(client.Reply(), "ok,1");
-    EXPECT_EQ(client.Ask("file_size"), "ok,7");  // no reply too many stands before it
+    EXPECT_EQ(client.Ask("file_size"), "ok,7");  // the server sent no extra reply
     // A client that leaves may end its request so.
     {
         const Client hasty;
@@ -268,14 +269,14 @@ TEST_F(Control, HoldsTenClientsAndReusesSlots) {
         clients[3] = std::make_unique<Client>();
         for (const auto& client : clients) EXPECT_EQ(client->Ask("recycle_ee"), "ok,1");
     }
-    // Clients that come and go leave nothing behind.
+    // A client that closes its connection at once does not keep a slot.
     for (int i = 0; i < 50; ++i) {
         const Client client;
         ASSERT_TRUE(client.Send("recycle_ee\0"s));
     }
     ASSERT_TRUE(log.WaitFor("ctrl_connect: begin to accept...", 62));
     const Client client;
-    EXPECT_EQ(handle.start(), 0);  // is started already
+    EXPECT_EQ(handle.start(), 0);  // it is already started
     handle.stop();
     handle.stop();
     EXPECT_EQ(OpenDescriptors(), before + 1);
@@ -292,8 +293,8 @@ TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
     flood.join();
 }
 
-// Storms on both sockets and single bytes, together: 100 new clients and pieces of requests at
-// once, then one every 2 ms.
+// Clients connect to both sockets, and one client sends single bytes, all without pause. The daemon
+// accepts the first 100 connections and pieces of requests at once, and then one every 2 ms.
 TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_EQ(handle.start(), 0);
@@ -335,7 +336,7 @@ TEST_F(Control, StopsWhateverClientsDo) {
         handle.stop();
         EXPECT_EQ(half.Reply(), "<closed>");
     }
-    EXPECT_EQ(g_file_io.get_file_size(), 50);  // half a request is no request
+    EXPECT_EQ(g_file_io.get_file_size(), 50);  // an incomplete request is not executed
 }
 
 // --- state notifications ---
@@ -368,14 +369,14 @@ TEST_F(Control, TellsEverySubscriber) {
     EXPECT_EQ(refused.Receive(1), "");
     EXPECT_TRUE(log.WaitFor("quarn_stateNotify: array full, accept fd=..."));
     subscribers[4]->Close();
-    subscribers[4] = std::make_unique<Subscriber>();  // takes the place of the dead one
+    subscribers[4] = std::make_unique<Subscriber>();  // takes the slot of the closed connection
     ASSERT_TRUE(log.WaitFor("quarn_stateNotify: accept fd=...", 11));
     EXPECT_EQ(quarn_notifyTransferTypeUpdate(-5), 0);
     for (const auto& subscriber : subscribers) {
         EXPECT_EQ(subscriber->Receive(20), "cb_transfer_type,-5\0"s);
     }
-    // A subscriber that went is let go at the next message, which the others get, also when one was
-    // let go since the descriptors were collected.
+    // The next message removes a subscriber that has closed its connection. The others get the
+    // message, even if a descriptor became invalid after the server collected the descriptors.
     subscribers[0]->Close();
     {
         const test::FailCalls gone({test::Call::kSelect, EBADF, "", 1});
@@ -409,15 +410,15 @@ TEST_F(Control, ASubscriberThatDoesNotReadDelaysNobody) {
 TEST_F(Control, SubscribersStayOverAStop) {
     const size_t before = OpenDescriptors();
     ASSERT_EQ(handle.start(), 0);
-    EXPECT_EQ(quarn_start_state_notify_socket_server(), -1);  // the first one goes on
+    EXPECT_EQ(quarn_start_state_notify_socket_server(), -1);  // the first server keeps running
     Subscriber subscriber;
     ASSERT_TRUE(AwaitSubscribers(1));
     quarn_stop_state_notify_socket_server();
     quarn_notifyModemReboot();
     EXPECT_EQ(subscriber.Receive(10), "cb_reboot\0"s);
-    // The modem's restart and the end of the daemon may stop it at the same time.
+    // The modem's restart and the end of the daemon may stop the server at the same time.
     ASSERT_EQ(quarn_start_state_notify_socket_server(), 0);
-    EXPECT_EQ(subscriber.Receive(1), "");  // a new server begins without subscribers
+    EXPECT_EQ(subscriber.Receive(1), "");  // a new server starts without subscribers
     std::thread other(quarn_stop_state_notify_socket_server);
     handle.stop();
     other.join();

@@ -1,4 +1,4 @@
-// Copying the newest log files: which ones, how many, under which names.
+// Copying the newest log files: which files, how many, and under which names.
 #include "control/copy_log_file.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +35,8 @@ class CopyLogFile : public testing::Test {
         g_file_io.create_top_folder();
     }
 
-    // A capture folder with files of 1000 bytes, each filled with its own letter, and its record.
+    // Creates a capture folder and its record in the folder history. Each file has 1000 bytes, all
+    // the same letter, and each file has a different letter.
     void AddFolder(const std::string& record, const std::string& suffix, int files) {
         const std::string folder = kLogs + record + suffix;
         for (int i = 0; i < files; ++i) {
@@ -105,7 +106,7 @@ TEST_F(CopyLogFile, FindsFoldersUnderTheNamesTheyBearNow) {
     EXPECT_EQ(ReadFile(kTarget + "/power_on_log.muxz"), "power on");
     EXPECT_EQ(log.Count("file_io: lock the change of folder name"), 6u);  // once for each record
 
-    // The list takes the records, and a second run appends one more.
+    // The list contains the records of the copied folders. A second copy appends one more record.
     std::string list = "List from oldest to newest\n";
     for (const char* record : {"/QRXMDLog_0_2024_0101_000000", "/QRXMDLog_1_2024_0101_000001",
                                "/QRXMDLog_2_2024_0101_000002", "/QRXMDLog_5_2024_0101_000005"}) {
@@ -119,18 +120,19 @@ TEST_F(CopyLogFile, FindsFoldersUnderTheNamesTheyBearNow) {
 TEST_F(CopyLogFile, StopsAtTheFirstFileThatDoesNotFit) {
     struct Row {
         int limit, copied;
-        size_t folders;  // that the list names
+        size_t folders;  // number of folders in the list
     };
-    // 3 files in the newest folder, 12 in the one before, of which 10 and 11 are the newest.
+    // The newest folder has 3 files. The folder before it has 12 files, of which files 10 and 11
+    // are the newest.
     AddFolder("QRXMDLog_0_2024_0101_000000", "", 12);
     AddFolder("QRXMDLog_1_2024_0101_000001", "t", 3);
     WriteFile(kLogs + "power_on_log.muxz", std::string(500, 'p'));
     const Row rows[] = {
-        {1499, 500, 1},          // the power-on log only: one byte less than the newest file needs
-        {1500, 1500, 1},         // just that one
-        {3500, 3500, 2},         // all of the newest folder, nothing of the next
-        {5499, 4500, 2},         // one of the next
-        {2047 * kMb, 15500, 2},  // the largest limit there is
+        {1499, 500, 1},          // only the power-on log: the newest file needs one byte more
+        {1500, 1500, 1},         // and the newest file
+        {3500, 3500, 2},         // all files of the newest folder
+        {5499, 4500, 2},         // and one file of the folder before
+        {2047 * kMb, 15500, 2},  // the largest possible limit
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.limit);
@@ -151,7 +153,7 @@ TEST_F(CopyLogFile, StopsAtTheFirstFileThatDoesNotFit) {
 TEST_F(CopyLogFile, CopiesOneFile) {
     using quarn::zorvex::CopyFile;
     WriteFile("/data/source", "0123456789");
-    // /box is another file system, between which the kernel copies in another way.
+    // /box is another file system. The kernel copies between file systems in a different way.
     for (const std::string copy : {"/data/copy", "/box/copy"}) {
         SCOPED_TRACE(copy);
         WriteFile(copy, "something longer that stood there before");
@@ -163,10 +165,11 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     int copied = -2;
     EXPECT_EQ(CopyFile("/data/none", "/data/copy", copied), 0);
     EXPECT_EQ(copied, 0);
-    // A pipe that nobody reads does not hold it up.
+    // A pipe without a reader does not block the copy.
     ASSERT_EQ(mkfifo("/data/pipe", 0600), 0);
     EXPECT_EQ(CopyFile("/data/source", "/data/pipe", copied), 0);
-    // Neither does a link make the daemon write where the client could not.
+    // The daemon does not write through a symbolic link, because the link may point to a file that
+    // the client must not write.
     fs::create_symlink("/data/copy", "/data/link");
     EXPECT_EQ(CopyFile("/data/source", "/data/link", copied), 0);
     EXPECT_EQ(CopyFile("/data/link", "/data/copy", copied), 0);  // nor read
@@ -175,7 +178,7 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     EXPECT_EQ(ReadFile("/data/copy"), "");
 }
 
-// By whatever way a client leads the copy to the log tree, nothing is written there.
+// A client cannot make the daemon copy into the log tree, whichever path or link it uses.
 TEST_F(CopyLogFile, LeavesTheLogTreeAlone) {
     const std::string capture = kLogs + "QRXMDLog_0_2024_0101_000000t";
     AddFolder("QRXMDLog_0_2024_0101_000000", "t", 3);
@@ -192,14 +195,15 @@ TEST_F(CopyLogFile, LeavesTheLogTreeAlone) {
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR,
                             "CopyLogFile: directory " + directory + " lies in the log folder"));
     }
-    // A link in the place of a capture's folder is not followed; above the log folder is not in it.
+    // The copy does not follow a link in the place of a capture's folder. A folder above the log
+    // folder is allowed.
     fs::create_directory_symlink(kLogs + "run", kTarget + "/QRXMDLog_0_2024_0101_000000t");
     EXPECT_EQ(Ask("/data/snap 100 0", 0), "ok,12");
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "CopyLogFileFromFolder: Error opening folder ..."));
     EXPECT_EQ(Ask("/data/vendor/radio/quarn 100 0", 0), "ok,3012");
     EXPECT_EQ(List(kLogs + "run"), std::vector<std::string>{"deep"});
     EXPECT_TRUE(List("/data/other").empty());
-    // A file that is its own destination is left as it is.
+    // A file that is its own destination stays unchanged.
     int copied = -2;
     EXPECT_EQ(quarn::zorvex::CopyFile(kLogs + "power_on_log.muxz",
                                       kLogs + "../logs/power_on_log.muxz", copied),

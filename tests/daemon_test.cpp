@@ -1,5 +1,5 @@
-// The daemon's own process on the simulated phone: start-up, orderly end, restart. quarn_soak kills
-// it.
+// The daemon as a process of its own on the simulated phone: start, exit in order, restart.
+// quarn_soak tests what happens if the daemon is killed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -48,7 +48,7 @@ TEST(Daemon, ThePhoneKeepsItsLogItsClockAndItsScenario) {
     Console("clock +3d");
     ASSERT_TRUE(kept_has("md_time_sync_handle: update boottime/realtime difference\n"));
     EXPECT_TRUE(test::WaitUntil([] { return Console("get clock_sets") == "2\n"; }));
-    const auto three_days_on = [] {  // in the words of the request that sets the modem's clock
+    const auto three_days_on = [] {  // as the request that sets the modem's clock writes it
         const time_t then = time(nullptr) + 3 * 86'400;
         tm day = {};
         gmtime_r(&then, &day);
@@ -69,7 +69,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 0\n");
     Daemon daemon("life", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
-    // Who subscribed hears of a log mode that a command changed.
+    // A subscriber gets a notification when a command changes the log mode.
     test::Subscriber subscriber;
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
     EXPECT_EQ(test::Quarnctl("log_mode 2"), "ok\n");
@@ -99,7 +99,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
              "writer_handler: start success",
              "ctrl_connect: create listen_fd=",
              "start all handler done",
-             "read rate: ",  // of the first eight seconds
+             "read rate: ",  // the first report, after eight seconds
              "quarn.is_close is set",
              "md_time_sync_handle: stop success",
              "event_detect_handle: stop success",
@@ -116,7 +116,8 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     }
 }
 
-// Without modem IPC there are no settings and no clock for the modem; the rest goes on.
+// Without modem IPC the daemon applies no settings and sets no clock of the modem. Everything else
+// works.
 TEST(Daemon, StartsWithoutModemIpc) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 1\n");
     Daemon daemon("mute", "ipc init 1 1\n");
@@ -135,12 +136,13 @@ TEST(Daemon, KeepsTryingWhileTheModemLayerIsDown) {
     EXPECT_EQ(daemon.Log().find("start success"), std::string::npos);
 }
 
-// Asked to exit in order, the daemon keeps everything that it took from the port.
+// When the daemon exits in order, it first stores everything that it read from the log port.
 TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     Daemon daemon("exit", "tap /data/tap\nsource generated 3\nrate 20M\nstream start\n");
-    ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 6'000'000; }));  // twice
+    ASSERT_TRUE(test::WaitUntil(
+        [] { return test::TreeSize(kLogs) > 6'000'000; }));  // capture and power-on log
     Console("stream stop");
-    // A chunk that is not full is committed when the port has been quiet for one poll.
+    // The reader commits a chunk that is not full when the port has no data for one poll.
     const uint64_t polls = Polls();
     ASSERT_TRUE(test::WaitUntil([&] { return Polls() >= polls + 3; }));
     const auto handed_over = fs::file_size("/data/tap");
@@ -150,8 +152,8 @@ TEST(Daemon, AnOrderlyEndFlushesWhatIsHeld) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 
-// Asked to exit while the ring is full, the daemon answers first, ends within its usual time, and
-// leaves no hole: what is lost is the end of the stream.
+// A client requests an exit while the ring is full. The daemon replies first and then exits within
+// its usual time. Only the end of the stream is lost: the files have no gap.
 TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
     for (const int delay_ms : {0, 500}) {
         SCOPED_TRACE(delay_ms);
@@ -245,7 +247,8 @@ TEST(Daemon, CopiesVerifyWhileTheCaptureGoesOn) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 
-// Without a configuration the factory default is taken, here one that turns the modem's log on.
+// Without a configuration file the daemon uses the factory default, which turns the modem's log on
+// in this test.
 TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 50\nlog_mode 1\n");
     Daemon daemon("exception", "tap /data/tap\nsource generated 3\nrate 8M\n");
@@ -261,8 +264,9 @@ TEST(Daemon, AnExceptionInMidStreamMarksTheCaptureAndLosesNothing) {
     EXPECT_TRUE(test::DecodeTree(kLogs) == test::ReadFile("/data/tap"));
 }
 
-// The daemon asks for its restart when the log device goes, here in mid-stream. What it held is in
-// the files, and the next process goes on with what the modem hands over.
+// When the log device vanishes, here in the middle of the stream, the daemon requests its restart.
+// The files contain everything that the daemon had read. The next process continues with the next
+// bytes of the modem.
 TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 2\nlog_mode 1\n");
     const std::string scenario = "tap /data/tap\nsource replay /data/stream\n";
@@ -275,10 +279,10 @@ TEST(Daemon, ARemovalOfTheLogDeviceCostsNothingThatTheRingCouldDrain) {
         ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
         ASSERT_TRUE(test::WaitUntil([] { return test::TreeSize(kLogs) > 3'000'000; }));
         Console("uevent remove vqmi wwanD0MDLog");
-        // To its end: the daemon hangs up before it restarts.
+        // Reads until the end, because the daemon closes the connection before it restarts.
         EXPECT_EQ(subscriber.Receive(64), std::string("cb_reboot\0", 10));
         EXPECT_EQ(daemon.Wait(), kRestartAsked);
-        // Nobody can subscribe between the message and the restart.
+        // No client can subscribe between the message and the restart.
         EXPECT_LT(daemon.Log().find("quarn_stateNotify: join"),
                   daemon.Log().find("quarn_stateNotify: Data fully sent"));
     }

@@ -1,5 +1,5 @@
-// System calls that fail: what the daemon says and answers, that it goes on when the fault is over,
-// and what is on disk then.
+// System calls that fail. The tests check what the daemon logs and replies, that it continues when
+// the fault is over, and what is on disk then.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,9 +37,9 @@ const std::string kLogs = kBase + "logs/";
 const std::string kTap = "/data/tap";
 constexpr size_t kMb = 1 << 20;
 
-// --- the road of a log block ---
+// --- the data path of a log block ---
 
-// What the daemon is asked for while a fault lasts.
+// Calls that the tests make while a fault lasts.
 void EndCapture() { g_file_io.io_close(); }
 void MarkException() {
     g_file_io.set_file_suffix("_EE");
@@ -49,9 +49,9 @@ void MarkException() {
 struct RoadFault {
     const char* name;
     Fault fault;
-    const char* message;  // null: nobody hears of it
+    const char* message;  // null: the daemon logs no failure
     void (*meanwhile)() = nullptr;
-    int unfinished = 1;              // files that keep their ".tmp"
+    int unfinished = 1;              // number of files that keep their ".tmp"
     unsigned int recycle_size = 99;  // MB
 };
 
@@ -100,7 +100,8 @@ class RoadFaults : public testing::TestWithParam<RoadFault> {
     }
     ~RoadFaults() override { mcl_deinit(); }
 
-    // Lets the port give `bytes`; they are in the channel when it returns, if that takes them.
+    // Streams `bytes` from the log port through the reader and the writer. Does not wait until
+    // they are written.
     void Flow(const std::string& bytes) {
         given += bytes.size();
         test::Feed(bytes);
@@ -165,14 +166,15 @@ INSTANTIATE_TEST_SUITE_P(All, RoadFaults, testing::ValuesIn(kRoadFaults),
 
 using RoadLoss = RoadFaults;
 
-// A file that ends with a torn block which cannot be cut off: the blocks before it count.
+// A file ends with a partly written block that the daemon cannot cut off. The blocks before it are
+// valid, and the next file contains the block again.
 TEST_F(RoadLoss, ABlockThatCannotBeCutOffEndsItsFileAndIsWrittenAgain) {
     quarn::zorvex::PowerOnLogInit();
     Flow(test::StreamBytes(8 * kMb, 1));
     ASSERT_TRUE(Drained());
     {
         const FailCalls broken({Call::kWrite, EIO, "QRXMDLog_"});
-        // The first write puts out some of the buffer, the next one fails.
+        // The first write writes a part of the buffer. The next write fails.
         const FailCalls piece(
             {.call = Call::kWrite, .where = "QRXMDLog_", .count = 1, .limit = 600'000});
         const FailCalls cut({Call::kTruncate, EROFS, "QRXMDLog_"});
@@ -187,13 +189,14 @@ TEST_F(RoadLoss, ABlockThatCannotBeCutOffEndsItsFileAndIsWrittenAgain) {
     EXPECT_TRUE(test::DecodeFile(quarn::zorvex::kPowerOnLogPath).bytes == on_disk.bytes);
 }
 
-// A write that fails is refused, with nothing of it taken, and goes through once it can.
+// While a fault lasts, io_write returns -1 and stores no part of the block. The same write succeeds
+// when the fault is over.
 TEST_F(RoadLoss, TheChannelRefusesWhileAFaultLasts) {
     const std::string block = test::StreamBytes(kMb / 4, 3);
     const int size = static_cast<int>(block.size());
     const auto opened = [&] { return g_file_io.io_write(block.data(), size); };
     size_t taken = 0;
-    // Until the buffer has to be written.
+    // Writes so many blocks that the buffer must be written to the file.
     const auto write = [&] {
         for (int i = 0; i < 20; ++i, ++taken) {
             if (opened() < 0) return -1;
@@ -222,7 +225,8 @@ TEST_F(RoadLoss, TheChannelRefusesWhileAFaultLasts) {
     EXPECT_EQ(test::DecodeTree(kLogs).size(), taken * block.size());
 }
 
-// The end of a capture does not wait: what its last flush cannot write is given up, and no more.
+// The end of a capture does not wait for the end of a fault. Only the bytes that its last flush
+// cannot write are lost.
 TEST_F(RoadLoss, ACaptureThatEndsMeanwhileLosesWhatWasBuffered) {
     const std::string first = test::StreamBytes(9 * kMb, 1);
     const std::string second = test::StreamBytes(3 * kMb, 2);
@@ -242,7 +246,7 @@ TEST_F(RoadLoss, ACaptureThatEndsMeanwhileLosesWhatWasBuffered) {
     EXPECT_TRUE(first.starts_with(on_disk.substr(0, on_disk.size() - second.size())));
 }
 
-// A piece of a record must not swallow the next one.
+// A partly written record must not become the beginning of the next record.
 TEST_F(RoadLoss, TheHistoryHoldsWholeRecordsOnly) {
     using quarn::zorvex::UpdateFolderHistory;
     EXPECT_EQ(UpdateFolderHistory("/first"), 0);
@@ -291,7 +295,7 @@ TEST_F(Servers, FailToStartWithoutSocketOrThreadAndStartLater) {
         const char* message;
     } const rows[] = {
         {{Call::kSocket, EMFILE}, "ctrl_connect: create listen_fd fail, rc=-1"},
-        // libcutils listens once itself.
+        // libcutils makes the first call of listen.
         {{.call = Call::kListen, .error = ENOBUFS, .after = 1}, "ctrl_connect: set listen_fd=..."},
         {{Call::kThread, EAGAIN},
          "ctrl_connect: ctrlConn thread fail, errno=11(Resource temporarily unavailable)"},
@@ -311,7 +315,7 @@ TEST_F(Servers, FailToStartWithoutSocketOrThreadAndStartLater) {
         }
         EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, row.message));
         EXPECT_EQ(log.Count("command_handle: start listen ctrl command fail, rc=-1"), 1u);
-        // Without its thread the server is not serving, but started.
+        // A server whose thread could not be created counts as started.
         EXPECT_EQ(row.fault.call == Call::kThread ? handle.start() : 0, 0);
         handle.stop();
         EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors);
@@ -364,7 +368,7 @@ TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReadLeavesTheSettings) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "file_size 7\n");
     load({.call = Call::kOpen, .error = EROFS, .where = kConfigPath, .after = 1},
          "create file: "s + kConfigPath + " failed, errno=Read-only file system");
-    // What the new file holds is read all the same: nothing.
+    // The daemon reads the new file in spite of the fault. The file is empty.
     load({Call::kSendFile, ENOSPC, kConfigPath}, "copy file failed, errno=No space left on device");
     test::WriteFile(kConfigPath, "file_size 9\n");
     load({Call::kOpen, EIO, kConfigPath, 1},
@@ -372,7 +376,7 @@ TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReadLeavesTheSettings) {
     load({Call::kSeek, EIO, kConfigPath}, "lseek SEEK_END error: Input/output error");
     load({Call::kRead, EIO, kConfigPath}, "read fail: Input/output error");
     load({Call::kClose, EIO, kConfigPath, 1}, "close fd ...", 0, 9);
-    EXPECT_EQ(test::ReadFile(kConfigPath), "file_size 9\n");  // no default came in its place
+    EXPECT_EQ(test::ReadFile(kConfigPath), "file_size 9\n");  // not replaced by the default
     quarn_mipcDeinit();
 }
 
@@ -399,7 +403,7 @@ TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReplacedStaysAndIsReported) {
     save({Call::kSync, EIO, ".cfg.new"}, "write fail error: Input/output error");
     save({Call::kClose, EIO, ".cfg.new"}, "fclose failed, errno=Input/output error");
     save({Call::kRename, EIO, ".cfg.new"}, "write fail error: Input/output error");
-    // The folder's sync comes last.
+    // The sync of the folder is the last call.
     const FailCalls fault({.call = Call::kSync, .error = EROFS, .where = "/config", .after = 1});
     EXPECT_EQ(quarn_command_saveConfig("file_size", "4", {}), 0);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, "saveConfig: write fail error: Read-only file system"));
@@ -408,14 +412,14 @@ TEST_F(RoadLoss, TheConfigurationFileThatCannotBeReplacedStaysAndIsReported) {
 
 // --- files that are replaced ---
 
-// Ends the process before each of the calls, or has the call fail.
+// Ends the process before each of the calls, or makes the call fail.
 TEST(ReplacedFiles, AreTheOldOneOrTheNewOneWhateverCallFails) {
     std::string cut;
     for (int i = 0; i < 20; ++i) cut += "/logs/" + std::to_string(i) + "\n";
     const std::string full = std::string(103'000, 'r') + "\n" + cut;
     const struct {
         std::string path;
-        std::vector<std::string> states;  // the first is there before, each may be afterwards
+        std::vector<std::string> states;  // the first one before, any of them afterwards
         void (*replace)();
     } rows[] = {
         {kConfigPath, {"", "file_size 7\n"}, [] { quarn_loadConfig(kConfigPath, 0); }},
@@ -457,13 +461,13 @@ TEST(ReplacedFiles, AreTheOldOneOrTheNewOneWhateverCallFails) {
         }
         EXPECT_GE(ended, 8);
         EXPECT_GE(failed, 16);
-        EXPECT_EQ(test::ReadFile(path), states.back());  // no call failed the last time
+        EXPECT_EQ(test::ReadFile(path), states.back());  // no call failed in the last try
     }
 }
 
 // --- copying ---
 
-// Of a capture of two files each fault costs what it hits, and the next copy has it all.
+// A fault costs only the files that it hits. The next copy contains the whole capture.
 TEST_F(RoadLoss, ACopyLeavesOutWhatItCannotCopy) {
     Flow(test::StreamBytes(24 * kMb, 1));
     Stop();

@@ -1,5 +1,5 @@
-// The power-on log: the first minute's copy of the stream, its end, and the switch that goes with
-// it.
+// The power-on log: its copy of the stream's first minute, its end, and the filter setting that a
+// switch of the transfer type changes.
 #include "storage/power_on_log.h"
 
 #include <gtest/gtest.h>
@@ -60,12 +60,13 @@ class PowerOn : public testing::Test {
         mcl_deinit();
     }
 
-    // Until all bytes that the modem shall hand over by now have left the ring.
+    // Waits until the modem has delivered `count` bytes in total and the writer has taken all of
+    // them out of the ring.
     void Drain(size_t count) {
         ASSERT_TRUE(test::WaitUntil([&] { return modem.bytes_delivered() >= count; }, 60s));
         ASSERT_TRUE(test::WaitUntil([&] { return g_quarn.write_bytes == count; }, 60s));
     }
-    // Stores bytes without reader and writer.
+    // Stores bytes without the reader and the writer.
     static void Store(const std::string& bytes) {
         ASSERT_EQ(g_file_io.io_write(bytes.data(), static_cast<int>(bytes.size())),
                   static_cast<int>(bytes.size()));
@@ -113,7 +114,7 @@ TEST_F(PowerOn, HoldsTheHeadOfTheStreamAndEndsWithTheMinute) {
         if (text == "writer_handler: handle exec_id=18") order += "flush ";
     }
     EXPECT_EQ(order, "level flush ");
-    // The flush at the end belongs to the minute.
+    // The bytes that the flush at the end of the minute writes belong to the power-on log.
     EXPECT_TRUE(DecodeFile(kPowerOnLogPath).bytes == first);
     EXPECT_FALSE(DecodeFile(kPowerOnLogPath).stray_byte);
 
@@ -136,7 +137,7 @@ TEST_F(PowerOn, StopsAtTheSizeBoundWithTheWriteThatReachesIt) {
     const auto header = fs::file_size(kPowerOnLogPath);
     const std::string bytes(kBound, 'x');
     PowerOnLogWrite(bytes.data(), kBound - 2, false);
-    PowerOnLogWrite(bytes.data(), 2, true);  // without the stray byte
+    PowerOnLogWrite(bytes.data(), 2, true);  // the stray byte does not count
     EXPECT_EQ(log.Count("Power-on log: stop writing log, ..."), 0u);
     PowerOnLogWrite(bytes.data(), 5, false);
     EXPECT_TRUE(
@@ -188,7 +189,7 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
     EXPECT_TRUE(DecodeFile(kPowerOnLogPath).stray_byte);
 }
 
-// What followed in an emptied copy would lie behind a hole.
+// Bytes that were appended to an emptied power-on log would follow a gap.
 TEST_F(PowerOn, EndsWhenItsFileIsCut) {
     PowerOnLogInit();
     ASSERT_EQ(g_file_io.io_open(), 0);
@@ -201,7 +202,8 @@ TEST_F(PowerOn, EndsWhenItsFileIsCut) {
     EXPECT_EQ(test::DecodeTree(kLogs), "one two ");
 }
 
-// A deleted copy is not written to, and does not come again; the captures go on.
+// The daemon stops writing to a deleted power-on log and does not create it again. The captures
+// continue.
 TEST_F(PowerOn, EndsWhenItsFileIsDeleted) {
     PowerOnLogInit();
     ASSERT_EQ(g_file_io.io_open(), 0);
@@ -211,7 +213,8 @@ TEST_F(PowerOn, EndsWhenItsFileIsDeleted) {
     Store("two ");
     EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, std::string("Power-on log: stop writing log, ") +
                                               kPowerOnLogPath + " was deleted"));
-    // A log file, and its duplicate that waits for the sync, but no copy.
+    // Open are the log file and a duplicate of its descriptor, which waits for the sync. The
+    // power-on log is closed.
     EXPECT_EQ(test::List("/proc/self/fd").size(), descriptors + 1);
     g_file_io.io_close();
     g_file_io.io_open();
@@ -220,7 +223,8 @@ TEST_F(PowerOn, EndsWhenItsFileIsDeleted) {
     EXPECT_EQ(test::DecodeTree(kLogs), "one two ");
 }
 
-// The files lie on two small disks, of which first the captures' is full, then the other.
+// The captures and the power-on log are on two small disks. First the disk of the captures is full,
+// then the disk of the power-on log.
 TEST_F(PowerOn, AFullDiskNeitherDoublesNorTearsABlock) {
     ASSERT_EQ(mount("none", kLogs.c_str(), "tmpfs", 0, "size=6m"), 0);
     ASSERT_EQ(g_file_io.set_log_folder(kLogs + "run1"), 0);
@@ -242,8 +246,8 @@ TEST_F(PowerOn, AFullDiskNeitherDoublesNorTearsABlock) {
     EXPECT_TRUE(copy.stray_byte);
 }
 
-// While a stop waits for the event thread, which waits for `exec_mutex` or for the modem, neither a
-// notification nor the writer may wait for the stop.
+// A stop waits for the event thread, which waits for `exec_mutex` or for the modem. Meanwhile
+// neither a notification nor the writer may wait for the stop.
 TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
     for (const bool in_flush : {false, true}) {
         SCOPED_TRACE(in_flush);
@@ -257,7 +261,7 @@ TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
             notification.lock();
         }
         while (in_flush ? modem.ipc_status().under_way == 0 : log.Count(kDetected) == 0) {
-            clock.Shift(CLOCK_MONOTONIC, 60s);  // again when the thread did not wait yet
+            clock.Shift(CLOCK_MONOTONIC, 60s);  // again if the thread was not waiting yet
             std::this_thread::sleep_for(5ms);
         }
         if (in_flush) notification.lock();
@@ -270,7 +274,7 @@ TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
         EXPECT_EQ(g_file_io.io_open(), 0);
         Store("left out");
         EXPECT_EQ(log.Count(kStopped), 0u);
-        // What the event thread flushes itself.
+        // The event thread itself flushes this byte.
         ASSERT_GT(g_file_io.io_write("x", 1), 0);
         std::thread second_stop(PowerOnLogStop);
         notification.unlock();
@@ -289,8 +293,8 @@ namespace {
 
 enum Outcome { kFine, kNoPlace, kNotEnded, kNotTheHead };
 
-// One life of the daemon, in a /data of its own, with an exit around the end of the first minute
-// and now and then a notification or the stop of a switch on top of it.
+// Runs the modules of the daemon once, with a /data of its own. The exit comes around the end of
+// the first minute. Depending on the seed, notifications or a stop of the power-on log come, too.
 Outcome LiveAndEnd(unsigned int seed) {
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/data", "tmpfs", 0, nullptr) != 0) {
         return kNoPlace;
@@ -375,8 +379,8 @@ TEST_F(PowerOn, ReadsTheFilterSettingFromTheFirstLine) {
     const std::string invalid = " to int failed: Invalid argument";
     const struct {
         const char* answer;
-        int value;         // -1: the reading fails
-        std::string told;  // behind "Convert power-on log filter enable "; empty: nothing
+        int value;         // -1: the read fails
+        std::string told;  // after "Convert power-on log filter enable "; empty: no message
     } cases[] = {
         {"3\r\n\r\nOK\r\n", 3, ""},
         {"\n\r-7\nOK", -7, ""},
@@ -409,7 +413,7 @@ TEST_F(PowerOn, ASwitchOfTheTransferTypeSetsTheFilter) {
                           storage = SAVE_MODE_STORAGE, exit = SAVE_MODE_EXIT;
     const struct {
         QUARN_SAVE_MODE from, to;
-        int written;  // to the setting; 0: nothing
+        int written;  // value of the setting; 0: it is not written
         bool read_fails = false, write_fails = false;
     } rows[] = {
         {storage, usb, 2},
