@@ -189,7 +189,7 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
     EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_START, nullptr), 1);  // is in that state
     EXPECT_EQ(log.Count("Fail to set log level..."), 0u);
 
-    // Bytes behind the first 1023 are ignored.
+    // Bytes after the first 1023 are ignored.
     const std::string filler = "x " + std::string(1023 - 1 - 3 - 11, 'x') + "\n";
     ASSERT_EQ(Load("\n" + filler + "file_size 12\nrecycle_size 77\n"), 0);
     EXPECT_EQ(g_file_io.get_file_size(), 1);  // the limit lies within the number
@@ -337,7 +337,7 @@ TEST_F(Config, ValuesThatAreNotSaved) {
     EXPECT_EQ(quarn_command_saveConfig("log_level", nullptr, {}), 0);  // a query
 }
 
-// In place of the configuration file lies something endless, or something whose reading blocks.
+// The path of the configuration file leads to an endless file, or to a file whose read blocks.
 TEST_F(Config, NoFileHoldsTheDaemonUp) {
     fs::remove(kPath);
     ASSERT_EQ(mkfifo(kPath.c_str(), 0600), 0);
@@ -351,7 +351,7 @@ TEST_F(Config, NoFileHoldsTheDaemonUp) {
     fs::resize_file(kPath, uintmax_t{1} << 40);
     EXPECT_EQ(quarn_command_saveConfig("log_level", "5", {}), 0);
     EXPECT_EQ(test::ReadFile(kPath), "a 1\nlog_level 5\n");
-    // The same in place of the new file.
+    // The same for the path of the new file.
     const std::string next = kPath + ".new";
     ASSERT_EQ(mkfifo(next.c_str(), 0600), 0);
     EXPECT_EQ(quarn_command_saveConfig("log_level", "4", {}), 0);

@@ -184,7 +184,7 @@ TEST_F(Control, SwitchesToStorageAndTellsIt) {
     EXPECT_EQ(client.Ask("transfer_type 1"), "ok");
     EXPECT_EQ(subscriber.Receive(19), "cb_transfer_type,1\0"s);
     EXPECT_EQ(client.Ask("transfer_type"), "ok,1");
-    // The reader, the writer and the tool port got the switch and then the start.
+    // The reader, the writer and the tool port get the new transfer type and then start.
     std::string done;
     for (const auto& [priority, text] : log.messages()) {
         const size_t id = text.find("exec_id=");

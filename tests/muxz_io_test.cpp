@@ -1,4 +1,4 @@
-// muxz in scripts: archives, pipes, JSON, following a daemon, terminals, wrong calls.
+// muxz in scripts: archives, pipes, JSON, following the daemon, terminals, wrong calls.
 #include <archive.h>
 #include <archive_entry.h>
 #include <fcntl.h>
@@ -35,11 +35,11 @@ const std::string kSecond = "QRXMDLog_1_2024_0101_110000t";
 struct Entry {
     std::string path;
     std::string bytes;
-    std::string link = {};  // what a symbolic link leads to
-    size_t zeros = 0;       // bytes behind
+    std::string link = {};  // target of a symbolic link; empty: no link
+    size_t zeros = 0;       // number of zero bytes after `bytes`
 };
 
-// The bytes of an archive, made by the library that muxz reads it with.
+// Returns the bytes of an archive. The library that makes it is the one that muxz reads it with.
 std::string Pack(const std::string& kind, const std::vector<Entry>& entries) {
     struct archive* const out = archive_write_new();
     kind == "zip" ? archive_write_set_format_zip(out) : archive_write_set_format_pax(out);
@@ -68,11 +68,11 @@ std::string Pack(const std::string& kind, const std::vector<Entry>& entries) {
 class MuxzIo : public testing::Test {
   protected:
     using Run = test::Ran;
-    // A command line of a shell in which "muxz" is the program.
+    // Runs a command line in a shell in which "muxz" is the program under test.
     static Run Shell(const std::string& line) {
         return test::Run("muxz() { " MUXZ_PROGRAM " \"$@\"; }\ncd /box\n" + line + "\n");
     }
-    // A log file without a header.
+    // Returns the bytes of a log file without a header.
     static std::string Log(uint64_t seed, size_t blocks = 3) {
         std::string bytes;
         for (size_t i = 0; i < blocks; ++i)
@@ -86,7 +86,8 @@ class MuxzIo : public testing::Test {
         const std::string number = std::to_string(index);
         return capture + "/QRXMDLog_" + number + "_2024_0101_1" + number + "0000.muxz";
     }
-    // Two captures, the second with a hole, a power-on log, the history; paths are below logs/.
+    // Returns two captures, a power-on log and the folder history. The second capture has a gap.
+    // The paths of the log files begin with logs/.
     static std::vector<Entry> SomeTree() {
         return {{"logs/" + File(kSecond, 2), Log(5)},
                 {"logs/" + File(kFirst, 0), Log(1)},
@@ -96,7 +97,7 @@ class MuxzIo : public testing::Test {
                 {"logs/notes.txt", "not a log"},
                 {"log_folder_history", "QRXMDLog_0_2024_0101_100000\n"}};
     }
-    // The same on disk.
+    // Writes the entries to disk.
     static void PutTree(const std::vector<Entry>& entries) {
         for (const Entry& entry : entries) test::WriteFile("/box/disk/" + entry.path, entry.bytes);
     }
@@ -120,7 +121,7 @@ TEST_F(MuxzIo, ReadsArchivesAndPipesAsTheTreesInThem) {
             EXPECT_TRUE(own_cat.out == cat.out) << own_cat.err;
             const Run own_verify = Shell(command + "muxz verify " + path);
             EXPECT_EQ(own_verify.out, verify.out);
-            // But for where it lies, all is told as of the tree.
+            // Except for the place of the files, the output is the same as for the tree.
             std::string listed = Shell(command + "muxz ls -r -f " + path).out;
             const std::string front = path + ":";
             for (size_t at; (at = listed.find(front)) != std::string::npos;)
@@ -133,7 +134,7 @@ TEST_F(MuxzIo, ReadsArchivesAndPipesAsTheTreesInThem) {
     }
 }
 
-// A log file, not an archive, comes out while it comes in.
+// muxz prints a log file, in contrast to an archive, while it reads it.
 TEST_F(MuxzIo, ReadsALogFileFromAPipe) {
     const std::string log = Log(1, 200);
     test::WriteFile("/box/log", log);
@@ -146,12 +147,12 @@ TEST_F(MuxzIo, ReadsALogFileFromAPipe) {
         Shell("{ head -c 100000 log; head -c 2000 >/dev/null; cat; } < log | muxz cat -").status,
         1);
     EXPECT_EQ(Shell("head -c 100000 log | muxz verify -").status, 1);
-    // The first file of two arrives before the writer goes on.
+    // muxz prints the first of two files before the writer sends the second one.
     EXPECT_EQ(Shell("mkfifo ready; { cat log; cat ready; } | muxz cat - | { head -c 900000 "
                     ">/dev/null; echo > ready; wc -c; }")
                   .out,
               std::to_string(raw.size() - 900000) + "\n");
-    // Where nothing can be kept it says so, and of whom to ask for more.
+    // If muxz cannot store temporary data, the message explains that TMPDIR sets the folder.
     for (const char* line : {"cat log | TMPDIR=/box/no muxz cat -",
                              "ulimit -f 100; cat log | TMPDIR=/box muxz verify -",
                              "ulimit -f 100; cat log | TMPDIR=/box muxz cat - | cat >/dev/null"}) {
@@ -176,7 +177,7 @@ TEST_F(MuxzIo, AHostileArchiveReachesNothing) {
     EXPECT_NE(run.err.find(evil + " in it is a link"), std::string::npos) << run.err;
     EXPECT_EQ(run.err.find('\033'), std::string::npos);
 
-    // Damaged: what can be read is used.
+    // muxz uses the readable part of a damaged archive.
     const std::string tar = test::ReadFile("/box/x.tar");
     const size_t second = tar.find(Log(2));
     ASSERT_NE(second, std::string::npos);
@@ -189,7 +190,7 @@ TEST_F(MuxzIo, AHostileArchiveReachesNothing) {
     test::WriteFile("/box/cut.tgz", packed.substr(0, packed.size() / 2));
     EXPECT_EQ(Shell("muxz verify cut.tgz").status, 2);
 
-    // A bomb: a file of zeros in front of a log file.
+    // An archive that unpacks to far more bytes than it has: zeros in front of a log file.
     test::WriteFile("/box/bomb.tgz",
                     Pack("tar.gz", {{"zeros", "", "", 300 << 20}, {inside, Log(1)}}));
     const Run bombed = Shell("muxz check bomb.tgz");
@@ -197,7 +198,8 @@ TEST_F(MuxzIo, AHostileArchiveReachesNothing) {
     EXPECT_NE(bombed.out.find("100 times"), std::string::npos) << bombed.out;
 }
 
-// The page docs/muxz-json.md names every field, and the numbers are those that people are shown.
+// The page docs/muxz-json.md explains every field, and JSON contains the same numbers as the text
+// output.
 TEST_F(MuxzIo, TellsProgramsWhatItTellsPeople) {
     PutTree(SomeTree());
     test::WriteFile("/box/disk/logs/" + File(kFirst, 2), Damaged(Log(6)));
@@ -236,7 +238,7 @@ TEST_F(MuxzIo, TellsProgramsWhatItTellsPeople) {
     EXPECT_EQ(captures[1]["state"], "newest");
     EXPECT_GT(captures[0]["damaged_bytes"], 0);
     const json& ls = all[4];
-    EXPECT_TRUE(ls["totals"]["blocks"].is_null());  // it did not look
+    EXPECT_TRUE(ls["totals"]["blocks"].is_null());  // ls without an option does not count blocks
     EXPECT_EQ(all[5]["totals"]["blocks"]["raw"].is_null(), false);
 
     const std::string page = test::ReadFile(MUXZ_JSON_PAGE);
@@ -256,7 +258,8 @@ TEST_F(MuxzIo, TellsProgramsWhatItTellsPeople) {
     EXPECT_GT(fields, 500u);
 }
 
-// However many cores there are, the same is told in the same order, and --first tells the first.
+// The output has the same lines in the same order with any number of cores. --first prints the
+// first fault in this order.
 TEST_F(MuxzIo, AllCoresTellWhatOneTells) {
     for (int i = 0; i < 40; ++i) {
         std::string log = Log(static_cast<uint64_t>(i), i % 7 == 0 ? 60 : 3);
@@ -300,7 +303,7 @@ TEST_F(MuxzIo, NamesTheWordThatIsWrong) {
     EXPECT_EQ(Shell("muxz --version").out.substr(0, 5), "muxz ");
 }
 
-// What a program writes to a terminal, and its status.
+// Runs programs on a terminal. `Run` returns what the program printed, and its status.
 class Terminal {
   public:
     Terminal() {
@@ -361,7 +364,7 @@ TEST_F(MuxzIo, KnowsATerminal) {
 
 TEST_F(MuxzIo, AReaderThatLeavesEndsItQuietly) {
     test::WriteFile("/box/log", Log(1, 200));
-    // Also where the parent ignores the signal, as Python does.
+    // The second case is a parent that ignores the signal, as Python does.
     for (const std::string before : {"", "trap '' PIPE; "}) {
         const Run run = Shell(before + "{ muxz cat log; echo $? >status; } | head -c 1 >/dev/null");
         EXPECT_EQ(test::ReadFile("/box/status"), "141\n") << before;
@@ -369,8 +372,8 @@ TEST_F(MuxzIo, AReaderThatLeavesEndsItQuietly) {
     }
 }
 
-// Rotation, an exception with its renaming, a capture that ends and one that begins: nothing of the
-// stream is missing and nothing comes twice.
+// The daemon opens new files, renames a capture after an exception, ends a capture and begins
+// another. muxz prints every byte of the stream exactly once.
 TEST_F(MuxzIo, FollowsTheDaemon) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 1\nlog_mode 1\n");
     test::Daemon daemon("followed", "source generated 3\nrate 8M\n");

@@ -1,4 +1,4 @@
-// Stretches of time, Android log text, and the report page.
+// Time ranges, Android log text, and the report page.
 #include <gtest/gtest.h>
 #include <snappy-c.h>
 #include <sys/wait.h>
@@ -20,7 +20,7 @@ namespace {
 using namespace muxz;
 
 constexpr int32_t kOffset = 3600;
-const int64_t kDay = WallDay(2026, 11, 23).value() - kOffset;  // its midnight, in UTC
+const int64_t kDay = WallDay(2026, 11, 23).value() - kOffset;  // the local midnight, in UTC seconds
 constexpr int64_t At(int64_t hour, int64_t minute, int64_t second = 0) {
     return hour * 3600 + minute * 60 + second;
 }
@@ -33,7 +33,7 @@ TEST(MuxzTime, ArgumentsMeanWhatTheCapturesTell) {
         const char* text;
         const std::vector<Covered>& captures;
         std::optional<int64_t> from, expected;
-        const char* told;  // the day that was filled in, or the reason
+        const char* told;  // the day that was filled in, or the reason for the refusal
     } cases[] = {
         {"23:10", evening, {}, kDay + At(23, 10), "2026-11-23"},
         {"00:10:05", evening, {}, kDay + At(24, 10, 5), "2026-11-24"},
@@ -103,12 +103,12 @@ TEST(MuxzAndroidLog, ReadsEveryFormat) {
         EXPECT_EQ(log.reports[0].written, 12u);
         EXPECT_EQ(log.untimed, expected ? 0u : 1u);
     }
-    // A log without years that goes over a new year, and a leap day.
+    // Log lines without a year: the end of a year, and a leap day.
     const int64_t january = WallDay(2027, 1, 1).value() + 60;
     EXPECT_EQ(Read("QUARN I 12-31 23:59:59 1 1 x", {january, 0}).from, january - 61);
     const int64_t leap = WallDay(2028, 2, 29).value();
     EXPECT_EQ(Read("QUARN I 02-29 00:00:00 1 1 x", {leap + 9 * kSecondsPerDay, 0}).from, leap);
-    // Of others, or no line of a log at all.
+    // Lines of other programs, and lines that do not belong to a log.
     for (const char* other :
          {"--------- beginning of main", "", "11-23 14:32:10.123 I/OTHER   ( 1): QUARN : x",
           "11-23 14:32:10.123  1  2 I QUARNX  : x", "QUARN", "QUARN I 13-01 14:32:10 1 1 x",
@@ -152,8 +152,9 @@ TEST(MuxzAndroidLog, TellsReportsAndEvents) {
               "deleted or cut 0 /data/b was deleted, 7 bytes went with it\n");
 }
 
-// Two captures of an evening, 22:00:00 to 22:03:20 and 22:10:00 to 22:13:20, four files of 50 s
-// each. The first is marked with an exception that the second's start ends.
+// Returns two captures of an evening, 22:00:00 to 22:03:20 and 22:10:00 to 22:13:20. Each has four
+// files of 50 s. The first capture has an exception mark, and the start of the second ends the
+// exception.
 Model TwoCaptures() {
     Model model;
     model.phones.resize(1);
@@ -187,7 +188,7 @@ TEST(MuxzStretch, IsFoundByTimesAndExceptions) {
     struct Case {
         StretchOptions options;
         const AndroidLog* log;
-        const char* expected;  // from and to, in seconds behind 22:00; or the reason
+        const char* expected;  // from and to, in seconds after 22:00; or the reason for the refusal
         std::string told = "";
     };
     const auto time = [](const char* text) { return ParseTime(text); };
@@ -249,14 +250,15 @@ TEST(MuxzStretch, PartsAreSharesOfRawBytes) {
     EXPECT_EQ(parts(-1000, 0, nullptr), "capture 3, file 0, 22:00:00 to 22:00:50, ± 1 s; 0-\n");
     EXPECT_EQ(parts(155, 172, nullptr),
               "capture 3, file 3, 22:02:35 to 22:02:52, ± 45 s; 100-440\n");
-    // Of the first file's 50 s all bytes came in the last ten: reports at :08, :16, ... :56.
+    // The daemon reports its rates at :08, :16, ... :56. By these reports, all bytes of the first
+    // file came in the last ten of its 50 s.
     std::string text;
     for (int i = 1; i <= 8; ++i)
         text += "QUARN I 11-23 " + ShowClock(At(22, 0, 8 * i)) +
                 " 1 1 read rate: 9 KB/s, write rate: " + (i < 6 ? "0" : "100") + " KB/s\n";
     const AndroidLog log = Read(text);
     EXPECT_EQ(parts(20, 44, &log), "capture 3, file 0, 22:00:20 to 22:00:44, ± 4 s; 0-400\n");
-    // The second one has reports for its first 14 s only.
+    // The second file has reports for its first 14 s only.
     EXPECT_EQ(parts(60, 70, &log), "capture 3, file 1, 22:01:00 to 22:01:10, ± 40 s; 200-400\n");
 
     EXPECT_TRUE((RawRange{200, 400}.Holds(199, 2)));
@@ -274,7 +276,7 @@ TEST(MuxzStretch, PartsAreSharesOfRawBytes) {
     EXPECT_FALSE(listing.groups[0].whole);
 }
 
-// Three files of a minute each, each of ten blocks of a letter, through the commands.
+// Runs the commands on three files of one minute each. Each file has ten blocks, one letter each.
 TEST(MuxzStretch, IsWhatEveryCommandKeepsTo) {
     const std::string tree = "/box/logs",
                       capture = tree + "/QRXMDLog_0_2026_1123_100000t/QRXMDLog_";
@@ -297,7 +299,7 @@ TEST(MuxzStretch, IsWhatEveryCommandKeepsTo) {
     const struct {
         const char* arguments;
         int status;
-        std::string out, err;  // parts of them; of cat the letters
+        std::string out, err;  // parts of the output; for cat, its letters
     } cases[] = {
         {"cat --from 10:01:14 --to 10:01:40", 0, "mnopq",
          "muxz: capture 0, file 1, 10:01:14 to 10:01:40, ± 46 s\n"},
@@ -327,7 +329,7 @@ TEST(MuxzStretch, IsWhatEveryCommandKeepsTo) {
     }
 }
 
-// --- the page
+// --- the report page ---
 
 TEST(MuxzChart, PutsTimesAndValuesWhereTheyBelong) {
     const TimeAxis axis{1000, 2000, 0};
@@ -357,7 +359,8 @@ TEST(MuxzChart, PutsTimesAndValuesWhereTheyBelong) {
         {curves, "<title>a &quot;hole&quot;</title>"},
         {curves, "class='exception' x1='50.000%' x2='50.000%'"},
         {curves, "x='20.000%' y='166' text-anchor='middle'>00:20</text>"},  // 1200 s
-        // What begins before the axis is cut there; the second lane is the lower one.
+        // A bar that begins before the axis is cut off at the axis. The second lane is the lower
+        // one.
         {lanes, "class='capture' x='0.000%' width='10.000%' y='32.0'"},
         {lanes, ">7</text>"},
         {bars, "class='fill' width='25.000%'"},
@@ -380,7 +383,8 @@ TEST(MuxzPage, ShowsTheModelAndNoMarkupOfOthers) {
     finding.path = finding.text = bad;
     model.findings.push_back(finding);
     model.totals.captures = 2;
-    // A front that is gone, a hole and a damaged place, all of the first capture.
+    // In the first capture the first files are missing, files in the middle are missing, and a
+    // place is damaged.
     CaptureFacts& first = model.phones[0].captures[0];
     first.path = "/first";
     first.start = *first.files[0].opened - 60;

@@ -37,11 +37,11 @@ class MuxzTool : public testing::Test {
     static Run Muxz(const std::string& arguments) {
         return test::Run(MUXZ_PROGRAM " " + arguments);
     }
-    // Two blocks: a single one could be one by chance.
+    // Two blocks: random bytes could look like a single one.
     static std::string Blocks(char letter) {
         return BlockBytes(std::string(100, letter)) + BlockBytes(std::string(60, letter));
     }
-    // Returns a stream with equal neighbours joined to one letter.
+    // Returns a stream in which each run of equal letters is reduced to one letter.
     static std::string Letters(std::string stream) {
         stream.erase(std::unique(stream.begin(), stream.end()), stream.end());
         return stream;
@@ -246,7 +246,7 @@ TEST_P(MuxzFiles, NothingIsLostWithoutAWord) {
     fs::create_symlink("/nowhere", folder + last);
     expect("check ", 2, last + ": is a link that leads nowhere\n");
     fs::remove(folder + last);
-    // An hour back.
+    // The clock goes back by an hour.
     Put(kFirst + "/QRXMDLog_2_2024_0101_091200.muxz", 'c');
     expect("check ", 0, "was set back\n");
     if (HasKnownParts()) {
@@ -284,8 +284,9 @@ TEST_P(MuxzFiles, AreReadOnBehindDamage) {
     const auto damage = [&](size_t block, size_t at) {
         bytes.replace(starts[block] + at, 8, std::string(8, '\xff'));
     };
-    damage(0, 8);  // its lengths are right; without a known header, the neighbouring files show
-                   // where it begins
+    // The lengths of this block are right. Without a known header, the neighbouring files show
+    // where it begins.
+    damage(0, 8);
     damage(2, 8);
     damage(3, 8);
     damage(6, 0);
@@ -439,7 +440,7 @@ TEST_P(MuxzFiles, HeaderLikeABlockIsNone) {
     EXPECT_EQ(Letters(Muxz("cat " + path).out), "a");
     EXPECT_NE(Muxz("info " + path).out.find("writer, " + std::to_string(front.size()) + " bytes"),
               std::string::npos);
-    // No block at all, and a block after the range in which muxz searches for the first one.
+    // A file without a block, and a file whose first block follows the range that muxz searches.
     test::WriteFile(path, front);
     EXPECT_EQ(Muxz("verify " + path).status, 1);
     fs::rename(path, path + ".tmp");
@@ -472,7 +473,7 @@ TEST_F(MuxzTool, EndsWithStatusTwoWhereItCannotWork) {
     const std::string log = Put("QRXMDLog_0_2024_0101_000000/QRXMDLog_0_2024_0101_000000.muxz", 'a',
                                 BlockBytes(RandomBytes(3000000, 1)));
     fs::create_directories("/box/empty");
-    ASSERT_EQ(mkfifo("/box/QRXMDLog_0_12.muxz", 0600), 0);  // nobody writes to it
+    ASSERT_EQ(mkfifo("/box/QRXMDLog_0_12.muxz", 0600), 0);  // no program writes to it
     ASSERT_EQ(symlink("loop", "/box/loop"), 0);
     for (const char* arguments :
          {"", "frob", "cat", "cat -z x", "verify -o x", "ls a b", "cat /box/gone", "ls /gone",

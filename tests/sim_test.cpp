@@ -1,4 +1,4 @@
-// The simulated phone: what every other test and measurement rests on.
+// The simulated phone, which all other tests and the measurements use.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,7 +26,7 @@ using sim::Modem;
 const std::string kFolder = "/box/modem";
 const std::string kLogFile = "/box/stream";
 
-// One read of the port; nothing after an error.
+// Reads the log port once. Returns "" after an error.
 std::string ReadPort(size_t len) {
     std::string bytes(len, '\0');
     int error = 0;
@@ -38,8 +38,8 @@ std::string ReadPort(size_t len) {
 std::string Send(std::string_view lines) {
     const test::Client console((kFolder + "/" + sim::kConsoleSocketName).c_str(),
                                ANDROID_SOCKET_NAMESPACE_FILESYSTEM);
-    // In two pieces, so that a line may come in parts. The phone hangs up in the middle of a line
-    // that is too long, so sending may fail; what counts is the reply.
+    // Sends two pieces, so that a line may arrive in parts. The send may fail, because the phone
+    // closes the connection in the middle of a line that is too long. Only the reply counts.
     const size_t half = lines.size() / 2;
     if (console.Send(lines.substr(0, half))) console.Send(lines.substr(half));
     console.EndSending();
@@ -82,7 +82,7 @@ TEST(SimLayer, NotificationsComeInOrder) {
     EXPECT_EQ(seen.notifications[1], std::pair(9, std::string("none")));
     for (size_t i = 0; i < 50; ++i) EXPECT_EQ(seen.notifications[2 + i].first, 100 + int(i));
 
-    // Going down lets the one that runs end, and no more.
+    // mcl_deinit waits for the handler that is running, and calls no further handler.
     seen.hold = true;
     modem.Notify(NTFY_MD_LOG_STOP);
     modem.Notify(NTFY_MD_LOG_END);
@@ -151,7 +151,7 @@ class SimIpc : public testing::Test {
         mcl_deinit();
     }
 
-    // The codes that came, in order.
+    // Returns the codes of the notifications in the order of arrival.
     std::vector<int> Codes() {
         std::lock_guard lock(seen.mutex);
         std::vector<int> codes;
@@ -166,7 +166,7 @@ class SimIpc : public testing::Test {
 TEST_F(SimIpc, AChangeOfTheLogModeIsToldBeforeItIsConfirmed) {
     modem.SetSource(sim::MakeGeneratedSource(1));
     const struct {
-        int mode, code;  // 0: nothing is told
+        int mode, code;  // 0: no notification
         bool streaming;
     } kCases[] = {{1, NTFY_MD_LOG_START, true},  {1, 0, true},
                   {2, NTFY_MD_LOG_CLOSE, false}, {1, NTFY_MD_LOG_REOPEN, true},
@@ -182,7 +182,7 @@ TEST_F(SimIpc, AChangeOfTheLogModeIsToldBeforeItIsConfirmed) {
     EXPECT_EQ(seen.notifications[0].second, Word(0) + Word(1));
     EXPECT_EQ(seen.notifications[4].second, Word(0) + Word(2));
 
-    // A handler that does not come to an end is not waited for without one.
+    // The modem waits for a handler, but not forever: here the handler does not return.
     seen.hold = true;
     EXPECT_EQ(Ask(39, {{256, Word(1)}}).result, Word(0));
     EXPECT_EQ(Codes(), codes);
@@ -207,7 +207,7 @@ TEST_F(SimIpc, TheFlushIntervalHoldsTheStreamBack) {
     EXPECT_EQ(Ask(139).number, Word(0));
     EXPECT_EQ(ReadPort(1), "");
 
-    // A shorter interval counts from the last release, so setting it back at once loses nothing.
+    // A shorter interval counts from the last release. If it is set back at once, no byte is lost.
     ASSERT_TRUE(held(30'000));
     EXPECT_EQ(Ask(119, {{256, Word(20)}}).result, Word(0));
     EXPECT_EQ(Ask(119, {{256, Word(60'000)}}).result, Word(0));
@@ -218,7 +218,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
     test::WriteFile("/box/with blank", "abc");
     ASSERT_EQ(mkfifo("/box/pipe", 0600), 0);
     const struct {
-        std::string line, refusal;  // refusal: a part of it; empty: done
+        std::string line, refusal;  // a part of the refusal; empty: the line is accepted
     } kCases[] = {
         {"source replay \"/box/with blank\" 1", ""},
         {"source replay /box/pipe", "cannot replay /box/pipe: Invalid argument"},
@@ -248,7 +248,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {"expect missing == 0", "not = != < <= > or >=: =="},
         {"client " + std::string(127, 'x'), "a request has 1 to 126 bytes"},
     };
-    // What only a phone can tell is no fault of the line.
+    // Only the phone itself can find these faults. The check of a line accepts them.
     const auto is_checked = [](const std::string& line) {
         return line != "source replay /box/pipe" && line != "free_space 1M";
     };
@@ -295,7 +295,7 @@ TEST(SimConsole, AScenarioGoesOnOverARestart) {
     test::LogCapture log;
     timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    // The phone's first process, of another id, has begun ten seconds ago.
+    // The phone's first process, with another id, began ten seconds ago.
     const int64_t began = now.tv_sec * 1000 + now.tv_nsec / 1'000'000 - 10'000;
     test::WriteFile(kFolder + "/began", std::to_string(began) + " 1\n");
     test::WriteFile(kFolder + "/lines",
