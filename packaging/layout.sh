@@ -1,6 +1,6 @@
-# Where an installed quarn-run and quarn-inbox find their programs and keep their boxes. In a checkout
-# sim/layout.sh is in the place of this file. Sourced with $home, which is PREFIX/lib/quarn.
-# shellcheck shell=bash disable=SC2034,SC2154 # what the sourcing script reads, and what it sets
+# Tells an installed quarn-run and quarn-inbox where their programs and their boxes are. A checkout uses
+# sim/layout.sh instead. The script that sources this file sets $home, which is PREFIX/lib/quarn.
+# shellcheck shell=bash disable=SC2034,SC2154 # variables that only the sourcing script reads or sets
 
 run_command=quarn-run
 inbox_command=quarn-inbox
@@ -24,7 +24,8 @@ default_box_text='"quarn/box" in $XDG_STATE_HOME, or in ~/.local/state'
 tool_prefix=''
 tool_prefix_text=''
 
-# Prints how a user calls a program of $tools: by its name where the shell finds this program so.
+# Prints how a user calls a program of $tools: the name if the shell finds this program by its name,
+# otherwise the path.
 shown() { # NAME
     if [ "$(type -P "$1")" -ef "$tools/$1" ]; then echo "$1"
     else echo "$tools/$1"; fi
