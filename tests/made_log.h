@@ -23,7 +23,7 @@ using quarn::log_file::kBlockHeaderSize;
 struct Told {
     uint32_t folder_time = 1706745500;
     uint32_t file_index = 5;
-    uint32_t modem_time = 1706745599;  // 0: no information of the modem yet
+    uint32_t modem_time = 1706745599;  // 0: no information from the modem yet
     uint32_t opened = 1706745599;      // when the file was opened
     std::string radio = "v1";
     std::string hardware = "hw";
@@ -63,7 +63,7 @@ inline std::string OwnHeader(const Told& told) {
     return ReadFile(path);
 }
 
-// Lengths of headers of another writer. From 512 bytes on they contain the known parts.
+// Lengths of headers from another writer. A header of at least 512 bytes contains the known parts.
 inline constexpr size_t kOwn = SIZE_MAX;
 inline constexpr size_t kHeaders[] = {kOwn, 0, 24, 512, 65536};
 

@@ -1,4 +1,4 @@
-// Makes system calls of this process fail, without a change of the code that makes them.
+// Makes system calls of this process fail. The code that makes the calls is unchanged.
 #pragma once
 
 #include <climits>

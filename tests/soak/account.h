@@ -33,12 +33,11 @@ namespace fs = std::filesystem;
 namespace soak {
 
 inline constexpr uint64_t kMiB = 1 << 20;
-inline constexpr uint64_t kWrite = kMiB;  // bytes of one write at most
+inline constexpr uint64_t kWrite = kMiB;  // the most bytes of one write
 // Bytes of the stream that a process may hold while no file has them yet:
 //   - kRing: the ring, and one chunk that the reader is putting into it
 //   - kBuffer: a full buffer of blocks. A second one may be in the middle of a write. The stream
-//   does
-//     not compress to less than a fifth (kMostPacking).
+//     does not compress to less than a fifth (kMostPacking).
 inline constexpr uint64_t kRing = 16 * kMiB + 64 * 1024;
 inline constexpr uint64_t kMostPacking = 5;
 inline constexpr uint64_t kBuffer = kMiB * kMostPacking;
@@ -152,7 +151,8 @@ class Account {
         return closed;
     }
 
-    // Called after the process has ended. `delivered` is what the modem handed over to it.
+    // Called after the process has ended. `delivered` is the number of bytes that it got from the
+    // modem.
     void End(bool killed, uint64_t delivered) {
         ReadLog();
         may_lack_file = killed;
@@ -185,8 +185,9 @@ class Account {
                    missing - dropped);
     }
 
-    // Verifies what is left of the process's captures. Each file goes on where the one before it
-    // ended, unless files between them are gone. Only the newest one may end anywhere.
+    // Verifies the files of the process's captures that still exist. Each file continues where the
+    // file before it ended, unless files between them are missing. Only the newest file may end
+    // anywhere.
     void VerifyLeft(const std::vector<Folder>& folders, uint32_t next_folder) {
         KnownStream left(stream_seed);
         bool complete = true;
@@ -331,7 +332,7 @@ class Account {
         const bool was_deleted = in_captures && TakeDeleted(file);
         if (!file.fd) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            ReadLog();  // now it tells why there is no such file
+            ReadLog();  // the log now shows why the file does not exist
             // The kill may have come between the recycler's removal and its message.
             if (!recycled.contains(Key(file.path)) && !std::exchange(may_lack_file, false)) {
                 report.Fault("no such file: " + file.path);

@@ -1,6 +1,11 @@
-// Preloaded into the daemon. Kills it with SIGKILL at the N-th call that changes something below
-// the daemon's folder, or below CRASH_FOLDER. CRASH_POINT is N. An odd N kills it before the call,
-// an even N after it. If the call is a long write, only the first half of its pages is written.
+// A library that is preloaded into the daemon. Kills the process with SIGKILL at the N-th call that
+// changes something below a folder.
+//
+// Environment:
+//   CRASH_POINT   N. An odd N kills the process before the call, an even N after it. If the call is
+//   a
+//                 long write, only the first half of its pages is written.
+//   CRASH_FOLDER  the folder; by default the daemon's folder
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>
@@ -21,7 +26,7 @@ constexpr size_t kPage = 4096;
 
 std::atomic<int> calls{0};
 
-// The function that the one of this name here hides.
+// Returns the C library's function, which the function of the same name in this file replaces.
 #define REAL(call) reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
 void Die() { kill(getpid(), SIGKILL); }

@@ -85,8 +85,8 @@ inline const std::string kLogs = kTree + "/logs";
 inline constexpr const char* kDelivered = "/data/modem/delivered";
 inline uint64_t Delivered() { return strtoull(test::ReadFile(kDelivered).c_str(), nullptr, 10); }
 
-// An exchange with the modem may last 5 s, and a notification that comes first may take some
-// seconds. Several of each may come before a request.
+// The time limit for a reply. An exchange with the modem may take 5 s, and a notification some
+// seconds. The daemon may have to handle several of each before a request.
 inline constexpr std::chrono::seconds kReplyPatience(90);
 
 // Counts the entries of a folder of /proc, without those of the power-on log: the links to its
@@ -132,7 +132,7 @@ class Phone : public test::Daemon {
         return false;
     }
 
-    // Returns the answer to a line for the phone's console, or "" if nobody answers.
+    // Returns the answer to a line for the phone's console, or "" if there is no answer.
     std::string Console(const std::string& line) {
         const test::Client console("/data/modem/console.socket",
                                    ANDROID_SOCKET_NAMESPACE_FILESYSTEM, kReplyPatience);

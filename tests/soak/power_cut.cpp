@@ -1,5 +1,5 @@
-// Preloaded into the daemon. Records what a power cut would leave of the files below the daemon's
-// folder.
+// A library that is preloaded into the daemon. Records which bytes of the files below the daemon's
+// folder would survive a power cut.
 //
 // Environment:
 //   SYNC_NOTES     the file for the notes
@@ -26,7 +26,7 @@ namespace {
 
 const std::string kFolder = "/data/vendor/radio/quarn";
 
-// The function that the one of this name here hides.
+// Returns the C library's function, which the function of the same name in this file replaces.
 #define REAL(call) reinterpret_cast<decltype(&(call))>(dlsym(RTLD_NEXT, #call))
 
 std::string PathOf(int fd) {

@@ -29,8 +29,8 @@ class Settings {
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
 
-    // Called after the end of the daemon. The file is the old one or the new one, whole, or there
-    // is none yet.
+    // Called after the end of the daemon. The configuration file must be the complete old one or
+    // the complete new one, or not exist yet.
     void Check() {
         End();
         if (!had_file && !fs::exists(kConfigPath)) return;
@@ -68,7 +68,7 @@ class Settings {
     }
 
     void Run() {
-        // The first two bring a daemon that lost its configuration back to a small tree.
+        // The first two requests limit the tree's size again if the daemon lost its configuration.
         for (int number = 0; !ended; ++number) {
             in_flight = number == 0 ? "file_size 1" : number == 1 ? "recycle_size 8" : Draw();
             while (!in_flight.empty() && !ended) {
@@ -94,7 +94,7 @@ class Settings {
     const bool had_file;
     std::string config;
     Dice dice;
-    std::string in_flight;  // asked for, not answered
+    std::string in_flight;  // the request that has no reply yet
     std::atomic<bool> ended = false;
     std::thread thread;
 };

@@ -1,5 +1,5 @@
 // Runs the unchanged daemon on the simulated phone, ends it again and again, and accounts for every
-// byte: quarn_soak --help.
+// byte. See quarn_soak --help.
 #include <getopt.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -35,54 +35,63 @@ constexpr const char* kHelp =
     R"(Use: quarn_soak [--ends LIST] [--seconds N | --rounds N] [--seed S] [--boxes N] [--keep DIR]
 
 Runs the daemon on a simulated phone in a box (an isolated sandbox), ends it, and starts it again.
-All log files, deleted ones too, are read and compared with the stream that the modem made. Missing
-bytes must be in the daemon's log, or be what a kill or a power cut may cost.
+quarn_soak reads all log files, deleted ones too, and compares them with the stream that the modem
+made. If bytes are missing, either the daemon's log must report them, or they must be among those
+that a kill or a power cut may cost.
 
-LIST names kinds of ends, with commas between them. By default it is all of them.
+LIST contains kinds of ends, separated by commas. The default is all of them.
 
   rest    The daemon exits in order after all trouble has stopped.
   exit    The daemon exits in order in the middle of the trouble.
   kill    The daemon is killed in the middle of the trouble, or after its log device has vanished.
-  crash   The daemon is killed within a second or two after its start, while it writes and a client
-          changes settings: at a random moment, or at a random system call that changes a file.
-  power   A power cut: after some ten seconds each file is cut back to what was synced.
+  crash   The daemon is killed within a second or two after its start, while it writes log files and
+          a client changes settings. The kill comes at a random moment, or at a random system call
+          that changes a file.
+  power   The power is cut after about ten seconds: each file keeps only the bytes that were synced.
 
-Trouble: the modem streams as fast as the daemon reads, raises notifications and has exceptions.
-Clients send commands and noise, copy captures, and delete the running capture's file or folder.
-Subscribers come and go, log port and modem IPC fail, and the disk is full now and then. At rest, each
-process must have the descriptors, threads and memory of the rest before.
+Trouble means:
 
-After crash and power the names in the log tree, the folder history, the size of the tree and the
-configuration file are checked, and the next process starts on what is there.
+  - The modem streams as fast as the daemon reads, raises notifications and has exceptions.
+  - Clients send commands and random bytes, copy captures, and delete the file or the folder of the
+    running capture.
+  - Subscribers come and go.
+  - The log port and modem IPC fail, and sometimes the disk is full.
+
+At rest, each process must have as many descriptors and threads as the first one had at its start,
+and its memory must not keep growing.
+
+After crash and power, quarn_soak checks the names in the log tree, the folder history, the size of
+the tree and the configuration file. The next process starts with the files that are there.
 
 The seed decides what happens, but not exactly when.
 
-  --seconds N   how long (default 20); the round is finished after it
-  --rounds N    how many rounds, instead of a time: a round is one process for each kind, and ten for
-                crash
-  --seed S      (default 1)
-  --boxes N     runs N boxes side by side, each with a seed of its own, and shares the rounds out
-  --keep DIR    keeps the daemon's logs, the log tree and a journal of all that was done in DIR; with
-                one box only
+  --seconds N   starts rounds for N seconds (default 20), and finishes the last one
+  --rounds N    runs N rounds, however long they take; a round has ten processes for crash and one
+                for each other kind
+  --seed S      sets the seed (default 1)
+  --boxes N     runs N boxes side by side, each with a seed of its own, and divides the rounds among
+                them
+  --keep DIR    keeps the daemon's logs, the log tree and a journal of all actions in DIR; works
+                with one box only
 
-Exit status: 0 when no fault was found, 1 otherwise, 2 for a wrong call.
+Exit status: 0 if no fault was found, 1 otherwise, 2 for a wrong call.
 )";
 
 // The limit of every wait that should be short.
 constexpr seconds kPatience(60);
 constexpr long kMoreMemoryKb = 8 * 1024;  // at a later rest, compared with the first one after work
 #ifdef SANITIZED
-constexpr bool kSanitized = true;  // most of the memory is the sanitizer's
+constexpr bool kSanitized = true;  // the sanitizer uses most of the memory
 #else
 constexpr bool kSanitized = false;
 #endif
-constexpr long kMostMemoryKb = 96 * 1024;  // ever: the ring's 16 MiB, buffers, stacks, programs
+constexpr long kMostMemoryKb = 96 * 1024;  // peak: the ring's 16 MiB, buffers, stacks, programs
 
 constexpr const char* kFactoryDefault = "transfer_type 1\nfile_size 1\nrecycle_size 8\n";
 constexpr seconds kSyncDelay(5);
-constexpr seconds kBusyMachine(2);  // what a sync may wait for a processor, in addition
+constexpr seconds kBusyMachine(2);  // extra time that a sync may wait for a processor
 
-constexpr const char* kNotes = "/data/notes";  // of the library that notes syncs
+constexpr const char* kNotes = "/data/notes";  // written by power_cut.cpp
 
 enum class End { kRest, kExit, kKill, kCrash, kPower };
 constexpr std::array kEndNames = {"rest", "exit", "kill", "crash", "power"};
@@ -93,8 +102,8 @@ struct Plan {
     End end = End::kRest;
     uint64_t seed = 0;
     int rounds = 1;  // of trouble and rest
-    // Before a power cut: large files are written all the time, small ones end faster than they
-    // sync.
+    // For a power cut. A large file is still being written at the cut. Small files are finished
+    // faster than the daemon syncs them.
     bool large_files = false;
 
     milliseconds sync_time() const { return milliseconds(large_files ? 20 : 1500); }
@@ -106,7 +115,8 @@ std::string Scenario(const Plan& plan, Dice& dice) {
     if (plan.end == End::kPower) {
         return source + (plan.large_files ? "rate 4M" : "rate 10M") + "\nstream start\n";
     }
-    // The modem's log may be on from before. It is slow until Rest or Work sets another rate.
+    // An earlier process may have left the modem's log on. The stream is slow until Rest or Work
+    // sets another rate.
     return source + "property ro.boot.cdt_hwid soak\nmd_state 6\nrate 20M\nfail init " +
            std::to_string(dice.Below(4)) + "\n";
 }
@@ -135,7 +145,7 @@ test::Daemon::Environment Preload(const Plan&, Dice&) { return {}; }
 // The life of one process of the daemon.
 class Life {
   public:
-    // `first` is what the first process held when it had done nothing yet.
+    // `first` is what the first process held before it did any work. No value: this is the first.
     Life(Report& out, const std::string& name, const Plan& what, std::optional<Holdings>& first)
         : report(out),
           plan(what),
@@ -170,7 +180,7 @@ class Life {
         if (tree) tree->Check(books);
     }
 
-    // For a report.
+    // Returns the text for the report of a fault.
     std::string LogEnd() const { return phone.Stacks(); }
 
   private:
@@ -189,7 +199,7 @@ class Life {
 
     void Crash() {
         Settings settings(phone, report, config, kFactoryDefault, plan.seed);
-        // One in twelve lives as long as it takes until a capture has ended and the next one begun.
+        // One process in twelve lives until one capture has ended and the next one has begun.
         const uint64_t kind = dice.Below(12);
         const bool two_captures = kind == 0;
         const milliseconds life(two_captures ? 1500 + dice.Below(500)
@@ -213,13 +223,13 @@ class Life {
 
     void WaitForThePowerCut() {
         std::this_thread::sleep_for(milliseconds(100 + dice.Below(3900)));
-        // Small files: a second capture, marked or not.
+        // With small files, a second capture may follow, with or without an exception mark.
         if (!plan.large_files && dice.OneIn(2)) phone.Console("exception");
         if (!plan.large_files && dice.OneIn(2)) phone.Console("notify 7");
         std::this_thread::sleep_for(milliseconds(8000 + dice.Below(3000)));
     }
 
-    // Ends when trouble has stopped, or when the process has ended in the middle of it.
+    // Returns after the trouble has stopped, or after the process has ended in the middle of it.
     void Work(End how) {
         phone.Console("rate 0");
         phone.Console("log_mode 1");
@@ -258,7 +268,7 @@ class Life {
         phone.Console("log_mode 0");
         phone.Console("stream stop");
         Check(test::WaitUntil(settled, kPatience), "notifications hang");
-        // Bytes that came after the notification of the end would open another capture.
+        // Bytes that arrive after the notification of the log's end would open another capture.
         Check(phone.Ask("flush_log_buffer") == "ok", "the ring is not flushed");
         phone.Console("notify 2");
         Check(test::WaitUntil(settled, kPatience), "notifications hang");
@@ -321,7 +331,7 @@ class Life {
     Report& report;
     const Plan plan;
     Dice dice;
-    const std::string config;  // the file, before the start
+    const std::string config;  // contents of the configuration file before the start
     const std::unique_ptr<TreeCheck> tree;
     Phone phone;
     Account books;
@@ -333,12 +343,12 @@ class Life {
 
 struct Call {
     std::vector<End> ends;
-    unsigned long seconds = 20, rounds = 0, boxes = 1;  // no rounds: a time instead
+    unsigned long seconds = 20, rounds = 0, boxes = 1;  // rounds 0: `seconds` decides
     uint64_t seed = 1;
     std::string keep;
 };
 
-// Trouble leaves folders in the tree that no check of a killed process expects.
+// Removes the log tree, because trouble leaves folders that the checks after a crash do not expect.
 void ClearTree() {
     for (const auto& entry : fs::directory_iterator(kTree)) fs::remove_all(entry.path());
 }
@@ -448,7 +458,7 @@ int RunBoxes(const Call& call, const std::string& ends) {
     return worst;
 }
 
-// Returns false if `list` names something else than kinds of ends.
+// Returns false if `list` contains anything but kinds of ends.
 bool ParseEnds(std::string_view list, std::vector<End>& ends) {
     ends.clear();
     while (true) {

@@ -39,8 +39,8 @@ class TreeCheck {
         }
     }
 
-    // Simulates a power cut: cuts each file back to what was synced, by the notes of power_cut.cpp.
-    // What was written up to `due` (steady clock) must be synced.
+    // Simulates a power cut: cuts each file to its synced length, which is in the notes of
+    // power_cut.cpp. All bytes that were written up to `due` (steady clock) must be synced.
     void CutBack(const std::string& notes_path, std::chrono::nanoseconds due) {
         std::map<ino_t, uintmax_t> wanted, synced;
         std::set<ino_t> named = old_inodes;
@@ -128,7 +128,7 @@ class TreeCheck {
                             [&](const Folder& old) { return old.index == folder.index; });
     }
 
-    // Of the first capture that the process begins.
+    // Returns the index of the first capture that the process begins.
     uint32_t NextIndex() const { return before.empty() ? 0 : before.back().index + 1; }
 
     void CutFile(const fs::path& path, uintmax_t wanted, uintmax_t left) {
@@ -216,7 +216,7 @@ class TreeCheck {
     const uint64_t recycle_mb = SettingMb("recycle_size", kLargestTreeMb);
     const uint64_t file_mb = SettingMb("file_size", kLargestFileMb);
     const std::vector<Folder> before;  // the tree before the start
-    std::set<ino_t> old_inodes;        // of all that was there
+    std::set<ino_t> old_inodes;        // inodes of the tree before the start
 };
 
 }  // namespace soak

@@ -206,7 +206,7 @@ class Trouble {
             const auto reply = phone.Ask(Filled(dice, "copy_log_file " + folder + " #1-12 #0-1"));
             if (reply.starts_with("ok,")) {
                 report.Add("copies");
-                // Each file alone: ClearLogs may have deleted files between them.
+                // Checks each file alone, because ClearLogs may have deleted files between them.
                 const std::string check = "find " + folder +
                                           " -name '*.muxz*' -print0 | xargs -0 -r -n 1 " +
                                           MUXZ_PROGRAM " verify >/data/verify 2>&1";
