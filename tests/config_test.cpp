@@ -181,12 +181,12 @@ TEST_F(Config, EverySettingIsInForceAfterALoad) {
     EXPECT_EQ(g_file_io.get_file_size(), 50);
     EXPECT_EQ(g_quarn.flush_interval, 0u);  // sent to the streaming modem
     EXPECT_EQ(modem.settings().log_mode, 2);
-    // Only a modem that streams is told the interval. Any mode but 0 counts as logging.
+    // Only a modem that streams gets the interval. Any mode but 0 counts as logging.
     const size_t before = modem.ipc_requests().size();
     EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_STOP, nullptr), 0);
     ASSERT_EQ(Load("log_mode 2\n"), 0);
     EXPECT_EQ(modem.ipc_requests().size(), before + 1);
-    EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_START, nullptr), 1);  // is in that state
+    EXPECT_EQ(g_log_filter_manager.exec(EXEC_MD_LOG_START, nullptr), 1);  // already logging
     EXPECT_EQ(log.Count("Fail to set log level..."), 0u);
 
     // Bytes after the first 1023 are ignored.

@@ -224,7 +224,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
         {padded(126) + '\0', {"ok"}},
         {padded(quarn::protocol::kMaxRequest) + '\0', {"ok", "error"}},
         {"file_size\0recycle_ee\0"s, {"ok,7"}},  // only the first request of a packet counts
-        {"file_size", {"ok,7"}},                 // the zero byte may be missing
+        {"file_size", {"ok,7"}},                 // a time limit ends a request without a zero byte
         {std::string(10000, 'x'), std::vector<std::string>(79, "error")},
         {"file_size\0"s, {"ok,7"}},
     };
@@ -242,7 +242,7 @@ TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     ASSERT_TRUE(client.Send("\0"s));
     EXPECT_EQ(client.Reply(), "ok,1");
     EXPECT_EQ(client.Ask("file_size"), "ok,7");  // the server sent no extra reply
-    // A client that leaves may end its request so.
+    // A closed connection ends a request without a zero byte, too.
     {
         const Client hasty;
         ASSERT_TRUE(hasty.Send("file_size 9"));

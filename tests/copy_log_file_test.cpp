@@ -172,7 +172,7 @@ TEST_F(CopyLogFile, CopiesOneFile) {
     // the client must not write.
     fs::create_symlink("/data/copy", "/data/link");
     EXPECT_EQ(CopyFile("/data/source", "/data/link", copied), 0);
-    EXPECT_EQ(CopyFile("/data/link", "/data/copy", copied), 0);  // nor read
+    EXPECT_EQ(CopyFile("/data/link", "/data/copy", copied), 0);  // nor does it read through one
     EXPECT_EQ(CopyFile("/data", "/data/copy", copied), 1);
     EXPECT_EQ(copied, -1);
     EXPECT_EQ(ReadFile("/data/copy"), "");

@@ -167,7 +167,7 @@ TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
         EXPECT_GT(captured.size(), 1'000'000u);
         const std::string tap = test::ReadFile("/data/tap");
         EXPECT_TRUE(tap.starts_with(captured));
-        // The log accounts for every byte of it.
+        // The daemon logs the number of lost bytes.
         size_t dropped = 0;
         const std::string log = daemon.Log();
         for (size_t at = 0; (at = log.find(": drop ", at)) != std::string::npos;) {
@@ -177,8 +177,8 @@ TEST(Daemon, AnExitAtFullRateLeavesNoHole) {
     }
 }
 
-// A program that the daemon may start gets none of its files and sockets. The threads bear names.
-// A client that hangs up before its reply costs the others nothing.
+// A program that the daemon starts would inherit none of its files and sockets. The threads have
+// names. If a client closes its connection before the reply, the daemon still serves other clients.
 TEST(Daemon, KeepsItsDescriptorsAndOutlivesItsClients) {
     struct Process : Daemon {
         using Daemon::Daemon;
@@ -191,12 +191,12 @@ TEST(Daemon, KeepsItsDescriptorsAndOutlivesItsClients) {
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: accept fd="));
     test::Client client;
     ASSERT_TRUE(daemon.WaitFor("ctrl_connect: accept fd="));
-    // What this process was started with, the daemon has too.
+    // The daemon inherits the descriptors that this process was started with.
     const auto target = [](const std::string& fd) {
         std::error_code gone;
         return fs::read_symlink(fd, gone).string() + "\n";
     };
-    std::string given = daemon.log_path + "\n";  // the simulated phone's own
+    std::string given = daemon.log_path + "\n";  // opened by the simulated phone
     for (const std::string& fd : test::List("/proc/self/fd"))
         given += target("/proc/self/fd/" + fd);
     std::string inherited, files;

@@ -158,7 +158,7 @@ TEST_F(PowerOn, StartsOnlyWhenItCan) {
         PowerOnLogInit();
         PowerOnLogStart(0);
         EXPECT_TRUE(log.Has(ANDROID_LOG_WARN, kAlreadyStopped));
-        // Nothing would end the minute later.
+        // Without its thread the minute ends at once, because nothing would end it later.
         EXPECT_EQ(log.Count("Log Filter Manager: logging state changes to 0x0"), 1u);
         PowerOnLogStop();
     }
