@@ -10,7 +10,7 @@ daemon_program=$home/quarn
 default_config=$home/quarn_default.cfg
 version=@PROJECT_VERSION@
 
-# simctl has the same rule. A relative $XDG_STATE_HOME is invalid, as its specification says.
+# simctl has the same rule. The XDG rules do not allow a relative $XDG_STATE_HOME.
 default_box='' scenario_boxes=''
 state=${XDG_STATE_HOME-}
 [[ $state = /* ]] || state=${HOME:+$HOME/.local/state}
