@@ -112,7 +112,7 @@ Order Stream(const Console&, Words words) {
 Order Rate(const Console&, Words words) {
     constexpr uint64_t kMax = 1'000'000'000'000;
     const auto rate = Number(words[1], kMax);
-    if (!rate) return BadNumber("RATE", words[1], kMax);
+    if (!rate) return BadNumber("BYTES", words[1], kMax);
     return Do([rate] {
         Modem::Instance().SetRate(*rate);
         return Ok();

@@ -365,6 +365,9 @@ TEST_P(MuxzFiles, TellFaultsByFileAndOffset) {
         EXPECT_EQ(Letters(recover.out), c.bytes.starts_with(good) ? "r" : "");
         EXPECT_EQ(recover.err.find(end + ": skipped 40 bytes") != std::string::npos,
                   c.bytes.ends_with(zeros));
+        EXPECT_EQ(recover.err.find("40 bytes skipped in 1 place") != std::string::npos,
+                  c.bytes.ends_with(zeros));
+        EXPECT_EQ(recover.err.find("1 places"), std::string::npos) << recover.err;
     }
 }
 

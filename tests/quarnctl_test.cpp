@@ -214,7 +214,9 @@ TEST(Quarnctl, WatchEndsAsAsked) {
     } cases[] = {
         {"--count 2", 0, {"cb_log_mode,1  streaming\n", "cb_reboot  the modem rebooted"}},
         {"--until cb_transfer", 0, {"cb_reboot", "cb_transfer_type,1  storage\n"}},
-        {"--until nothing --timeout 1", 3, {"cb_transfer_type,1", "did not come in time"}},
+        {"--until nothing --timeout 1",
+         3,
+         {"cb_transfer_type,1", "the notification did not come in time"}},
         {"--json --count 3",
          0,
          {R"("event": "connected"})", R"("event": "cb_log_mode", "value": 1, "name": "streaming"})",

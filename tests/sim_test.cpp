@@ -233,7 +233,7 @@ TEST(SimConsole, LinesAreExecutedOrRefusedWithTheReason) {
         {std::string(sim::kMaxLine, ' '), ""},
         {std::string(sim::kMaxLine + 1, ' '), "line of more than 8192 bytes"},
         {"a b c d e f g h i j k l m n o p q r s t u v w x y z a b c d e f g", "more than 32 words"},
-        {"after 5s rate 4Q", "after: rate: RATE is not a number"},
+        {"after 5s rate 4Q", "after: rate: BYTES is not a number"},
         {"after 5 weeks rate 4", "after: no such command: weeks"},
         {"after 3651d exception", "after: TIME is not a time"},
         {"after 1s after 1s exception", "after cannot stand after a time"},
@@ -280,11 +280,11 @@ TEST(SimConsole, ThePhoneStartsWithItsScenarioAndConsole) {
     setenv("QUARN_SIM_DIR", kFolder.c_str(), 1);
     EXPECT_NE(mcl_init(), 0);
     EXPECT_EQ(mcl_init(), 0);
-    EXPECT_EQ(log.Count("/box/modem/scenario, line 3: rate: RATE is not a number..."), 1u);
+    EXPECT_EQ(log.Count("/box/modem/scenario, line 3: rate: BYTES is not a number..."), 1u);
 
     EXPECT_EQ(Send("property a.b c\nproperty a.b\nrate 7\nrate x\nstream start\n"),
               "= ok\nc\n= ok\n= ok\n"
-              "= error: rate: RATE is not a number from 0 to 1000000000000: x\n= ok\n");
+              "= error: rate: BYTES is not a number from 0 to 1000000000000: x\n= ok\n");
     EXPECT_NE(Send("state\n").find("source: generated 4\n"), std::string::npos);
     EXPECT_EQ(Send(std::string(100'000, 'x')), "= error: line of more than 8192 bytes\n");
     EXPECT_EQ(Send("rate 8"), "") << "a line without its end";

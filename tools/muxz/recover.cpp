@@ -63,7 +63,7 @@ class Rescue {
         std::string summary = std::to_string(result.blocks) + " blocks, " +
                               std::to_string(result.raw_bytes) + " raw bytes recovered; " +
                               std::to_string(skipped) + " bytes skipped in " +
-                              std::to_string(gaps_told) + " places";
+                              std::to_string(gaps_told) + (gaps_told == 1 ? " place" : " places");
         if (foreign) {
             summary +=
                 "; header of another writer, " + std::to_string(file.header.length) + " bytes";

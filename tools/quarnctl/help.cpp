@@ -58,7 +58,8 @@ Exit status:
   0  success
   1  the daemon answered "error"; with top --once: the daemon falls behind
   2  wrong usage; nothing was sent to the daemon
-  3  the daemon cannot be reached, or does not answer in time; with top --once: or its log cannot be read
+  3  the daemon cannot be reached, or does not answer in time; with watch: the notification did not
+     come in time; with top --once: the log of the daemon cannot be read
 )";
 
 constexpr size_t kWidth = 100;  // columns

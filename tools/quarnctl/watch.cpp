@@ -37,7 +37,8 @@ class Watcher {
             } else if (Follow(fd.get())) {
                 return kOk;
             }
-            if (deadline.Passed()) return Complain(kUnreachable, "it did not come in time");
+            if (deadline.Passed())
+                return Complain(kUnreachable, "the notification did not come in time");
             std::this_thread::sleep_for(kRetryPause);
         }
     }
