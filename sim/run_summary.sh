@@ -9,6 +9,10 @@ row() { # NAME VALUE [UNIT]
     printf '  %-26s %15s%s\n' "$1" "$2" "${3:+ $3}"
 }
 
+files_text() { # COUNT
+    if [ "$1" = 1 ]; then echo "1 file"; else echo "$1 files"; fi
+}
+
 # The figures of the run, by the names that "expect" uses.
 declare -A figure=()
 
@@ -35,10 +39,10 @@ summarise() {
     [ -z "$restarts" ] || row "restarts of the daemon" "$restarts"
     [ "$exceptions" = 0 ] || row "exceptions of the modem" "$exceptions"
     row "handed over by the modem" "$delivered" bytes
-    row "on storage" "$packed" "bytes in ${#files[@]} files"
+    row "on storage" "$packed" "bytes in $(files_text ${#files[@]})"
     row "decoded from there" "$decoded" bytes
     if [ "$recycled_files" != 0 ]; then
-        row "recycled" "$recycled_bytes" "bytes in $recycled_files files"
+        row "recycled" "$recycled_bytes" "bytes in $(files_text "$recycled_files")"
         [ "$recycled_raw" = 0 ] || row "decoded before that" "$recycled_raw" bytes
     fi
     [ "$recycled_earlier" = 0 ] || row "recycled of earlier runs" "$recycled_earlier" files

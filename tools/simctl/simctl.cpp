@@ -114,7 +114,9 @@ ssize_t Receive(int fd, char* piece, size_t size, std::chrono::steady_clock::tim
 // Prints the wrong lines of a scenario on standard output, one message in each line.
 int CheckScenario(const std::vector<std::string>& words) {
     if (words.size() != 2) return Complain(kUsage, "check needs one file");
-    if (!std::ifstream(words[1])) return Complain(kUsage, "cannot read " + words[1]);
+    if (!std::ifstream(words[1])) {
+        return Complain(kUsage, "cannot read " + words[1] + ": " + strerror(errno));
+    }
     const auto faults = sim::Console("").CheckScenario(words[1]);
     for (const auto& [line, why] : faults) {
         printf("%s, line %d: %s\n", words[1].c_str(), line, why.c_str());
