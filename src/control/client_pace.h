@@ -10,7 +10,7 @@ namespace quarn::zorvex {
 // Without this limit, clients that connect or send without a pause could take the processor from
 // the capture, and fill the Android log that other programs use too.
 //
-// Thread-safe. No lock is held during the wait. Blocks for up to 2 ms per waiting thread.
+// Thread-safe. No lock is held during the wait. Blocks for up to 2 ms for each waiting thread.
 void AwaitClientTurn();
 
 }  // namespace quarn::zorvex

@@ -16,8 +16,9 @@ int HandleCommandCopyLogFile(const char* arg, char* ack);
 // flushes all log buffers before. Returns the number of bytes copied.
 int CopyLatestLogFile(const std::string& directory, int limit, bool flush_first);
 
-// Copies one file. Returns 0 if one of the files could not be opened, 1 if both were opened but
-// nothing was copied, 2 on success. `copied` gets the number of bytes.
+// Copies one file. Returns 0 if one of the files could not be opened, 1 if both were opened but the
+// copy failed, 2 on success. `copied` gets the number of bytes, or -1 if the copy call failed. On
+// success it may be less than the size of the file; a warning is logged then.
 int CopyFile(const std::string& source, const std::string& destination, int& copied);
 
 // The filter and the order for `scandir`: log files only, highest serial number first.

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <span>
 
-// Part of this interface: whoever sends commands may also switch the transfer type directly.
+// Part of this interface: code that includes this header may call the functions of transfer_type.h.
 #include "control/transfer_type.h"
 #include "core/quarn_handle.h"
 

@@ -10,7 +10,7 @@ typedef int (*quarn_ctrl_callback)(int fd);
 // Starts the listener thread and the state notification server. Returns 0 on success or if the
 // listener already runs, -1 on failure.
 int quarn_ctrlConn_startListen(quarn_ctrl_callback callback);
-// Stops both. No client can make this wait without a limit.
+// Stops both. The wait for the threads has a limit, no matter what a client does.
 void quarn_ctrlConn_stopListen();
 
 // Sends a reply with one call. Returns the number of bytes sent, or a negative value on failure.

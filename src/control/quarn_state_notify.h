@@ -10,8 +10,9 @@ int quarn_start_state_notify_socket_server();
 void quarn_stop_state_notify_socket_server();
 
 // Sends the message to every subscriber whose socket can take it. If no socket can, first waits up
-// to `timeout_ms` (below 1000) until one can. Returns 0 on success. Returns a negative value after
-// a time-out, on a failure, or if a socket took only a part of the message.
+// to `timeout_ms` (below 1000) until one can. Returns 0 on success, and also if there is no
+// subscriber. Returns a negative value after a time-out, on a failure, or if a socket took only a
+// part of the message.
 int quarn_stateNotify(const void* buf, int len, int timeout_ms);
 
 int quarn_notifyLogModeUpdate(int mode);

@@ -13,7 +13,7 @@ namespace {
 // Guards the transfer type. Locked before `exec_mutex`.
 std::mutex command_mutex;
 
-// Has every handle of the data path take the new channel. REQUIRES: command_mutex is held.
+// Switches every handle of the data path to the new channel. REQUIRES: command_mutex is held.
 void switch_handles(QUARN_SAVE_MODE type) {
     std::lock_guard lock(g_quarn.exec_mutex);
     for (const auto handle : {HANDLE_READER, HANDLE_WRITER, HANDLE_TOOL}) {

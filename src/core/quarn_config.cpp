@@ -34,7 +34,7 @@ using quarn::zorvex::Setting;
 
 constexpr const char* kDefaultConfigPath = "/vendor/etc/quarn_default.cfg";
 constexpr mode_t kConfigMode = 0774;
-// Bytes of the file that a save reads at most.
+// A save reads at most this many bytes of the file.
 constexpr size_t kMaxEditSize = 64 << 10;
 // Bytes. A longer line is edited in pieces of this size, each like a line of its own.
 constexpr size_t kMaxLineSize = 510;

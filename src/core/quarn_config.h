@@ -15,9 +15,16 @@ constexpr const char* kConfigPath = "/data/vendor/radio/quarn/config/quarn.cfg";
 // Loads the file at `path` and applies the settings. Creates a missing file as a copy of the
 // factory default first. If `log_mode_only` is not 0, reads and applies only the log mode.
 //
-// Returns 0 on success. If a number with a setter in the table or the log mode is refused, stops
-// there and returns the setter's code or -1; the settings before it stay applied. If the folder,
-// the level, the filter or the flush interval is refused, logs that and goes on.
+// Returns 0 on success. If the folder, the level, the filter or the flush interval is refused, logs
+// that and goes on.
+//
+// Returns -1 and applies nothing if the file cannot be created or read, if it is empty, or if the
+// current log mode of the modem cannot be read. If the daemon cannot read one of its current
+// settings, applies nothing and returns the code of the getter.
+//
+// If a number with a setter in the table is refused, stops there and returns the code of the
+// setter. If the modem refuses the log mode, stops there and returns -1. In both cases the settings
+// before it stay applied.
 int32_t quarn_loadConfig(const char* path, int32_t log_mode_only);
 
 // Saves `value` for `key`. Replaces every line that holds `key`, or appends a line if there is

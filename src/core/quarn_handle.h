@@ -16,7 +16,8 @@ enum QUARN_HANDLE_ID : int32_t {
 };
 
 // Requests. Requests 1 to 7 pass on the modem notification of the same number; their argument is
-// the payload of the notification. "Drains" means: waits up to 3.5 s until the ring is empty.
+// the payload of the notification. "Drains" means: waits 1.5 s, and then up to 2 s more until the
+// ring is empty (`wait_buffer_clean`).
 enum QUARN_EXEC_ID : int32_t {
     // The modem has begun to log. The writer opens a capture if the payload asks for a new file.
     EXEC_MD_LOG_START = 1,

@@ -82,7 +82,7 @@ constexpr bool NoKeyLiesInAnother() {
 }
 static_assert(NoKeyLiesInAnother());
 
-constexpr size_t kMaxNumberSize = 32;  // bytes, with blanks and whatever follows the digits
+constexpr size_t kMaxNumberSize = 32;  // bytes, with blanks and all that follows the digits
 
 // Returns the size, in bytes, of a file in which every setting has its longest value.
 constexpr size_t LargestFile() {

@@ -29,7 +29,7 @@ struct Setting {
     // Return 0, or a code that ends the load. A getter that fails logs the failure.
     int32_t (*get)(int* value) = nullptr;
     int32_t (*set)(int value) = nullptr;
-    // The message of a failed setter names the setting so.
+    // The name of the setting, and its unit, in the log message about a failed setter.
     const char* title = nullptr;
     const char* unit = "";
 };
@@ -44,8 +44,8 @@ constexpr size_t kMaxLoadSize = 1023;
 // Otherwise returns the reason, as the middle of a sentence:
 //
 // - A value must not hold a control character or the key of any setting.
-// - A number must be short. A strictly read number has nothing before it but blanks, and nothing
-//   after it.
+// - A number must be short. If it is read strictly, only blanks may stand before it and nothing may
+//   follow it.
 // - A text must not begin with a blank.
 std::string WhyNotKept(std::string_view key, std::string_view value);
 

@@ -28,8 +28,8 @@ bool ParseFlushIntervalConfig(const char* text, int& interval);
 int32_t SetLogFolderConfig(const std::string& folder);
 // Sends the level to the log filter manager unless it is -1, then the filter unless it is empty.
 int32_t SetLogFilterConfig(int level, std::string& filter);
-// Reports the modem's log mode to the log filter manager. For a mode that was already in force,
-// since the modem sends no notification of it.
+// Reports the modem's log mode to the log filter manager. A load calls it if the modem already has
+// the mode of the file, because the modem sends no notification then.
 int32_t SetLogModeConfig(int mode);
 
 }  // namespace quarn::zorvex

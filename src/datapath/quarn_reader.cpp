@@ -57,7 +57,7 @@ class PortToRing {
     explicit PortToRing(QUARN_RING& target)
         : ring(target), buf(target.get_buf_ptr()), mask(target.capacity()) {}
 
-    // Reads and commits one chunk, waits for room in the ring, or opens the port.
+    // Reads and commits one chunk, waits for free space in the ring, or opens the port.
     void pass() {
         const uint64_t seen = ring.notification_count();
         if (ring.remain_size() < kChunkSize) {

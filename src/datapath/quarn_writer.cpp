@@ -296,8 +296,8 @@ void QUARN_WRITER_HANDLER::restart_after_tool() {
 
 // The switch to "exit" comes without `exec_mutex`. So `lifecycle_mutex` keeps other requests from
 // starting the writer before the new channel is set, and clearing `was_running` keeps a host tool
-// that disconnects later from starting it. A writer that ran then would write new bytes directly
-// after the ones dropped here.
+// that disconnects later from starting it. A writer that ran then would leave a gap in the log: its
+// bytes would directly follow those from before the dropped ones.
 void QUARN_WRITER_HANDLER::set_save_mode(const QUARN_SAVE_MODE* mode) {
     if (mode == nullptr) {
         QUARN_LOGE("write_handler: arg is NULL");

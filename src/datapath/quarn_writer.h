@@ -14,7 +14,8 @@
 class QUARN_FILE_IO;
 
 // Owns the writer thread. The thread takes up to 256 KiB at a time. Bytes that the channel did not
-// accept stay in the ring, and the thread writes them again after 200 ms.
+// accept stay in the ring, and the thread writes them again. If the channel accepted none, the
+// thread first pauses for 200 ms.
 //
 // `start` and `stop` are thread-safe. `stop` joins the writer thread, which first finishes its
 // current write. `exec` runs on the caller's thread. Its callers hold `exec_mutex`. There is one
@@ -35,8 +36,9 @@ class QUARN_WRITER_HANDLER : public QUARN_HANDLE {
     // Returns 0.
     int32_t exec(QUARN_EXEC_ID exec_id, void* arg) override;
 
-    // Waits until the ring is empty: first 1.5 s in any case, then up to `timeout_ms` milliseconds.
-    // Returns early in these cases, in which nothing drains the ring:
+    // Waits until the ring is empty. First waits 1.5 s, even if the ring is already empty. Then
+    // waits up to `timeout_ms` milliseconds more. Returns early in these cases, in which nothing
+    // drains the ring:
     // - The writer thread has ended, or ends during the wait. (A thread that was never started does
     //   not count.)
     // - After the 1.5 s: the channel is USB and the host has read nothing in this time, or the

@@ -12,9 +12,9 @@ int32_t SetFlushIntervalConfig(int interval);
 // and stores nothing if the modem refuses it. Takes `flush_interval_mutex`.
 bool SetFlushInterval(int ms);
 
-// Makes the modem pass on the data that it holds, and then the writer write all of it to the
-// current file. Takes `flush_interval_mutex` and then `exec_mutex`, never both at once. REQUIRES:
-// the caller holds neither.
+// Makes the modem send the data that it holds. Then makes the writer drain the ring and write all
+// blocks to the current file. Takes `flush_interval_mutex` and then `exec_mutex`, never both at
+// once. REQUIRES: the caller holds neither.
 void FlushLogBuffers();
 
 }  // namespace quarn::zorvex

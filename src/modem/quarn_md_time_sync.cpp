@@ -96,7 +96,7 @@ void QUARN_MD_TIME_SYNC_HANDLE::wake_thread() {
     if (const int fd = timer_fd; fd >= 0) arm(fd, kAtOnce);
 }
 
-// Also closes the timer, which only the thread uses.
+// Also closes the timer. No other code uses it after the join.
 void QUARN_MD_TIME_SYNC_HANDLE::join_thread() {
     if (sync_thread.joinable()) sync_thread.join();
     if (const int fd = timer_fd.exchange(-1); fd >= 0) close(fd);

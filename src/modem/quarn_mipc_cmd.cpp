@@ -23,7 +23,7 @@ constexpr int kResultTlv = 0;  // in every confirmation: 0 is success
 constexpr int kValueTlv = 0x100;
 constexpr int kDisableTlv = 0x101;
 constexpr int kAtTextTlv = 0x8100;
-// If the library stores no length of a text, its NUL is searched in this many bytes at most.
+// Bytes. If the library stores no length of a text, the NUL must be among this many bytes.
 constexpr size_t kMostUntoldText = 64 << 10;
 
 constexpr int32_t kFailed = 1;

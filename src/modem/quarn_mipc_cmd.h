@@ -22,9 +22,9 @@ void quarn_mipcDeinit();
 // if none came; the caller frees it.
 int32_t quarn_mipcSendCmd(mipc_msg_t* req, mipc_msg_t** cnf);
 
-// The log mode: 0 disable, 1 streaming, 2 wrapping. After setting a mode, subscribers are notified.
-// After setting "streaming", the configured flush interval is sent too: a second exchange, which
-// takes `flush_interval_mutex`.
+// The log mode: 0 disable, 1 streaming, 2 wrapping. When the modem has accepted a mode,
+// quarn_mipcSetLogMode notifies the subscribers. For "streaming" it then also sends the configured
+// flush interval. This is a second exchange, which takes `flush_interval_mutex`.
 int32_t quarn_mipcSetLogMode(int mode);
 int32_t quarn_mipcGetLogMode(int* mode);
 // The log level: 0 to 6.

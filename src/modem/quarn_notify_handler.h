@@ -1,5 +1,5 @@
-// Modem notifications. The handler stores the modem's information about itself, and turns the other
-// notifications into requests to the reader, the writer and the log filter manager.
+// Modem notifications. The handler stores the modem's information about itself, and passes most
+// notifications on as requests to the reader, the writer and the log filter manager.
 #pragma once
 
 #include "core/quarn_handle.h"

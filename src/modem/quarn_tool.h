@@ -17,7 +17,7 @@
 //
 // `start` and `stop` may be called from any thread. `exec` runs on the thread of its caller. `stop`
 // takes at most as long as opening the channel takes. On a socket channel it also ends a wait for a
-// host, which takes up to 5 s.
+// host, which takes up to 6 s.
 class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
   public:
     QUARN_TOOL_HANDLE() : QUARN_HANDLE(HANDLE_TOOL) {}
@@ -65,7 +65,7 @@ class QUARN_TOOL_HANDLE : public QUARN_HANDLE {
     // Recovers the port after an error. Created by `start` or by `wait_connect_thread`.
     Thread host_port_error_thread;
 
-    // Held during each call of the tool library. Also held from the creation of
+    // Held during each call that starts or stops listening. Also held from the creation of
     // `host_port_error_thread` until listening has begun, so that this thread cannot end listening
     // too early. Before listening begins, `running` is checked under this mutex, so that listening
     // cannot begin after `stop` has ended it.

@@ -1,7 +1,7 @@
 // Writing to the Android log. The whole daemon uses one tag and four priorities.
 //
 // The macros take a printf format and its arguments, which the compiler checks. Thread-safe.
-// Logging may change errno: read errno before.
+// Logging may change errno, so read errno before you log.
 #pragma once
 
 #include <android/log.h>

@@ -51,7 +51,7 @@ bool CreateFolder(const char* who, const std::string& path) {
     return true;
 }
 
-// A folder that is open for reading. The destructor closes it.
+// A folder that is open for reading. The destructor closes it, and logs an error if that fails.
 class OpenFolder {
   public:
     explicit OpenFolder(const std::string& folder_path)

@@ -22,8 +22,8 @@ namespace quarn::zorvex {
 
 class CaptureTree {
   public:
-    // The log folder is "logs/" in `base`, until SetLogFolder changes it. `file_sync` is not owned.
-    // REQUIRES: `base` ends in "/".
+    // The top log folder is "logs/" in `base`. Captures go there until SetLogFolder selects another
+    // folder. `file_sync` is not owned. REQUIRES: `base` ends in "/".
     CaptureTree(std::string base, FileSync& file_sync);
     CaptureTree(const CaptureTree&) = delete;
     CaptureTree& operator=(const CaptureTree&) = delete;
@@ -31,9 +31,9 @@ class CaptureTree {
     // Creates the base, config and log folder if they do not exist. Returns true if all of them
     // exist.
     bool CreateTopFolders();
-    // Selects the folder for later captures: the log folder or a folder directly in it. Creates the
-    // folder if it does not exist. Returns false if the path or its name is not allowed, if the log
-    // folder has too many entries for another folder, or if the folder cannot be created.
+    // Selects the folder for later captures: the top log folder or a folder directly in it. Creates
+    // the folder if it does not exist. Returns false if the path or its name is not allowed, if the
+    // top log folder has too many entries for another folder, or if the folder cannot be created.
     bool SetLogFolder(std::string path);
     const std::string& log_folder() const { return folder_of_captures; }
 

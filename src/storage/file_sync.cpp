@@ -105,8 +105,8 @@ struct FileSync::Shared {
             lock.unlock();
             const bool folder_gone = SyncAll(work);
             lock.lock();
-            // A folder was renamed before its sync. Its new path is in `waiting`; sync it now,
-            // since the 5 s since the change are over.
+            // A folder that does not exist was probably renamed. Its new path is in `waiting` then.
+            // Sync it now, since the 5 s after the change are over.
             if (folder_gone && !waiting.folders.empty()) SetDue(Clock::now());
         }
         ended = true;

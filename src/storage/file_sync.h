@@ -1,9 +1,10 @@
 // Syncs the storage channel's files and folders to the disk, to limit what a power cut can lose.
 //
-// A thread begins to sync a file or folder at most 5 s after it was changed, unless an earlier sync
-// is still running. It syncs a finished file at once. The first folder change starts the thread;
-// the thread sleeps while there is nothing to sync. Callers never wait for the disk: the thread
-// syncs a duplicate of the caller's descriptor and holds no lock meanwhile.
+// A thread begins to sync a file or folder at most 5 s after it was changed (by the steady clock),
+// unless an earlier sync is still running. It syncs a finished file at once. The first folder
+// change starts the thread; the thread sleeps while there is nothing to sync. Callers never wait
+// for the disk: the thread syncs a duplicate of the caller's descriptor and holds no lock
+// meanwhile.
 //
 // The class holds at most two descriptors of files: the one that the thread syncs and the one that
 // comes next. If files finish faster than the disk syncs them, a third would be needed. In this

@@ -47,7 +47,8 @@ struct LogFileInfo {
 //   own path, no matter how many links lead to it. Age and marks come from the folder's own name.
 //   If that is not the name of a capture, they come from the link's name.
 // - A folder is "listed" if its name, or that of the link, is the name of a capture. Only the files
-//   of listed folders are ever deleted. So outside the tree only their sizes count.
+//   of listed folders are ever deleted. So outside the tree, log files in other folders do not
+//   count.
 // - A link to a file does not count and is not deleted.
 // - The recycler deletes no links. It deletes the target folder of a link only if that folder is
 //   listed as a capture.

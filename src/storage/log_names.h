@@ -3,7 +3,7 @@
 //   folder = QRXMDLog_<index>_<time>[t][_EE]           "t" until the next capture starts
 //   file   = QRXMDLog_<index>_<time>[_EE].muxz[.tmp]   ".tmp" until the next file is opened
 //
-// <time> is local time. "_EE" marks a modem exception. All functions are pure and thread-safe.
+// <time> is local time. "_EE" marks a modem exception. All functions are thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -62,7 +62,7 @@ void FollowRename(std::string& path, const std::string& from, const std::string&
 // Returns true if the name contains an exception mark.
 bool HasException(std::string_view path);
 // Returns the name of a capture folder after its capture is finished: without the "t". If the name
-// has an exception mark, the character before the mark is removed, whichever it is.
+// has an exception mark, the character before the mark is removed, even if it is not a "t".
 std::string FinishedFolder(std::string_view path);
 // Returns the name of a log file after the next file was opened: without ".tmp".
 std::string FinishedFile(std::string_view path);

@@ -107,7 +107,8 @@ struct PowerOnLog {
     uint32_t bytes_written = 0;  // without the header and the last byte
     std::thread event_thread;
 
-    // The event thread waits on it. Locked after `mutex`.
+    // The event thread holds it when it reads `running`, and a stop holds it when it clears
+    // `running`. Locked after `mutex`.
     std::mutex wait_mutex;
     std::condition_variable wait_cond;
     std::atomic<bool> running{false};

@@ -12,8 +12,8 @@
 //   is still open.
 //
 // The power-on mutex guards the state and the file. PowerOnLogStop joins the event thread while it
-// holds this mutex, although the event thread locks the mutex at its end. To avoid a deadlock, once
-// a stop has begun, every other caller fails to lock the mutex and behaves as if the log were
+// holds this mutex, although the event thread locks the mutex at its end. To avoid a deadlock,
+// every other caller fails to lock the mutex while a stop runs, and behaves as if the log were
 // stopped. Only another stop waits for the mutex. A thread that holds the mutex locks at most two
 // others: `md_info_mutex`, and the mutex on which the event thread waits.
 #pragma once
@@ -25,7 +25,8 @@ namespace quarn::zorvex {
 constexpr const char* kPowerOnLogPath = "/data/vendor/radio/quarn/logs/power_on_log.muxz";
 
 // Enters state 1 and starts the event thread (`quarn_power_on`), which waits for the end of the
-// first minute. Called once at start-up.
+// first minute. If the thread cannot be created, enters state 3, and the log filter manager leaves
+// its power-on phase at once. Called once at start-up.
 void PowerOnLogInit();
 // Creates the file in state 1, if the transfer type is storage. Called for each new capture folder.
 // `folder_time` is the folder's creation time, or 0 if not known.

@@ -50,8 +50,9 @@ class QUARN_FILE_IO : public QUARN_IO {
     // Returns true if a capture is open.
     bool check_io_open();
 
-    // Writes the buffer and one stray byte to the file and closes the file. The capture stays open.
-    // Blocks that cannot be written are dropped. Returns -1 only if the channel is closed.
+    // Writes the buffer and, unless it is empty, one stray byte to the file and closes the file.
+    // The capture stays open. Blocks that cannot be written are dropped. Returns -1 only if the
+    // channel is closed.
     int close_log_file_with_flush();
     // Writes the buffer to the file. Blocks that cannot be written stay in the buffer. Returns -1
     // only if the channel is closed.
@@ -71,13 +72,13 @@ class QUARN_FILE_IO : public QUARN_IO {
     // Returns -1 if the option is not known or the value is out of range.
     int set_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int value);
     int get_recycle_option(QUARN_RECYCLE_OPT opt, unsigned int* value) const;
-    // Selects the folder for later captures: the log folder or a folder directly in it. Creates the
-    // folder if it does not exist, unless the log folder holds 4,096 entries.
+    // Selects the folder for later captures: the top log folder or a folder directly in it. Creates
+    // the folder if it does not exist, unless the top log folder holds 4,096 or more entries.
     int set_log_folder(std::string path);
     std::string get_log_folder();
 
     // Returns the creation time of the open capture's folder, or 0 if no capture is open.
-    // REQUIRES: no other operation of the channel runs, or one of them is the caller.
+    // REQUIRES: no other operation of the channel runs, or the caller is itself such an operation.
     time_t get_cur_folder_time() const { return capture.folder_time(); }
     // Returns the folder of the open capture, or else of the last one. Empty if none is known.
     // REQUIRES: as above.
