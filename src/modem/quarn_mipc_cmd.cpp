@@ -24,7 +24,7 @@ constexpr int kValueTlv = 0x100;
 constexpr int kDisableTlv = 0x101;
 constexpr int kAtTextTlv = 0x8100;
 // Bytes. If the library stores no length of a text, the NUL must be among this many bytes.
-constexpr size_t kMostUntoldText = 64 << 10;
+constexpr size_t kMaxTextWithoutLength = 64 << 10;
 
 constexpr int32_t kFailed = 1;
 constexpr int32_t kTimedOut = 2;
@@ -83,15 +83,15 @@ struct MessageDeleter {
 };
 using Message = std::unique_ptr<mipc_msg_t, MessageDeleter>;
 
-constexpr int kUntold = -1;  // a length that the library has not stored
+constexpr int kNoLength = -1;  // a length that the library has not stored
 
 // Returns the number of this type, or none if there is none or it has too few bytes. A value in a
 // message may not be aligned.
 std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
-    int length = kUntold;
+    int length = kNoLength;
     const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
     int32_t number;
-    const bool is_short = length > kUntold && length < static_cast<int>(sizeof(number));
+    const bool is_short = length > kNoLength && length < static_cast<int>(sizeof(number));
     if (value == nullptr || is_short) return std::nullopt;
     memcpy(&number, value, sizeof(number));
     return number;
@@ -100,13 +100,13 @@ std::optional<int32_t> read_int(mipc_msg_t* msg, int type) {
 // Returns the text of this type up to its NUL or its length. If the library stores no length, the
 // text must have a NUL.
 std::optional<std::string> read_text(mipc_msg_t* msg, int type) {
-    int length = kUntold;
+    int length = kNoLength;
     const void* const value = mipc_msg_get_val_ptr(msg, type, &length);
     if (value == nullptr) return std::nullopt;
-    const size_t limit = length > kUntold ? static_cast<size_t>(length) : kMostUntoldText;
+    const size_t limit = length > kNoLength ? static_cast<size_t>(length) : kMaxTextWithoutLength;
     const auto* const chars = static_cast<const char*>(value);
     const size_t size = strnlen(chars, limit);
-    if (length <= kUntold && size == limit) return std::nullopt;
+    if (length <= kNoLength && size == limit) return std::nullopt;
     return std::string(chars, size);
 }
 
