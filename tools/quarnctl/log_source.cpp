@@ -25,8 +25,7 @@ constexpr int kNotAllowed = 126;
 
 constexpr const char* kNoLogcat =
     "there is no logcat to read the daemon's reports with: name the log with --log FILE, or pipe "
-    "it "
-    "in with --log -";
+    "it in with --log -";
 constexpr const char* kWhoMay = "; may this user read it? root and the shell of adb may";
 
 [[noreturn]] void BecomeLogcat(int out, bool follow) {
@@ -57,6 +56,10 @@ LogSource::LogSource(std::string path, bool follow) : from(std::move(path)), fol
         StartLogcat();
     } else if (from == "-") {
         fd = Descriptor(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+        if (fd.get() < 0) {
+            trouble = std::string("cannot read standard input: ") + strerror(errno);
+            ended = true;
+        }
     } else {
         OpenFile();
     }
@@ -82,7 +85,8 @@ void LogSource::StartLogcat() {
 
 void LogSource::EndLogcat() {
     if (logcat <= 0) return;
-    kill(-logcat, SIGTERM);
+    // Not SIGTERM: a stopped or hanging logcat would not end, and waitpid would block.
+    kill(-logcat, SIGKILL);
     int status = 0;
     while (waitpid(logcat, &status, 0) < 0 && errno == EINTR) {
     }
@@ -101,7 +105,7 @@ void LogSource::OpenFile() {
     fd = std::move(file);
 }
 
-bool LogSource::BeginsAnew() {
+bool LogSource::BeginsAnew(const std::function<void(std::string_view)>& take) {
     struct stat named, opened;
     if (stat(from.c_str(), &named) != 0) return false;
     if (fd.get() >= 0) {
@@ -111,6 +115,10 @@ bool LogSource::BeginsAnew() {
             pending.clear();
             return lseek(fd.get(), 0, SEEK_SET) == 0;
         }
+        // Lines may have come between the last read of the old file and its replacement.
+        while (ReadPiece(take)) {
+        }
+        if (!pending.empty()) take(std::exchange(pending, ""));
     }
     OpenFile();
     return fd.get() >= 0;
@@ -118,10 +126,10 @@ bool LogSource::BeginsAnew() {
 
 void LogSource::Read(const std::function<void(std::string_view)>& take) {
     if (ended) return;
-    if (fd.get() < 0 && (IsLogcat() || from == "-" || !BeginsAnew())) return;
+    if (fd.get() < 0 && (IsLogcat() || from == "-" || !BeginsAnew(take))) return;
     while (ReadPiece(take)) {
     }
-    if (at_end && follows && !ended && BeginsAnew()) {
+    if (at_end && follows && !ended && BeginsAnew(take)) {
         while (ReadPiece(take)) {
         }
     }

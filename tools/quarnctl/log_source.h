@@ -38,9 +38,9 @@ class LogSource {
     void StartLogcat();
     void EndLogcat();
     void OpenFile();
-    // Opens the file again if its name belongs to another file now, and rewinds it if it was cut.
-    // Returns true if there may be more to read.
-    bool BeginsAnew();
+    // Opens the file again if its name belongs to another file now, after the rest of the old file.
+    // Rewinds the file if it was cut. Returns true if there may be more to read.
+    bool BeginsAnew(const std::function<void(std::string_view)>& take);
     bool ReadPiece(const std::function<void(std::string_view)>& take);
     void TakeLines(const std::function<void(std::string_view)>& take);
     void AtEnd(const std::function<void(std::string_view)>& take);
