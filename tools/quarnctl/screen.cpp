@@ -4,7 +4,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -67,13 +66,14 @@ std::string Fit(const std::string& text, size_t width) {
 }  // namespace
 
 std::string Printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(),
-        [](char c) {
-            const auto byte = static_cast<unsigned char>(c);
-            return byte < 0x20 || byte == 0x7F;
-        },
-        '?');
+    unsigned char before = 0;
+    for (char& c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        // U+0080 to U+009F, in UTF-8 or as one byte. Elsewhere these bytes are parts of letters.
+        const bool is_c1 = byte >= 0x80 && byte < 0xA0 && (before < 0x80 || before == 0xC2);
+        if (byte < 0x20 || byte == 0x7F || is_c1) c = '?';
+        before = static_cast<unsigned char>(c);
+    }
     return text;
 }
 
