@@ -18,6 +18,9 @@ namespace quarnctl {
 
 namespace {
 
+constexpr size_t kPiece = 16 << 10;  // bytes
+// 4 MiB. A large log is read in several calls, so that the caller can handle signals between them.
+constexpr int kMostPieces = 256;
 constexpr size_t kLongestLine = 64 << 10;  // bytes; the Android log's own limit is below 5 KiB
 // Exit statuses of a shell that cannot run a program.
 constexpr int kNotFound = 127;
@@ -127,11 +130,12 @@ bool LogSource::BeginsAnew(const std::function<void(std::string_view)>& take) {
 void LogSource::Read(const std::function<void(std::string_view)>& take) {
     if (ended) return;
     if (fd.get() < 0 && (IsLogcat() || from == "-" || !BeginsAnew(take))) return;
-    while (ReadPiece(take)) {
-    }
-    if (at_end && follows && !ended && BeginsAnew(take)) {
-        while (ReadPiece(take)) {
-        }
+    ReadPieces(take);
+    if (at_end && follows && !ended && BeginsAnew(take)) ReadPieces(take);
+}
+
+void LogSource::ReadPieces(const std::function<void(std::string_view)>& take) {
+    for (int i = 0; i < kMostPieces && ReadPiece(take); ++i) {
     }
 }
 
@@ -139,7 +143,7 @@ void LogSource::Read(const std::function<void(std::string_view)>& take) {
 bool LogSource::ReadPiece(const std::function<void(std::string_view)>& take) {
     pollfd ready = {fd.get(), POLLIN, 0};
     if (poll(&ready, 1, 0) <= 0) return false;
-    std::array<char, 16 << 10> piece;
+    std::array<char, kPiece> piece;
     const ssize_t n = read(fd.get(), piece.data(), piece.size());
     if (n < 0) {
         if (errno == EINTR) return true;

@@ -23,7 +23,8 @@ class LogSource {
     LogSource(const LogSource&) = delete;
     LogSource& operator=(const LogSource&) = delete;
 
-    // Calls `take` with each line that is there. Does not block.
+    // Calls `take` with each line that is there, of up to 4 MiB. Does not block. If there is more,
+    // `ReadyFd` is readable.
     void Read(const std::function<void(std::string_view)>& take);
     // Returns the descriptor that becomes readable when there are new lines, or -1 if the caller
     // has to call `Read` now and then.
@@ -41,6 +42,7 @@ class LogSource {
     // Opens the file again if its name belongs to another file now, after the rest of the old file.
     // Rewinds the file if it was cut. Returns true if there may be more to read.
     bool BeginsAnew(const std::function<void(std::string_view)>& take);
+    void ReadPieces(const std::function<void(std::string_view)>& take);
     bool ReadPiece(const std::function<void(std::string_view)>& take);
     void TakeLines(const std::function<void(std::string_view)>& take);
     void AtEnd(const std::function<void(std::string_view)>& take);
