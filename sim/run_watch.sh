@@ -126,7 +126,7 @@ forget_file() { # PATH of a file that has been recycled
 
 # Errors that a healthy daemon logs too. docs/android-log.md explains them.
 harmless='quarn_property_set: rc 0|folder already created|quarn\.cfg failed, errno=No such|failed to get platform data|no modem info|missing modem info|is closed, try reopen|file_io: already close|left tot_read_len|md_time_sync_handle: (wait|stop)|errno = Interrupted|msg fail, close it|receive cmd fail, rc=0|restart quarn'
-of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLog is removed|LogFileRecycler: remove |log buffer stall count|: drop [0-9]+ bytes'
+of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLog is removed|LogFileRecycler: remove |log buffer stall count|: (write_handler|quarn): drop [0-9]+ bytes'
 
 declare -A last_told=()
 # Prints an event, unless the same kind of event occurred in the ten seconds before.
@@ -148,11 +148,17 @@ note_line() { # LINE of the kept log
         *"wwanD0MDLog is removed"*) tell "the modem's log device is removed: the daemon asks for its restart" ;;
         "LogFileRecycler: remove folder "*) tell "recycled: folder ${text##*/}" ;;
         "LogFileRecycler: remove file "*) forget_file "$text" ;;
-        "log buffer stall count: "*) stalls=$((stalls + ${text##* })); tell_once stall "the ring was full: the modem waits" ;;
-        *": drop "*" bytes"*)
-            text=${text#*: drop }
-            drops=$((drops + ${text%% *}))
-            tell "the daemon dropped ${text%% *} bytes"
+        # Clients can write into the log. Only digits may reach the arithmetic: bash would execute the
+        # command in "a[$(command)]".
+        "log buffer stall count: "*)
+            [[ $text =~ ^[^:]*:\ ([0-9]+)$ ]] || return 0
+            stalls=$((stalls + 10#${BASH_REMATCH[1]}))
+            tell_once stall "the ring was full: the modem waits"
+            ;;
+        "write_handler: drop "* | "quarn: drop "*)
+            [[ $text =~ ^[^:]*:\ drop\ ([0-9]+)\ bytes ]] || return 0
+            drops=$((drops + 10#${BASH_REMATCH[1]}))
+            tell "the daemon dropped ${BASH_REMATCH[1]} bytes"
             ;;
         *" E SIM "*) note_fault "${1#* SIM     : }" ;;
         *) [[ $text =~ $harmless ]] || tell_once "${text//[0-9]/}" "error: $text" ;;
