@@ -158,7 +158,8 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
         }
     }
     // Logs that cannot be read, and wrong arguments.
-    test::WriteFile("/data/bin/logcat", "#!/bin/sh\necho logcat: Permission denied\nexit 1\n");
+    test::WriteFile("/data/bin/logcat",
+                    "#!/bin/sh\nprintf 'logcat: \\302\\233Permission denied\\n'\nexit 1\n");
     fs::permissions("/data/bin/logcat", fs::perms::all);
     const struct {
         std::string options;
@@ -179,9 +180,11 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
     setenv("PATH", ("/data/bin:" + std::string(getenv("PATH"))).c_str(), 1);
     const test::Result denied = Top("--once");
     EXPECT_EQ(denied.status, 3);
-    EXPECT_NE(denied.text.find("logcat cannot read the log: logcat: Permission denied; may"),
+    EXPECT_NE(denied.text.find("logcat cannot read the log: logcat: ??Permission denied; may"),
               std::string::npos)
         << denied.text;
+    test::WriteFile("/data/bin/logcat", "#!/bin/sh\nkill -STOP $$\n");
+    EXPECT_EQ(Top("--once --timeout 1").status, 3) << "logcat hangs";
 }
 
 TEST(QuarnctlTop, ShowsADaemonWhoseStorageIsFull) {

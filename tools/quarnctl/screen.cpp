@@ -66,13 +66,14 @@ std::string Fit(const std::string& text, size_t width) {
 }  // namespace
 
 std::string Printable(std::string text) {
-    unsigned char before = 0;
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const auto before = static_cast<unsigned char>(i == 0 ? '\0' : text[i - 1]);
         // U+0080 to U+009F, in UTF-8 or as one byte. Elsewhere these bytes are parts of letters.
         const bool is_c1 = byte >= 0x80 && byte < 0xA0 && (before < 0x80 || before == 0xC2);
-        if (byte < 0x20 || byte == 0x7F || is_c1) c = '?';
-        before = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7F && !is_c1) continue;
+        if (is_c1 && before == 0xC2) text[i - 1] = '?';
+        text[i] = '?';
     }
     return text;
 }
