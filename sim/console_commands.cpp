@@ -197,8 +197,7 @@ Order FailIpc(Words words) {
     }
     return Refuse(
         "FAULT is message, value, no_result, no_answer or no_length, or with a VALUE cause, "
-        "silence, "
-        "delay, result, answer or short");
+        "silence, delay, result, answer or short");
 }
 
 Order Ipc(const Console&, Words words) {
@@ -452,8 +451,7 @@ constexpr Command kCommands[] = {
      "cannot be created), value (no value can be added), cause VALUE (it is not sent, for this "
      "cause), silence VALUE (it is lost, and its call fails after VALUE ms; 0 means the whole "
      "time-out), delay VALUE (the reply comes VALUE ms later), result VALUE (the modem refuses "
-     "with "
-     "this result), no_result (the reply has no result), no_answer (the reply has no value), "
+     "with this result), no_result (the reply has no result), no_answer (the reply has no value), "
      "answer VALUE (the reply has this number), short VALUE (VALUE bytes of the reply's last value "
      "are missing) or no_length (the library does not report the length of values)",
      Ipc},
@@ -461,8 +459,7 @@ constexpr Command kCommands[] = {
      "answers the next COUNT AT commands with TEXT, in which \\r and \\n are line ends", At},
     {"log_mode", 2, 2, Command::kEvent, "0 | 1 | 2",
      "sets the log mode (0 off, 1 streaming, 2 wrapping) as another client of the modem would, "
-     "with "
-     "the notification; returns when the daemon has handled the notification",
+     "with the notification; returns when the daemon has handled the notification",
      LogMode},
     {"watermark", 2, 2, Command::kSetting, "BYTES",
      "sets how many bytes the modem holds back before it sends them without waiting for the flush "
@@ -474,15 +471,13 @@ constexpr Command kCommands[] = {
      Exception},
     {"notify", 2, 3, Command::kEvent, "CODE [PAYLOAD | null]",
      "sends a notification to the daemon, with the payload that a modem would send, or with "
-     "PAYLOAD "
-     "in hexadecimal, or with none",
+     "PAYLOAD in hexadecimal, or with none",
      Notify},
     {"uevent", 3, kMaxWords, Command::kEvent,
      "ACTION SUBSYSTEM DEVNAME [KEY=VALUE...] | noise BYTES [SEED]",
      "sends a device event as the kernel would, or BYTES random bytes. \"uevent remove vqmi "
      "wwanD0MDLog\" removes the log device: its port stays closed until it is opened after the "
-     "same "
-     "event with add, or until the process restarts",
+     "same event with add, or until the process restarts",
      Uevent},
     {"md_state", 2, 2, Command::kSetting, "STATE | none",
      "sets the number in the state file of the modem (6 means ready), or removes the file",
@@ -518,13 +513,10 @@ constexpr Command kCommands[] = {
      "in a scenario, for ./run: ends the run here, as Ctrl-C does", EndOrder},
     {"expect", 4, 5, Command::kEvent, "FIGURE OPERATOR NUMBER | log TEXT OPERATOR NUMBER",
      "in a scenario, for ./run: the run ends with status 1 if this is not true at its end. FIGURE "
-     "is "
-     "delivered (bytes sent by the modem), decoded (bytes in the log files), missing (bytes), "
-     "drops "
-     "(bytes), files, captures, marked (captures with an exception), recycled (files), exceptions, "
-     "restarts or stalls. \"log TEXT\" is the number of lines of the Android log that contain "
-     "TEXT. "
-     "OPERATOR is = != < <= > or >=",
+     "is delivered (bytes sent by the modem), decoded (bytes in the log files), missing (bytes), "
+     "drops (bytes), files, captures, marked (captures with an exception), recycled (files), "
+     "exceptions, restarts or stalls. \"log TEXT\" is the number of lines of the Android log that "
+     "contain TEXT. OPERATOR is = != < <= > or >=",
      ExpectOrder},
     {"state", 1, 1, Command::kEvent, "", "prints the state of the phone, one value per line",
      State},

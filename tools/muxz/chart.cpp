@@ -287,8 +287,7 @@ std::string Draw(const BarChart& chart) {
     }
     if (chart.limit > 0)
         rows +=
-            "<p class='legend'><span><svg width='28' height='14'><line class='limit' "
-            "x1='14' "
+            "<p class='legend'><span><svg width='28' height='14'><line class='limit' x1='14' "
             "x2='14' y1='0' y2='14'/></svg>" +
             Escaped(chart.limit_text) + "</span></p>";
     return Figure("bars", chart.title, chart.note, rows);

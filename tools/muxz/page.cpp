@@ -128,10 +128,9 @@ class Page {
         if (log == nullptr)
             return Paragraph(
                 "No Android log was given. With it (muxz report --log FILE, the output of logcat "
-                "-v "
-                "threadtime -s QUARN) this page also shows read and write rate every 8 s, stalls, "
-                "read "
-                "faults, drops, restarts, notifications of the modem and recycled files.");
+                "-v threadtime -s QUARN) this page also shows read and write rate every 8 s, "
+                "stalls, read faults, drops, restarts, notifications of the modem and recycled "
+                "files.");
         std::string text = "The Android log has " + Plural(log->lines, "line") +
                            " of the daemon, " + Plural(log->reports.size(), "report") + ", " +
                            Plural(log->warnings, "warning") + " and " +

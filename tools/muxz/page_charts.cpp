@@ -255,8 +255,7 @@ class Timeline {
         static const PerReport kPerReport[] = {
             {"Read and write rate",
              "By the daemon's reports of every 8 s: raw bytes from the modem into the ring, and "
-             "from there "
-             "to the log files.",
+             "from there to the log files.",
              "MB/s",
              {{"read",
                [](const RateReport& r) {

@@ -43,8 +43,7 @@ constexpr Row kOptions[] = {
     {"--interval", "SECONDS", "with top: the time between two displays; the default is 1"},
     {"--log", "FILE",
      "with top: reads the Android log from a file or a pipe while it grows, \"-\" is standard "
-     "input; "
-     "the default is the output of logcat"},
+     "input; the default is the output of logcat"},
     {"--version", "", "prints the version"},
     {"--help", "", "prints this help"},
 };

@@ -405,8 +405,7 @@ std::string LogTrouble(const LogSource& source, const Pace& pace) {
     if (!source.why().empty()) return source.why();
     if (source.IsLogcat() && !pace.HasLines()) {
         return "the log has no line of the daemon; may this user read it? root and the shell of "
-               "adb "
-               "may";
+               "adb may";
     }
     return "";
 }
