@@ -349,7 +349,7 @@ std::string FileAsJson(const Picture& picture) {
     return JsonObject()
         .Add("path", JsonString(path))
         .Add("bytes", tree.readable ? Number(tree.file_bytes) : "null")
-        .Add("age", tree.readable ? std::to_string(picture.now - tree.file_changed) : "null")
+        .Add("age", tree.readable ? NumberOrNull(Age(picture, tree.file_changed)) : "null")
         .Text();
 }
 
