@@ -131,8 +131,9 @@ of_note=' E (QUARN|SIM) |start init quarn|notify_handler: ntfy_code=6|wwanD0MDLo
 declare -A last_told=()
 # Prints an event, unless the same kind of event occurred in the ten seconds before.
 tell_once() { # KIND TEXT
-    local before=${last_told[$1]--10}
-    last_told[$1]=$SECONDS
+    local kind=.$1 before # a key must not be empty
+    before=${last_told[$kind]--10}
+    last_told[$kind]=$SECONDS
     [ $((SECONDS - before)) -lt 10 ] || tell "$2"
 }
 
