@@ -140,6 +140,11 @@ tell_once() { # KIND TEXT
 starts=0 recycled_now=0
 note_line() { # LINE of the kept log
     local text=${1#* QUARN   : }
+    # Clients can write any text into a message of the daemon, so the tag must stand in its column.
+    if [[ $1 =~ ^[0-9.:\ -]+\ E\ SIM\ +:\ (.*) ]]; then
+        note_fault "${BASH_REMATCH[1]}"
+        return 0
+    fi
     case $text in
         "start init quarn")
             starts=$((starts + 1))
@@ -161,7 +166,6 @@ note_line() { # LINE of the kept log
             drops=$((drops + 10#${BASH_REMATCH[1]}))
             tell "the daemon dropped ${BASH_REMATCH[1]} bytes"
             ;;
-        *" E SIM "*) note_fault "${1#* SIM     : }" ;;
         *) [[ $text =~ $harmless ]] || tell_once "${text//[0-9]/}" "error: $text" ;;
     esac
 }

@@ -248,7 +248,7 @@ TEST(QuarnctlTop, OutlivesTheDaemonAndHearsOfSettings) {
     EXPECT_TRUE(file_size(9)) << output.last;
     daemon.reset();
     EXPECT_TRUE(output.Shows([](const nlohmann::json& shown) {
-        return shown["settings"].is_null() && shown["verdict"] == "the daemon is not there";
+        return shown["settings"].is_null() && shown["verdict"] == "the daemon cannot be reached";
     })) << output.last;
     daemon.emplace();
     EXPECT_TRUE(file_size(9)) << output.last;

@@ -74,8 +74,9 @@ std::string Losses(const Pace& pace) {
 
 std::string Verdict(const Picture& picture) {
     const Pace& pace = picture.pace;
-    if (picture.daemon.asked && picture.daemon.answers.empty()) return "the daemon is not there";
     if (pace.FallsBehind()) return "falls behind: " + Losses(pace);
+    if (picture.daemon.asked && picture.daemon.answers.empty())
+        return "the daemon cannot be reached";
     if (pace.Report() == nullptr)
         return pace.has_ended() ? "the daemon has ended" : "no report yet";
     if (ReportAge(picture).value_or(0) > kLateReport) return "reports no more";
