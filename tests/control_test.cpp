@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "client.h"
+#include "control/client_pace.h"
 #include "control/protocol.h"
 #include "control/quarn_command.h"
 #include "control/quarn_ctrl_connect.h"
@@ -215,7 +216,9 @@ TEST_F(Control, ExitsOnRequestWithoutWaitingForOtherRequests) {
 
 TEST_F(Control, ReadsRequestsHoweverTheyArrive) {
     ASSERT_EQ(handle.start(), 0);
-    const Client client;
+    // The server waits 1 s for the rest of a request. A reply that takes 5 s is too late.
+    const Client client(quarn::protocol::kCommandSocket, ANDROID_SOCKET_NAMESPACE_ABSTRACT,
+                        std::chrono::seconds(5));
     const auto padded = [](size_t length) { return "file_size 7" + std::string(length - 11, ' '); };
     const struct {
         std::string bytes;
@@ -324,6 +327,14 @@ TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
     for (std::thread& storm : storms) storm.join();
 }
 
+TEST(ClientPace, TheFirstHundredTurnsAreFree) {
+    rusage before, after;
+    getrusage(RUSAGE_THREAD, &before);
+    for (int i = 0; i < 100; ++i) quarn::zorvex::AwaitClientTurn();
+    getrusage(RUSAGE_THREAD, &after);
+    EXPECT_LT(after.ru_nvcsw - before.ru_nvcsw, 50);  // how often the thread slept
+}
+
 TEST_F(Control, StopsWhateverClientsDo) {
     for (int round = 0; round < 20; ++round) {
         log.Clear();
@@ -397,6 +408,9 @@ TEST_F(Control, ASubscriberThatDoesNotReadDelaysNobody) {
     ASSERT_EQ(handle.start(), 0);
     const Subscriber deaf;
     ASSERT_TRUE(AwaitSubscribers(1));
+    const std::string large(1 << 20, 'x');  // more than a socket takes
+    EXPECT_LT(quarn_stateNotify(large.data(), static_cast<int>(large.size()), 50), 0);
+    EXPECT_EQ(log.Count("quarn_stateNotify: Data paritially sent to fd=..."), 1u);
     while (quarn_notifyLogModeUpdate(1) == 0) continue;
     EXPECT_EQ(log.Count("quarn_stateNotify: Timeout occurred while waiting for sockets to be "
                         "writable."),

@@ -67,7 +67,10 @@ TEST(Daemon, ThePhoneKeepsItsLogItsClockAndItsScenario) {
 
 TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     test::WriteFile("/vendor/etc/quarn_default.cfg", "transfer_type 1\nfile_size 7\nlog_mode 0\n");
-    Daemon daemon("life", "fail init 20\nproperty ro.boot.cdt_hwid board\n");
+    test::WriteFile("/data/stream", test::StreamBytes(8192 * 99));
+    Daemon daemon("life",
+                  "fail init 20\nproperty ro.boot.cdt_hwid board\nsource replay /data/stream\n"
+                  "rate 0\n");
     ASSERT_TRUE(daemon.WaitFor("quarn_stateNotify: listen_thread start"));
     // A subscriber gets a notification when a command changes the log mode.
     test::Subscriber subscriber;
@@ -77,6 +80,10 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
     subscriber.Close();
     EXPECT_EQ(test::Quarnctl("file_size"), "ok,7\n");
     EXPECT_EQ(Console("get clock_sets"), "1\n");
+    // Once the daemon has started, an exception does not restart the counters of the report.
+    Console("stream start");
+    ASSERT_TRUE(test::WaitUntil([] { return Console("get at_its_end") == "yes\n"; }));
+    Console("exception");
     ASSERT_TRUE(daemon.WaitFor("tot_poll_cnt: "));
     test::Quarnctl("transfer_type 3");
     EXPECT_EQ(daemon.Wait(), 0);
@@ -99,7 +106,7 @@ TEST(Daemon, LivesInOrderFromTheFirstInitToTheLastStop) {
              "writer_handler: start success",
              "ctrl_connect: create listen_fd=",
              "start all handler done",
-             "read rate: ",  // the first report, after eight seconds
+             "read rate: 99 KB/s",  // the first report, after eight seconds
              "quarn.is_close is set",
              "md_time_sync_handle: stop success",
              "event_detect_handle: stop success",

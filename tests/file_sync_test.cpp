@@ -1,5 +1,7 @@
 // What brings the storage channel's files to the disk: when, and that nobody waits for it. What a
 // power cut leaves is checked by quarn_soak.
+#include "storage/file_sync.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -57,7 +59,7 @@ class FileSync : public testing::Test {
 TEST_F(FileSync, WhatWasWrittenIsSyncedFiveSecondsLater) {
     FailCalls syncs({.call = Call::kSync, .error = EIO, .where = ".muxz"});
     const auto synced = [&](int times) {
-        return test::WaitUntil([&] { return syncs.failed() == times; }, seconds(10));
+        return test::WaitUntil([&] { return syncs.failed() == times; }, seconds(4));
     };
     const FailCalls signal({.call = Call::kSync, .error = EINTR, .where = ".muxz", .count = 1});
     Store("1");
@@ -130,4 +132,37 @@ TEST_F(FileSync, ASyncThatHangsHoldsNobodyUp) {
     clock.Shift(CLOCK_MONOTONIC, seconds(5));
     end.join();
     EXPECT_EQ(log.Count("file_sync: the last sync does not end, leave it alone"), 1u);
+}
+
+// A folder that is renamed before its sync is synced under its new name right afterwards. Up to 16
+// changed folders are synced one by one; one syncfs serves a larger number.
+TEST_F(FileSync, RenamedFoldersAndManyFolders) {
+    constexpr int kMostFolders = 16;
+    const auto folder = [](int number) { return "/data/changed" + std::to_string(number); };
+    for (int i = 0; i <= kMostFolders; ++i) fs::create_directory(folder(i));
+    const FailCalls one_by_one({.call = Call::kSync, .error = EIO, .where = "/data/changed"});
+    const FailCalls whole_file_system({.call = Call::kSyncAll, .error = EIO});
+    const size_t descriptors = test::List("/proc/self/fd").size();
+    auto sync = std::make_unique<quarn::zorvex::FileSync>();
+
+    fault = std::make_unique<FailCalls>(
+        Fault{.call = Call::kSync, .where = "/data/changed0", .hang = true});
+    sync->FolderChanged(folder(0));
+    sync->FolderChanged("/data/old_name");
+    clock.Shift(CLOCK_MONOTONIC, seconds(5));
+    EXPECT_TRUE(test::WaitUntil([&] { return fault->failed() == 1; }));
+    sync->FolderChanged(folder(1));
+    fault.reset();
+    EXPECT_TRUE(test::WaitUntil([&] { return one_by_one.failed() == 1; }, seconds(4)));
+
+    for (const int most : {kMostFolders - 1, kMostFolders}) {
+        for (int i = 0; i <= most; ++i) sync->FolderChanged(folder(i));
+        clock.Shift(CLOCK_MONOTONIC, seconds(5));
+        EXPECT_TRUE(test::WaitUntil([&] {
+            return one_by_one.failed() == 1 + kMostFolders &&
+                   whole_file_system.failed() == most + 1 - kMostFolders;
+        }));
+    }
+    sync.reset();
+    EXPECT_TRUE(test::WaitUntil([&] { return test::List("/proc/self/fd").size() == descriptors; }));
 }

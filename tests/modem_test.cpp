@@ -442,6 +442,7 @@ TEST_F(Notify, AnExceptionPutsTheSyncBlockIntoThePort) {
     EXPECT_EQ(modem.calls().write, 22u);
     EXPECT_EQ(modem.written(), block);
     EXPECT_TRUE(log.Has(ANDROID_LOG_ERROR, kFailed));
+    EXPECT_EQ(log.messages().back().text, kFailed);  // the capture was marked before
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <vector>
@@ -90,9 +91,12 @@ TEST_F(Reader, FaultsOfThePortAreCountedAndSurvived) {
         const std::string after = test::StreamBytes(100000, 2);
         test::Feed(before);
         row.arrange(modem);
+        const auto begin = std::chrono::steady_clock::now();
         handle.start();
         ASSERT_TRUE(test::WaitUntil([&] { return Stats().*row.counter >= row.count; }));
         ASSERT_TRUE(test::WaitUntil([&] { return modem.calls().open >= row.opens; }));
+        // A second passes before each attempt to open the port again.
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(row.opens));
         test::Feed(after);
         const size_t size = before.size() + after.size();
         ASSERT_TRUE(test::WaitUntil([&] { return fresh.current_size() >= size; }));

@@ -17,6 +17,7 @@
 #include "sim/host_tool.h"
 #include "sim/modem.h"
 #include "support.h"
+#include "thread_limit.h"
 
 namespace {
 
@@ -217,6 +218,12 @@ TEST_P(ToolPort, EveryPortErrorIsRecovered) {
 }
 
 TEST_P(ToolPort, AfterAFailureTheNextStartBeginsAfresh) {
+    {
+        const test::NoNewThreads limit;
+        EXPECT_EQ(g_tool.start(), 1);
+        EXPECT_EQ(usb.fd, -1);
+        EXPECT_EQ(socket.server_socket, -1);
+    }
     EXPECT_EQ(g_tool.start(), 0);
     ConnectAndBeTaken();
     EXPECT_TRUE(Arrives());
