@@ -138,6 +138,7 @@ TEST(Quarnctl, CommandsAndTheirStatus) {
         {"", 2, "", "Usage: quarnctl"},
         {"help", 0, "", "1 to 4194303 MB"},
         {"--version", 0, "", std::string("quarnctl ") + quarn::kVersion + "\n"},
+        {"log_mode 2>&1 >/dev/full", 4, "log_mode", "standard output could not be written"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.arguments);

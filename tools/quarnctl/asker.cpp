@@ -58,8 +58,10 @@ struct Asker::Shared {
         return reached;
     }
 
-    // Returns false if the daemon has hung up.
+    // Waits for at least kRetryPause, so that clients that change settings without pause do not
+    // make this one ask without pause. Returns false if the daemon has hung up.
     bool WaitForReason(const Client& client) {
+        std::this_thread::sleep_for(kRetryPause);
         std::unique_lock lock(mutex);
         const bool has_error =
             std::any_of(view.answers.begin(), view.answers.end(),

@@ -13,7 +13,8 @@ namespace quarnctl {
 // another client. It uses one connection, and has one request open at a time.
 //
 // The daemon logs several lines for each request, and some requests need the modem. So the thread
-// asks only when the connection is new, after `AskAgain`, and once a minute.
+// asks only when the connection is new, after `AskAgain`, and once a minute; never more often than
+// twice a second.
 class Asker {
   public:
     // Starts the thread, which runs until the process ends.

@@ -59,6 +59,7 @@ Exit status:
   2  wrong usage; nothing was sent to the daemon
   3  the daemon cannot be reached, or does not answer in time; with watch: the notification did not
      come in time; with top --once: the log of the daemon cannot be read
+  4  standard output could not be written
 )";
 
 constexpr size_t kWidth = 100;  // columns

@@ -269,4 +269,8 @@ int Complain(ExitStatus status, const std::string& why) {
 
 }  // namespace quarnctl
 
-int main(int argc, char** argv) { return quarnctl::Main(argc, argv); }
+int main(int argc, char** argv) {
+    const int status = quarnctl::Main(argc, argv);
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    return quarnctl::Complain(quarnctl::kNoOutput, "standard output could not be written");
+}

@@ -93,10 +93,14 @@ std::optional<int32_t> Setting(const Picture& picture, std::string_view name) {
     return std::nullopt;
 }
 
-// Returns the file that is being written: from the tree, or from the log if the tree is not
-// readable.
+// Returns true if the tree shows the file that is being written, or shows that there is none.
+bool TreeShowsFile(const LogTree& tree) {
+    return tree.readable && (tree.why.empty() || !tree.file.empty());
+}
+
+// Returns the file that is being written: from the tree, or else from the log.
 const std::string& CurrentFile(const Picture& picture) {
-    return picture.tree.readable ? picture.tree.file : picture.pace.file();
+    return TreeShowsFile(picture.tree) ? picture.tree.file : picture.pace.file();
 }
 std::string CurrentCapture(const Picture& picture) {
     const std::string& file = CurrentFile(picture);
@@ -230,7 +234,7 @@ class Text {
         const std::string& path = CurrentFile(picture);
         if (path.empty()) return Row("file", "");
         std::string text = path.substr(path.rfind('/') + 1);
-        if (picture.tree.readable) {
+        if (TreeShowsFile(picture.tree)) {
             text += ", " + Size(picture.tree.file_bytes);
             if (const auto limit = Setting(picture, "file_size")) text += Of(*limit);
             const int64_t age = picture.now - picture.tree.file_changed;
@@ -349,8 +353,8 @@ std::string FileAsJson(const Picture& picture) {
     const LogTree& tree = picture.tree;
     return JsonObject()
         .Add("path", JsonString(path))
-        .Add("bytes", tree.readable ? Number(tree.file_bytes) : "null")
-        .Add("age", tree.readable ? NumberOrNull(Age(picture, tree.file_changed)) : "null")
+        .Add("bytes", TreeShowsFile(tree) ? Number(tree.file_bytes) : "null")
+        .Add("age", TreeShowsFile(tree) ? NumberOrNull(Age(picture, tree.file_changed)) : "null")
         .Text();
 }
 
@@ -433,15 +437,15 @@ int Once(const TopOptions& options) {
     return pace.FallsBehind() ? kFallsBehind : kOk;
 }
 
-// Shows until a signal ends it.
+// Shows until a signal ends it, or until standard output cannot be written.
 class Show {
   public:
     explicit Show(const TopOptions& top_options) : options(top_options) {}
 
-    // Returns the signal.
+    // Returns the signal, or 0.
     int Run() {
         int signal = Wait(Clock::now() + kMostStart, true);
-        while (signal == 0) {
+        while (signal == 0 && ferror(stdout) == 0) {
             const Clock::time_point next = Clock::now() + options.interval;
             ShowOnce();
             signal = Wait(next, false);
@@ -527,6 +531,7 @@ class Show {
 int Top(const TopOptions& options) {
     if (options.once) return Once(options);
     const int ending = Show(options).Run();
+    if (ending == 0) return kOk;
     // The parent process sees that the signal ended this process.
     signal(ending, SIG_DFL);
     raise(ending);

@@ -96,7 +96,7 @@ class Watcher {
         return false;
     }
 
-    // Prints one notification. Returns true if it ends the watch.
+    // Prints one notification. Returns true if it ends the watch, or if it could not be printed.
     bool Notified(const std::string& text) {
         const size_t comma = std::min(text.find(','), text.size());
         const std::string word = text.substr(0, comma);
@@ -115,6 +115,7 @@ class Watcher {
             printf("%s %s%s%s\n", Now(false).c_str(), text.c_str(), name.empty() ? "" : "  ",
                    name.c_str());
         }
+        if (ferror(stdout) != 0) return true;
         ++notifications;
         const bool found = !options.until.empty() && text.find(options.until) != std::string::npos;
         return found || (options.count > 0 && notifications >= options.count);

@@ -19,7 +19,7 @@
 
 namespace {
 
-enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3 };
+enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3, kNoOutput = 4 };
 
 constexpr int kPatience = 30;                        // seconds, for the whole reply
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; lines of the phone are far shorter
@@ -46,6 +46,7 @@ Exit status:
   1  the phone refused the command
   2  wrong usage
   3  the phone cannot be reached
+  4  standard output could not be written
 )";
 
 int Complain(int status, const std::string& why) {
@@ -160,9 +161,23 @@ int PrintReply(int fd) {
     }
 }
 
-}  // namespace
+// Sends the words to the phone and prints its reply.
+int Send(const std::string& box, const std::vector<std::string>& words) {
+    std::string line;
+    if (!JoinWords(words, &line))
+        return Complain(kUsage, "a word must not contain a double quote or a newline");
+    const int fd = Connect(box);
+    if (fd == -1) {
+        return Complain(kUnreachable,
+                        "no phone is running in " + box + " (" + strerror(errno) + ")");
+    }
+    if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+        return Complain(kUnreachable, std::string("cannot send: ") + strerror(errno));
+    }
+    return PrintReply(fd);
+}
 
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
     std::string box;
     if (!words.empty() && words[0] == "--complete") {  // for completions/
@@ -191,18 +206,13 @@ int main(int argc, char** argv) {
     }
     if (words[0] == "check") return CheckScenario(words);
     if (words[0] == "help") return ShowHelp(words);
-    if (box.empty()) box = DefaultBox();
+    return Send(box.empty() ? DefaultBox() : box, words);
+}
 
-    std::string line;
-    if (!JoinWords(words, &line))
-        return Complain(kUsage, "a word must not contain a double quote or a newline");
-    const int fd = Connect(box);
-    if (fd == -1) {
-        return Complain(kUnreachable,
-                        "no phone is running in " + box + " (" + strerror(errno) + ")");
-    }
-    if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
-        return Complain(kUnreachable, std::string("cannot send: ") + strerror(errno));
-    }
-    return PrintReply(fd);
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int status = Run(argc, argv);
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    return Complain(kNoOutput, "standard output could not be written");
 }
