@@ -176,71 +176,35 @@ struct Side {
     std::vector<double> wall{}, cpu{};
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+struct Options {
     std::string program = "build/release/tools/muxz", folder = "/dev/shm/muxz_bench";
     size_t mib = 2048, kib = 256;
     int rounds = 5;
+};
+
+// Returns false for a wrong option.
+bool Parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
         const char* const value = i + 1 < argc ? argv[++i] : "";
         if (option == "--muxz") {
-            program = value;
+            options.program = value;
         } else if (option == "--folder") {
-            folder = value;
+            options.folder = value;
         } else if (option == "--size" && atol(value) > 0) {
-            mib = static_cast<size_t>(atol(value));
+            options.mib = static_cast<size_t>(atol(value));
         } else if (option == "--block" && atol(value) > 0 && atol(value) < 16384) {
-            kib = static_cast<size_t>(atol(value));
+            options.kib = static_cast<size_t>(atol(value));
         } else if (option == "--rounds" && atoi(value) > 0) {
-            rounds = atoi(value);
+            options.rounds = atoi(value);
         } else {
-            fprintf(stderr,
-                    "Use: muxz_bench [--muxz PROGRAM] [--folder FOLDER] [--size MIB] [--block KIB] "
-                    "[--rounds N]\n");
-            return 2;
+            return false;
         }
     }
-    const fs::path work(folder);
-    const std::string tree = work / "logs", stream = work / "stream";
-    const std::vector<LogFile> files = MakeTree(tree, mib << 20, kib << 10);
-    const std::vector<char> blocks = Blocks(files);
-    const auto bytes = static_cast<double>(mib << 20);
-    printf("%zu MiB raw in blocks of %zu KiB, %.2f to 1, %zu files, medians of %d rounds\n", mib,
-           kib, bytes / static_cast<double>(blocks.size()), files.size(), rounds);
+    return true;
+}
 
-    const auto output = [&stream] {
-        return open(stream.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    };
-    std::vector<Side> sides = {
-        {"bare snappy_uncompress", -1, true, [&] { Unpack(blocks, -1); }},
-        {"muxz verify, one core", 0, true,
-         [&] {
-             RunMuxz(program, {"verify", tree});
-         }},
-        {"muxz verify, all cores", 0, false,
-         [&] {
-             RunMuxz(program, {"verify", tree});
-         }},
-        {"bare uncompress and write", -1, true, [&] { Unpack(blocks, output()); }},
-        {"muxz cat, one core", 3, true,
-         [&] {
-             RunMuxz(program, {"cat", "-o", stream, tree});
-         }},
-        {"muxz check --quick", -1, false,
-         [&] {
-             RunMuxz(program, {"check", "--quick", tree});
-         }},
-    };
-    for (int round = 0; round < rounds; ++round) {
-        for (Side& side : sides) {
-            fs::remove(stream);
-            const Cost cost = Measure(side.one_core, side.run);
-            side.wall.push_back(cost.wall);
-            side.cpu.push_back(cost.cpu);
-        }
-    }
+void Print(const std::vector<Side>& sides, double bytes) {
     for (const Side& side : sides) {
         printf("%-26s %8.4f s wall %8.4f s cpu %7.2f GB/s raw", side.name, Median(side.wall),
                Median(side.cpu), bytes / 1e9 / Median(side.wall));
@@ -251,5 +215,49 @@ int main(int argc, char** argv) {
         }
         printf("\n");
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!Parse(argc, argv, options)) {
+        fprintf(stderr,
+                "Use: muxz_bench [--muxz PROGRAM] [--folder FOLDER] [--size MIB] [--block KIB] "
+                "[--rounds N]\n");
+        return 2;
+    }
+    const fs::path work(options.folder);
+    const std::string tree = work / "logs", stream = work / "stream";
+    const std::vector<LogFile> files = MakeTree(tree, options.mib << 20, options.kib << 10);
+    const std::vector<char> blocks = Blocks(files);
+    const auto bytes = static_cast<double>(options.mib << 20);
+    printf("%zu MiB raw in blocks of %zu KiB, %.2f to 1, %zu files, medians of %d rounds\n",
+           options.mib, options.kib, bytes / static_cast<double>(blocks.size()), files.size(),
+           options.rounds);
+
+    const auto output = [&stream] {
+        return open(stream.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    };
+    const auto muxz = [&options](const std::vector<std::string>& arguments) {
+        return [&options, arguments] { RunMuxz(options.program, arguments); };
+    };
+    std::vector<Side> sides = {
+        {"bare snappy_uncompress", -1, true, [&] { Unpack(blocks, -1); }},
+        {"muxz verify, one core", 0, true, muxz({"verify", tree})},
+        {"muxz verify, all cores", 0, false, muxz({"verify", tree})},
+        {"bare uncompress and write", -1, true, [&] { Unpack(blocks, output()); }},
+        {"muxz cat, one core", 3, true, muxz({"cat", "-o", stream, tree})},
+        {"muxz check --quick", -1, false, muxz({"check", "--quick", tree})},
+    };
+    for (int round = 0; round < options.rounds; ++round) {
+        for (Side& side : sides) {
+            fs::remove(stream);
+            const Cost cost = Measure(side.one_core, side.run);
+            side.wall.push_back(cost.wall);
+            side.cpu.push_back(cost.cpu);
+        }
+    }
+    Print(sides, bytes);
     fs::remove_all(work);
 }

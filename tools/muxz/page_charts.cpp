@@ -1,8 +1,13 @@
 #include "tools/muxz/page_charts.h"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "tools/muxz/messages.h"
 #include "tools/muxz/page_html.h"
@@ -13,6 +18,49 @@ namespace muxz::page {
 namespace {
 
 constexpr double kBytesPerKb = 1024;  // as in the daemon's reports
+
+// A chart of the Android log: each curve has one point for each of the daemon's reports.
+struct ReportChart {
+    using Value = double (*)(const RateReport&);
+
+    const char* title;
+    const char* note;
+    const char* unit;
+    std::array<std::pair<const char*, Value>, 4> curves;  // those that are not used have no name
+};
+
+constexpr double MbPerSecond(uint64_t kb_per_second) {
+    return static_cast<double>(kb_per_second) * kBytesPerKb / kMillion;
+}
+
+template <size_t kKind>
+double Faults(const RateReport& report) {
+    return static_cast<double>(report.faults[kKind]);
+}
+
+constexpr std::array<ReportChart, 4> kReportCharts = {{
+    {"Read and write rate",
+     "By the daemon's reports of every 8 s: raw bytes from the modem into the ring, and from there "
+     "to the log files.",
+     "MB/s",
+     {{{"read", [](const RateReport& report) { return MbPerSecond(report.read); }},
+       {"written", [](const RateReport& report) { return MbPerSecond(report.written); }}}}},
+    {"Stalls",
+     "How often in 8 s the reader found the ring too full to read on.",
+     "times",
+     {{{"stalls", [](const RateReport& report) { return static_cast<double>(report.stalls); }}}}},
+    {"Read faults by kind",
+     "Attempts at the modem's log port in 8 s that failed.",
+     "times",
+     {{{kFaultNames[1], Faults<1>},
+       {kFaultNames[2], Faults<2>},
+       {kFaultNames[3], Faults<3>},
+       {kFaultNames[4], Faults<4>}}}},
+    {"Attempts that found nothing to read (EAGAIN)",
+     "In 8 s. Many are no fault: the reader asks faster than the modem writes.",
+     "times",
+     {{{kFaultNames[0], Faults<0>}}}},
+}};
 
 // Makes the charts over time.
 class Timeline {
@@ -246,65 +294,30 @@ class Timeline {
     }
 
     void AddLogCharts(std::vector<TimeChart>& charts) const {
-        struct PerReport {
-            const char* title;
-            const char* note;
-            const char* unit;
-            std::vector<std::pair<const char*, double (*)(const RateReport&)>> curves;
-        };
-        static const PerReport kPerReport[] = {
-            {"Read and write rate",
-             "By the daemon's reports of every 8 s: raw bytes from the modem into the ring, and "
-             "from there to the log files.",
-             "MB/s",
-             {{"read",
-               [](const RateReport& r) {
-                   return static_cast<double>(r.read) * kBytesPerKb / kMillion;
-               }},
-              {"written",
-               [](const RateReport& r) {
-                   return static_cast<double>(r.written) * kBytesPerKb / kMillion;
-               }}}},
-            {"Stalls",
-             "How often in 8 s the reader found the ring too full to read on.",
-             "times",
-             {{"stalls", [](const RateReport& r) { return static_cast<double>(r.stalls); }}}},
-            {"Read faults by kind",
-             "Attempts at the modem's log port in 8 s that failed.",
-             "times",
-             {{kFaultNames[1],
-               [](const RateReport& r) { return static_cast<double>(r.faults[1]); }},
-              {kFaultNames[2],
-               [](const RateReport& r) { return static_cast<double>(r.faults[2]); }},
-              {kFaultNames[3],
-               [](const RateReport& r) { return static_cast<double>(r.faults[3]); }},
-              {kFaultNames[4],
-               [](const RateReport& r) { return static_cast<double>(r.faults[4]); }}}},
-            {"Attempts that found nothing to read (EAGAIN)",
-             "In 8 s. Many are no fault: the reader asks faster than the modem writes.",
-             "times",
-             {{kFaultNames[0],
-               [](const RateReport& r) { return static_cast<double>(r.faults[0]); }}}},
-        };
         constexpr const char* kStyles[] = {"one", "two", "three", "four"};
-        for (const PerReport& wanted : kPerReport) {
+        for (const ReportChart& wanted : kReportCharts) {
             TimeChart chart{wanted.title, wanted.note, wanted.unit, {}, {}, CrashSpans()};
             for (const auto& [name, value] : wanted.curves) {
-                Curve curve{kStyles[chart.curves.size()], name, {}};
-                UtcTime before = 0;
-                for (const RateReport& report : log->reports) {
-                    if (!report.time || !OnAxis(*report.time)) continue;
-                    const auto time = static_cast<double>(*report.time);
-                    if (*report.time - before > 2 * kReportPeriod)
-                        curve.points.emplace_back(time, -1);
-                    before = *report.time;
-                    curve.points.emplace_back(time, value(report));
-                }
-                chart.curves.push_back(std::move(curve));
+                if (name == nullptr) break;
+                chart.curves.push_back({kStyles[chart.curves.size()], name, Points(value)});
             }
             charts.push_back(std::move(chart));
         }
         charts.push_back(EventChart());
+    }
+
+    // Returns one point for each report, with a gap where reports are missing.
+    std::vector<std::pair<double, double>> Points(ReportChart::Value value) const {
+        std::vector<std::pair<double, double>> points;
+        UtcTime before = 0;
+        for (const RateReport& report : log->reports) {
+            if (!report.time || !OnAxis(*report.time)) continue;
+            const auto time = static_cast<double>(*report.time);
+            if (*report.time - before > 2 * kReportPeriod) points.emplace_back(time, -1);
+            before = *report.time;
+            points.emplace_back(time, value(report));
+        }
+        return points;
     }
 
     TimeChart EventChart() const {

@@ -196,6 +196,22 @@ int Wait(seconds limit) {
     }
 }
 
+// Returns the reason if an option does not go with the command, else "".
+std::string WrongTogether(const Arguments& arguments, std::string_view command) {
+    const bool watches = command == "watch", tops = command == "top";
+    if (arguments.json && !watches && !tops && command != "status") {
+        return "--json goes with status, watch and top only";
+    }
+    if (arguments.top_only && !tops) return "--once, --interval and --log go with top only";
+    if (!watches && (arguments.watch.count != 0 || !arguments.watch.until.empty())) {
+        return "--count and --until go with watch only";
+    }
+    if (tops && !arguments.top.once && arguments.timeout.count() >= 0) {
+        return "with top, --timeout goes with --once";
+    }
+    return "";
+}
+
 int Run(const Arguments& arguments) {
     std::vector<std::string> words = arguments.words;
     if (words.empty()) {
@@ -204,40 +220,30 @@ int Run(const Arguments& arguments) {
     }
     const std::string name = words[0];
     words.erase(words.begin());
-    const bool watches = name == "watch", tops = name == "top";
-    if (arguments.json && !watches && !tops && name != "status") {
-        return Complain(kUsage, "--json goes with status, watch and top only");
-    }
-    if (arguments.top_only && !tops) {
-        return Complain(kUsage, "--once, --interval and --log go with top only");
-    }
-    if (!watches && (arguments.watch.count != 0 || !arguments.watch.until.empty())) {
-        return Complain(kUsage, "--count and --until go with watch only");
+    if (const std::string why = WrongTogether(arguments, name); !why.empty()) {
+        return Complain(kUsage, why);
     }
     Client client(arguments.timeout);
     if (name == "get") return Get(client, words);
-    if (name == "status" || watches || tops || name == "wait") {
-        if (!words.empty()) return Complain(kUsage, name + " takes no argument");
-        if (name == "status") return PrintStatus(client, arguments.json);
-        if (name == "wait") return Wait(arguments.timeout);
-        if (tops) {
-            if (!arguments.top.once && arguments.timeout.count() >= 0) {
-                return Complain(kUsage, "with top, --timeout goes with --once");
-            }
-            TopOptions options = arguments.top;
-            options.json = arguments.json;
-            options.timeout = arguments.timeout;
-            return Top(options);
-        }
-        WatchOptions options = arguments.watch;
-        options.json = arguments.json;
-        options.limit = arguments.timeout;
-        return Watch(options);
-    }
     if (const Command* const command = FindCommand(name)) {
         return RunCommand(client, *command, words);
     }
-    return Complain(kUsage, "no such command: " + name + " (quarnctl help)");
+    if (name != "status" && name != "watch" && name != "top" && name != "wait") {
+        return Complain(kUsage, "no such command: " + name + " (quarnctl help)");
+    }
+    if (!words.empty()) return Complain(kUsage, name + " takes no argument");
+    if (name == "status") return PrintStatus(client, arguments.json);
+    if (name == "wait") return Wait(arguments.timeout);
+    if (name == "top") {
+        TopOptions options = arguments.top;
+        options.json = arguments.json;
+        options.timeout = arguments.timeout;
+        return Top(options);
+    }
+    WatchOptions options = arguments.watch;
+    options.json = arguments.json;
+    options.limit = arguments.timeout;
+    return Watch(options);
 }
 
 int Main(int argc, char** argv) {
