@@ -16,7 +16,8 @@ struct TopOptions {
     std::chrono::seconds timeout{-1};
 };
 
-// With `once`, returns the exit status. Else runs until a signal ends the process.
+// With `once`, returns the exit status. Else runs until a signal ends the process, or returns when
+// standard output cannot be written.
 int Top(const TopOptions& options);
 
 }  // namespace quarnctl
