@@ -298,7 +298,7 @@ TEST_F(Control, AClientThatDoesNotReadIsLetGo) {
 
 // Clients connect to both sockets, and one client sends single bytes, all without pause. The daemon
 // accepts the first 100 connections and pieces of requests at once, and then one every 2 ms.
-TEST_F(Control, WhoeverComesOrSendsWithoutPauseWaitsForHisTurn) {
+TEST_F(Control, ClientsWithoutPauseWaitForTheirTurns) {
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_EQ(handle.start(), 0);
     const Client slow;

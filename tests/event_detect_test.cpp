@@ -226,7 +226,7 @@ TEST_F(EventDetect, LooksAtTheStateFileUntilTheModemIsReady) {
     EXPECT_TRUE(test::WaitUntil(quarn_getCtrlPortStatus));
 }
 
-TEST_F(EventDetect, WaitsForNobodyBehindAStateFileThatIsAPipe) {
+TEST_F(EventDetect, AStateFileThatIsAPipeBlocksNothing) {
     ASSERT_EQ(mkfifo(kStateFile.c_str(), 0600), 0);
     ASSERT_EQ(g_event_detect.start(), 0);
     int writer = -1;

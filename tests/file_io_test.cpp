@@ -135,6 +135,9 @@ TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
         {{"QRXMDLog_10_2024_0101_000000t", "QRXMDLog_9_2024_0101_000000t"},
          "QRXMDLog_10_2024_0101_000000",
          11},
+        {{"QRXMDLog_0_2024_0101_000000t", "QRXMDLog_9_2024_0101_000000"},
+         "QRXMDLog_0_2024_0101_000000",
+         1},
         {{"QRXMDLog_5", "unrelated"}, "", 0},
     };
     for (const auto& c : cases) {
@@ -156,6 +159,15 @@ TEST_F(FileIo, TheNextCaptureFinishesTheOneBefore) {
         EXPECT_EQ(List(kLogs + c.finished),
                   std::vector<std::string>{"QRXMDLog_2_2024_0101_000001.muxz"});
     }
+}
+
+TEST_F(FileIo, ACaptureWithoutFileLeavesTheFileBeforeToTheNextOne) {
+    for (const std::string bytes : {"a", "", "b"}) {
+        ASSERT_EQ(io->io_open(), 0);
+        ASSERT_TRUE(Write(bytes));
+        io->io_close();
+    }
+    EXPECT_TRUE(List(kLogs + List(kLogs)[0]).at(0).ends_with(".muxz"));
 }
 
 // The exception comes before the new capture has a file. The file that waits for its final name

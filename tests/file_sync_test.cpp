@@ -106,7 +106,7 @@ TEST_F(FileSync, TheFoldersOfACaptureAreSyncedWithItsFile) {
 
 // The channel goes on writing files, the sync thread holds at most two descriptors, and the end of
 // the channel does not wait for ever.
-TEST_F(FileSync, ASyncThatHangsHoldsNobodyUp) {
+TEST_F(FileSync, ASyncThatHangsDelaysNoCaller) {
     const auto hang = [&] {
         fault =
             std::make_unique<FailCalls>(Fault{.call = Call::kSync, .where = ".muxz", .hang = true});
@@ -163,6 +163,8 @@ TEST_F(FileSync, RenamedFoldersAndManyFolders) {
                    whole_file_system.failed() == most + 1 - kMostFolders;
         }));
     }
+    // One failure is logged, also without a file.
+    EXPECT_EQ(log.Count("file_sync: sync folder=..."), 1u);
     sync.reset();
     EXPECT_TRUE(test::WaitUntil([&] { return test::List("/proc/self/fd").size() == descriptors; }));
 }

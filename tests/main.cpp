@@ -13,10 +13,11 @@ namespace {
 // first one left.
 class OneCaseOnly : public testing::EmptyTestEventListener {
     void OnTestProgramStart(const testing::UnitTest& tests) override {
-        if (tests.test_to_run_count() <= 1 && GTEST_FLAG_GET(repeat) == 1) return;
+        if (tests.test_to_run_count() == 1 && GTEST_FLAG_GET(repeat) == 1) return;
         fprintf(stderr,
-                "quarn_tests: one case a process; name it with --gtest_filter, or let ctest run "
-                "them all\n");
+                "quarn_tests: runs one case per process, not %d; name it with --gtest_filter, or "
+                "let ctest run them all\n",
+                tests.test_to_run_count());
         std::exit(2);
     }
 };

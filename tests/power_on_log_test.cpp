@@ -248,7 +248,7 @@ TEST_F(PowerOn, AFullDiskNeitherDoublesNorTearsABlock) {
 
 // A stop waits for the event thread, which waits for `exec_mutex` or for the modem. Meanwhile
 // neither a notification nor the writer may wait for the stop.
-TEST_F(PowerOn, NobodyWaitsForAStopThatIsUnderWay) {
+TEST_F(PowerOn, AStopThatIsUnderWayBlocksNoOtherCaller) {
     for (const bool in_flush : {false, true}) {
         SCOPED_TRACE(in_flush);
         PowerOnLogInit();

@@ -12,6 +12,8 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <regex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -154,6 +156,17 @@ TEST(Quarnctl, KnowsEveryCommandOfTheDaemon) {
     for (const QUARN_COMMAND_INFO& command : quarn_commandTable()) {
         EXPECT_NE(help.find("\n  " + std::string(command.name) + ' '), std::string::npos)
             << command.name;
+    }
+    const std::string words = std::regex_replace(help, std::regex("\\s+"), " ");
+    namespace protocol = quarn::protocol;
+    for (const std::span<const char* const> names :
+         {std::span<const char* const>(protocol::kLogModes),
+          {protocol::kLogLevels},
+          {protocol::kTransferTypes}}) {
+        for (size_t value = 0; value < names.size(); ++value) {
+            const std::string item = " " + std::to_string(value) + " " + names[value];
+            EXPECT_NE(words.find(item), std::string::npos) << item;
+        }
     }
 }
 

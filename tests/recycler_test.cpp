@@ -221,7 +221,8 @@ TEST_F(Recycler, FoldersBehindLinksCountOnce) {
         fs::create_directory(elsewhere + "nest");
         fs::create_directory_symlink(plain, elsewhere + Expand("nest/<B>"));
         // With two circular links, the number of paths grows without limit.
-        std::string links = Expand("run>../../../../elsewhere/run <D>>run/<A> here>. up>..");
+        std::string links = Expand("run>../../../../elsewhere/run here>. up>..");
+        if (links_first) links += Expand(" <D>>run/<A>");
         for (const char* name : {"plain", "loose", "nest"}) {
             links += std::string(" ") + name + ">../../../../elsewhere/" + name;
         }

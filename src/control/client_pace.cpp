@@ -15,7 +15,8 @@ constexpr std::chrono::milliseconds kInterval(2);
 constexpr int kBurst = 100;
 
 std::mutex turn_mutex;
-// Guarded by `turn_mutex`. In the past as long as turns of the burst are left.
+// The time of the next turn. It lies in the past while free turns are left. Guarded by
+// `turn_mutex`.
 Clock::time_point next_turn;
 
 Clock::time_point TakeTurn() {

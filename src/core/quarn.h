@@ -1,6 +1,6 @@
 // All global objects of the daemon, and the report on the data path. Each object is declared in the
-// header of its type. Only `main` and quarn.cpp, which constructs the objects, include this header.
-// Other files include the headers that they use.
+// header of its type. Of the daemon, only `main` and quarn.cpp, which constructs the objects,
+// include this header. Its other files include the headers that they use.
 #pragma once
 
 #include "control/quarn_command.h"

@@ -94,8 +94,8 @@ class LogFileRecycler {
     void RecycleFolder(const LogFolderInfo& folder, bool is_current, int64_t keep_kb);
     void RemoveFolder(const LogFolderInfo& folder) const;
     bool IsWithinSizeLimit() const { return total_kb <= recycle_kb; }
-    // Returns true if this is the folder of the current or last capture. The sort order alone does
-    // not tell: a folder that could not be recorded in the history sorts as the oldest.
+    // Returns true if this is the folder of the current or last capture. The sort order does not
+    // show this: a folder that could not be recorded in the history sorts as the oldest.
     bool IsBeingWritten(const LogFolderInfo& folder) const;
     static bool BuildLogFileList(const std::string& folder_path, std::vector<LogFileInfo>& files);
     static bool GetLogFileIndex(const std::string& name, uint32_t& index);

@@ -201,8 +201,7 @@ bool WaitForEnd(PowerOnLog& log) {
 
 // The log filter manager now sends the log level or filter that it has held back.
 void EndPowerOnPhase() {
-    std::lock_guard lock(g_quarn.exec_mutex);
-    quarn_runHandleExec(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
+    quarn_request(HANDLE_LOG_FILTER_MANAGER, EXEC_LOGGING_STATE_NORMAL, nullptr);
 }
 
 void HandleEnd(PowerOnLog& log) {

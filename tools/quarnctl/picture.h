@@ -1,5 +1,5 @@
-// What `quarnctl top` knows of the daemon at one moment, what that means, and its two forms: the
-// screen and the JSON object.
+// What `quarnctl top` knows of the daemon at one moment. It is shown as a screen or as a JSON
+// object.
 #pragma once
 
 #include <array>

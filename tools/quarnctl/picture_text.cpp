@@ -5,6 +5,7 @@
 #include "picture.h"
 #include "screen.h"
 #include "status.h"
+#include "storage/log_names.h"
 
 namespace quarnctl {
 
@@ -132,7 +133,7 @@ class Text {
     void File() {
         const std::string& path = CurrentFile(picture);
         if (path.empty()) return Row("file", "");
-        std::string text = path.substr(path.rfind('/') + 1);
+        std::string text(quarn::log_names::LastComponent(path));
         if (TreeShowsFile(picture.tree)) {
             text += ", " + Size(picture.tree.file_bytes);
             if (const auto limit = Setting(picture, "file_size")) text += Of(*limit);

@@ -82,7 +82,7 @@ std::vector<std::string> Conflicts(const std::vector<Answer>& answers) {
     std::vector<int32_t> n;
     if (Numbers(answers, {"recycle_size", "file_size"}, n) && n[0] < n[1]) {
         conflicts.push_back("recycle_size " + Mb(n[0]) + " is below one file " + Mb(n[1]) +
-                            ": the file being written stays, all others go");
+                            ": all files except the one being written are deleted");
     }
     if (Numbers(answers, {"recycle_keep_ee_size", "recycle_size"}, n) && n[0] >= n[1]) {
         conflicts.push_back("recycle_keep_ee_size " + Mb(n[0]) + " is not below recycle_size " +
