@@ -125,7 +125,7 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
         int status;
         std::vector<std::string> parts;  // of what is printed, in this order
     } cases[] = {
-        {"", 0, {"no report yet", "read rate               -               -"}},
+        {"", 3, {"no report yet", "read rate               -               -", "has no line of"}},
         {start + Report(),
          0,
          {"keeps up", "100             100  KB/s", "3  EINTR 3, nothing to read 2"}},
@@ -141,8 +141,8 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
          0,
          {"reports no more; last report 1 min 4"}},
         {"11-23 10:00:00.000  1  1 I OTHER   : read rate: 1 KB/s, write rate: 1 KB/s\n",
-         0,
-         {"no report yet"}},
+         3,
+         {"no report yet", "the log has no line of the daemon"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.log);
@@ -167,7 +167,7 @@ TEST(QuarnctlTop, OnceTellsWhetherStallsOrDropsGrew) {
         std::string part;
     } others[] = {
         {"--once --log /data/none", 3, "cannot open /data/none: No such file"},
-        {"--once --log - --timeout 1 <>/dev/null", 0, "no report yet"},
+        {"--once --log - --timeout 1 <>/dev/null", 3, "the log has no line of the daemon"},
         {"--once --interval 0", 2, "at least 1"},
         {"--timeout 5", 2, "goes with --once"},
         {"now", 2, "takes no argument"},

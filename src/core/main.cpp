@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <thread>
@@ -9,6 +10,7 @@
 #include "core/quarn.h"
 #include "core/quarn_config.h"
 #include "core/system_utility.h"
+#include "core/version.h"
 #include "modem/quarn_mipc_cmd.h"
 #include "platform/mcl.h"
 #include "platform/quarn_log.h"
@@ -115,7 +117,11 @@ void stop_handles() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("quarn %s\n", quarn::kVersion);
+        return 0;
+    }
     QUARN_LOGI("start init quarn");
     quarn_property_set("vendor.quarn.qrx.restart", "0");
     init_handles();

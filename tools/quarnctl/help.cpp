@@ -58,7 +58,7 @@ Exit status:
   1  the daemon answered "error"; with top --once: the daemon falls behind
   2  wrong usage; nothing was sent to the daemon
   3  the daemon cannot be reached, or does not answer in time; with watch: the notification did not
-     come in time; with top --once: the log of the daemon cannot be read
+     come in time; with top --once: the log cannot be read, or has no line of the daemon
   4  standard output could not be written
 )";
 

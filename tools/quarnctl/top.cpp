@@ -37,13 +37,14 @@ void Print(const Picture& picture, bool json) {
     for (const std::string& line : AsText(picture, 80)) puts(line.c_str());
 }
 
-std::string LogTrouble(const LogSource& source, const Pace& pace) {
+// `is_whole`: the log has been read to its end, and nothing more is expected.
+std::string LogTrouble(const LogSource& source, const Pace& pace, bool is_whole) {
     if (!source.why().empty()) return source.why();
-    if (source.IsLogcat() && !pace.HasLines()) {
-        return "the log has no line of the daemon; may this user read it? root and the shell of "
-               "adb may";
-    }
-    return "";
+    if (pace.HasLines()) return "";
+    const std::string trouble = "the log has no line of the daemon";
+    if (source.IsLogcat())
+        return trouble + "; may this user read it? root and the shell of adb may";
+    return is_whole ? trouble : "";
 }
 
 int Once(const TopOptions& options) {
@@ -60,8 +61,8 @@ int Once(const TopOptions& options) {
     while (!source.HasEnded() && WaitReadable(source.ReadyFd(), deadline)) {
         source.Read([&](std::string_view line) { pace.Take(line); });
     }
-    Picture picture{pace, LogTrouble(source, pace), ReadLogTree(kLogTree), ReadStorage(kLogTree),
-                    std::move(daemon)};
+    Picture picture{pace, LogTrouble(source, pace, true), ReadLogTree(kLogTree),
+                    ReadStorage(kLogTree), std::move(daemon)};
     Print(picture, options.json);
     // Without the log nobody knows whether the daemon keeps up.
     if (!picture.log_trouble.empty()) return Complain(kUnreachable, picture.log_trouble);
@@ -135,7 +136,7 @@ class Show {
             tree = ReadLogTree(kLogTree);
             next_tree = now + (Clock::now() - now) * kRest;
         }
-        const Picture picture{pace, LogTrouble(*source, pace), tree, ReadStorage(kLogTree),
+        const Picture picture{pace, LogTrouble(*source, pace, false), tree, ReadStorage(kLogTree),
                               asker.Look()};
         if (options.json || !screen.IsTerminal()) {
             if (!options.json && std::exchange(printed, true)) puts("");

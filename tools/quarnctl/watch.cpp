@@ -31,7 +31,7 @@ class Watcher {
 
     int Run() {
         while (true) {
-            const Descriptor fd = Connect(protocol::kNotifySocket, kAcceptPatience);
+            const Descriptor fd = Connect(protocol::kNotifySocket, AcceptPatience());
             if (fd.get() < 0) {
                 Tell("waiting", "waiting for the daemon");
             } else if (Follow(fd.get())) {
@@ -47,6 +47,12 @@ class Watcher {
     static constexpr milliseconds kRetryPause{500};
     static constexpr seconds kAcceptPatience{30};
     static constexpr size_t kMaxNotification = 4096;
+
+    // Returns how long to wait until the daemon accepts the connection: whole seconds, at least 1.
+    seconds AcceptPatience() const {
+        const int left = deadline.Left();  // ms
+        return left < 0 ? kAcceptPatience : std::min(kAcceptPatience, seconds(left / 1000 + 1));
+    }
 
     // Prints a change of the connection, each change once. Text goes to standard error, so that it
     // is apart from the notifications. JSON goes to standard output, so that scripts see it too.
