@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "client.h"
+#include "core/version.h"
 #include "daemon_process.h"
 #include "sim/restart.h"
 #include "support.h"
@@ -137,6 +138,8 @@ TEST(Daemon, StartsWithoutModemIpc) {
 }
 
 TEST(Daemon, KeepsTryingWhileTheModemLayerIsDown) {
+    EXPECT_EQ(test::Output(QUARN_PROGRAM " --version"),
+              std::string("quarn ") + quarn::kVersion + "\n");
     Daemon daemon("down", "fail init 1000000\n");
     ASSERT_TRUE(daemon.WaitFor("init all handle done"));
     EXPECT_FALSE(fs::exists("/data/vendor/radio/quarn"));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <map>
 #include <mutex>
@@ -257,6 +258,15 @@ TEST(Quarnctl, WatchEndsAsAsked) {
         }
         EXPECT_GE(at + c.parts.back().size() + 30, run.text.size()) << run.text;
     }
+    // Connections wait until the daemon, which hangs, can take no more.
+    int fd;
+    do {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    } while (socket_local_client_connect(fd, quarn::protocol::kNotifySocket,
+                                         ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM) >= 0);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Quarnctl("watch --timeout 1").status, 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
 TEST(Quarnctl, WatchOutlivesTheDaemon) {
