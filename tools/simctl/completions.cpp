@@ -80,16 +80,19 @@ void PrintArguments(std::span<const std::string> words) {
 
 void PrintCompletions(const std::vector<std::string>& before) {
     std::span<const std::string> words = before;
-    if (!words.empty() && words[0] == "--box") {
-        if (words.size() == 1) return PrintWord("@files");
-        words = words.subspan(2);
-    } else if (!words.empty() && words[0].starts_with("--box=")) {
-        words = words.subspan(1);
+    while (!words.empty() && (words[0].starts_with("--box") || words[0].starts_with("--timeout"))) {
+        const bool has_value = words[0].find('=') != std::string::npos;
+        if (!has_value && words.size() == 1) {
+            if (words[0] == "--box") PrintWord("@files");
+            return;
+        }
+        words = words.subspan(has_value ? 1 : 2);
     }
     if (!words.empty()) return PrintArguments(words);
     PrintCommands();
     PrintWord("check", "prints the lines of a scenario that are wrong");
     PrintWord("--box", "the folder of the box");
+    PrintWord("--timeout", "how many seconds to wait for the reply");
     PrintWord("--version", "prints the version");
     PrintWord("--help", "prints this help");
 }

@@ -3,6 +3,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "core/version.h"
@@ -21,10 +23,14 @@ namespace {
 
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3, kNoOutput = 4 };
 
-constexpr int kPatience = 30;                        // seconds, for the whole reply
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; lines of the phone are far shorter
 
-constexpr const char* kHelp = R"(Usage: simctl [--box DIR] COMMAND [ARGUMENT...]
+struct Options {
+    std::string box;                    // empty if none was given
+    std::chrono::seconds patience{30};  // for the whole reply
+};
+
+constexpr const char* kHelp = R"(Usage: simctl [OPTION...] COMMAND [ARGUMENT...]
 
 Sends one command to the simulated phone that runs in a box, and prints the reply.
 
@@ -38,6 +44,7 @@ Options:
                   "box" in the current folder; "box" in the checkout in which simctl was built; for
                   an installed simctl, the box of quarn-run, which is "quarn/box" in
                   $XDG_STATE_HOME or in ~/.local/state
+  --timeout S     how many seconds to wait for the reply; the default is 30
   --version       prints the version
   --help          prints this help
 
@@ -81,13 +88,13 @@ bool JoinWords(const std::vector<std::string>& words, std::string* line) {
     return true;
 }
 
-int Connect(const std::string& box) {
+int Connect(const std::string& box, std::chrono::seconds limit) {
     const sim::SocketAddress address(box + "/modem", sim::kConsoleSocketName);
     if (!address.ok()) return -1;
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) return -1;
     // Limits connecting and sending. The reply has its own deadline.
-    const timeval patience = {kPatience, 0};
+    const timeval patience = {static_cast<time_t>(limit.count()), 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     if (connect(fd, address.address(), sim::SocketAddress::size()) != 0) {
         const int error = errno;
@@ -129,15 +136,15 @@ int ShowHelp(const std::vector<std::string>& words) {
     std::string line;
     for (const std::string& word : words) line += word + ' ';
     const sim::Reply reply = sim::Console("").Execute(line);
-    if (!reply.ok) return Complain(kRefused, reply.text);
+    if (!reply.ok) return Complain(kUsage, reply.text);
     fputs(reply.text.c_str(), stdout);
     return kOk;
 }
 
 // Prints the lines of the reply as they arrive, up to the mark that ends it. Returns the exit
 // status.
-int PrintReply(int fd) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kPatience);
+int PrintReply(int fd, std::chrono::seconds patience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     std::string pending;
     char piece[4096];
     while (true) {
@@ -162,11 +169,12 @@ int PrintReply(int fd) {
 }
 
 // Sends the words to the phone and prints its reply.
-int Send(const std::string& box, const std::vector<std::string>& words) {
+int Send(const Options& options, const std::vector<std::string>& words) {
+    const std::string box = options.box.empty() ? DefaultBox() : options.box;
     std::string line;
     if (!JoinWords(words, &line))
         return Complain(kUsage, "a word must not contain a double quote or a newline");
-    const int fd = Connect(box);
+    const int fd = Connect(box, options.patience);
     if (fd == -1) {
         return Complain(kUnreachable,
                         "no phone is running in " + box + " (" + strerror(errno) + ")");
@@ -174,23 +182,49 @@ int Send(const std::string& box, const std::vector<std::string>& words) {
     if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
         return Complain(kUnreachable, std::string("cannot send: ") + strerror(errno));
     }
-    return PrintReply(fd);
+    return PrintReply(fd, options.patience);
+}
+
+// Removes the options with a value from the front of the words. Returns the reason if one is wrong,
+// else "".
+std::string TakeOptions(std::vector<std::string>& words, Options& options) {
+    while (!words.empty()) {
+        const size_t equals = words[0].find('=');
+        const std::string name = words[0].substr(0, equals);
+        if (name != "--box" && name != "--timeout") break;
+        std::string value;
+        if (equals != std::string::npos) {
+            value = words[0].substr(equals + 1);
+        } else if (words.size() > 1) {
+            value = words[1];
+            words.erase(words.begin());
+        }
+        words.erase(words.begin());
+        if (name == "--box") {
+            if (value.empty()) return "--box needs a folder";
+            options.box = value;
+            continue;
+        }
+        int seconds = 0;
+        const auto [end, error] =
+            std::from_chars(value.data(), value.data() + value.size(), seconds);
+        if (error != std::errc{} || end != value.data() + value.size() || seconds < 1) {
+            return "--timeout needs a number of seconds of at least 1";
+        }
+        options.patience = std::chrono::seconds(seconds);
+    }
+    return "";
 }
 
 int Run(int argc, char** argv) {
     std::vector<std::string> words(argv + 1, argv + argc);
-    std::string box;
     if (!words.empty() && words[0] == "--complete") {  // for completions/
         sim::PrintCompletions({words.begin() + 1, words.end()});
         return kOk;
     }
-    if (!words.empty() && words[0].starts_with("--box=")) {
-        box = words[0].substr(words[0].find('=') + 1);
-        words.erase(words.begin());
-    } else if (!words.empty() && words[0] == "--box") {
-        if (words.size() < 2) return Complain(kUsage, "--box needs a folder");
-        box = words[1];
-        words.erase(words.begin(), words.begin() + 2);
+    Options options;
+    if (const std::string why = TakeOptions(words, options); !why.empty()) {
+        return Complain(kUsage, why);
     }
     if (words.empty()) return Complain(kUsage, "no command given (simctl --help)");
     if (words[0] == "--help" || words[0] == "-h") {
@@ -206,7 +240,7 @@ int Run(int argc, char** argv) {
     }
     if (words[0] == "check") return CheckScenario(words);
     if (words[0] == "help") return ShowHelp(words);
-    return Send(box.empty() ? DefaultBox() : box, words);
+    return Send(options, words);
 }
 
 }  // namespace
