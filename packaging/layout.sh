@@ -25,10 +25,10 @@ tool_prefix=''
 tool_prefix_text=''
 
 # Prints how a user calls a program of $tools: the name if the shell finds this program by its name,
-# otherwise the path.
+# otherwise the path, quoted for the shell.
 shown() { # NAME
     if [ "$(type -P "$1")" -ef "$tools/$1" ]; then echo "$1"
-    else echo "$tools/$1"; fi
+    else printf '%q\n' "$tools/$1"; fi
 }
 
 shown_inbox=$(shown quarn-inbox)

@@ -25,7 +25,7 @@ summarise() {
     restarts=$(cat "$box/modem/restarts" 2>/dev/null)
     if [ ${#files[@]} -gt 0 ]; then
         decoded=$("$tools/muxz" cat "${files[@]}" 2>/dev/null | wc -c; exit "${PIPESTATUS[0]}") || {
-            complain "not all of it decodes: $(shown muxz) verify $logs"
+            complain "not all of it decodes: $(shown muxz) verify $quoted_logs"
             wrong+=(decoding)
         }
     fi
@@ -34,6 +34,12 @@ summarise() {
             [captures]=$([ ${#files[@]} = 0 ] && echo 0 || echo ${#captures[@]}) [exceptions]=$exceptions
             [marked]=$(printf '%s\n' "${captures[@]}" | grep -c '_EE$')
             [restarts]=${restarts:-0} [recycled]=$recycled_files [stalls]=$stalls [drops]=$drops)
+
+    # Files that are gone and were not counted explain any number.
+    if [ "$missing" != 0 ] && [ "$recycled_uncounted$removed_files" = 00 ] && ! names_figure missing; then
+        complain "$missing bytes are missing, but no deleted file explains it"
+        wrong+=(missing)
+    fi
 
     printf '\nCaptured:\n'
     [ -z "$restarts" ] || row "restarts of the daemon" "$restarts"
@@ -48,6 +54,7 @@ summarise() {
     [ "$recycled_earlier" = 0 ] || row "recycled of earlier runs" "$recycled_earlier" files
     if [ "$recycled_uncounted" = 0 ]; then row missing "$missing" bytes
     else row "missing, or recycled" "$missing" "bytes ($recycled_uncounted files were recycled too soon to be counted)"; fi
+    [ "$removed_files" = 0 ] || row "deleted, not recycled" "$removed_files" "$(files_text "$removed_files" | cut -d' ' -f2)"
     if [ -n "$replay" ]; then
         compare_with_replay "$delivered" "$decoded"
         row "same as $(basename "$replay")" "$same"
@@ -72,17 +79,45 @@ compare_with_replay() { # DELIVERED DECODED
     [ "${same%%,*}" = yes ] || wrong+=(replay)
 }
 
-# --- The "expect" lines of a scenario ---
+# --- The lines of a scenario ---
 
-expected_line='^[[:space:]]*expect[[:space:]]+(log[[:space:]]+("[^"]*"|[^[:space:]]+)|[a-z]+)[[:space:]]+([!<>]?=|[<>])[[:space:]]+([0-9]+([kMG]|[KMG]i)?)[[:space:]]*$'
+# Splits a line into $words as the phone does (SplitLine in sim/console.cpp): quotes may stand anywhere,
+# and a carriage return is a blank.
+split_line() { # LINE
+    local LC_ALL=C rest=$1 word
+    word=$'^[ \t\r]*((\"[^\"]*\"|[^ \t\r\"])+)(.*)$'
+    words=()
+    while [[ $rest =~ $word ]]; do words+=("${BASH_REMATCH[1]//\"/}") rest=${BASH_REMATCH[3]}; done
+}
 
-bytes_of() { # NUMBER with an optional unit
-    local n=${1%%[!0-9]*}
+bytes_of() { # NUMBER with an optional unit, of a line that "simctl check" accepts
+    local n=${1%%[!0-9]*} factor=1
     case ${1#"$n"} in
-        k) n=$((n * 1000)) ;; M) n=$((n * 1000000)) ;; G) n=$((n * 1000000000)) ;;
-        Ki) n=$((n << 10)) ;; Mi) n=$((n << 20)) ;; Gi) n=$((n << 30)) ;;
+        k) factor=1000 ;; M) factor=1000000 ;; G) factor=1000000000 ;;
+        Ki) factor=$((1 << 10)) ;; Mi) factor=$((1 << 20)) ;; Gi) factor=$((1 << 30)) ;;
     esac
-    echo "$n"
+    echo $((10#${n:-0} * factor))
+}
+
+# Prints the bytes that the last line "storage" of a scenario gives, or nothing if there is none.
+storage_of() { # SCENARIO
+    local line words size=
+    while IFS= read -r line || [ -n "$line" ]; do
+        split_line "$line"
+        [ "${words[0]-}" != storage ] || size=$(bytes_of "${words[1]}")
+    done <"$1"
+    echo "$size"
+}
+
+# Returns 0 if the scenario says what this figure has to be.
+names_figure() { # FIGURE
+    local line words
+    [ -n "$scenario" ] || return 1
+    while IFS= read -r line || [ -n "$line" ]; do
+        split_line "$line"
+        [ "${words[*]:0:2}" != "expect $1" ] || return 0
+    done <"$scenario"
+    return 1
 }
 
 holds() { # VALUE OPERATOR NUMBER
@@ -90,22 +125,33 @@ holds() { # VALUE OPERATOR NUMBER
         =) [ "$1" -eq "$3" ] ;; '!=') [ "$1" -ne "$3" ] ;;
         '<') [ "$1" -lt "$3" ] ;; '<=') [ "$1" -le "$3" ] ;;
         '>') [ "$1" -gt "$3" ] ;; '>=') [ "$1" -ge "$3" ] ;;
+        *) return 1 ;;
     esac
 }
 
-judge() { # SCENARIO
-    local line what text operator number is
-    grep -Eq '^[[:space:]]*expect[[:space:]]' "$1" || return 0
-    printf '\nExpected:\n'
-    while IFS= read -r line; do
-        [[ ${line%$'\r'} =~ $expected_line ]] || continue
-        what=${BASH_REMATCH[1]} text=${BASH_REMATCH[2]//\"/} operator=${BASH_REMATCH[3]} number=${BASH_REMATCH[4]}
-        if [ -n "$text" ]; then is=$(cat "$kept_log.old" "$kept_log" 2>/dev/null | grep -acF -- "$text")
-        else is=${figure[$what]-}; fi
-        if holds "${is:-0}" "$operator" "$(bytes_of "$number")"; then
-            printf '  %-60s yes\n' "$what $operator $number"
+judge() { # SCENARIO. Each line "expect" is a success or a failure; none is left out.
+    local line words what is title='\nExpected:\n'
+    while IFS= read -r line || [ -n "$line" ]; do
+        split_line "$line"
+        [ "${words[0]-}" = expect ] || continue
+        # shellcheck disable=SC2059 # the text is a format
+        printf "$title"
+        title=
+        words=("${words[@]:1}")
+        if [ "${words[0]-}" = log ] && [ ${#words[@]} = 4 ]; then
+            is=$(cat "$kept_log.old" "$kept_log" 2>/dev/null | grep -acF -- "${words[1]}")
+            words=("log \"${words[1]}\"" "${words[@]:2}")
         else
-            printf '  %-60s NO: it is %s\n' "$what $operator $number" "${is:-unknown}"
+            is=${figure[${words[0]:-none}]-}
+        fi
+        what=${words[*]}
+        if [ -z "$is" ] || [ ${#words[@]} != 3 ]; then
+            printf '  %-60s NO: cannot be judged\n' "$what"
+            wrong+=(expectation)
+        elif holds "$is" "${words[1]}" "$(bytes_of "${words[2]}")"; then
+            printf '  %-60s yes\n' "$what"
+        else
+            printf '  %-60s NO: it is %s\n' "$what" "$is"
             wrong+=(expectation)
         fi
     done <"$1"

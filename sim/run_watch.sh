@@ -9,6 +9,9 @@ declare -A earlier=()           # keys of the log files of earlier runs
 seen=$box/modem/seen            # folder with a hard link to each log file of this run, named by key
 packed=0 files_there=0          # total bytes and number of the existing log files
 recycled_files=0 recycled_bytes=0 recycled_raw=0 recycled_uncounted=0 recycled_earlier=0
+removed_files=0                 # log files of this run that somebody else than the daemon deleted
+declare -A inode_of=()          # inode of each log file of this run, by key
+replaced_files=0                # those of them whose key a newer file has
 exceptions=0 stalls=0 drops=0 scenario_fault=
 log_at=0 log_inode=''
 
@@ -33,12 +36,14 @@ measure_terminal() { width=$(stty size <&2 2>/dev/null | cut -d' ' -f2); [ "${wi
 # codes are needed.
 clear_status() {
     [ -n "$status_shown" ] || return 0
-    printf '\r%*s\r' ${#status_shown} '' >&2
+    # The terminal may have become narrower since.
+    printf '\r%*s\r' $((${#status_shown} < width ? ${#status_shown} : width - 1)) '' >&2
     status_shown=
 }
 show_status() { # TEXT
-    local text=${1:0:$((width - 1))}
-    printf '\r%s%*s' "$text" $((${#status_shown} > ${#text} ? ${#status_shown} - ${#text} : 0)) '' >&2
+    local text=${1:0:$((width - 1))} end=${#status_shown}
+    [ "$end" -lt "$width" ] || end=$((width - 1)) # the terminal may have become narrower
+    printf '\r%s%*s' "$text" $((end > ${#text} ? end - ${#text} : 0)) '' >&2
     status_shown=$text
 }
 tell() { # TEXT. Control characters are replaced, since clients choose some of the names in it.
@@ -48,7 +53,8 @@ tell() { # TEXT. Control characters are replaced, since clients choose some of t
 
 # --- The phone ---
 
-simctl() { "$tools/simctl" --box "$box" "$@" 2>/dev/null; }
+# The phone runs in the process of the daemon. If that hangs, each call holds up ./run for $patience seconds.
+simctl() { "$tools/simctl" --box "$box" --timeout "${patience-2}" "$@" 2>/dev/null; }
 
 # Reads the state into $phone. Fails while the phone does not answer.
 ask_phone() {
@@ -79,9 +85,9 @@ key_of() { # PATH; sets $key
     [[ $1 =~ /QRXMDLog_([0-9]+)_[^/]*/QRXMDLog_([0-9]+)_[^/]*$ ]] && key=${BASH_REMATCH[1]}-${BASH_REMATCH[2]}
 }
 
-# Prints "BYTES PATH" for each log file of this run.
+# Prints "BYTES INODE PATH" for each log file of this run.
 list_files() {
-    find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %p\n' 2>/dev/null
+    find "$logs" -type f -path '*/QRXMDLog_*/*.muxz*' -newer "$box/modem/started" -printf '%s %i %p\n' 2>/dev/null
 }
 
 # Remembers the log files that exist before the daemon starts: they belong to earlier runs.
@@ -94,16 +100,29 @@ note_earlier_files() {
 }
 
 # Makes a hard link to each file, so that the file can still be read after it has been recycled. A storage
-# of limited size is a file system of its own, so this is not possible there.
+# of limited size is a file system of its own, so this is not possible there; at the end, its files are
+# copied, so their inodes change.
 scan_files() {
-    local size path key
+    local size inode path key copied=
+    local -A found=()
+    if [ -n "$storage" ] && [ "$logs" = "$box$tree" ]; then copied=yes; fi
     packed=0 files_there=0
-    while IFS=' ' read -r size path; do
+    while IFS=' ' read -r size inode path; do
         key_of "$path" || continue
+        if [ -z "$copied" ]; then
+            if [ "${inode_of[$key]-$inode}" != "$inode" ]; then
+                replaced_files=$((replaced_files + 1))
+                unset "size_of[$key]"
+                rm -f "$seen/$key"
+            fi
+            inode_of[$key]=$inode
+        fi
         packed=$((packed + size)) files_there=$((files_there + 1))
         if [ -z "${size_of[$key]-}" ] && [ -z "$storage" ]; then ln "$path" "$seen/$key" 2>/dev/null; fi
-        size_of[$key]=$size
+        size_of[$key]=$size found[$key]=yes
     done < <(list_files)
+    removed_files=$replaced_files
+    for key in "${!size_of[@]}"; do [ -n "${found[$key]-}" ] || removed_files=$((removed_files + 1)); done
 }
 
 forget_file() { # PATH of a file that has been recycled
@@ -119,6 +138,7 @@ forget_file() { # PATH of a file that has been recycled
         size=${size_of[$key]-0} recycled_uncounted=$((recycled_uncounted + 1))
     fi
     recycled_bytes=$((recycled_bytes + size))
+    unset "size_of[$key]" "inode_of[$key]"
     rm -f "$seen/$key"
 }
 

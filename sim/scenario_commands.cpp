@@ -199,6 +199,7 @@ Order ExpectOrder(const Console&, Words words) {
     if (words.size() != (log ? 5u : 4u)) {
         return Refuse("use: expect FIGURE OPERATOR NUMBER | expect log TEXT OPERATOR NUMBER");
     }
+    if (log && words[2].empty()) return Refuse("TEXT is empty, and every line contains it");
     if (!log && std::find(kFigures.begin(), kFigures.end(), words[1]) == kFigures.end()) {
         return Refuse("no such figure: " + words[1]);
     }
