@@ -23,6 +23,7 @@ namespace {
 
 enum ExitStatus : int { kOk = 0, kRefused = 1, kUsage = 2, kUnreachable = 3, kNoOutput = 4 };
 
+constexpr int kMaxPatience = 1'000'000;              // seconds; in milliseconds it fits an int
 constexpr size_t kMaxReplyLine = size_t{64} * 1024;  // bytes; lines of the phone are far shorter
 
 struct Options {
@@ -208,8 +209,9 @@ std::string TakeOptions(std::vector<std::string>& words, Options& options) {
         int seconds = 0;
         const auto [end, error] =
             std::from_chars(value.data(), value.data() + value.size(), seconds);
-        if (error != std::errc{} || end != value.data() + value.size() || seconds < 1) {
-            return "--timeout needs a number of seconds of at least 1";
+        if (error != std::errc{} || end != value.data() + value.size() || seconds < 1 ||
+            seconds > kMaxPatience) {
+            return "--timeout needs a number of seconds from 1 to " + std::to_string(kMaxPatience);
         }
         options.patience = std::chrono::seconds(seconds);
     }
